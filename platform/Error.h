@@ -1,0 +1,114 @@
+// The record of one failure.
+//
+// Immutable and cheap to copy; may be handed between threads. A default-made Error holds no
+// record. An operation that can fail takes an optional `Error*` and fills it on failure only.
+// The service's own code builds records with the constructors of shared/support/Errors.h, which
+// add where the failure was reported; platform implementations build theirs here.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+
+#include "platform/PlistValue.h"
+
+namespace quorvel {
+
+// Code is an errno value.
+inline constexpr const char* PosixErrorDomain = "PosixErrorDomain";
+// The platform object framework's own codes.
+inline constexpr const char* PlatformErrorDomain = "PlatformErrorDomain";
+// PlatformErrorDomain: a whole-file read found no file.
+inline constexpr std::int64_t PlatformFileReadNoSuchFileError = 260;
+// PlatformErrorDomain: a file is there but is no property list of the wanted shape.
+inline constexpr std::int64_t PlatformPropertyListReadCorruptError = 3840;
+// PlatformErrorDomain: a value cannot be written in the wanted property-list format.
+inline constexpr std::int64_t PlatformPropertyListWriteInvalidError = 3852;
+
+// The platform's userInfo keys: the human-readable text, and the Error that was the cause.
+inline constexpr const char* LocalizedDescriptionKey = "LocalizedDescription";
+inline constexpr const char* UnderlyingErrorKey = "UnderlyingError";
+
+class Error {
+ public:
+  using InfoValue = std::variant<PlistValue, Error>;
+  using UserInfo = std::map<std::string, InfoValue, std::less<>>;
+
+  Error() = default;
+  Error(std::string domain, std::int64_t code, UserInfo userInfo);
+
+  explicit operator bool() const { return record_ != nullptr; }
+
+  // Empty, 0 and empty without a record.
+  const std::string& domain() const;
+  std::int64_t code() const;
+  const UserInfo& userInfo() const;
+  bool is(std::string_view domain, std::int64_t code) const;
+  // The text under LocalizedDescriptionKey, or "".
+  const std::string& description() const;
+  // The string under a key of userInfo, or null.
+  const std::string* infoString(std::string_view key) const;
+  // The Error under UnderlyingErrorKey; one without a record when there is none.
+  Error underlying() const;
+
+ private:
+  struct Record;
+  static const Record& none();
+  const Record& record() const { return record_ != nullptr ? *record_ : none(); }
+  std::shared_ptr<const Record> record_;
+};
+
+struct Error::Record {
+  std::string domain;
+  std::int64_t code = 0;
+  UserInfo userInfo;
+};
+
+inline Error::Error(std::string domain, std::int64_t code, UserInfo userInfo)
+    : record_(std::make_shared<const Record>(
+          Record{std::move(domain), code, std::move(userInfo)})) {}
+
+inline const Error::Record& Error::none() {
+  static const Record empty;
+  return empty;
+}
+
+inline const std::string& Error::domain() const { return record().domain; }
+inline std::int64_t Error::code() const { return record().code; }
+inline const Error::UserInfo& Error::userInfo() const { return record().userInfo; }
+
+inline bool Error::is(std::string_view domain, std::int64_t code) const {
+  return record_ != nullptr && record_->domain == domain && record_->code == code;
+}
+
+inline const std::string* Error::infoString(std::string_view key) const {
+  const auto at = userInfo().find(key);
+  if (at == userInfo().end()) return nullptr;
+  const auto* value = std::get_if<PlistValue>(&at->second);
+  return value != nullptr ? value->string() : nullptr;
+}
+
+inline const std::string& Error::description() const {
+  static const std::string nothing;
+  const std::string* text = infoString(LocalizedDescriptionKey);
+  return text != nullptr ? *text : nothing;
+}
+
+inline Error Error::underlying() const {
+  const auto at = userInfo().find(UnderlyingErrorKey);
+  if (at == userInfo().end()) return {};
+  const auto* cause = std::get_if<Error>(&at->second);
+  return cause != nullptr ? *cause : Error();
+}
+
+// Fills an optional out-parameter. Returns false, so that a failing operation can end with it.
+inline bool SetError(Error* out, Error error) {
+  if (out != nullptr) *out = std::move(error);
+  return false;
+}
+
+}  // namespace quorvel

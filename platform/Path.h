@@ -1,0 +1,76 @@
+// A file-system path that knows whether it names a directory.
+//
+// The text is UTF-8 in the platform's file-system encoding (FileSystemRepresentation.h), without
+// a trailing slash ("/" alone excepted). Nothing here looks at the disk.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/FileSystemRepresentation.h"
+
+namespace quorvel {
+
+class Path {
+ public:
+  enum class Kind { file, directory };
+
+  // The empty path, which names nothing: the absent path.
+  Path() = default;
+  explicit Path(std::string text, Kind kind = Kind::file)
+      : text_(std::move(text)), directory_(kind == Kind::directory) {
+    while (text_.size() > 1 && text_.back() == '/') text_.pop_back();
+  }
+  static Path directory(std::string text) { return Path(std::move(text), Kind::directory); }
+  static Path file(std::string text) { return Path(std::move(text), Kind::file); }
+
+  bool isAbsent() const { return text_.empty(); }
+  bool isDirectory() const { return directory_; }
+  // The plain path, as messages print it when they print a path string.
+  const std::string& string() const { return text_; }
+  // For a system call; refers to this path, which must outlive the result.
+  FileSystemRepresentation fileSystemRepresentation() const {
+    return FileSystemRepresentation(text_);
+  }
+
+  // The path of a child, joined with exactly one slash. `component` may hold inner slashes.
+  Path appending(std::string_view component, Kind kind) const {
+    Path child;
+    child.text_.reserve(text_.size() + 1 + component.size());
+    child.text_ = text_;
+    while (component.starts_with('/')) component.remove_prefix(1);
+    if (!child.text_.empty() && child.text_.back() != '/') child.text_ += '/';
+    child.text_ += component;
+    while (child.text_.size() > 1 && child.text_.back() == '/') child.text_.pop_back();
+    child.directory_ = kind == Kind::directory;
+    return child;
+  }
+  Path child(std::string_view name) const { return appending(name, Kind::file); }
+  Path childDirectory(std::string_view name) const { return appending(name, Kind::directory); }
+
+  // The text after the last slash; "/" for the root.
+  std::string_view lastPathComponent() const {
+    const std::string_view text = text_;
+    if (text.size() <= 1) return text;
+    const auto slash = text.rfind('/');
+    return slash == std::string_view::npos ? text : text.substr(slash + 1);
+  }
+
+  // The text after the last "." of the name, also when nothing stands before it; empty when
+  // there is none.
+  std::string_view pathExtension() const {
+    const std::string_view name = lastPathComponent();
+    const auto dot = name.rfind('.');
+    return dot == std::string_view::npos ? std::string_view() : name.substr(dot + 1);
+  }
+
+  friend bool operator==(const Path&, const Path&) = default;
+  friend auto operator<=>(const Path&, const Path&) = default;
+
+ private:
+  std::string text_;
+  bool directory_ = false;
+};
+
+}  // namespace quorvel

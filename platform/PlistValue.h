@@ -1,0 +1,249 @@
+// A property-list value: the data model that every stored file of the system shares.
+//
+// Values are plain data. They own what they hold, are copied deeply, are compared exactly
+// and may be used from any thread under the usual rules for values.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace quorvel {
+
+class PlistValue;
+struct PlistEntry;
+
+using PlistArray = std::vector<PlistValue>;
+using PlistData = std::vector<std::uint8_t>;
+
+// A point in time, in seconds since 2001-01-01 00:00:00 UTC.
+struct PlistDate {
+  double seconds = 0;
+};
+
+// An unordered collection. It exists in memory only: no property-list file holds one.
+struct PlistSet {
+  PlistArray members;
+};
+
+// A dictionary with string keys, kept sorted by key (bytewise), each key once.
+// Lookup is O(log n). set() at the end of the order is O(1), elsewhere O(n): a reader of many
+// entries collects them and calls fromEntries().
+class PlistDictionary {
+ public:
+  // Defined below, where an entry is a complete type.
+  PlistDictionary();
+  PlistDictionary(const PlistDictionary&);
+  PlistDictionary(PlistDictionary&&) noexcept;
+  PlistDictionary& operator=(const PlistDictionary&);
+  PlistDictionary& operator=(PlistDictionary&&) noexcept;
+  ~PlistDictionary();
+  PlistDictionary(std::initializer_list<PlistEntry> entries);
+
+  // Takes entries in any order. Of entries with one key the last one given wins.
+  static PlistDictionary fromEntries(std::vector<PlistEntry> entries);
+
+  // The value under the key, or null. Valid until the dictionary changes.
+  const PlistValue* find(std::string_view key) const;
+  // The string under the key; null when there is none or it is of another kind.
+  const std::string* findString(std::string_view key) const;
+  // Stores the value, replacing an earlier one.
+  void set(std::string_view key, PlistValue value);
+  // Whether there was an entry to remove.
+  bool erase(std::string_view key);
+
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+  const std::vector<PlistEntry>& entries() const { return entries_; }
+  const PlistEntry* begin() const;
+  const PlistEntry* end() const;
+
+  // Number of entries whose keys are no strings. Only a reader that was asked to tolerate a
+  // damaged file sets it; such entries are counted, not kept.
+  std::size_t foreignKeyCount() const { return foreignKeyCount_; }
+  void setForeignKeyCount(std::size_t count) { foreignKeyCount_ = count; }
+
+  friend bool operator==(const PlistDictionary& a, const PlistDictionary& b);
+
+ private:
+  // Where the key is, or would be inserted.
+  std::vector<PlistEntry>::const_iterator position(std::string_view key) const;
+
+  std::vector<PlistEntry> entries_;
+  std::size_t foreignKeyCount_ = 0;
+};
+
+enum class PlistKind { boolean, integer, real, string, data, date, array, dictionary, set };
+
+// One value. Booleans, integers and reals are different kinds and never equal one another, but
+// all three count as numbers. Integers span -2^63 to 2^64-1.
+class PlistValue {
+ public:
+  PlistValue() : PlistValue(false) {}
+  // Boolean and integer types are taken exactly; no other type converts to them.
+  template <class T>
+    requires std::is_arithmetic_v<T>
+  PlistValue(T number) : storage_(fromNumber(number)) {}
+  PlistValue(const char* text) : storage_(std::string(text)) {}
+  PlistValue(std::string_view text) : storage_(std::string(text)) {}
+  PlistValue(std::string text) : storage_(std::move(text)) {}
+  PlistValue(PlistData data) : storage_(std::move(data)) {}
+  PlistValue(PlistDate date) : storage_(date) {}
+  PlistValue(PlistArray array) : storage_(std::move(array)) {}
+  PlistValue(PlistDictionary dictionary) : storage_(std::move(dictionary)) {}
+  PlistValue(PlistSet set) : storage_(std::move(set)) {}
+
+  PlistKind kind() const;
+  bool isNumber() const { return storage_.index() <= 3; }
+
+  // Each is null when the value is of another kind.
+  const bool* boolean() const { return std::get_if<bool>(&storage_); }
+  const double* real() const { return std::get_if<double>(&storage_); }
+  const std::string* string() const { return std::get_if<std::string>(&storage_); }
+  const PlistData* data() const { return std::get_if<PlistData>(&storage_); }
+  const PlistDate* date() const { return std::get_if<PlistDate>(&storage_); }
+  const PlistArray* array() const { return std::get_if<PlistArray>(&storage_); }
+  PlistArray* array() { return std::get_if<PlistArray>(&storage_); }
+  const PlistDictionary* dictionary() const { return std::get_if<PlistDictionary>(&storage_); }
+  PlistDictionary* dictionary() { return std::get_if<PlistDictionary>(&storage_); }
+  const PlistSet* set() const { return std::get_if<PlistSet>(&storage_); }
+
+  // The integer as signed; null for other kinds and for integers of 2^63 and above.
+  const std::int64_t* signedInteger() const { return std::get_if<std::int64_t>(&storage_); }
+  // The integer, only when it is 2^63 or above: smaller ones are held signed.
+  const std::uint64_t* largeInteger() const { return std::get_if<std::uint64_t>(&storage_); }
+
+  friend bool operator==(const PlistValue& a, const PlistValue& b);
+
+ private:
+  // Order matters: the first four alternatives are the numbers (isNumber()).
+  using Storage = std::variant<bool, std::int64_t, std::uint64_t, double, std::string, PlistData,
+                               PlistDate, PlistArray, PlistDictionary, PlistSet>;
+
+  template <class T>
+  static Storage fromNumber(T number) {
+    if constexpr (std::is_same_v<T, bool>) {
+      return number;
+    } else if constexpr (std::is_floating_point_v<T>) {
+      return static_cast<double>(number);
+    } else if constexpr (std::is_signed_v<T>) {
+      return static_cast<std::int64_t>(number);
+    } else {
+      const auto wide = static_cast<std::uint64_t>(number);
+      if (wide <= static_cast<std::uint64_t>(INT64_MAX)) return static_cast<std::int64_t>(wide);
+      return wide;
+    }
+  }
+
+  Storage storage_;
+};
+
+struct PlistEntry {
+  std::string key;
+  PlistValue value;
+  friend bool operator==(const PlistEntry&, const PlistEntry&) = default;
+};
+
+// Dates and reals are compared by their bits: what was read and what is written again are equal
+// exactly when no bit was lost.
+inline bool operator==(PlistDate a, PlistDate b) {
+  return std::bit_cast<std::uint64_t>(a.seconds) == std::bit_cast<std::uint64_t>(b.seconds);
+}
+
+// Sets are equal when each member of one is in the other as often; they are small.
+inline bool operator==(const PlistSet& a, const PlistSet& b) {
+  return std::is_permutation(a.members.begin(), a.members.end(), b.members.begin(),
+                             b.members.end());
+}
+
+inline bool operator==(const PlistDictionary& a, const PlistDictionary& b) {
+  return a.entries_ == b.entries_;
+}
+
+inline bool operator==(const PlistValue& a, const PlistValue& b) {
+  if (const double* left = a.real()) {
+    const double* right = b.real();
+    return right != nullptr &&
+           std::bit_cast<std::uint64_t>(*left) == std::bit_cast<std::uint64_t>(*right);
+  }
+  return a.storage_ == b.storage_;
+}
+
+inline PlistKind PlistValue::kind() const {
+  static constexpr PlistKind kinds[] = {
+      PlistKind::boolean, PlistKind::integer, PlistKind::integer, PlistKind::real,
+      PlistKind::string,  PlistKind::data,    PlistKind::date,    PlistKind::array,
+      PlistKind::dictionary, PlistKind::set};
+  return kinds[storage_.index()];
+}
+
+inline PlistDictionary::PlistDictionary() = default;
+inline PlistDictionary::PlistDictionary(const PlistDictionary&) = default;
+inline PlistDictionary::PlistDictionary(PlistDictionary&&) noexcept = default;
+inline PlistDictionary& PlistDictionary::operator=(const PlistDictionary&) = default;
+inline PlistDictionary& PlistDictionary::operator=(PlistDictionary&&) noexcept = default;
+inline PlistDictionary::~PlistDictionary() = default;
+inline PlistDictionary::PlistDictionary(std::initializer_list<PlistEntry> entries)
+    : PlistDictionary(fromEntries(std::vector<PlistEntry>(entries))) {}
+
+inline PlistDictionary PlistDictionary::fromEntries(std::vector<PlistEntry> entries) {
+  const auto byKey = [](const PlistEntry& a, const PlistEntry& b) { return a.key < b.key; };
+  if (!std::is_sorted(entries.begin(), entries.end(), byKey)) {
+    std::stable_sort(entries.begin(), entries.end(), byKey);
+  }
+  // Keep the last of each run of one key: compare from the back, where the last one comes first.
+  const auto keptFromBack =
+      std::unique(entries.rbegin(), entries.rend(),
+                  [](const PlistEntry& a, const PlistEntry& b) { return a.key == b.key; });
+  entries.erase(entries.begin(), keptFromBack.base());
+  PlistDictionary result;
+  result.entries_ = std::move(entries);
+  return result;
+}
+
+inline const PlistEntry* PlistDictionary::begin() const { return entries_.data(); }
+inline const PlistEntry* PlistDictionary::end() const { return entries_.data() + entries_.size(); }
+inline std::size_t PlistDictionary::size() const { return entries_.size(); }
+
+inline std::vector<PlistEntry>::const_iterator PlistDictionary::position(
+    std::string_view key) const {
+  return std::lower_bound(
+      entries_.begin(), entries_.end(), key,
+      [](const PlistEntry& entry, std::string_view wanted) { return entry.key < wanted; });
+}
+
+inline const PlistValue* PlistDictionary::find(std::string_view key) const {
+  const auto at = position(key);
+  return at != entries_.end() && at->key == key ? &at->value : nullptr;
+}
+
+inline const std::string* PlistDictionary::findString(std::string_view key) const {
+  const PlistValue* value = find(key);
+  return value != nullptr ? value->string() : nullptr;
+}
+
+inline void PlistDictionary::set(std::string_view key, PlistValue value) {
+  const auto at = entries_.begin() + (position(key) - entries_.cbegin());
+  if (at != entries_.end() && at->key == key) {
+    at->value = std::move(value);
+  } else {
+    entries_.insert(at, PlistEntry{std::string(key), std::move(value)});
+  }
+}
+
+inline bool PlistDictionary::erase(std::string_view key) {
+  const auto at = position(key);
+  if (at == entries_.end() || at->key != key) return false;
+  entries_.erase(at);
+  return true;
+}
+
+}  // namespace quorvel

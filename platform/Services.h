@@ -1,0 +1,47 @@
+// The set of platform services that one process runs on.
+//
+// The host (or a tool, or a test) builds it and installs it before anything else is called
+// (QVInstallPlatformServices, shared/support/Platform.h). It owns what the pointers name and keeps
+// it alive until the process is done with the system. A service that a program never reaches
+// may be left null.
+#pragma once
+
+#include "platform/ApplicationRegistry.h"
+#include "platform/BundleReader.h"
+#include "platform/FileData.h"
+#include "platform/FileSystem.h"
+#include "platform/HardwareRegistry.h"
+#include "platform/Icon.h"
+#include "platform/InstallationService.h"
+#include "platform/Log.h"
+#include "platform/MigrationHost.h"
+#include "platform/MountTable.h"
+#include "platform/PreferencesStore.h"
+#include "platform/ProcessServices.h"
+#include "platform/PropertyListStore.h"
+#include "platform/Sha256.h"
+#include "platform/TreeWalker.h"
+
+namespace quorvel {
+
+struct PlatformServices {
+  LogWriter* log = nullptr;
+  HostLogWriter* hostLog = nullptr;
+  ApplicationWorkspace* workspace = nullptr;
+  InstallationService* installationService = nullptr;
+  BundleReader* bundles = nullptr;
+  IconRenderer* icons = nullptr;
+  PropertyListStore* propertyLists = nullptr;
+  FileData* fileData = nullptr;
+  FileSystem* fileSystem = nullptr;
+  TreeWalker* treeWalker = nullptr;
+  PreferencesStore* preferences = nullptr;
+  HardwareRegistry* hardware = nullptr;
+  MountTable* mounts = nullptr;
+  Sha256Provider* sha256 = nullptr;
+  ProcessTransaction* transaction = nullptr;
+  CpuUsageMonitor* cpuMonitor = nullptr;
+  CrashReportMessage* crashReport = nullptr;
+};
+
+}  // namespace quorvel

@@ -1,0 +1,62 @@
+// fts: walks over file trees.
+//
+// Why a service: a walk must see every entry of any tree, however deep, or say that it did not;
+// a test wants to present entries that no real file system yields.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <memory>
+
+namespace quorvel {
+
+// Options, as fts names them.
+inline constexpr int FTS_PHYSICAL_OPTION = 0x10;  // links are entries, never followed
+inline constexpr int FTS_NOCHDIR_OPTION = 0x04;   // the current directory is never changed
+inline constexpr int FTS_XDEV_OPTION = 0x40;      // directories of other devices are not entered
+
+enum class TreeWalkKind {
+  directoryBefore,      // FTS_D: before its contents
+  directoryAfter,       // FTS_DP: after its contents
+  unreadableDirectory,  // FTS_DNR: its contents could not be (all) read
+  file,                 // FTS_F
+  symbolicLink,         // FTS_SL
+  other,                // FTS_DEFAULT: pipe, socket, device
+  noStat,               // FTS_NS: stat information could not be read
+  error,                // FTS_ERR
+};
+
+// One entry. All pointers are valid until the next read().
+struct TreeWalkEntry {
+  TreeWalkKind kind = TreeWalkKind::error;
+  // From the root's path down; NUL-terminated; may be longer than any system call accepts.
+  const char* path = nullptr;
+  // How to reach the entry without its whole path: a directory descriptor (owned by the walk) and
+  // the name in it. For the root, AT_FDCWD and the root's path.
+  int parent = -1;
+  const char* name = nullptr;
+  int errorNumber = 0;  // for the last two kinds and unreadable directories
+  // Taken without following links; for directoryAfter the one of directoryBefore. Not filled for
+  // noStat and error.
+  struct stat info {};
+};
+
+class TreeWalk {
+ public:
+  virtual ~TreeWalk() = default;  // closes silently
+  // The next entry; null at the end. At the end errno is 0 when the tree was walked whole, else
+  // the number of the failure that ended the walk.
+  virtual const TreeWalkEntry* read() = 0;
+  // Whether closing succeeded; errno set otherwise. Called at most once, last.
+  virtual bool close() = 0;
+};
+
+class TreeWalker {
+ public:
+  virtual ~TreeWalker() = default;
+  // A walk over one root (fts_open); null with errno set. A missing root is no failure here: it
+  // is the first entry, of kind noStat. Memory and descriptors stay bounded whatever the tree.
+  virtual std::unique_ptr<TreeWalk> open(const char* root, int options) = 0;
+};
+
+}  // namespace quorvel

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -103,6 +104,12 @@ inline Error Error::underlying() const {
   if (at == userInfo().end()) return {};
   const auto* cause = std::get_if<Error>(&at->second);
   return cause != nullptr ? *cause : Error();
+}
+
+// The description of an error number, from the thread-safe form of strerror.
+inline std::string ErrnoDescription(int number) {
+  char buffer[256];
+  return ::strerror_r(number, buffer, sizeof buffer) == 0 ? buffer : "Unknown error";
 }
 
 // Fills an optional out-parameter. Returns false, so that a failing operation can end with it.

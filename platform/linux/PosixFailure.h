@@ -1,7 +1,6 @@
-// From errno to Error and to text: the one place where platform implementations do it.
+// From errno to Error: the one place where platform implementations do it.
 #pragma once
 
-#include <cstring>
 #include <string>
 #include <utility>
 
@@ -9,16 +8,10 @@
 
 namespace quorvel::onlinux {
 
-// The description of an error number, from the thread-safe form of strerror.
-inline std::string DescribeErrno(int number) {
-  char buffer[256];
-  return ::strerror_r(number, buffer, sizeof buffer) == 0 ? buffer : "unknown error";
-}
-
 // A PosixErrorDomain record: "<what>: <description of number>".
 inline Error PosixFailure(int number, const std::string& what) {
   return Error(PosixErrorDomain, number,
-               {{LocalizedDescriptionKey, PlistValue(what + ": " + DescribeErrno(number))}});
+               {{LocalizedDescriptionKey, PlistValue(what + ": " + ErrnoDescription(number))}});
 }
 
 // A PlatformErrorDomain record.

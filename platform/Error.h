@@ -106,10 +106,19 @@ inline Error Error::underlying() const {
   return cause != nullptr ? *cause : Error();
 }
 
-// The description of an error number, from the thread-safe form of strerror.
+namespace error_detail {
+// strerror_r comes in two forms, which of the two is the C library's choice: one returns the
+// text, the other whether the buffer holds it.
+inline const char* ErrnoText(const char* text, const char* /*buffer*/) { return text; }
+inline const char* ErrnoText(int result, const char* buffer) {
+  return result == 0 ? buffer : "Unknown error";
+}
+}  // namespace error_detail
+
+// The description of an error number. Any thread may call.
 inline std::string ErrnoDescription(int number) {
-  char buffer[256];
-  return ::strerror_r(number, buffer, sizeof buffer) == 0 ? buffer : "Unknown error";
+  char buffer[256] = "";
+  return error_detail::ErrnoText(::strerror_r(number, buffer, sizeof buffer), buffer);
 }
 
 // Fills an optional out-parameter. Returns false, so that a failing operation can end with it.

@@ -1,0 +1,24 @@
+// Walks over trees of any depth with a bounded number of descriptors.
+//
+// As in fts, a directory is delivered before it is opened, so a visitor may make it readable. One
+// that still cannot be opened is delivered again as unreadableDirectory, in place of
+// directoryAfter. A directory on another device is delivered before and after, but not entered,
+// under FTS_XDEV. Entries that vanish between being listed and being looked at are passed over;
+// other failures to look at them are of kind noStat. A failure to read on in a directory, and a
+// directory that was moved away during the walk (ESTALE), end the walk. Names come in the order
+// of the file system.
+//
+// Needs FTS_PHYSICAL (EINVAL otherwise); never changes the current directory.
+#pragma once
+
+#include "platform/TreeWalker.h"
+
+namespace quorvel::onlinux {
+
+// Any thread may call; a walk belongs to one thread at a time.
+class TreeWalkerLinux final : public TreeWalker {
+ public:
+  std::unique_ptr<TreeWalk> open(const char* root, int options) override;
+};
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,153 @@
+// Removal, directory creation and temporary directories.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Errors.h"
+#include "shared/support/Logging.h"
+#include "shared/support/PathStrings.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kRemove = "-[QVFileManager removeItemAtURL:error:]";
+constexpr const char* kCreate =
+    "-[QVFileManager createDirectoryAtURL:withIntermediateDirectories:mode:class:error:]";
+constexpr const char* kTemporary = "-[QVFileManager createTemporaryDirectoryInDirectoryURL:error:]";
+constexpr const char* kSync = "-[QVFileManager syncDirectoryAtURL:error:]";
+
+// Hears of each item that cannot be removed. `context` is the call's slot for the first number.
+int _wipetree_error_callback(WipeTreeState& state, const char* path, void* context) {
+  constexpr const char* function = "_wipetree_error_callback";
+  int number = 0;
+  if (!state.getErrorNumber(&number)) {
+    QV_LOG(LogLevelError, function,
+           "wipetree hit error for %s but we failed to get the error number", path);
+    number = ENOENT;
+  }
+  if (number != ENOENT) {
+    QV_LOG(LogLevelError, function, "wipetree hit error for %s : %s", path,
+           ErrnoDescription(number));
+  }
+  int* slot = static_cast<int*>(context);
+  if (slot != nullptr && *slot == 0) *slot = number;
+  return WIPETREE_PROCEED;
+}
+
+// Tells the state whom to tell. Without it the removal still runs, only less is heard of it.
+void PrepareWipe(WipeTreeState& state, int* slot) {
+  if (!state.setErrorCallback(_wipetree_error_callback)) {
+    QV_LOG(LogLevelError, kRemove, "wipetree_state_set WIPETREE_STATE_ERROR_CALLBACK failed: %s",
+           ErrnoDescription(errno));
+  }
+  if (!state.setErrorContext(slot)) {
+    QV_LOG(LogLevelError, kRemove, "wipetree_state_set WIPETREE_STATE_ERROR_CONTEXT failed: %s",
+           ErrnoDescription(errno));
+  }
+}
+
+bool FailRemoval(const Path& path, int number, Error* error) {
+  return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, number,
+                                      "wipetree of %@ failed: %s", path, ErrnoDescription(number)));
+}
+
+bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error* error) {
+  const FileSystemRepresentation representation = path.fileSystemRepresentation();
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(representation.c_str()),
+                                                      ::closedir);
+  if (!directory) {
+    const int number = errno;
+    return SetError(
+        error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "opendir of %@ failed: %s",
+                            path.string(), ErrnoDescription(number)));
+  }
+  if (Platform().fileSystem->SetProtectionClass(::dirfd(directory.get()), protectionClass) != 0) {
+    const int number = errno;
+    return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
+                                        "Failed to setclass(%d) on directory %@: %s",
+                                        protectionClass, path.string(), ErrnoDescription(number)));
+  }
+  return true;
+}
+
+bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error) {
+  const FileSystemRepresentation representation = path.fileSystemRepresentation();
+  if (how.withIntermediateDirectories) {
+    const int number = Platform().fileSystem->MakePath(representation.c_str(), how.mode);
+    if (number == 0 || number == EEXIST) return true;
+    return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
+                                        "ensuredirs_np of %@ failed: %s", path.string(),
+                                        ErrnoDescription(number)));
+  }
+  if (::mkdir(representation.c_str(), how.mode) == 0 || errno == EEXIST) return true;
+  const int number = errno;
+  return SetError(
+      error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "mkdir of %@ failed: %s",
+                          path.string(), ErrnoDescription(number)));
+}
+
+}  // namespace
+
+QVFileManager& QVFileManager::defaultManager() {
+  static QVFileManager manager;
+  return manager;
+}
+
+bool QVFileManager::removeItemAtURL(const Path& path, Error* error) {
+  const std::unique_ptr<WipeTreeState> state = Platform().fileSystem->allocateWipeTreeState();
+  if (path.isAbsent()) {
+    return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, EFAULT,
+                                        "nil url passed to -removeItemAtURL:error:"));
+  }
+  if (!state) return FailRemoval(path, errno, error);
+  int firstNumber = 0;
+  PrepareWipe(*state, &firstNumber);
+  const FileSystemRepresentation representation = path.fileSystemRepresentation();
+  if (Platform().fileSystem->RemoveTree(representation.c_str(), WIPETREE_RECURSIVE, *state) != 0 &&
+      errno != ENOENT) {
+    return FailRemoval(path, errno, error);
+  }
+  // Items that vanished meanwhile are what was wanted.
+  if (firstNumber == 0 || firstNumber == ENOENT) return true;
+  return FailRemoval(path, firstNumber, error);
+}
+
+bool QVFileManager::createDirectoryAtURL(const Path& path, const DirectoryCreation& how,
+                                         Error* error) {
+  if (!MakeDirectory(path, how, error)) return false;
+  return how.protectionClass == QVNoProtectionClass ||
+         ApplyProtectionClass(path, how.protectionClass, error);
+}
+
+std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const Path& parent,
+                                                                          Error* error) {
+  if (error != nullptr) *error = Error();
+  const Path pattern = parent.childDirectory("temp.XXXXXX");
+  std::string name = BytesOfFileSystemRepresentation(pattern.string());
+  if (::mkdtemp(name.data()) != nullptr) {
+    return Path::directory(StringFromFileSystemRepresentation(name));
+  }
+  const int number = errno;
+  SetError(error,
+           _CreateAndLogError(
+               {kTemporary, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
+               {PosixCause(number), {{QVPathArgumentErrorKey, PlistValue(pattern.string())}}},
+               "Failed to create temp dir at path %s", name.c_str()));
+  return std::nullopt;
+}
+
+bool QVFileManager::syncDirectoryAtURL(const Path& directory, Error* error) {
+  const FileSystemRepresentation representation = directory.fileSystemRepresentation();
+  if (Platform().fileSystem->SyncDirectory(representation.c_str()) == 0) return true;
+  const int number = errno;
+  return SetError(error,
+                  _CreateError(kSync, __LINE__, PosixErrorDomain, number, "sync of %@ failed: %s",
+                               directory.string(), ErrnoDescription(number)));
+}
+
+}  // namespace quorvel

@@ -1,0 +1,86 @@
+// Directory listing.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "platform/UniqueDescriptor.h"
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Errors.h"
+#include "shared/support/Logging.h"
+#include "shared/support/PathStrings.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kList =
+    "-[QVFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]";
+constexpr const char* kListVisitor =
+    "__69-[QVFileManager urlsForItemsInDirectoryAtURL:ignoringSymlinks:error:]_block_invoke";
+
+// One entry, as the directory reader delivers it.
+struct DirectoryEntry {
+  std::string_view name;   // bytes
+  unsigned char type = 0;  // dirent type code
+};
+
+// The type of an entry whose reader did not tell; DT_UNKNOWN when it cannot be learned.
+unsigned char LookUpType(int directory, const char* name) {
+  struct stat info {};
+  if (::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
+  if (S_ISDIR(info.st_mode)) return DT_DIR;
+  if (S_ISLNK(info.st_mode)) return DT_LNK;
+  if (S_ISREG(info.st_mode)) return DT_REG;
+  return DT_UNKNOWN;
+}
+
+// Hands each entry to the visitor until it answers false. Returns 0 or an error number.
+template <class Visitor>
+int _IterateDirectory(const char* path, Visitor&& visitor) {
+  UniqueDescriptor descriptor(::open(path, O_RDONLY | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC));
+  if (!descriptor) return errno;
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(descriptor.get()), ::closedir);
+  if (!stream) return errno;
+  const int directory = descriptor.release();  // closed with the stream
+  while (true) {
+    errno = 0;
+    // The stream is private to this call, which is what makes readdir safe.
+    const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe)
+    if (entry == nullptr) return errno;
+    DirectoryEntry delivered{entry->d_name, entry->d_type};
+    if (delivered.type == DT_UNKNOWN) delivered.type = LookUpType(directory, entry->d_name);
+    if (!visitor(delivered)) return 0;
+  }
+}
+
+}  // namespace
+
+std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(const Path& directory,
+                                                                             bool ignoringSymlinks,
+                                                                             Error* error) {
+  std::vector<Path> items;
+  const FileSystemRepresentation representation = directory.fileSystemRepresentation();
+  const auto visitor = [&](const DirectoryEntry& entry) {
+    if (entry.name == "." || entry.name == "..") return true;
+    if (entry.type == DT_LNK && ignoringSymlinks) {
+      QV_LOG(LogLevelNotice, kListVisitor, "Ignoring symlink at %s/%s", representation, entry.name);
+      return true;
+    }
+    items.push_back(directory.appending(
+        QuorvelAdditions::stringWithFileSystemRepresentation(entry.name.data(), entry.name.size()),
+        entry.type == DT_DIR ? Path::Kind::directory : Path::Kind::file));
+    return true;
+  };
+  const int number = _IterateDirectory(representation.c_str(), visitor);
+  if (number == 0) return items;
+  SetError(error, _CreateError(kList, __LINE__, PosixErrorDomain, number,
+                               "_IterateDirectory for %s returned %s", representation,
+                               ErrnoDescription(number)));
+  return std::nullopt;
+}
+
+}  // namespace quorvel

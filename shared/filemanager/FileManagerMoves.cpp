@@ -1,0 +1,202 @@
+// Copies, moves and the capture of store metadata.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Errors.h"
+#include "shared/support/Logging.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kCopy = "-[QVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]";
+constexpr const char* kMove = "-[QVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
+constexpr const char* kRemains = "-[QVFileManager removeRemainsOfMovesInDirectory:]";
+constexpr const char* kCapture =
+    "-[QVFileManager captureStoreDataFromDirectory:toDirectory:doCopy:failureIsFatal:withError:]";
+
+// A directory that was moved to another file system gets this before its name while it is being
+// removed.
+constexpr std::string_view kRemainPrefix = ".com.velto.quorvel.moved.";
+
+enum class Presence { present, missing, unknown };
+
+// Whether there is a source; `unknown` has filled the Error, under the asking operation's name.
+Presence CheckSource(const Path& source, const char* function, Error* error) {
+  struct stat info {};
+  const FileSystemRepresentation representation = source.fileSystemRepresentation();
+  if (::lstat(representation.c_str(), &info) == 0) return Presence::present;
+  const int number = errno;
+  if (number == ENOENT) return Presence::missing;
+  SetError(error, _CreateError(function, __LINE__, PosixErrorDomain, number,
+                               "stat of %@ failed: %s", source, ErrnoDescription(number)));
+  return Presence::unknown;
+}
+
+bool CopyWhole(const Path& source, const Path& destination, Error* error) {
+  constexpr std::uint32_t flags = CLONETREE_DATA_STAT_XATTR_ACL | CLONETREE_RECURSIVE |
+                                  CLONETREE_NOFOLLOW_SRC | CLONETREE_NOFOLLOW_DST;
+  const FileSystemRepresentation from = source.fileSystemRepresentation();
+  const FileSystemRepresentation to = destination.fileSystemRepresentation();
+  if (Platform().fileSystem->CopyTree(from.c_str(), to.c_str(), flags) == 0) return true;
+  const int number = errno;
+  return SetError(error, _CreateError(kCopy, __LINE__, PosixErrorDomain, number,
+                                      "clonetree of %@ to %@ failed: %s", source, destination,
+                                      ErrnoDescription(number)));
+}
+
+bool FailMove(const Path& source, const Path& destination, int number, Error* error) {
+  return SetError(error, _CreateError(kMove, __LINE__, PosixErrorDomain, number,
+                                      "rename of %@ to %@ failed: %s", source, destination,
+                                      ErrnoDescription(number)));
+}
+
+std::string ParentOf(const Path& path) {
+  const std::string& text = path.string();
+  const std::size_t slash = text.rfind('/');
+  return slash == std::string::npos || slash == 0 ? "/" : text.substr(0, slash);
+}
+
+bool IsDirectory(const FileSystemRepresentation& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// Removes a source whose copy is complete and on stable storage. A directory is renamed first, and
+// the rename brought to stable storage: a removal that stops halfway would otherwise leave a part
+// under the source's name, and a repeated move would replace the whole copy by that part.
+bool RemoveMoveSource(QVFileManager& manager, const Path& source, Error* error) {
+  const FileSystemRepresentation from = source.fileSystemRepresentation();
+  if (!IsDirectory(from)) return manager.removeItemAtURL(source, error);
+  const Path parent = Path::directory(ParentOf(source));
+  const Path doomed =
+      parent.childDirectory(std::string(kRemainPrefix).append(source.lastPathComponent()));
+  // Remains of an earlier move of the same name would make the rename fail.
+  if (!manager.removeItemAtURL(doomed, error)) return false;
+  const FileSystemRepresentation to = doomed.fileSystemRepresentation();
+  if (::rename(from.c_str(), to.c_str()) != 0) return FailMove(source, doomed, errno, error);
+  return manager.syncDirectoryAtURL(parent, error) && manager.removeItemAtURL(doomed, error);
+}
+
+bool MoveAcrossFileSystems(QVFileManager& manager, const Path& source, const Path& destination,
+                           Error* error) {
+  if (!manager._copyItemAtURL(source, destination, true, error)) return false;
+  const FileSystemRepresentation to = destination.fileSystemRepresentation();
+  if (Platform().fileSystem->SyncFileSystem(to.c_str()) != 0) {
+    // Not known to be stored: the source must stay.
+    return FailMove(source, destination, errno, error);
+  }
+  Error removal;
+  if (!RemoveMoveSource(manager, source, &removal)) {
+    QV_LOG(LogLevelError, kMove, "Failed to remove move source after copy at %@ : %@",
+           source.string(), removal);
+  }
+  return true;
+}
+
+// What travels with an app bundle, and what the former service called the failure to take it.
+struct StoreItem {
+  const char* name;
+  const char* failureKey;
+};
+constexpr StoreItem kStoreItems[] = {
+    {"Manifest.plist", "ManifestCaptureFailed"},
+    {"LorvixArtwork", "LorvixArtworkCaptureFailed"},
+    {"LorvixMetadata.plist", "LorvixMetadataCaptureFailed"},
+    {"GeoJSON", "GeoJSONCaptureFailed"},
+};
+
+Error CaptureError(const Path& source, const Path& destination, bool copied, ErrorContext context) {
+  const ErrorSite site{kCapture, __LINE__};
+  if (copied) {
+    return _CreateAndLogError(site, QVInstallerErrorDomain, QVMetadataCaptureFailed,
+                              std::move(context), "Failed to copy %@ to %@", source, destination);
+  }
+  return _CreateAndLogError(site, QVInstallerErrorDomain, QVMetadataCaptureFailed,
+                            std::move(context), "Failed to move %@ to %@", source, destination);
+}
+
+}  // namespace
+
+bool QVFileManager::_copyItemAtURL(const Path& source, const Path& destination,
+                                   bool failIfSrcMissing, Error* error) {
+  if (!failIfSrcMissing) {
+    const Presence presence = CheckSource(source, kCopy, error);
+    if (presence != Presence::present) return presence == Presence::missing;
+  }
+  return CopyWhole(source, destination, error);
+}
+
+bool QVFileManager::_moveItemAtURL(const Path& source, const Path& destination,
+                                   bool failIfSrcMissing, Error* error) {
+  if (!failIfSrcMissing) {
+    const Presence presence = CheckSource(source, kMove, error);
+    if (presence != Presence::present) return presence == Presence::missing;
+  }
+  const FileSystemRepresentation from = source.fileSystemRepresentation();
+  const FileSystemRepresentation to = destination.fileSystemRepresentation();
+  if (::rename(from.c_str(), to.c_str()) == 0) return true;
+  if (errno != EXDEV) return FailMove(source, destination, errno, error);
+  return MoveAcrossFileSystems(*this, source, destination, error);
+}
+
+bool QVFileManager::copyItemAtURL(const Path& source, const Path& destination, Error* error) {
+  return _copyItemAtURL(source, destination, true, error);
+}
+
+bool QVFileManager::copyItemIfExistsAtURL(const Path& source, const Path& destination,
+                                          Error* error) {
+  return _copyItemAtURL(source, destination, false, error);
+}
+
+bool QVFileManager::moveItemAtURL(const Path& source, const Path& destination, Error* error) {
+  return _moveItemAtURL(source, destination, true, error);
+}
+
+bool QVFileManager::moveItemIfExistsAtURL(const Path& source, const Path& destination,
+                                          Error* error) {
+  return _moveItemAtURL(source, destination, false, error);
+}
+
+bool QVFileManager::isRemainOfMove(const Path& item) {
+  return item.lastPathComponent().starts_with(kRemainPrefix);
+}
+
+void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {
+  Error error;
+  const auto items = urlsForItemsInDirectoryAtURL(directory, false, &error);
+  if (!items) {
+    QV_LOG(LogLevelError, kRemains, "Failed to look for remains of moves in %@ : %@",
+           directory.string(), error);
+    return;
+  }
+  for (const Path& item : *items) {
+    if (isRemainOfMove(item) && !removeItemAtURL(item, &error)) {
+      QV_LOG(LogLevelError, kRemains, "Failed to remove remains of a move at %@ : %@",
+             item.string(), error);
+    }
+  }
+}
+
+bool QVFileManager::captureStoreDataFromDirectory(const Path& source, const Path& destination,
+                                                  StoreDataCapture how, Error* error) {
+  for (const StoreItem& item : kStoreItems) {
+    const Path from = source.child(item.name);
+    const Path to = destination.child(item.name);
+    Error cause;
+    const bool carried = how.doCopy ? copyItemIfExistsAtURL(from, to, &cause)
+                                    : moveItemIfExistsAtURL(from, to, &cause);
+    if (carried) continue;
+    Error failure =
+        CaptureError(from, to, how.doCopy,
+                     {std::move(cause), {{QVLegacyErrorStringKey, PlistValue(item.failureKey)}}});
+    if (how.failureIsFatal) return SetError(error, std::move(failure));
+  }
+  return true;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,51 @@
+#include "shared/support/Errors.h"
+
+#include "shared/support/Logging.h"
+
+namespace quorvel {
+
+const char* const QVInstallerErrorDomain = "QVInstallerErrorDomain";
+const char* const QVFunctionNameErrorKey = "FunctionName";
+const char* const QVSourceFileLineErrorKey = "SourceFileLine";
+const char* const QVPathArgumentErrorKey = "PathArgument";
+const char* const QVLibTRZErrorNumberKey = "LibTRZErrorNumber";
+
+namespace {
+
+void AddSite(Error::UserInfo& info, ErrorSite site) {
+  info.insert_or_assign(QVFunctionNameErrorKey, PlistValue(site.function));
+  info.insert_or_assign(QVSourceFileLineErrorKey, PlistValue(site.line));
+}
+
+}  // namespace
+
+Error _CreateErrorV(ErrorSite site, const char* domain, std::int64_t code, std::string_view format,
+                    FormatArguments arguments) {
+  Error::UserInfo info;
+  info.insert_or_assign(LocalizedDescriptionKey, PlistValue(FormatMessageV(format, arguments)));
+  AddSite(info, site);
+  return Error(domain, code, std::move(info));
+}
+
+Error _CreateAndLogErrorV(ErrorSite site, const char* domain, std::int64_t code,
+                          ErrorContext context, std::optional<std::string_view> format,
+                          FormatArguments arguments) {
+  Error::UserInfo& info = context.userInfo;
+  if (format) {
+    const std::string description = FormatMessageV(*format, arguments);
+    if (context.underlying) {
+      QV_LOG(LogLevelError, site.function, "%d: %@ (%@)", site.line, description,
+             context.underlying);
+    } else {
+      QV_LOG(LogLevelError, site.function, "%d: %@", site.line, description);
+    }
+    info.insert_or_assign(LocalizedDescriptionKey, PlistValue(description));
+  }
+  if (context.underlying) info.insert_or_assign(UnderlyingErrorKey, context.underlying);
+  AddSite(info, site);
+  return Error(domain, code, std::move(info));
+}
+
+Error PosixCause(int number) { return Error(PosixErrorDomain, number, {}); }
+
+}  // namespace quorvel

@@ -1,0 +1,226 @@
+// Messages: printf-style formats with "%@" for an object's printable description.
+//
+// A format is checked against its arguments while the program is compiled: the number of
+// directives, the size and sign of integers, text for "%s", an object for "%@". Formatting never
+// fails and never interprets an argument as a format.
+//
+//   FormatMessage("rename of %@ to %@ failed: %s", source, destination, ErrnoDescription(errno))
+//
+// What "%@" prints: a Path in URL form (pass path.string() for the plain form), a string as it
+// is, a number in decimal, an Error as domain, code and userInfo, lists and dictionaries with
+// their members, an absent value "(null)".
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/Path.h"
+#include "platform/PlistValue.h"
+#include "shared/support/Export.h"
+
+namespace quorvel {
+
+// One packaged argument. Refers to what it was made from, which must outlive it.
+class FormatArgument {
+ public:
+  enum class Kind {
+    null,
+    signedInteger,
+    unsignedInteger,
+    text,   // a string object: UTF-8
+    bytes,  // a C string: any bytes
+    path,
+    paths,
+    value,
+    dictionary,
+    error,
+  };
+
+  template <class T>
+  FormatArgument(const T& argument);  // NOLINT: converts on purpose
+
+  Kind kind = Kind::null;
+  union {
+    std::int64_t signedInteger;
+    std::uint64_t unsignedInteger;
+    const void* object;
+  };
+  std::string_view text{};
+};
+
+using FormatArguments = std::span<const FormatArgument>;
+
+namespace format_detail {
+
+// What a C++ type may stand for in a format.
+enum class Class { object, text, int32, uint32, int64, uint64, unusable };
+
+template <class T>
+consteval Class Classify() {
+  if constexpr (std::is_same_v<T, bool>) {
+    return Class::unusable;
+  } else if constexpr (std::is_integral_v<T>) {
+    if (sizeof(T) <= 4) return std::is_signed_v<T> ? Class::int32 : Class::uint32;
+    return std::is_signed_v<T> ? Class::int64 : Class::uint64;
+  } else if constexpr (std::is_convertible_v<const T&, std::string_view> ||
+                       std::is_same_v<T, FileSystemRepresentation>) {
+    return Class::text;
+  } else {
+    return Class::object;
+  }
+}
+
+// Not constexpr: reaching one of these ends the compilation and names the fault.
+void FormatHasMoreDirectivesThanArguments();
+void FormatHasFewerDirectivesThanArguments();
+void FormatDirectiveDoesNotFitItsArgument();
+void FormatDirectiveIsUnknown();
+
+// One directive: where it ends, its conversion and its length letters ("l", "ll", "z" or none).
+struct Directive {
+  std::size_t end = 0;
+  char conversion = 0;
+  char length = 0;  // 'l' for l, 'q' for ll, 'z' for z
+  bool zeroPad = false;
+  unsigned width = 0;
+};
+
+// Parses the directive whose "%" is at `at`.
+constexpr Directive ParseDirective(std::string_view format, std::size_t at) {
+  Directive directive;
+  ++at;
+  const auto peek = [&] { return at < format.size() ? format[at] : '\0'; };
+  if (peek() == '0') directive.zeroPad = true, ++at;
+  while (peek() >= '0' && peek() <= '9') {
+    directive.width = directive.width * 10 + static_cast<unsigned>(format[at++] - '0');
+  }
+  if (peek() == 'z') directive.length = 'z', ++at;
+  if (peek() == 'l') directive.length = 'l', ++at;
+  if (peek() == 'l') directive.length = 'q', ++at;
+  directive.conversion = peek();
+  directive.end = at + 1;
+  return directive;
+}
+
+consteval bool Fits(Directive directive, Class argument) {
+  switch (directive.conversion) {
+    case '@':
+      return argument != Class::unusable;
+    case 's':
+      return argument == Class::text;
+    case 'd':
+      return argument == (directive.length == 0 ? Class::int32 : Class::int64);
+    case 'u':
+    case 'x':
+      return argument == (directive.length == 0 ? Class::uint32 : Class::uint64);
+    case 'X':
+      // Result codes are signed and print as their bits.
+      return argument == Class::uint32 || argument == Class::int32;
+    default:
+      FormatDirectiveIsUnknown();
+      return false;
+  }
+}
+
+template <class... Arguments>
+consteval void Check(std::string_view format) {
+  constexpr std::size_t count = sizeof...(Arguments);
+  const std::array<Class, count + 1> classes = {Classify<Arguments>()..., Class::unusable};
+  std::size_t used = 0;
+  for (std::size_t at = 0; at < format.size(); ++at) {
+    if (format[at] != '%') continue;
+    const Directive directive = ParseDirective(format, at);
+    at = directive.end - 1;
+    if (directive.conversion == '%') continue;
+    if (used == count) FormatHasMoreDirectivesThanArguments();
+    if (!Fits(directive, classes[used])) FormatDirectiveDoesNotFitItsArgument();
+    ++used;
+  }
+  if (used != count) FormatHasFewerDirectivesThanArguments();
+}
+
+template <class T>
+struct IsOptional : std::false_type {};
+template <class T>
+struct IsOptional<std::optional<T>> : std::true_type {};
+
+}  // namespace format_detail
+
+// A format known to fit arguments of these types. Made implicitly from a string literal.
+template <class... Arguments>
+class FormatString {
+ public:
+  template <std::size_t size>
+  consteval FormatString(const char (&literal)[size])  // NOLINT: converts on purpose
+      : text_(literal, size - 1) {
+    format_detail::Check<Arguments...>(text_);
+  }
+  constexpr std::string_view get() const { return text_; }
+
+ private:
+  std::string_view text_;
+};
+
+// Keeps the format from taking part in the deduction of the argument types.
+template <class... Arguments>
+using Format = FormatString<std::type_identity_t<std::remove_cvref_t<Arguments>>...>;
+
+template <class T>
+FormatArgument::FormatArgument(const T& argument) : object(nullptr) {
+  if constexpr (std::is_same_v<T, std::nullptr_t>) {
+    kind = Kind::null;
+  } else if constexpr (format_detail::IsOptional<T>::value) {
+    if (argument) *this = FormatArgument(*argument);
+  } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
+    kind = Kind::signedInteger;
+    signedInteger = argument;
+  } else if constexpr (std::is_integral_v<T>) {
+    kind = Kind::unsignedInteger;
+    unsignedInteger = argument;
+  } else if constexpr (std::is_same_v<T, FileSystemRepresentation>) {
+    kind = Kind::bytes;
+    text = argument.c_str();
+  } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+    kind = Kind::text;
+    text = argument;
+  } else if constexpr (std::is_same_v<T, Path>) {
+    kind = argument.isAbsent() ? Kind::null : Kind::path;
+    object = &argument;
+  } else if constexpr (std::is_same_v<T, std::vector<Path>>) {
+    kind = Kind::paths;
+    object = &argument;
+  } else if constexpr (std::is_same_v<T, PlistDictionary>) {
+    kind = Kind::dictionary;
+    object = &argument;
+  } else if constexpr (std::is_same_v<T, Error>) {
+    kind = argument ? Kind::error : Kind::null;
+    object = &argument;
+  } else {
+    static_assert(std::is_same_v<T, PlistValue>, "no printable description for this type");
+    kind = Kind::value;
+    object = &argument;
+  }
+}
+
+// Formats with arguments already packaged. A directive without an argument prints as it stands.
+QV_EXPORT std::string FormatMessageV(std::string_view format, FormatArguments arguments);
+
+template <class... Arguments>
+std::string FormatMessage(Format<Arguments...> format, const Arguments&... arguments) {
+  const std::array<FormatArgument, sizeof...(Arguments)> packaged = {FormatArgument(arguments)...};
+  return FormatMessageV(format.get(), packaged);
+}
+
+// The printable descriptions that "%@" inserts.
+QV_EXPORT std::string DescribeValue(const PlistValue& value);
+QV_EXPORT std::string DescribeError(const Error& error);
+
+}  // namespace quorvel

@@ -1,0 +1,24 @@
+#include "shared/support/Logging.h"
+
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+LogHandle* gLogHandle = nullptr;
+
+void LogWriteV(const LogHandle* handle, int level, const char* function, std::string_view format,
+               FormatArguments arguments) {
+  // Errors may be built before the host has installed anything.
+  const PlatformServices* services = InstalledPlatformServices();
+  if (services == nullptr || services->log == nullptr) return;
+  services->log->write(handle, level, function, FormatMessageV(format, arguments));
+}
+
+void HostLogV(const char* sourceFile, const char* function, int line, const char* category,
+              int level, std::string_view message) {
+  const PlatformServices* services = InstalledPlatformServices();
+  if (services == nullptr || services->hostLog == nullptr) return;
+  services->hostLog->write(sourceFile, function, line, category, level, message);
+}
+
+}  // namespace quorvel

@@ -1,0 +1,24 @@
+#include "shared/support/Platform.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace quorvel {
+
+namespace {
+const PlatformServices* gServices = nullptr;
+}  // namespace
+
+void QVInstallPlatformServices(const PlatformServices* services) { gServices = services; }
+
+const PlatformServices* InstalledPlatformServices() { return gServices; }
+
+const PlatformServices& Platform() {
+  if (gServices == nullptr) {
+    std::fputs("quorvel: no platform services are installed\n", stderr);
+    std::abort();
+  }
+  return *gServices;
+}
+
+}  // namespace quorvel

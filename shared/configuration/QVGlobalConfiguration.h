@@ -1,0 +1,165 @@
+// The installation service's configuration: its roots and directories, its preferences, the
+// catalogs of what comes with the system, and the legacy layout.
+//
+// One instance serves the process (sharedInstance); a test builds its own on a temporary root.
+// Preferences are read once, when an instance is made. Accessors report no errors: a directory
+// that cannot be created is logged and its path returned, what cannot be scanned is missing from
+// its catalog.
+//
+//   const Path legacy = QVGlobalConfiguration::sharedInstance().oldContainerPath();
+//
+// Any thread may call any operation. Lazy members are filled and discarded under one recursive
+// lock per instance; the bundle lock of QVLoadInfoPlist is taken after it, never before.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/HardwareRegistry.h"
+#include "platform/Path.h"
+#include "platform/PlistValue.h"
+#include "shared/support/Export.h"
+
+namespace quorvel {
+
+// Bundle identifier to info dictionary: "PKBundleIdentifier" and "PKBundleVersion", as far as the
+// bundle has them, and under QVBundleURLKey the bundle's path (string).
+using QVBundleMap = std::map<std::string, PlistDictionary, std::less<>>;
+inline constexpr const char* QVBundleURLKey = "com.velto.Quorvel.bundleURL";
+
+// The service's preferences domain.
+inline constexpr const char* QVPreferencesDomain = "com.velto.quorvel";
+
+class QV_EXPORT QVGlobalConfiguration {
+ public:
+  static QVGlobalConfiguration& sharedInstance();
+
+  // `root` stands for the system's "/".
+  explicit QVGlobalConfiguration(const Path& root = Path::directory("/"));
+  QVGlobalConfiguration(const QVGlobalConfiguration&) = delete;
+  QVGlobalConfiguration& operator=(const QVGlobalConfiguration&) = delete;
+
+  // --- Preferences and fixed values ---------------------------------------------------------
+
+  bool lowerInstallPriority() const { return _lowerInstallPriority; }
+  bool skipDeviceFamilyCheck() const { return _skipDeviceFamilyCheck; }
+  bool skipThinningCheck() const { return _skipThinningCheck; }
+  // As stored: 0 and negative numbers included.
+  long nSimultaneousInstallations() const { return _nSimultaneousInstallations; }
+  std::uint32_t uid() const { return _uid; }
+  std::uint32_t gid() const { return _gid; }
+
+  // --- Paths and lists that need no disk ----------------------------------------------------
+
+  Path oldContainerPath() const;      // legacy applications directory
+  Path oldInstallMapPath() const;     // legacy install map, a file
+  Path oldDataDirectoryPath() const;  // holds the legacy harbor map
+  Path oldLoggingPath() const;
+  Path oldArchiveDirectory() const;
+  Path dataDirectoryPath() const;
+  Path roleUserMigrationMarkerFilePath() const;  // a file
+  std::vector<std::string> appBundleMetadataItemNames() const;
+  std::vector<std::string> appUserDataItemNames() const;
+  // Identifiers that are never installed; the same set for every instance.
+  const std::set<std::string>& installationBlacklist() const;
+
+  // --- Working directories of the service: created on every call ----------------------------
+
+  Path carrierBundlesDirectory();
+  Path stagingRoot();
+  Path logDirectory();
+  Path dataDirectory();
+  Path cachesDirectory();
+
+  // --- Directories of the system image: computed once, never created ------------------------
+
+  Path coreServicesDirectory();
+  Path systemAppsDirectory();
+  Path internalAppsDirectory();
+  Path developerAppsDirectory();
+  Path factoryMountDirectory();
+  Path systemFrameworksRootDirectory();
+  Path internalFrameworksRootDirectory();
+  Path developerFrameworksRootDirectory();
+  std::set<Path> allFrameworksDirectories();
+
+  // --- Catalogs: scanned on first use, kept until rescanned ---------------------------------
+  // A map is null when its directory does not exist or cannot be listed; the next call looks
+  // again. Maps are immutable and stay valid whatever is rescanned.
+
+  std::shared_ptr<const QVBundleMap> systemAppBundleIDToInfoMap();
+  std::shared_ptr<const QVBundleMap> coreServicesAppBundleIDToInfoMap();
+  std::shared_ptr<const QVBundleMap> internalAppBundleIDToInfoMap();
+  std::set<std::string> builtInFrameworkBundleIDs();
+  // Identifiers of the system, internal and disk-image apps; put together anew on each call.
+  std::set<std::string> builtInApplicationBundleIDs();
+  void reScanSystemApps();
+  void reScanCoreServicesApps();
+  void reScanInternalApps();
+
+  // --- Apps on attached disk images: looked up on every call --------------------------------
+
+  // Where the first mounted medium below the entry is mounted.
+  std::optional<std::string> mountPointForDevice(HardwareEntry entry);
+  std::vector<std::string> diskImageMountPoints();
+  std::vector<Path> diskImageApplicationsDirectories();
+  QVBundleMap diskImageAppBundleIDToInfoMap();
+
+  // --- Persisted flags: read and written on every call --------------------------------------
+
+  bool haveUpdatedPluginContainersWithParentID();
+  void setHaveUpdatedPluginContainersWithParentID(bool flag);
+  std::optional<std::string> alternateThinningModelIdentifier();
+
+  // --- Steps of the above -------------------------------------------------------------------
+
+  std::shared_ptr<const QVBundleMap> _bundleIDMapForBundlesInDirectory(
+      const Path& directory, const std::string& extension);
+  std::shared_ptr<const QVBundleMap> _bundleIDMapForAppsInDirectory(const Path& directory);
+
+ private:
+  Path fixedDirectory(std::optional<Path>& member, const Path& base, const char* component);
+  std::shared_ptr<const QVBundleMap> appMap(std::shared_ptr<const QVBundleMap>& member,
+                                            Path (QVGlobalConfiguration::*directory)());
+  std::optional<std::string> firstMountPointBelow(HardwareEntry entry);
+  void readPreferences();
+
+  // Declared in the order of the service's own description of the class.
+  Path _quorveldPath;
+  Path _mobilePath;
+  Path _rootPath;
+  std::optional<Path> _carrierBundlesDir;
+  std::optional<Path> _stagingRoot;
+  std::optional<Path> _coreServicesDir;
+  std::optional<Path> _systemAppsDir;
+  std::optional<Path> _internalAppsDir;
+  std::optional<Path> _developerAppsDir;
+  std::optional<Path> _factoryMountDir;
+  std::optional<Path> _systemFrameworksRootDirectory;
+  std::optional<Path> _internalFrameworksRootDirectory;
+  std::optional<Path> _developerFrameworksRootDirectory;
+  std::optional<Path> _dataDir;
+  std::optional<Path> _cachesDir;
+  std::optional<std::set<Path>> _allFrameworksDirectories;
+  std::shared_ptr<const QVBundleMap> _systemAppBundleIDToInfoMap;
+  std::shared_ptr<const QVBundleMap> _coreServicesAppBundleIDToInfoMap;
+  std::shared_ptr<const QVBundleMap> _internalAppBundleIDToInfoMap;
+  std::optional<std::set<std::string>> _builtInFrameworkBundleIDs;
+  bool _lowerInstallPriority = true;
+  bool _skipDeviceFamilyCheck = false;
+  bool _skipThinningCheck = false;
+  long _nSimultaneousInstallations = 4;
+  std::uint32_t _uid = 33;
+  std::uint32_t _gid = 33;
+
+  // Recursive: operations that fill one lazy member ask for others while they hold it.
+  std::recursive_mutex lock_;
+};
+
+}  // namespace quorvel

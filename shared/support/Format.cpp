@@ -230,4 +230,10 @@ std::string DescribeError(const Error& error) {
   return out;
 }
 
+std::string DescribeUserInfo(const Error& error) {
+  std::string out;
+  AppendInfo(out, error.userInfo(), 0);
+  return out;
+}
+
 }  // namespace quorvel

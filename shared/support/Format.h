@@ -222,5 +222,7 @@ std::string FormatMessage(Format<Arguments...> format, const Arguments&... argum
 // The printable descriptions that "%@" inserts.
 QV_EXPORT std::string DescribeValue(const PlistValue& value);
 QV_EXPORT std::string DescribeError(const Error& error);
+// The userInfo of an Error alone.
+QV_EXPORT std::string DescribeUserInfo(const Error& error);
 
 }  // namespace quorvel

@@ -1,0 +1,179 @@
+// What the user made: the data items of a container, the app groups' containers, safe harbors.
+#include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleLog.h"
+#include "Ravelle/ReplaceItem.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kData = "-[QVRavelle _migrateDataContainerForIdentifier:fromURL:toURL:]";
+constexpr const char* kGroups = "-[QVRavelle _migrateGroupContainersForIdentifier:]";
+constexpr const char* kOneGroup =
+    "__50-[QVRavelle _migrateGroupContainersForIdentifier:]_block_invoke";
+constexpr const char* kGroupItems =
+    "-[QVRavelle _moveAllItemsInGroupContainerURL:toGroupContainerURL:]";
+constexpr const char* kHarbors = "-[QVRavelle _migrateSafeHarbors]";
+
+// The service's type of a data container that is kept for an app no longer there.
+constexpr int kHarborContainerType = 2;
+
+void LogFailedDataMove(const Path& from, const Path& to, const std::string& identifier,
+                       const Error& error) {
+  RAVELLE_LOG(LogLevelError, kData, "QVRavelle: Failed to move %@ to %@ migrating for %@ : %@",
+              from, to, identifier, error);
+}
+
+}  // namespace
+
+bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
+                                                   const Path& to) {
+  // An interrupted run may have copied a directory whole and been killed while removing it.
+  files_.removeRemainsOfMovesInDirectory(from);
+  bool moved = false;
+  Error error;
+  for (const std::string& name : configuration_.appUserDataItemNames()) {
+    const Path source = from.child(name);
+    if (!files_.itemExistsAtURL(source)) continue;
+    const Path destination = to.child(name);
+    if (!ReplaceByMove(files_, source, destination, &error)) {
+      LogFailedDataMove(source, destination, identifier, error);
+      return false;
+    }
+    moved = true;
+  }
+  // Once per container, and before the legacy container can go: the new names are stored.
+  if (moved && !files_.syncDirectoryAtURL(to, &error)) {
+    LogFailedDataMove(from, to, identifier, error);
+    return false;
+  }
+  return true;
+}
+
+bool QVRavelle::_migrateGroupContainersForIdentifier(const std::string& identifier) {
+  if (!_groupContainerMap || _groupContainerMap->empty()) return true;
+  const std::optional<BundleProxy> proxy =
+      Platform().workspace->bundleProxyForIdentifier(identifier);
+  if (!proxy) {
+    RAVELLE_LOG(LogLevelError, kGroups, "QVRavelle: Failed to get bundle proxy for %@", identifier);
+    return false;
+  }
+  if (!proxy->groupContainerPaths) {
+    RAVELLE_LOG(LogLevelError, kGroups,
+                "QVRavelle: Failed to get group container URLs for installed %@", identifier);
+    return false;
+  }
+  if (proxy->groupContainerPaths->empty()) {
+    RAVELLE_LOG(LogLevelNotice, kGroups, "QVRavelle: No group containers to migrate for %@",
+                identifier);
+    return true;
+  }
+  for (const auto& [group, newContainer] : *proxy->groupContainerPaths) {
+    migrateGroup(identifier, group, newContainer);
+  }
+  return true;
+}
+
+// One group of one app. Its failures are logged and never those of the app.
+void QVRavelle::migrateGroup(const std::string& identifier, const std::string& group,
+                             const Path& newContainer) {
+  const auto entry = _groupContainerMap->find(group);
+  if (entry == _groupContainerMap->end() || entry->second.dictionary() == nullptr) {
+    RAVELLE_LOG(LogLevelNotice, kOneGroup,
+                "QVRavelle: No group container entry to migrate for %@[%@]", identifier, group);
+    return;
+  }
+  const std::string* container = entry->second.dictionary()->findString("Container");
+  if (container == nullptr) {
+    RAVELLE_LOG(LogLevelNotice, kOneGroup,
+                "QVRavelle: Failed to get path to group container for %@[%@]", identifier, group);
+    return;
+  }
+  const Path oldContainer = Path::directory(*container);
+  if (!files_.itemExistsAtURL(oldContainer)) {
+    RAVELLE_LOG(LogLevelError, kOneGroup, "QVRavelle: Missing source group container at %@",
+                oldContainer.string());
+    return;
+  }
+  RAVELLE_LOG(LogLevelNotice, kOneGroup, "QVRavelle: Migrating group container %@ at %@ to %@",
+              group, oldContainer.string(), newContainer.string());
+  bool allMoved = false;
+  if (!_moveAllItemsInGroupContainerURL(oldContainer, newContainer, &allMoved)) return;
+  // What could not be moved is still in the old directory: it and its entry are kept.
+  if (!allMoved) return;
+  _groupContainerMap->erase(entry);
+  Error error;
+  if (!files_.removeItemAtURL(oldContainer, &error)) {
+    RAVELLE_LOG(LogLevelError, kOneGroup,
+                "QVRavelle: Failed to remove old group container at %@ : %@", oldContainer.string(),
+                error);
+  }
+}
+
+bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const Path& newContainer,
+                                                 bool* allMoved) {
+  *allMoved = false;
+  Error error;
+  const auto items = files_.urlsForItemsInDirectoryAtURL(oldContainer, false, &error);
+  if (!items) {
+    RAVELLE_LOG(LogLevelError, kGroupItems,
+                "QVRavelle: Failed to get all urls in source group container %@ : %@",
+                oldContainer.string(), error);
+    return false;
+  }
+  bool everyItem = true;
+  for (const Path& item : *items) {
+    // Remains of an interrupted move were copied whole; they go with the old directory.
+    if (QVFileManager::isRemainOfMove(item)) continue;
+    const Path destination = newContainer.child(item.lastPathComponent());
+    if (!ReplaceByMove(files_, item, destination, &error)) {
+      RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
+                  item.string(), destination.string(), error);
+      everyItem = false;
+    }
+  }
+  if (everyItem && !files_.syncDirectoryAtURL(newContainer, &error)) {
+    RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
+                oldContainer.string(), newContainer.string(), error);
+    everyItem = false;
+  }
+  *allMoved = everyItem;
+  return true;
+}
+
+bool QVRavelle::_migrateSafeHarbors() {
+  if (!_harborMap) return true;
+  bool ok = true;
+  for (std::size_t i = 0; i < _harborMap->foreignKeyCount(); ++i) {
+    RAVELLE_LOG(LogLevelError, kHarbors,
+                "QVRavelle: Identifier in harbor map was not string; skipping");
+  }
+  for (const auto& [identifier, entry] : *_harborMap) {
+    if (entry.dictionary() == nullptr) {
+      RAVELLE_LOG(LogLevelError, kHarbors, "QVRavelle: Failed to get harbor info for identifier %@",
+                  identifier);
+      continue;
+    }
+    const std::string* path = entry.dictionary()->findString("HarborPathKey");
+    if (path == nullptr) {
+      RAVELLE_LOG(LogLevelError, kHarbors,
+                  "QVRavelle: Failed to get harbor path from harbor entry for %@ : %@", identifier,
+                  entry);
+      continue;
+    }
+    RAVELLE_LOG(LogLevelNotice, kHarbors, "QVRavelle: Migrating safe harbor for %@ at %@",
+                identifier, *path);
+    if (Platform().installationService->QuorvelRegisterSafeHarborForContainerType(
+            *path, identifier, kHarborContainerType, nullptr) == 0) {
+      RAVELLE_LOG(LogLevelError, kHarbors,
+                  "QVRavelle: Failed to migrate safe harbor for identifier %@ at %@ : %@",
+                  identifier, *path, nullptr);
+      ok = false;
+    }
+  }
+  if (ok) files_.removeItemAtURL(configuration_.oldDataDirectoryPath().child("SafeHarbor.plist"));
+  return ok;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,203 @@
+// The host's protocol: what there is to migrate, the loop over it, and the closing steps.
+#include <cerrno>
+
+#include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleLog.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kInit = "-[QVRavelle init]";
+constexpr const char* kPerform = "-[QVRavelle performMigration]";
+
+// Left by the former service to tell whoever looks where the apps went.
+constexpr const char* kNoticeFileName = "WhereDidMyApplicationsGo.txt";
+
+// The host's unit, per plug-in and per container.
+constexpr float kBaseDuration = 20.0F;
+constexpr float kDurationPerItem = 2.25F;
+
+// A record was validated or built with its strings; an empty one only stands in for a fault.
+std::string_view RecordString(const ContainerRecord& record, const char* key) {
+  const std::string* text = record.findString(key);
+  return text != nullptr ? std::string_view(*text) : std::string_view();
+}
+
+}  // namespace
+
+QVRavelle::QVRavelle(const QVGlobalConfiguration& configuration)
+    : configuration_(configuration), files_(QVFileManager::defaultManager()) {}
+
+MigratorPlugin* QVRavelle::init() {
+  if (MigratorPlugin::init() == nullptr) return nullptr;
+  const Path legacy = configuration_.oldContainerPath();
+  if (!files_.itemDoesNotExistAtURL(legacy)) {
+    Error error;
+    _itemsToMigrate = files_.urlsForItemsInDirectoryAtURL(legacy, true, &error);
+    if (!_itemsToMigrate) {
+      RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to get items at %@ : %@", legacy, error);
+      return nullptr;
+    }
+    if (_itemsToMigrate->empty()) {
+      removeEmptyLegacyDirectory();
+      _itemsToMigrate.reset();
+    } else {
+      RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: %ld items to migrate",
+                  static_cast<long>(_itemsToMigrate->size()));
+      loadInstallMap();
+    }
+  }
+  loadHarborMap();
+  return this;
+}
+
+void QVRavelle::removeEmptyLegacyDirectory() {
+  const Path legacy = configuration_.oldContainerPath();
+  if (!files_.removeItemAtURL(legacy)) {
+    RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to remove %@", legacy.string());
+  }
+  const Path installMap = configuration_.oldInstallMapPath();
+  Error error;
+  if (!files_.removeItemAtURL(installMap, &error)) {
+    RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to remove %@ : %@", installMap.string(),
+                error);
+  }
+}
+
+void QVRavelle::loadInstallMap() {
+  const Path file = configuration_.oldInstallMapPath();
+  const auto map = Platform().propertyLists->readDictionary(file, ForeignKeys::count, nullptr);
+  if (!map) {
+    RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: Old install map not found at %@", file.string());
+    return;
+  }
+  _installMap = std::move(*map);
+  const PlistValue* groups = _installMap->find("GroupContainers");
+  if (groups == nullptr || groups->dictionary() == nullptr) {
+    RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: No group container map found in install map");
+    return;
+  }
+  _groupContainerMap.emplace();
+  for (const PlistEntry& entry : *groups->dictionary()) {
+    _groupContainerMap->emplace_hint(_groupContainerMap->end(), entry.key, entry.value);
+  }
+}
+
+void QVRavelle::loadHarborMap() {
+  const Path file = configuration_.oldDataDirectoryPath().child("SafeHarbor.plist");
+  if (files_.itemDoesNotExistAtURL(file)) return;
+  const auto map = Platform().propertyLists->readDictionary(file, ForeignKeys::count, nullptr);
+  if (map) {
+    _harborMap = std::move(*map);
+  } else {
+    RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to load existing harbor map from %@",
+                file.string());
+  }
+}
+
+const char* QVRavelle::dataClassName() const { return "QVRavelle"; }
+
+float QVRavelle::estimatedDuration() const {
+  if (!_itemsToMigrate) return kBaseDuration;
+  return kBaseDuration + kDurationPerItem * static_cast<float>(_itemsToMigrate->size());
+}
+
+float QVRavelle::migrationProgress() const {
+  if (!_itemsToMigrate) return 0.5F;
+  if (_itemsToMigrate->empty()) return -1.0F;
+  const std::uint64_t done = _countItemsMigrated.load(std::memory_order_relaxed);
+  return static_cast<float>(done) / static_cast<float>(_itemsToMigrate->size());
+}
+
+bool QVRavelle::performMigration() {
+  bool result = true;
+  if (_itemsToMigrate) result = migrateRecords(buildWorkList());
+  const bool harborsMigrated = _migrateSafeHarbors();
+  const PlistDictionary options = {{kQVUpdateSystemAppDataContainerDataProtection, true}};
+  if (Platform().installationService->QuorvelUpdateContainerDataProtectionForMigratorOnly(
+          options) == 0) {
+    RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to update container data protection");
+    result = false;
+  }
+  if (!harborsMigrated) result = false;
+  if (!finishLegacyDirectory()) result = false;
+  if (!result) {
+    RAVELLE_LOG(LogLevelError, kPerform,
+                "QVRavelle: Returning migration failed. Please include the contents of "
+                "/var/mobile/Library/Logs/Quorvel and /var/Mobile/Library/Logs/Corvenna in a bug "
+                "report.");
+  }
+  return result;
+}
+
+std::deque<ContainerRecord> QVRavelle::buildWorkList() {
+  std::deque<ContainerRecord> workList;
+  for (const Path& item : *_itemsToMigrate) {
+    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Introspecting %@", item.string());
+    if (item.lastPathComponent() == kNoticeFileName) {
+      files_.removeItemAtURL(item);
+      countItem();
+      continue;
+    }
+    bool early = false;
+    std::optional<ContainerRecord> record = _introspectContainer(item, &early);
+    if (!record) {
+      countItem();
+    } else if (early) {
+      workList.push_front(std::move(*record));
+    } else {
+      workList.push_back(std::move(*record));
+    }
+  }
+  return workList;
+}
+
+bool QVRavelle::migrateRecords(const std::deque<ContainerRecord>& workList) {
+  bool allMigrated = true;
+  for (const ContainerRecord& record : workList) {
+    const std::string_view identifier = RecordString(record, RecordBundleIdentifierKey);
+    const std::string_view bundle = RecordString(record, RecordBundlePathKey);
+    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Migrating %@ at %@", identifier, bundle);
+    if (!_migrateContainerWithInfo(record)) {
+      RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Migration of %@ at %@ failed", identifier,
+                  bundle);
+      allMigrated = false;
+    }
+    countItem();
+  }
+  return allMigrated;
+}
+
+// Removes the legacy directory and install map once nothing is left in the directory. False when
+// something is left; what cannot be determined or removed is only logged.
+bool QVRavelle::finishLegacyDirectory() {
+  const Path legacy = configuration_.oldContainerPath();
+  const Path installMap = configuration_.oldInstallMapPath();
+  Error error;
+  const auto remaining = files_.urlsForItemsInDirectoryAtURL(legacy, false, &error);
+  if (!remaining) {
+    if (!error.is(PosixErrorDomain, ENOENT)) {
+      RAVELLE_LOG(LogLevelError, kPerform,
+                  "QVRavelle: Failed to determine if any items were remaining to migrate: %@",
+                  error);
+    }
+    return true;
+  }
+  if (!remaining->empty()) {
+    RAVELLE_LOG(LogLevelError, kPerform,
+                "QVRavelle: Not removing %@ because %lu items remain unmigrated.",
+                installMap.string(), static_cast<unsigned long>(remaining->size()));
+    return false;
+  }
+  for (const Path& item : {legacy, installMap}) {
+    if (!files_.removeItemAtURL(item, &error)) {
+      RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to remove %@ : %@", item.string(),
+                  error);
+    }
+  }
+  return true;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,256 @@
+// What the registry is handed: the staged bundle, and the placeholder that comes before it.
+#include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleLog.h"
+#include "shared/support/Platform.h"
+#include "shared/support/Values.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kStage =
+    "-[QVRavelle "
+    "_stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:inContainerURL:]";
+constexpr const char* kProgress =
+    "__89-[QVRavelle "
+    "_stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:inContainerURL:]_block_invoke";
+constexpr const char* kPlaceholder =
+    "-[QVRavelle _stageAndInstallPlaceholderForBundleAtURL:withIdentifier:inContainerURL:]";
+constexpr const char* kIcon = "-[QVRavelle _writeIconForBundle:toURL:]";
+
+// The registry's number for an install on behalf of a migration.
+constexpr std::uint64_t kMigrationInstallType = 6;
+constexpr const char* kIconFileName = "Icon.png";
+
+// What a placeholder takes over from the app's info dictionary.
+constexpr const char* kIdentityKeys[] = {"PKBundleIdentifier", "PKBundleDisplayName",
+                                         "PKBundleExecutable", "PKBundleVersion",
+                                         "PKBundleShortVersionString"};
+
+PlistDictionary InstallOptions(const char* packageType, const std::string& identifier) {
+  return {{RXInstallTypeKey, kMigrationInstallType},
+          {RXPackageTypeKey, packageType},
+          {RXBundleIdentifierKey, identifier},
+          {RXSkipBlacklistKey, true}};
+}
+
+// Hears the registry's progress: logs every failure, recognises the one that is none.
+class InstallProgress {
+ public:
+  explicit InstallProgress(const Path& bundle) : bundle_(bundle) {}
+  bool alreadyInstalled() const { return alreadyInstalled_; }
+
+  void hear(const PlistDictionary& report) {
+    const std::optional<std::string> name = QVStringifyObject(report.find("Error"));
+    if (!name) return;
+    if (*name == RXErrorApplicationAlreadyInstalled) {
+      RAVELLE_LOG(LogLevelNotice, kProgress,
+                  "QVRavelle: Installation of %@ failed because it's older than what's built into "
+                  "the system. Data migration already happened so we're done here.",
+                  bundle_.string());
+      alreadyInstalled_ = true;
+      return;
+    }
+    RAVELLE_LOG(LogLevelError, kProgress,
+                "QVRavelle: Installation of %@ failed with Quorvel error %@ (%@ : %@)",
+                bundle_.string(), QVStringifyObject(report.find("ErrorDescription")), *name,
+                QVStringifyObject(report.find("ErrorDetail")));
+  }
+
+ private:
+  const Path& bundle_;
+  bool alreadyInstalled_ = false;
+};
+
+bool MoveIntoPayload(QVFileManager& files, const Path& bundle, const Path& payload,
+                     Path* destination, Error* error) {
+  *destination = payload.childDirectory(bundle.lastPathComponent());
+  return files.moveItemIfExistsAtURL(bundle, *destination, error);
+}
+
+// Builds the staging directory in the container.
+bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& vpnPlugin,
+           const Path& container) {
+  const Path staging = container.childDirectory("Staging");
+  const Path payload = staging.childDirectory("Payload");
+  Error error;
+  if (!files.createDirectoryAtURL(payload, {.withIntermediateDirectories = true}, &error)) {
+    RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to create %@ : %@", payload, error);
+    return false;
+  }
+  Path destination;
+  if (!MoveIntoPayload(files, bundle, payload, &destination, &error)) {
+    RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move bundle from %@ to %@: %@", bundle,
+                destination, error);
+    return false;
+  }
+  if (vpnPlugin && !MoveIntoPayload(files, *vpnPlugin, payload, &destination, &error)) {
+    RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move vpn bundle from %@ to %@: %@",
+                *vpnPlugin, destination, error);
+    return false;
+  }
+  if (!files.captureStoreDataFromDirectory(container, staging, {}, &error)) {
+    RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move app metadata from %@ to %@: %@",
+                container, staging, error);
+    return false;
+  }
+  return true;
+}
+
+// Where a placeholder is put together. An identifier comes from the app itself and may hold
+// anything; as a directory name it must stay one.
+Path PlaceholderDirectory(const std::string& identifier) {
+  std::string name;
+  for (const char c : identifier) c == '/' ? void(name += "%2F") : void(name += c);
+  return Platform()
+      .fileData->temporaryDirectory()
+      .childDirectory("com.velto.quorvel.migrator")
+      .childDirectory(name + ".app");
+}
+
+// The raw store metadata, which goes into the request; absent when there is none.
+std::unique_ptr<PlistData> ReadStoreMetadata(const Path& container) {
+  const Path file = container.child("LorvixMetadata.plist");
+  Error error;
+  std::unique_ptr<PlistData> bytes = Platform().fileData->readWholeFile(file, &error);
+  if (!bytes && !error.is(PlatformErrorDomain, PlatformFileReadNoSuchFileError)) {
+    RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to read %@ : %@", file.string(),
+                error);
+  }
+  return bytes;
+}
+
+// The bundle's identity keys, those that it has; absent when the bundle cannot be read.
+std::optional<PlistDictionary> ReadIdentity(PKBundle* bundle, const Path& path) {
+  if (bundle == nullptr) {
+    RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to create PKBundle for %@",
+                path.string());
+    return std::nullopt;
+  }
+  const PlistDictionary* info = bundle->infoDictionary();
+  if (info == nullptr) {
+    RAVELLE_LOG(LogLevelError, kPlaceholder,
+                "QVRavelle: Failed to get bundle info dictionary for bundle %@", path.string());
+    return std::nullopt;
+  }
+  PlistDictionary identity;
+  for (const char* key : kIdentityKeys) {
+    if (const PlistValue* value = info->find(key)) identity.set(key, *value);
+  }
+  return identity;
+}
+
+// Fills the placeholder's directory from the legacy bundle.
+bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::string& identifier,
+                      const Path& directory) {
+  const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(bundlePath);
+  std::optional<PlistDictionary> info = ReadIdentity(bundle.get(), bundlePath);
+  if (!info) return false;
+  const Path icon = directory.child(kIconFileName);
+  if (plugin._writeIconForBundle(*bundle, icon)) {
+    info->set("PKBundleIconFile", kIconFileName);
+  } else {
+    RAVELLE_LOG(LogLevelError, kPlaceholder,
+                "QVRavelle: Writing placeholder icon for app %@ to %@ failed", identifier,
+                icon.string());
+  }
+  // Binary: unlike XML it holds every string that an app may have put into its dictionary.
+  const Path file = directory.child("Info.plist");
+  if (!Platform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary,
+                                                 nullptr)) {
+    RAVELLE_LOG(LogLevelError, kPlaceholder,
+                "QVRavelle: Failed to write placeholder Info.plist to %@", file.string());
+    return false;
+  }
+  return true;
+}
+
+bool InstallPlaceholder(const Path& directory, const std::string& identifier,
+                        std::unique_ptr<PlistData> metadata) {
+  RAVELLE_LOG(LogLevelNotice, kPlaceholder, "QVRavelle: Installing placeholder for %@", identifier);
+  PlistDictionary options = InstallOptions(RXPackageTypePlaceholder, identifier);
+  if (metadata) options.set(RXLorvixMetadataKey, std::move(*metadata));
+  Error error;
+  if (Platform().workspace->installApplication(directory, options, &error, {})) return true;
+  RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to install placeholder for %@: %@",
+              identifier, DescribeUserInfo(error));
+  return false;
+}
+
+std::string DescribeBundle(const PKBundle& bundle) {
+  return "PKBundle <" + bundle.path().string() + ">";
+}
+
+}  // namespace
+
+bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,
+                                            const std::optional<Path>& vpnPlugin,
+                                            const Path& container) {
+  if (!Stage(files_, bundle, vpnPlugin, container)) return false;
+  PlistDictionary options = InstallOptions(RXPackageTypeCustomer, identifier);
+  options.set("VerifyForMigrator", true);
+  const Path staging = container.childDirectory("Staging");
+  InstallProgress progress(bundle);
+  Error error;
+  if (Platform().workspace->installApplication(
+          staging, options, &error,
+          [&progress](const PlistDictionary& report) { progress.hear(report); })) {
+    return true;
+  }
+  if (progress.alreadyInstalled()) return true;
+  RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to install %@ : %@", staging, error);
+  return false;
+}
+
+bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
+                                                          const std::string& identifier,
+                                                          const Path& container) {
+  const Path directory = PlaceholderDirectory(identifier);
+  Error error;
+  bool installed = false;
+  if (files_.createDirectoryAtURL(directory, {.withIntermediateDirectories = true}, &error)) {
+    std::unique_ptr<PlistData> metadata = ReadStoreMetadata(container);
+    installed = BuildPlaceholder(*this, bundle, identifier, directory) &&
+                InstallPlaceholder(directory, identifier, std::move(metadata));
+  } else {
+    RAVELLE_LOG(LogLevelError, kPlaceholder,
+                "QVRavelle: Failed to create staged placeholder directory at %@ : %@", directory,
+                error);
+  }
+  files_.removeItemAtURL(directory);
+  return installed;
+}
+
+bool QVRavelle::_writeIconForBundle(PKBundle& bundle, const Path& destination) {
+  IconRenderer& icons = *Platform().icons;
+  const std::unique_ptr<Image> image = icons.createHomeScreenIconImage(bundle);
+  if (!image) {
+    RAVELLE_LOG(LogLevelError, kIcon, "QVRavelle: Failed to create icon from bundle %@",
+                DescribeBundle(bundle));
+    return false;
+  }
+  std::vector<std::uint8_t> buffer;
+  const std::unique_ptr<PngEncoder> encoder = icons.createPngEncoder(buffer, 1);
+  if (!encoder) {
+    RAVELLE_LOG(LogLevelError, kIcon,
+                "QVRavelle: GXImageDestinationCreateWithData returned NULL gxImage from bundle %@",
+                DescribeBundle(bundle));
+    return false;
+  }
+  encoder->addImage(*image);
+  if (!encoder->finalize()) {
+    RAVELLE_LOG(LogLevelError, kIcon,
+                "QVRavelle: GXImageDestinationFinalize failed for icon from bundle %@",
+                DescribeBundle(bundle));
+    return false;
+  }
+  Error error;
+  if (!Platform().fileData->writeAtomically(buffer, destination, &error)) {
+    RAVELLE_LOG(LogLevelError, kIcon, "QVRavelle: Failed to write image data to %@ : %@",
+                destination, error);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,9 @@
+// The plug-in's lines in the host's log.
+#pragma once
+
+#include "shared/support/Logging.h"
+
+// `function` is the reporting operation's full name; what follows is a format that begins
+// "QVRavelle: " and its arguments.
+#define RAVELLE_LOG(level, function, ...) \
+  ::quorvel::HostLog(__FILE__, (function), __LINE__, "Corvennad", (level), __VA_ARGS__)

@@ -1,0 +1,15 @@
+// The one way an item gets into a new container: whatever is at its place goes first.
+#pragma once
+
+#include "platform/Error.h"
+#include "platform/Path.h"
+#include "shared/filemanager/QVFileManager.h"
+
+namespace quorvel {
+
+// Deletes the destination (its failure is met by the move) and moves the source there. A missing
+// source is success. False, with nothing deleted, when the destination is the source or holds it:
+// deleting it would delete what is to be moved.
+bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
+
+}  // namespace quorvel

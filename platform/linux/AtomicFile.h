@@ -1,0 +1,51 @@
+// Whole files: reading one in bounds, and replacing one so that no reader and no power cut ever
+// meets half of it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/Path.h"
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::onlinux {
+
+// Replaces the file by a regular file with these bytes and this mode (the umask does not apply),
+// in one rename. The bytes are on stable storage before the rename makes them visible, the
+// rename itself before this returns true. A link of that name is replaced, not followed.
+//
+// The new content is first written beside the file, under TemporaryNameFor() its name. What a
+// killed process left under that name is taken over; a process or thread that is at work on it is
+// waited for. On failure (false, PosixErrorDomain) the temporary file is removed and the old file
+// is as it was, with one exception: when only the last flush, of the directory, fails, the new
+// content is already visible and merely not known to be durable. Any thread may call.
+bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes, mode_t mode,
+                           Error* error);
+
+// The same for a file named relative to an open directory (O_RDONLY). `name` is a plain file name
+// as a system call takes it; `file` is what messages call it.
+bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
+                             std::span<const std::uint8_t> bytes, mode_t mode, const Path& file,
+                             Error* error);
+
+// The temporary name that belongs to a file name: ".<name>.tmp", or when that would be longer than
+// 255 bytes ".<16 hexadecimal digits>.tmp" with a hash of the name.
+std::string TemporaryNameFor(const std::string& name);
+
+// Reads a regular file whole, however it grows or shrinks meanwhile. Returns 0 or an errno value:
+// ELOOP for a link, EISDIR for a directory, EINVAL for other kinds, EFBIG above the limit.
+// `directory` is an open directory or AT_FDCWD. With `pastCache` the file's pages are dropped
+// from the cache afterwards.
+int ReadRegularFile(int directory, const char* name, std::size_t limit, bool pastCache,
+                    std::vector<std::uint8_t>& bytes);
+
+// The directory that holds the file, opened to read; -1 with errno. "." for a relative plain name.
+UniqueDescriptor OpenParentDirectory(const Path& file);
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,37 @@
+#include "platform/linux/FileDataLinux.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "platform/linux/AtomicFile.h"
+#include "platform/linux/PosixFailure.h"
+
+namespace quorvel::onlinux {
+
+namespace {
+
+constexpr std::size_t WholeFileLimit = std::size_t{1} << 30U;
+constexpr mode_t NewFileMode = 0644;
+
+}  // namespace
+
+std::unique_ptr<std::vector<std::uint8_t>> FileDataLinux::readWholeFile(const Path& file,
+                                                                        Error* error) {
+  auto bytes = std::make_unique<std::vector<std::uint8_t>>();
+  const int failure = ReadRegularFile(AT_FDCWD, file.fileSystemRepresentation().c_str(),
+                                      WholeFileLimit, true, *bytes);
+  if (failure == 0) return bytes;
+  const std::string what = "Reading " + file.string();
+  SetError(error, failure == ENOENT ? PlatformFailure(PlatformFileReadNoSuchFileError,
+                                                      what + ": " + ErrnoDescription(failure))
+                                    : PosixFailure(failure, what));
+  return nullptr;
+}
+
+bool FileDataLinux::writeAtomically(std::span<const std::uint8_t> bytes, const Path& file,
+                                    Error* error) {
+  return ReplaceFileAtomically(file, bytes, NewFileMode, error);
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,27 @@
+// Whole-file data on Linux.
+#pragma once
+
+#include <utility>
+
+#include "platform/FileData.h"
+
+namespace quorvel::onlinux {
+
+// Stateless but for the directory's name: any number of threads may use one.
+class FileDataLinux : public FileData {
+ public:
+  // The temporary directory is inside the device tree: TMPDIR speaks of the machine around it.
+  explicit FileDataLinux(Path temporaryDirectory = Path::directory("/private/var/tmp"))
+      : temporaryDirectory_(std::move(temporaryDirectory)) {}
+
+  // A file above 1 GiB is refused (EFBIG): nothing that is read whole is that large.
+  std::unique_ptr<std::vector<std::uint8_t>> readWholeFile(const Path& file, Error* error) override;
+  bool writeAtomically(std::span<const std::uint8_t> bytes, const Path& file,
+                       Error* error) override;
+  Path temporaryDirectory() override { return temporaryDirectory_; }
+
+ private:
+  const Path temporaryDirectory_;
+};
+
+}  // namespace quorvel::onlinux

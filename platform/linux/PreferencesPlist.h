@@ -1,0 +1,60 @@
+// Preferences as property-list files.
+//
+// "<directory>/<domain>.plist" holds a domain's values for any host, and
+// "<directory>/ByHost/<domain>.plist" those for the current host. Beside each stands
+// ".<domain>.plist.lock", which a process locks while it changes the file and which stays. Files
+// are replaced whole, so that readers need no lock. They are written in binary, which holds every
+// value; either encoding is read.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "platform/Path.h"
+#include "platform/PreferencesStore.h"
+
+namespace quorvel::onlinux {
+
+// Nothing is cached: a read that no pending change answers goes to the file. A domain that is no
+// plain file name (it is empty, "." or "..", is too long, or has a slash) has no values and
+// cannot be synchronized.
+class PreferencesPlist : public PreferencesStore {
+ public:
+  explicit PreferencesPlist(Path directory = Path::directory("/private/var/mobile/Library/"
+                                                             "Preferences"))
+      : directory_(std::move(directory)) {}
+
+  std::optional<PlistValue> copyValue(const std::string& key, const std::string& domain,
+                                      PreferencesScope scope) override;
+  void setValue(const std::string& key, const PlistValue& value, const std::string& domain,
+                PreferencesScope scope) override;
+  // Missing directories are created with mode 0755. A file that cannot be understood is set aside
+  // as "<file>.damaged" (or ".damaged.2" and so on: nothing is overwritten) and a new one begun;
+  // one that cannot be read at all makes this fail.
+  bool synchronize(const std::string& domain, PreferencesScope scope) override;
+  std::optional<std::string> stringFromUserDefaults(const std::string& key,
+                                                    const std::string& domain) override;
+
+ private:
+  // The serial tells a change from a later one of the same key.
+  struct Change {
+    PlistValue value;
+    std::uint64_t serial = 0;
+  };
+  using Changes = std::map<std::string, Change>;
+  using Domain = std::pair<std::string, PreferencesScope>;
+
+  Path directoryFor(PreferencesScope scope) const;
+  Changes pendingChanges(const Domain& domain);
+  void forget(const Domain& domain, const Changes& stored);
+
+  const Path directory_;
+  std::mutex mutex_;  // guards what follows; never held during I/O
+  std::map<Domain, Changes> pending_;
+  std::uint64_t serial_ = 0;
+};
+
+}  // namespace quorvel::onlinux

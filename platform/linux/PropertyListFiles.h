@@ -1,0 +1,23 @@
+// Property-list files on Linux.
+#pragma once
+
+#include "platform/PropertyListStore.h"
+
+namespace quorvel::onlinux {
+
+// PropertyList.h says what is read and written and what the limits are, AtomicFile.h how a file
+// is replaced. Stateless: any number of threads may use one.
+class PropertyListFiles : public PropertyListStore {
+ public:
+  std::unique_ptr<PlistDictionary> readDictionary(const Path& file, ForeignKeys policy,
+                                                  Error* error) override;
+  bool writeDictionary(const PlistDictionary& dictionary, const Path& file,
+                       PropertyListFormat format, Error* error) override;
+};
+
+// readDictionary for a file named relative to an open directory. `name` is as a system call
+// takes it; `file` is what messages call it.
+std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
+                                                  ForeignKeys policy, Error* error);
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,48 @@
+// What the log sinks share: time stamps, numbers, and lines that reach a file whole.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::onlinux {
+
+// Appends "2026-11-22T20:38:06.123456Z" (ISO 8601, UTC, microseconds). The calendar is computed
+// once per second. Belongs to one thread at a time.
+class TimestampFormatter {
+ public:
+  void appendNow(std::string& line);
+  void append(std::string& line, const timespec& time);
+
+ private:
+  std::time_t second_ = 0;
+  std::string upToSecond_;  // empty: nothing formatted yet
+};
+
+void AppendNumber(std::string& line, long long number);
+
+// A file that lines are appended to. Belongs to one thread at a time.
+class LineFile {
+ public:
+  LineFile() = default;
+  // Open for appending (O_APPEND), so that lines of several processes do not overwrite each other.
+  explicit LineFile(UniqueDescriptor file) : file_(std::move(file)) {}
+
+  explicit operator bool() const { return static_cast<bool>(file_); }
+  int descriptor() const { return file_.get(); }
+
+  // Appends the line, which ends in a newline, in one call of write; the rest of a short write
+  // follows in more. False when some of it could not be written: the next line then starts on a
+  // line of its own. Leaves errno as it was.
+  bool append(std::string_view line);
+
+ private:
+  bool writeAll(std::string_view bytes);
+
+  UniqueDescriptor file_;
+  bool torn_ = false;  // the file ends in the middle of a line
+};
+
+}  // namespace quorvel::onlinux

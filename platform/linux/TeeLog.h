@@ -1,0 +1,38 @@
+// One call to several log sinks.
+#pragma once
+
+#include <utility>
+#include <vector>
+
+#include "platform/Log.h"
+#include "platform/MigrationHost.h"
+
+namespace quorvel::onlinux {
+
+// Each sink gets every call, in the order given. The sinks outlive the tee, which is as safe
+// between threads as they are.
+class TeeHostLog final : public HostLogWriter {
+ public:
+  explicit TeeHostLog(std::vector<HostLogWriter*> sinks) : sinks_(std::move(sinks)) {}
+  void write(const char* sourceFile, const char* function, int line, const char* category,
+             int level, std::string_view message) override {
+    for (auto* sink : sinks_) sink->write(sourceFile, function, line, category, level, message);
+  }
+
+ private:
+  std::vector<HostLogWriter*> sinks_;
+};
+
+class TeeLog final : public LogWriter {
+ public:
+  explicit TeeLog(std::vector<LogWriter*> sinks) : sinks_(std::move(sinks)) {}
+  void write(const LogHandle* handle, int level, const char* function,
+             std::string_view message) override {
+    for (auto* sink : sinks_) sink->write(handle, level, function, message);
+  }
+
+ private:
+  std::vector<LogWriter*> sinks_;
+};
+
+}  // namespace quorvel::onlinux

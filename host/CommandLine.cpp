@@ -1,0 +1,137 @@
+#include "host/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <map>
+#include <string_view>
+
+#include "host/ExitCode.h"
+#include "host/TerminalText.h"
+#include "platform/FileSystemRepresentation.h"
+
+namespace quorvel::host {
+
+namespace {
+
+constexpr const char* ExitCodesText =
+    "Exit codes: 0 done, also when there was nothing to do; 1 it ran and reported failure;\n"
+    "2 usage; 3 the plug-in cannot be loaded; 4 the device tree cannot be entered.";
+
+std::string NotEmpty(const std::string& value) {
+  return value.empty() ? "the value is empty" : std::string();
+}
+
+std::string GoodIdentifier(const std::string& value) {
+  if (value.empty()) return "the identifier is empty";
+  if (StringFromFileSystemRepresentation(value) != value || Printable(value) != value) {
+    return "the identifier is no printable UTF-8 text";
+  }
+  return {};
+}
+
+void AddRoot(CLI::App& command, Options& options) {
+  command.add_option("--root", options.root, "The device tree to work in")
+      ->required()
+      ->type_name("DIR")
+      ->check(NotEmpty);
+}
+
+void AddJson(CLI::App& command, Options& options) {
+  command.add_flag("--json", options.json, "One JSON object on standard output")
+      ->disable_flag_override();
+}
+
+void AddMigrate(CLI::App& parser, Options& options) {
+  CLI::App* command = parser.add_subcommand("migrate", "Migrate the device tree");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  command->add_option("--log", options.logFile, "Append every log call as a JSON line")
+      ->type_name("FILE")
+      ->check(NotEmpty);
+  static const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::automatic},
+                                                            {"always", ProgressMode::always},
+                                                            {"never", ProgressMode::never}};
+  command->add_option("--progress", options.progress, "Show progress on standard error")
+      ->type_name("auto|always|never")
+      ->transform(CLI::CheckedTransformer(modes).description(""));
+  command->add_option("--plugin", options.plugin, "The plug-in to load (default: beside the host)")
+      ->type_name("FILE")
+      ->check(NotEmpty);
+  command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")
+      ->disable_flag_override();
+  command->callback([&options] { options.command = Command::migrate; });
+  command->footer(
+      "Example:\n"
+      "  mkdir -p /tmp/device && migration-host migrate --root /tmp/device --log /tmp/device.log");
+}
+
+void AddInspect(CLI::App& parser, Options& options) {
+  CLI::App* command =
+      parser.add_subcommand("inspect", "Show what a migration would do; changes nothing");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  command->callback([&options] { options.command = Command::inspect; });
+  command->footer("Example:\n  mkdir -p /tmp/device && migration-host inspect --root /tmp/device");
+}
+
+void AddRegistry(CLI::App& parser, Options& options) {
+  CLI::App* command = parser.add_subcommand(
+      "registry", "Show what the registry, the safe harbors and data protection hold");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  command->callback([&options] { options.command = Command::registry; });
+  command->footer(
+      "Example:\n  mkdir -p /tmp/device && migration-host registry --root /tmp/device --json");
+}
+
+void AddRegister(CLI::App& parser, Options& options) {
+  CLI::App* command =
+      parser.add_subcommand("register", "Add a registry record with no bundle behind it");
+  AddRoot(*command, options);
+  command->add_option("--identifier", options.identifier, "The bundle identifier to record")
+      ->required()
+      ->type_name("ID")
+      ->check(GoodIdentifier);
+  command->callback([&options] { options.command = Command::registerIdentifier; });
+  command->footer(
+      "Example:\n"
+      "  mkdir -p /tmp/device && migration-host register --root /tmp/device --identifier "
+      "com.example.tunnel");
+}
+
+bool AsksForJson(int argc, const char* const* argv) {
+  return std::any_of(argv, argv + argc,
+                     [](const char* argument) { return std::string_view(argument) == "--json"; });
+}
+
+}  // namespace
+
+ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
+  Options options;
+  CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
+  parser.set_version_flag("--version", "migration-host " QUORVEL_VERSION);
+  parser.require_subcommand(1);
+  parser.footer(ExitCodesText);
+  AddMigrate(parser, options);
+  AddInspect(parser, options);
+  AddRegistry(parser, options);
+  AddRegister(parser, options);
+
+  ParsedCommandLine parsed;
+  try {
+    parser.parse(argc, argv);
+    parsed.options = std::move(options);
+  } catch (const CLI::CallForHelp&) {
+    const auto chosen = parser.get_subcommands();
+    parsed.text = (chosen.empty() ? &parser : chosen.front())->help();
+  } catch (const CLI::CallForVersion& version) {
+    parsed.text = std::string(version.what()) + "\n";
+  } catch (const CLI::ParseError& error) {
+    parsed.exitCode = ExitUsage;
+    parsed.text = Printable(error.what());
+    parsed.json = AsksForJson(argc, argv);
+  }
+  return parsed;
+}
+
+}  // namespace quorvel::host

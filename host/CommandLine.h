@@ -1,0 +1,38 @@
+// The command line: what the user asked for, or why that cannot be told.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace quorvel::host {
+
+enum class Command { migrate, inspect, registry, registerIdentifier };
+enum class ProgressMode { automatic, always, never };
+
+// A command with its arguments. Paths are the bytes that the user gave.
+struct Options {
+  Command command = Command::inspect;
+  std::string root;
+  bool json = false;
+  // migrate only:
+  bool quiet = false;
+  ProgressMode progress = ProgressMode::automatic;
+  std::string logFile;  // empty: none
+  std::string plugin;   // empty: the one beside the executable
+  // register only:
+  std::string identifier;
+};
+
+// Options to run with; without them, `exitCode` and the text that goes with it: help or the version
+// for standard output when the code is 0, the complaint otherwise.
+struct ParsedCommandLine {
+  std::optional<Options> options;
+  int exitCode = 0;
+  std::string text;
+  bool json = false;  // whether a complaint belongs on standard output as an object too
+};
+
+// Touches nothing but its arguments.
+ParsedCommandLine ParseCommandLine(int argc, const char* const* argv);
+
+}  // namespace quorvel::host

@@ -1,0 +1,31 @@
+// What the process tells whoever started it, and the errors that end it.
+#pragma once
+
+#include <string>
+#include <utility>
+
+namespace quorvel::host {
+
+enum ExitCode : int {
+  ExitSucceeded = 0,       // done, also when there was nothing to do
+  ExitFailed = 1,          // ran and reported failure
+  ExitUsage = 2,           // the command line cannot be used; nothing was opened or changed
+  ExitPluginUnusable = 3,  // the plug-in cannot be loaded, or yields no instance
+  ExitRootUnusable = 4,    // the device tree cannot be entered, or another host is at work in it
+};
+
+// An error that ends the command: what is wrong, naming the path, and what to do about it. Each is
+// one line of printable text (TerminalText.h) without a final period or line feed.
+struct FatalError {
+  int exitCode = ExitFailed;
+  std::string problem;
+  std::string remedy;
+};
+
+// Fills the error; false, so that a failing operation can end with it.
+inline bool Fail(FatalError& error, int exitCode, std::string problem, std::string remedy) {
+  error = {exitCode, std::move(problem), std::move(remedy)};
+  return false;
+}
+
+}  // namespace quorvel::host

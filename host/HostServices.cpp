@@ -1,0 +1,117 @@
+#include "host/HostServices.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <optional>
+#include <vector>
+
+#include "host/TerminalText.h"
+#include "platform/linux/BundleReaderLinux.h"
+#include "platform/linux/DeviceLog.h"
+#include "platform/linux/FileDataLinux.h"
+#include "platform/linux/FileSystemLinux.h"
+#include "platform/linux/IconRendererLinux.h"
+#include "platform/linux/JsonLineLog.h"
+#include "platform/linux/PreferencesPlist.h"
+#include "platform/linux/PropertyListFiles.h"
+#include "platform/linux/TeeLog.h"
+#include "platform/linux/TreeWalkerLinux.h"
+#include "shared/configuration/QVGlobalConfiguration.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel::host {
+
+namespace {
+
+// The directories that the closing message of a failed migration asks for in a bug report.
+constexpr const char* HostLogDirectory = "/private/var/mobile/Library/Logs/Corvenna";
+constexpr const char* ServiceLogDirectory = "/private/var/mobile/Library/Logs/Quorvel";
+
+}  // namespace
+
+struct HostServices::Services {
+  explicit Services(DeviceAccess wanted) : access(wanted) {}
+
+  const DeviceAccess access;
+  onlinux::FileSystemLinux fileSystem;
+  onlinux::TreeWalkerLinux treeWalker;
+  onlinux::BundleReaderLinux bundles;
+  onlinux::PropertyListFiles propertyLists;
+  onlinux::FileDataLinux fileData;
+  onlinux::IconRendererLinux icons;
+  onlinux::PreferencesPlist preferences;
+  std::optional<onlinux::JsonLineLog> jsonLog;
+  onlinux::DeviceHostLog deviceHostLog{HostLogDirectory};
+  onlinux::DeviceLog deviceLog{ServiceLogDirectory};
+  std::vector<HostLogWriter*> hostSinks;
+  std::vector<LogWriter*> sinks;
+  std::vector<HostLogWriter*> listeners;
+  std::optional<onlinux::TeeHostLog> hostLog;
+  std::optional<onlinux::TeeLog> log;
+  std::optional<onlinux::ApplicationRegistryLinux> registry;
+  PlatformServices set;
+};
+
+HostServices::HostServices(DeviceAccess access) : services_(std::make_unique<Services>(access)) {}
+
+HostServices::~HostServices() { QVInstallPlatformServices(nullptr); }
+
+bool HostServices::openLog(const std::string& file, FatalError& error) {
+  // Not blocking, so that a pipe without a reader is refused at once.
+  UniqueDescriptor descriptor(::open(
+      file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644));
+  if (!descriptor) {
+    return Fail(error, ExitUsage, Printable(file) + ": " + ErrnoDescription(errno),
+                "Name a file that can be written with --log");
+  }
+  (void)::fcntl(descriptor.get(), F_SETFL, O_APPEND);
+  services_->jsonLog.emplace(std::move(descriptor));
+  services_->hostSinks.push_back(&*services_->jsonLog);
+  services_->sinks.push_back(&*services_->jsonLog);
+  return true;
+}
+
+void HostServices::listen(HostLogWriter& listener) { services_->listeners.push_back(&listener); }
+
+void HostServices::install() {
+  Services& own = *services_;
+  if (own.access == DeviceAccess::change) {
+    own.hostSinks.push_back(&own.deviceHostLog);
+    own.sinks.push_back(&own.deviceLog);
+  }
+  own.hostSinks.insert(own.hostSinks.end(), own.listeners.begin(), own.listeners.end());
+  own.hostLog.emplace(own.hostSinks);
+  own.log.emplace(own.sinks);
+  own.set.log = &*own.log;
+  own.set.hostLog = &*own.hostLog;
+  own.set.bundles = &own.bundles;
+  own.set.icons = &own.icons;
+  own.set.propertyLists = &own.propertyLists;
+  own.set.fileData = &own.fileData;
+  own.set.fileSystem = &own.fileSystem;
+  own.set.treeWalker = &own.treeWalker;
+  own.set.preferences = &own.preferences;
+  QVInstallPlatformServices(&own.set);
+
+  // The blacklist is the configuration's, which needs the services above.
+  onlinux::RegistryOptions options;
+  options.readOnly = own.access == DeviceAccess::look;
+  options.blacklist = QVGlobalConfiguration::sharedInstance().installationBlacklist();
+  own.registry.emplace(own.fileSystem, own.bundles, std::move(options));
+  own.set.workspace = &own.registry->workspace();
+  own.set.installationService = &own.registry->installationService();
+}
+
+const PlatformServices& HostServices::set() const { return services_->set; }
+
+onlinux::ApplicationRegistryLinux& HostServices::registry() { return *services_->registry; }
+
+LegacyLayout LegacyLayoutOfDevice() {
+  const QVGlobalConfiguration& configuration = QVGlobalConfiguration::sharedInstance();
+  return {configuration.oldContainerPath(), configuration.oldInstallMapPath(),
+          configuration.oldDataDirectoryPath().child("SafeHarbor.plist")};
+}
+
+}  // namespace quorvel::host

@@ -1,0 +1,50 @@
+// The platform services that the host installs, in their Linux implementation.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/ExitCode.h"
+#include "host/Inspection.h"
+#include "platform/Services.h"
+#include "platform/linux/ApplicationRegistryLinux.h"
+
+namespace quorvel::host {
+
+enum class DeviceAccess {
+  change,
+  look,  // nothing on the device changes: no logs there, the registry read only
+};
+
+// Made before the process is confined: what the services need from outside is opened then. One per
+// process; it must live as long as anything uses the services. The services that a migration
+// never reaches are absent.
+class HostServices {
+ public:
+  explicit HostServices(DeviceAccess access);
+  ~HostServices();
+  HostServices(const HostServices&) = delete;
+  HostServices& operator=(const HostServices&) = delete;
+
+  // Before confinement: every call of either log is appended to the file as a line of JSON.
+  bool openLog(const std::string& file, FatalError& error);
+  // Before install(): `listener` hears every line of the plug-in's log, after the files.
+  void listen(HostLogWriter& listener);
+
+  // In the device tree: makes the services the process's. Lines go to the device's own log
+  // directories from here on, when it may be changed.
+  void install();
+
+  // After install().
+  const PlatformServices& set() const;
+  onlinux::ApplicationRegistryLinux& registry();
+
+ private:
+  struct Services;
+  std::unique_ptr<Services> services_;
+};
+
+// The legacy layout of the device tree that the process is confined to, after install().
+LegacyLayout LegacyLayoutOfDevice();
+
+}  // namespace quorvel::host

@@ -1,0 +1,28 @@
+// JSON on standard output: keys in the documented order, one object on one line.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "platform/Path.h"
+
+namespace quorvel::host {
+
+using Json = nlohmann::ordered_json;
+
+// Text that is no UTF-8 is replaced rather than refused: texts of the system are UTF-8, bytes of
+// file names included (FileSystemRepresentation.h).
+inline std::string JsonLine(const Json& object) {
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+inline Json JsonOrNull(const std::optional<std::string>& text) {
+  return text ? Json(*text) : Json(nullptr);
+}
+
+inline Json JsonOrNull(const std::optional<Path>& path) {
+  return path ? Json(path->string()) : Json(nullptr);
+}
+
+}  // namespace quorvel::host

@@ -1,0 +1,106 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <optional>
+
+#include "host/Commands.h"
+#include "host/DeviceRoot.h"
+#include "host/ExitCode.h"
+#include "host/FailureWords.h"
+#include "host/HostServices.h"
+#include "host/MigrationResult.h"
+#include "host/Output.h"
+#include "host/PluginBundle.h"
+#include "host/ProgressDisplay.h"
+#include "host/RunAccount.h"
+#include "host/TerminalText.h"
+
+namespace quorvel::host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+bool ShowsProgress(const Options& options, Terminal terminal) {
+  if (options.progress == ProgressMode::automatic) return terminal.isTerminal && !options.quiet;
+  return options.progress == ProgressMode::always;
+}
+
+// Everything that is needed from outside the device tree, then the tree itself.
+bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, HostServices& services,
+             FatalError& error) {
+  if (!root.open(options.root, error) || !bundle.load(options.plugin, error)) return false;
+  if (!options.logFile.empty() && !services.openLog(options.logFile, error)) return false;
+  return root.lock(error) && root.enter(DeviceRoot::Access::change, error);
+}
+
+MigrationResult Drive(MigratorPlugin& plugin, const RunAccount& account, const Options& options,
+                      Clock::time_point start) {
+  MigrationResult result;
+  const Terminal terminal = DescribeTerminal(STDERR_FILENO);
+  std::optional<ProgressDisplay> display;
+  if (ShowsProgress(options, terminal)) display.emplace(plugin, account, terminal);
+  result.succeeded = plugin.performMigration();
+  display.reset();
+  result.dataClassName = plugin.dataClassName();
+  result.estimatedDuration = plugin.estimatedDuration();
+  result.items = account.items();
+  result.progress = plugin.migrationProgress();
+  result.seconds = SecondsSince(start);
+  return result;
+}
+
+void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account, const Options& options) {
+  if (options.json || options.quiet) return;
+  const auto estimate = static_cast<long>(plugin.estimatedDuration() + 0.5F);
+  // A failure shows again when the result is written.
+  (void)WriteWhole(STDOUT_FILENO, std::to_string(account.items()) +
+                                      " items to migrate, estimated duration " +
+                                      std::to_string(estimate) + " s.\n");
+}
+
+int Report(const MigrationResult& result, const RunAccount& account, const Path& legacyContainers,
+           const Options& options) {
+  const int code = result.succeeded ? ExitSucceeded : ExitFailed;
+  if (options.json) return WriteResult(ResultAsJson(result), code);
+  if (options.quiet && result.succeeded) return code;
+  const int stream = options.quiet ? STDERR_FILENO : STDOUT_FILENO;
+  const std::string text =
+      ResultAsText(result, account, legacyContainers, options, DescribeTerminal(stream));
+  if (!options.quiet) return WriteResult(text, code);
+  (void)WriteWhole(STDERR_FILENO, text);
+  return code;
+}
+
+}  // namespace
+
+int RunMigrate(const Options& options) {
+  FatalError error;
+  DeviceRoot root;
+  PluginBundle bundle;
+  HostServices services(DeviceAccess::change);
+  RunAccount account(!options.json && !options.quiet);
+  if (!Prepare(options, root, bundle, services, error)) return ReportFatal(error, options.json);
+  services.listen(account);
+  services.install();
+  const auto start = Clock::now();
+  const std::unique_ptr<MigratorPlugin> plugin = bundle.create(error);
+  if (plugin == nullptr) {
+    account.finish();
+    for (const std::string& reason : account.generalReasons()) {
+      error.problem += ": " + InWords(reason).text;
+    }
+    return ReportFatal(error, options.json);
+  }
+  ShowEstimate(*plugin, account, options);
+  const MigrationResult result = Drive(*plugin, account, options, start);
+  account.finish();
+  return Report(result, account, LegacyLayoutOfDevice().containers, options);
+}
+
+}  // namespace quorvel::host

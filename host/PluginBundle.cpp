@@ -1,0 +1,80 @@
+#include "host/PluginBundle.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "host/TerminalText.h"
+#include "platform/Error.h"
+
+namespace quorvel::host {
+
+namespace {
+
+constexpr const char* PluginFileName = "Ravelle.so";
+constexpr const char* Remedy = "Name the plug-in's shared object with --plugin";
+
+std::string BesideExecutable() {
+  std::error_code failure;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", failure);
+  return failure ? PluginFileName : (self.parent_path() / PluginFileName).string();
+}
+
+// The loader searches its own directories for a name without a slash; users mean a file.
+std::string AsFile(const std::string& name) {
+  return name.find('/') == std::string::npos ? "./" + name : name;
+}
+
+std::string LoaderMessage() {
+  const char* message = ::dlerror();  // NOLINT(concurrency-mt-unsafe): still one thread
+  return Printable(message != nullptr ? message : "unknown error");
+}
+
+}  // namespace
+
+bool PluginBundle::load(const std::string& file, FatalError& error) {
+  const std::string name = AsFile(file.empty() ? BesideExecutable() : file);
+  printable_ = Printable(name);
+  struct stat info {};
+  if (::stat(name.c_str(), &info) != 0) {
+    return Fail(error, ExitPluginUnusable, printable_ + ": " + ErrnoDescription(errno), Remedy);
+  }
+  if (!S_ISREG(info.st_mode)) {  // a pipe would block the loader for ever
+    return Fail(error, ExitPluginUnusable, printable_ + ": this is no file", Remedy);
+  }
+  void* bundle = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (bundle == nullptr) {
+    return Fail(error, ExitPluginUnusable, printable_ + ": cannot be loaded: " + LoaderMessage(),
+                Remedy);
+  }
+  entry_ = reinterpret_cast<MigratorPluginEntry>(::dlsym(bundle, MigratorPluginEntryName));
+  if (entry_ == nullptr) {
+    return Fail(error, ExitPluginUnusable,
+                printable_ + ": this is no plug-in: it does not export " + MigratorPluginEntryName,
+                Remedy);
+  }
+  return true;
+}
+
+std::unique_ptr<MigratorPlugin> PluginBundle::create(FatalError& error) const {
+  std::unique_ptr<MigratorPlugin> plugin(entry_(MigratorPluginInterfaceVersion));
+  if (plugin == nullptr) {
+    Fail(error, ExitPluginUnusable,
+         printable_ + ": the plug-in does not support interface version " +
+             std::to_string(MigratorPluginInterfaceVersion) + " of this host",
+         "Use the plug-in that was built with this host");
+    return nullptr;
+  }
+  if (plugin->init() == nullptr) {
+    Fail(error, ExitPluginUnusable,
+         printable_ + ": the plug-in cannot be initialised for this device tree",
+         "Run again with --log FILE to see what it reports");
+    return nullptr;
+  }
+  return plugin;
+}
+
+}  // namespace quorvel::host

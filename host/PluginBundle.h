@@ -1,0 +1,29 @@
+// The plug-in's bundle: a shared object with one exported entry point.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/ExitCode.h"
+#include "platform/MigrationHost.h"
+
+namespace quorvel::host {
+
+// Once loaded the object stays until the process ends: instances, and what they registered to run
+// at exit, need its code.
+class PluginBundle {
+ public:
+  // Loads the file (empty: the plug-in beside the executable) with everything that it needs, so
+  // that nothing is looked for once the root has changed.
+  bool load(const std::string& file, FatalError& error);
+
+  // A new instance that is ready to be driven; null with the error when the plug-in refuses this
+  // host, or cannot be initialised. The platform services must be installed.
+  std::unique_ptr<MigratorPlugin> create(FatalError& error) const;
+
+ private:
+  MigratorPluginEntry entry_ = nullptr;
+  std::string printable_;
+};
+
+}  // namespace quorvel::host

@@ -1,0 +1,92 @@
+#include "host/ProgressDisplay.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <system_error>
+
+#include "host/Output.h"
+#include "host/TerminalText.h"
+
+namespace quorvel::host {
+
+namespace {
+
+constexpr auto RedrawInterval = std::chrono::milliseconds(100);
+constexpr std::size_t WidestBar = 30;
+constexpr const char* ClearLine = "\r\x1b[K";
+
+std::string Percent(float progress) {
+  const std::string digits = std::to_string(static_cast<int>(std::floor(progress * 100.0F)));
+  return std::string(3 - std::min<std::size_t>(3, digits.size()), ' ') + digits + "%";
+}
+
+}  // namespace
+
+ProgressDisplay::ProgressDisplay(const MigratorPlugin& plugin, const RunAccount& account,
+                                 Terminal terminal)
+    : plugin_(plugin), account_(account), terminal_(terminal) {
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (const std::system_error&) {
+    // No thread to be had: the migration matters, its display does not.
+  }
+}
+
+void ProgressDisplay::stop() {
+  if (!thread_.joinable()) return;
+  {
+    const std::scoped_lock lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_one();
+  thread_.join();
+  if (terminal_.isTerminal) (void)WriteWhole(STDERR_FILENO, ClearLine);
+}
+
+void ProgressDisplay::run() {
+  std::unique_lock lock(mutex_);
+  do {
+    lock.unlock();
+    draw();
+    lock.lock();
+  } while (!wake_.wait_for(lock, RedrawInterval, [this] { return stopping_; }));
+  lock.unlock();
+  draw();  // a short migration's only sign of life
+}
+
+void ProgressDisplay::draw() {
+  const float read = plugin_.migrationProgress();
+  const float progress = read >= 0.0F ? std::min(read, 1.0F) : 0.0F;  // also for a NaN
+  const std::string app = Printable(account_.current());
+  std::string line;
+  if (terminal_.isTerminal) {
+    line = ClearLine + bar(progress, app);
+  } else {
+    line = Percent(progress) + (app.empty() ? "" : " migrating " + app) + "\n";
+  }
+  if (line == shown_) return;
+  (void)WriteWhole(STDERR_FILENO, line);
+  shown_ = std::move(line);
+}
+
+// Never wider than the terminal less one column: a full line would wrap, and stay.
+std::string ProgressDisplay::bar(float progress, const std::string& app) const {
+  const std::size_t columns = std::max<std::size_t>(TerminalColumns(STDERR_FILENO), 12) - 1;
+  const std::size_t cells = std::min(WidestBar, columns / 3);
+  const auto full = static_cast<std::size_t>(progress * static_cast<float>(cells));
+  const std::string percent = Percent(progress);
+  std::string line = "[";
+  if (terminal_.colors) line += "\x1b[32m";
+  line.append(full, '#');
+  if (terminal_.colors) line += "\x1b[0m";
+  line.append(cells - full, '-');
+  line += "] " + percent;
+  const std::size_t used = cells + 3 + percent.size();
+  if (!app.empty() && used + 1 < columns) line += " " + CutEnd(app, columns - used - 1);
+  return line;
+}
+
+}  // namespace quorvel::host

@@ -1,0 +1,43 @@
+// Shows how far the migration is while it runs.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "host/RunAccount.h"
+#include "host/Terminal.h"
+#include "platform/MigrationHost.h"
+
+namespace quorvel::host {
+
+// From construction to stop() a thread reads the plug-in's progress and the account and draws one
+// line on standard error, redrawn in place on a terminal, a new one per app elsewhere. The plug-in
+// and the account must outlive it. Failures to draw are of no consequence.
+class ProgressDisplay {
+ public:
+  ProgressDisplay(const MigratorPlugin& plugin, const RunAccount& account, Terminal terminal);
+  ~ProgressDisplay() { stop(); }
+  ProgressDisplay(const ProgressDisplay&) = delete;
+  ProgressDisplay& operator=(const ProgressDisplay&) = delete;
+
+  // Ends the thread and clears the line.
+  void stop();
+
+ private:
+  void run();
+  void draw();
+  std::string bar(float progress, const std::string& app) const;
+
+  const MigratorPlugin& plugin_;
+  const RunAccount& account_;
+  const Terminal terminal_;
+  std::string shown_;  // the thread's own
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace quorvel::host

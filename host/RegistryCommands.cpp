@@ -1,0 +1,124 @@
+#include "host/Commands.h"
+#include "host/DeviceRoot.h"
+#include "host/ExitCode.h"
+#include "host/HostServices.h"
+#include "host/Json.h"
+#include "host/Output.h"
+#include "host/TerminalText.h"
+
+namespace quorvel::host {
+
+namespace {
+
+using onlinux::RegistrySnapshot;
+
+Json GroupsAsJson(const BundleProxy& bundle) {
+  if (!bundle.groupContainerPaths) return nullptr;
+  Json groups = Json::object();
+  for (const auto& [identifier, path] : *bundle.groupContainerPaths) {
+    groups[identifier] = path.string();
+  }
+  return groups;
+}
+
+Json BundleAsJson(const BundleProxy& bundle) {
+  Json object;
+  object["identifier"] = bundle.bundleIdentifier;
+  object["bundleType"] = bundle.bundleType;
+  object["version"] = bundle.bundleVersion.empty() ? Json(nullptr) : Json(bundle.bundleVersion);
+  object["placeholder"] = bundle.isPlaceholder;
+  object["foundBackingBundle"] = bundle.foundBackingBundle;
+  object["bundlePath"] = JsonOrNull(bundle.bundlePath);
+  object["bundleContainerPath"] = JsonOrNull(bundle.bundleContainerPath);
+  object["dataContainerPath"] = JsonOrNull(bundle.dataContainerPath);
+  object["groupContainers"] = GroupsAsJson(bundle);
+  return object;
+}
+
+std::string AsJson(const RegistrySnapshot& registry) {
+  Json bundles = Json::array();
+  for (const BundleProxy& bundle : registry.bundles) bundles.push_back(BundleAsJson(bundle));
+  Json harbors = Json::array();
+  for (const onlinux::SafeHarborRecord& harbor : registry.safeHarbors) {
+    Json object;
+    object["identifier"] = harbor.identifier;
+    object["path"] = harbor.path;
+    object["containerType"] = harbor.containerType;
+    harbors.push_back(std::move(object));
+  }
+  Json object;
+  object["bundles"] = std::move(bundles);
+  object["safeHarbors"] = std::move(harbors);
+  object["dataProtectionUpdated"] = registry.dataProtectionUpdated;
+  return JsonLine(object);
+}
+
+const char* StateOf(const BundleProxy& bundle) {
+  if (bundle.isPlaceholder) return "placeholder";
+  return bundle.foundBackingBundle ? "installed" : "no bundle";
+}
+
+std::string AsText(const RegistrySnapshot& registry) {
+  std::string text = registry.bundles.empty() ? "No bundles.\n" : "";
+  const auto path = [&text](const char* label, const std::string& value) {
+    text += std::string(2, ' ') + Padded(label, 8) + Printable(value) + "\n";
+  };
+  for (const BundleProxy& bundle : registry.bundles) {
+    text += Printable(bundle.bundleIdentifier) + "  " + Printable(bundle.bundleType) + "  " +
+            (bundle.bundleVersion.empty() ? "-" : Printable(bundle.bundleVersion)) + "  " +
+            StateOf(bundle) + "\n";
+    if (bundle.bundlePath) path("bundle", bundle.bundlePath->string());
+    if (bundle.dataContainerPath) path("data", bundle.dataContainerPath->string());
+    if (!bundle.groupContainerPaths) continue;
+    for (const auto& [identifier, container] : *bundle.groupContainerPaths) {
+      path("group", identifier + "  " + container.string());
+    }
+  }
+  for (const onlinux::SafeHarborRecord& harbor : registry.safeHarbors) {
+    text += "Safe harbor " + Printable(harbor.identifier) + "  type " +
+            std::to_string(harbor.containerType) + "  " + Printable(harbor.path) + "\n";
+  }
+  return text + "Data protection: " + (registry.dataProtectionUpdated ? "" : "not ") + "updated\n";
+}
+
+int ReportFailure(const DeviceRoot& root, const Error& failure, const Options& options) {
+  return ReportFatal({ExitFailed, root.printable() + ": " + Printable(failure.description()),
+                      "Check the registry's files in the device tree"},
+                     options.json);
+}
+
+}  // namespace
+
+int RunRegistry(const Options& options) {
+  FatalError error;
+  DeviceRoot root;
+  HostServices services(DeviceAccess::look);
+  if (!root.open(options.root, error) || !root.enter(DeviceRoot::Access::look, error)) {
+    return ReportFatal(error, options.json);
+  }
+  services.install();
+  RegistrySnapshot registry;
+  Error failure;
+  if (!services.registry().snapshot(&registry, &failure)) {
+    return ReportFailure(root, failure, options);
+  }
+  return WriteResult(options.json ? AsJson(registry) : AsText(registry), ExitSucceeded);
+}
+
+int RunRegister(const Options& options) {
+  FatalError error;
+  DeviceRoot root;
+  HostServices services(DeviceAccess::change);
+  if (!root.open(options.root, error) || !root.lock(error) ||
+      !root.enter(DeviceRoot::Access::change, error)) {
+    return ReportFatal(error, options.json);
+  }
+  services.install();
+  Error failure;
+  if (!services.registry().registerIdentifier(options.identifier, &failure)) {
+    return ReportFailure(root, failure, options);
+  }
+  return WriteResult("Registered " + options.identifier + ".\n", ExitSucceeded);
+}
+
+}  // namespace quorvel::host

@@ -1,0 +1,19 @@
+// What an output stream can show.
+#pragma once
+
+#include <cstddef>
+
+namespace quorvel::host {
+
+// One stream's abilities at the moment of asking.
+struct Terminal {
+  bool isTerminal = false;  // a person's, able to move its cursor
+  bool colors = false;      // isTerminal, and NO_COLOR is not set
+};
+
+Terminal DescribeTerminal(int descriptor);
+
+// Its width in columns now: people resize windows. 80 when it does not say.
+std::size_t TerminalColumns(int descriptor);
+
+}  // namespace quorvel::host

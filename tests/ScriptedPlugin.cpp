@@ -1,0 +1,102 @@
+// A plug-in that does what the environment variable SCRIPT says, for tests of the host. SCRIPT
+// holds words separated by blanks:
+//   refuse        creation yields no instance, as for a foreign interface version
+//   init-fails    init() yields no instance
+//   fail          the second app fails and the migration reports failure
+//   touch         creates "/entered" by its absolute path
+//   hold          performMigration() creates "/holding" and waits until "/release" exists
+//   nasty         the second app's identifier tries to play with the terminal
+// Three apps are "migrated": lines are logged as the real plug-in logs them.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "platform/MigrationHost.h"
+#include "shared/support/Logging.h"
+
+namespace {
+
+using quorvel::HostLogV;
+
+bool Scripted(std::string_view word) {
+  const char* script = std::getenv("SCRIPT");
+  const std::string words = " " + std::string(script != nullptr ? script : "") + " ";
+  return words.find(" " + std::string(word) + " ") != std::string::npos;
+}
+
+void Touch(const char* path) { ::close(::open(path, O_CREAT | O_WRONLY | O_CLOEXEC, 0666)); }
+
+void Log(const char* function, int level, const std::string& message) {
+  HostLogV(__FILE__, function, __LINE__, "Corvennad", level, "QVRavelle: " + message);
+}
+
+constexpr const char* Driver = "-[QVRavelle performMigration]";
+constexpr int Items = 3;
+
+class ScriptedPlugin final : public quorvel::MigratorPlugin {
+ public:
+  MigratorPlugin* init() override {
+    if (Scripted("init-fails")) {
+      Log("-[QVRavelle init]", 3,
+          "Failed to get items at file:///legacy/ : PosixErrorDomain 13 {}");
+      return nullptr;
+    }
+    Log("-[QVRavelle init]", 5, std::to_string(Items) + " items to migrate");
+    return this;
+  }
+  const char* dataClassName() const override { return "QVRavelle"; }
+  float estimatedDuration() const override { return 20.0F + 2.25F * Items; }
+  float migrationProgress() const override {
+    return static_cast<float>(done_.load()) / static_cast<float>(Items);
+  }
+
+  bool performMigration() override {
+    if (Scripted("touch")) Touch("/entered");
+    bool succeeded = true;
+    const std::array<std::string, Items> identifiers = {
+        "com.example.one", Scripted("nasty") ? "com.example.\x1b[2J\xFF\ntwo" : "com.example.two",
+        "com.example.three"};
+    for (const std::string& identifier : identifiers) {
+      const std::string bundle = "/private/var/mobile/Applications/" + identifier + "/A.app";
+      Log(Driver, 5, "Migrating " + identifier + " at " + bundle);
+      if (done_ == 1) succeeded = second(identifier, bundle);
+      ++done_;
+    }
+    if (!succeeded) Log(Driver, 3, "Returning migration failed.");
+    return succeeded;
+  }
+
+ private:
+  static bool second(const std::string& identifier, const std::string& bundle) {
+    if (Scripted("hold")) {
+      Touch("/holding");
+      while (::access("/release", F_OK) != 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+    }
+    if (!Scripted("fail")) return true;
+    Log("-[QVRavelle _migrateContainerWithInfo:]", 3,
+        "Failed to get bundle proxy for identifier " + identifier);
+    Log(Driver, 3, "Migration of " + identifier + " at " + bundle + " failed");
+    return false;
+  }
+
+  std::atomic<int> done_ = 0;
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) quorvel::MigratorPlugin* QVMigratorPluginCreate(
+    std::uint32_t interfaceVersion) {
+  if (Scripted("refuse") || interfaceVersion != quorvel::MigratorPluginInterfaceVersion) {
+    return nullptr;
+  }
+  return new ScriptedPlugin;
+}

@@ -1,4 +1,4 @@
-// Moves across file systems that can be killed at any point and repeated.
+// Moves that can be killed at any point and repeated, also across file systems.
 #pragma once
 
 #include "platform/Error.h"
@@ -6,14 +6,18 @@
 
 namespace quorvel::onlinux {
 
-// Moves the item `from` to `to`, which it replaces whatever is there; the parent of `to` exists.
-// Within one file system it is one rename, which the caller flushes when that is needed. Across
-// file systems the copy grows as the hidden sibling ".<name>.incoming" of `to`, is flushed, takes
-// its place, and only then the source is renamed to its own sibling ".<name>.outgoing" and
-// removed. So at every instant `from` or `to` is whole, and a call repeated after a kill
-// completes the move: with `from` gone and `to` there it only clears what is left of the source
-// and succeeds; with both missing it fails with ENOENT. Remains of the source that cannot be
-// removed after the move do not fail it. Failures are PosixErrorDomain records.
+// Moves the item `from` to `to` as rename does: replaces a file or an empty directory there,
+// fails with ENOTEMPTY, EISDIR or ENOTDIR for what it cannot replace. The parent of `to` exists.
+//
+// Within one file system this is one rename, which the caller flushes when that is needed. Across
+// file systems the copy grows as a hidden sibling of `to` (".<name>.incoming"), is flushed and
+// takes its place; only then the source becomes a hidden sibling of itself (".<name>.outgoing")
+// and is removed. A third sibling of `to`, ".<name>.moving", is there while the two renames are
+// under way. So at every instant `from` or `to` is whole, and a call repeated after a kill or a
+// power cut completes the move: with `from` gone and `to` there it only clears the remains and
+// succeeds; with both missing it fails with ENOENT. Remains of the source that cannot be removed
+// do not fail a move that is complete. Failures are PosixErrorDomain records. Any thread may
+// call, one at a time for each `to`.
 bool MoveItem(FileSystem& files, const char* from, const char* to, Error* error);
 
 }  // namespace quorvel::onlinux

@@ -1,0 +1,35 @@
+// The bytes of one regular file into another.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <memory>
+
+namespace quorvel::onlinux {
+
+// One per tree copy: it remembers what the file systems cannot do. Belongs to one thread.
+class DataCopier {
+ public:
+  // Shares blocks where the file system can, copies in the kernel where that is quicker, and
+  // leaves holes unread and unwritten. `output` is empty; `info` is of `input`, just taken. What
+  // a file gains meanwhile need not be copied; one that loses bytes ends where it then ends.
+  // False with errno set.
+  bool copy(int input, int output, const struct stat& info);
+
+ private:
+  bool shareBlocks(int input, int output);
+  bool copySmall(int input, int output, off_t size);
+  bool copyUnsized(int input, int output, off_t offset);
+  bool copySparse(int input, int output, off_t size);
+  bool copyRange(int input, int output, off_t offset, off_t end, off_t* reached);
+  ssize_t copyInKernel(int input, int output, off_t offset, std::size_t length);
+  ssize_t copyThroughBuffer(int input, int output, off_t offset, std::size_t length);
+  char* buffer();
+
+  bool mayShare_ = true;
+  bool mayCopyInKernel_ = true;
+  std::unique_ptr<char[]> buffer_;
+};
+
+}  // namespace quorvel::onlinux

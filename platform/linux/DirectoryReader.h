@@ -1,0 +1,38 @@
+// The entries of one directory, in large pieces and in little memory.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <memory>
+
+namespace quorvel::onlinux {
+
+struct DirectoryEntry {
+  const char* name = nullptr;  // valid until the next call on the reader
+  unsigned char type = 0;      // DT_*; DT_UNKNOWN where the file system does not tell
+};
+
+// Does not own the descriptor: the directory may be closed and opened anew between calls.
+class DirectoryReader {
+ public:
+  // The next entry other than "." and ".."; null at the end (errno 0) or on failure (errno set).
+  const DirectoryEntry* next(int descriptor);
+  // Reads from the first entry again.
+  void rewind();
+  // Gives up the buffer; reading goes on after the last entry that next() gave, also with another
+  // descriptor of the same directory.
+  void suspend();
+
+ private:
+  bool fill(int descriptor);
+
+  std::unique_ptr<char[]> buffer_;
+  std::size_t offset_ = 0;  // of the next record in the buffer
+  std::size_t end_ = 0;
+  off_t position_ = 0;  // the directory's own cookie of where the last entry given ends
+  bool seek_ = false;   // the descriptor is elsewhere
+  DirectoryEntry entry_;
+};
+
+}  // namespace quorvel::onlinux

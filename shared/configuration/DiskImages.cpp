@@ -1,0 +1,144 @@
+// Apps on attached disk images: the device tree says which drives there are, the mount table where
+// their media are mounted.
+#include <algorithm>
+#include <cerrno>
+
+#include "shared/configuration/QVGlobalConfiguration.h"
+#include "shared/support/Errors.h"
+#include "shared/support/Logging.h"
+#include "shared/support/PathStrings.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kMountPointForDevice = "-[QVGlobalConfiguration mountPointForDevice:]";
+constexpr const char* kMountPoints = "-[QVGlobalConfiguration diskImageMountPoints]";
+constexpr const char* kDirectories = "-[QVGlobalConfiguration diskImageApplicationsDirectories]";
+
+// Images mounted here are looked at by a debugger, not used.
+constexpr std::string_view kDebugMountPrefix = "/private/var/debug_mount";
+
+// An entry or iterator of the device tree, released when it goes.
+class Handle {
+ public:
+  explicit Handle(std::uint32_t handle) : handle_(handle) {}
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  ~Handle() {
+    if (handle_ != 0) Platform().hardware->release(handle_);
+  }
+  explicit operator bool() const { return handle_ != 0; }
+  std::uint32_t get() const { return handle_; }
+
+ private:
+  std::uint32_t handle_;
+};
+
+// The mount point of the medium, when the entry is one and it is mounted.
+std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
+                                              const std::vector<MountedFileSystem>& mounts) {
+  HardwareRegistry& hardware = *Platform().hardware;
+  if (!hardware.conformsTo(entry, HRMediaClass)) return std::nullopt;
+  const std::optional<std::string> name = hardware.stringProperty(entry, HRBSDNameKey);
+  if (!name) return std::nullopt;
+  const std::string device = FormatMessage("/dev/%@", *name);
+  const auto mount = std::find_if(
+      mounts.begin(), mounts.end(),
+      [&device](const MountedFileSystem& mounted) { return mounted.mountedFrom == device; });
+  if (mount == mounts.end()) return std::nullopt;
+  return QuorvelAdditions::stringWithFileSystemRepresentation(mount->mountPoint.data(),
+                                                              mount->mountPoint.size());
+}
+
+}  // namespace
+
+std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(HardwareEntry entry) {
+  const std::vector<MountedFileSystem> mounts = Platform().mounts->read();
+  if (mounts.empty()) {
+    QV_LOG(LogLevelError, kMountPointForDevice, "getmntinfo failed: %s", ErrnoDescription(errno));
+    return std::nullopt;
+  }
+  HardwareRegistry& hardware = *Platform().hardware;
+  HardwareIterator created = 0;
+  if (hardware.createDescendantIterator(entry, HRServicePlane, &created) != 0) {
+    QV_LOG(LogLevelError, kMountPointForDevice,
+           "HRRegistryEntryCreateIterator failed for deviceObj (%u)", entry);
+    return std::nullopt;
+  }
+  const Handle iterator(created);
+  std::optional<std::string> found;
+  while (!found) {
+    const Handle descendant(hardware.next(iterator.get()));
+    if (!descendant) break;
+    found = MountPointOfMedium(descendant.get(), mounts);
+  }
+  return found;
+}
+
+// The first mounted drive among the entry's descendants; an entry that cannot be walked has none.
+std::optional<std::string> QVGlobalConfiguration::firstMountPointBelow(HardwareEntry entry) {
+  HardwareRegistry& hardware = *Platform().hardware;
+  HardwareIterator created = 0;
+  if (hardware.createDescendantIterator(entry, HRServicePlane, &created) != 0) {
+    return std::nullopt;
+  }
+  const Handle iterator(created);
+  while (true) {
+    const Handle descendant(hardware.next(iterator.get()));
+    if (!descendant) return std::nullopt;
+    if (!hardware.conformsTo(descendant.get(), HRVDKXHDDriveClass)) continue;
+    if (auto mountPoint = mountPointForDevice(descendant.get())) return mountPoint;
+  }
+}
+
+std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() {
+  std::vector<std::string> mountPoints;
+  HardwareRegistry& hardware = *Platform().hardware;
+  const Handle controller(hardware.firstMatchingService(HRVDKXControllerClass));
+  if (!controller) return mountPoints;  // nothing is attached
+  HardwareIterator created = 0;
+  const std::int32_t result =
+      hardware.createChildIterator(controller.get(), HRServicePlane, &created);
+  if (result != 0) {
+    QV_LOG(LogLevelError, kMountPoints,
+           "unable to create controller child iterator: error 0x%08X (%d)", result, result);
+    return mountPoints;
+  }
+  const Handle iterator(created);
+  while (true) {
+    const Handle child(hardware.next(iterator.get()));
+    if (!child) return mountPoints;
+    const std::optional<std::string> mountPoint =
+        hardware.conformsTo(child.get(), HRVDKXHDDriveClass) ? mountPointForDevice(child.get())
+                                                             : firstMountPointBelow(child.get());
+    if (mountPoint) mountPoints.push_back(*mountPoint);
+  }
+}
+
+std::vector<Path> QVGlobalConfiguration::diskImageApplicationsDirectories() {
+  const Path developerApps = developerAppsDirectory();
+  std::vector<Path> directories;
+  for (const std::string& mountPoint : diskImageMountPoints()) {
+    if (mountPoint.starts_with(kDebugMountPrefix)) continue;
+    directories.push_back(Path::directory(mountPoint).childDirectory("Applications"));
+  }
+  if (std::find(directories.begin(), directories.end(), developerApps) == directories.end()) {
+    directories.push_back(developerApps);
+  }
+  QV_LOG(LogLevelDebug, kDirectories, "returning: %@", directories);
+  return directories;
+}
+
+QVBundleMap QVGlobalConfiguration::diskImageAppBundleIDToInfoMap() {
+  QVBundleMap apps;
+  for (const Path& directory : diskImageApplicationsDirectories()) {
+    const auto map = _bundleIDMapForAppsInDirectory(directory);
+    if (!map) continue;
+    for (const auto& [identifier, info] : *map) apps.insert_or_assign(identifier, info);
+  }
+  return apps;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,123 @@
+// The directories that the service works in, created on demand, and those it looks into.
+#include "shared/configuration/QVGlobalConfiguration.h"
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Logging.h"
+
+namespace quorvel {
+
+namespace {
+
+// Protected until the user first unlocks the device.
+constexpr std::int32_t kProtectionClass = 4;
+
+// Creates the directory; a failure is left to whoever uses the directory.
+void Ensure(const Path& directory, std::int32_t protectionClass, const char* function,
+            FormatString<std::string, Error> message) {
+  Error error;
+  if (QVFileManager::defaultManager().createDirectoryAtURL(
+          directory, {.withIntermediateDirectories = true, .protectionClass = protectionClass},
+          &error)) {
+    return;
+  }
+  QV_LOG(LogLevelError, function, message, directory.string(), error);
+}
+
+}  // namespace
+
+Path QVGlobalConfiguration::carrierBundlesDirectory() {
+  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!_carrierBundlesDir) {
+    _carrierBundlesDir = _mobilePath.childDirectory("Library/Carrier Bundles");
+  }
+  Ensure(*_carrierBundlesDir, QVNoProtectionClass,
+         "-[QVGlobalConfiguration carrierBundlesDirectory]",
+         "Failed to create carrier bundles directory at \"%@\": %@");
+  return *_carrierBundlesDir;
+}
+
+Path QVGlobalConfiguration::stagingRoot() {
+  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!_stagingRoot) {
+    _stagingRoot = cachesDirectory().childDirectory("com.velto.mobile.quorveld.staging");
+  }
+  Ensure(*_stagingRoot, kProtectionClass, "-[QVGlobalConfiguration stagingRoot]",
+         "Failed to create staging root at \"%@\": %@");
+  return *_stagingRoot;
+}
+
+// Not remembered and not locked: creating what exists is harmless.
+Path QVGlobalConfiguration::logDirectory() {
+  const Path directory = _quorveldPath.childDirectory("Library/Logs/Quorvel");
+  Ensure(directory, kProtectionClass, "-[QVGlobalConfiguration logDirectory]",
+         "Failed to create log directory at \"%@\": %@");
+  return directory;
+}
+
+Path QVGlobalConfiguration::dataDirectory() {
+  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!_dataDir) _dataDir = dataDirectoryPath();
+  Ensure(*_dataDir, kProtectionClass, "-[QVGlobalConfiguration dataDirectory]",
+         "Failed to create data dir at \"%@\": %@");
+  return *_dataDir;
+}
+
+Path QVGlobalConfiguration::cachesDirectory() {
+  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!_cachesDir) _cachesDir = _quorveldPath.childDirectory("Library/Caches");
+  Ensure(*_cachesDir, QVNoProtectionClass, "-[QVGlobalConfiguration cachesDirectory]",
+         "Failed to create data dir at \"%@\": %@");
+  return *_cachesDir;
+}
+
+Path QVGlobalConfiguration::fixedDirectory(std::optional<Path>& member, const Path& base,
+                                           const char* component) {
+  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!member) member = base.childDirectory(component);
+  return *member;
+}
+
+Path QVGlobalConfiguration::coreServicesDirectory() {
+  return fixedDirectory(_coreServicesDir, _rootPath, "System/Library/CoreServices");
+}
+
+Path QVGlobalConfiguration::systemAppsDirectory() {
+  return fixedDirectory(_systemAppsDir, _rootPath, "Applications");
+}
+
+Path QVGlobalConfiguration::internalAppsDirectory() {
+  return fixedDirectory(_internalAppsDir, _rootPath, "VeltoInternal/Applications");
+}
+
+Path QVGlobalConfiguration::developerAppsDirectory() {
+  return fixedDirectory(_developerAppsDir, _rootPath, "Developer/Applications");
+}
+
+Path QVGlobalConfiguration::factoryMountDirectory() {
+  return fixedDirectory(_factoryMountDir, _rootPath, "private/var/factory_mount/");
+}
+
+Path QVGlobalConfiguration::systemFrameworksRootDirectory() {
+  return fixedDirectory(_systemFrameworksRootDirectory, _rootPath, "System/Library");
+}
+
+Path QVGlobalConfiguration::internalFrameworksRootDirectory() {
+  return fixedDirectory(_internalFrameworksRootDirectory, _rootPath, "VeltoInternal");
+}
+
+Path QVGlobalConfiguration::developerFrameworksRootDirectory() {
+  return fixedDirectory(_developerFrameworksRootDirectory, _rootPath, "Developer");
+}
+
+std::set<Path> QVGlobalConfiguration::allFrameworksDirectories() {
+  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (!_allFrameworksDirectories) {
+    _allFrameworksDirectories.emplace();
+    for (const Path& root : {systemFrameworksRootDirectory(), internalFrameworksRootDirectory()}) {
+      _allFrameworksDirectories->insert(root.childDirectory("Frameworks"));
+      _allFrameworksDirectories->insert(root.childDirectory("PrivateFrameworks"));
+    }
+  }
+  return *_allFrameworksDirectories;
+}
+
+}  // namespace quorvel

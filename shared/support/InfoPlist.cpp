@@ -1,0 +1,93 @@
+#include "shared/support/InfoPlist.h"
+
+#include <mutex>
+
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Logging.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kLoad = "QVLoadInfoPlist";
+
+// Guards the creation of bundle objects and the reading of their dictionaries.
+std::mutex gBundleLock;
+
+const char* TypeName(const PlistValue& value) {
+  switch (value.kind()) {
+    case PlistKind::boolean:
+      return "boolean";
+    case PlistKind::integer:
+    case PlistKind::real:
+      return "number";
+    case PlistKind::string:
+      return "string";
+    case PlistKind::data:
+      return "data";
+    case PlistKind::date:
+      return "date";
+    case PlistKind::array:
+      return "array";
+    case PlistKind::dictionary:
+      return "dictionary";
+    case PlistKind::set:
+      return "set";
+  }
+  return "unknown";
+}
+
+PlistValue KeysAsValue(const std::set<std::string>& keys) {
+  PlistArray names;
+  for (const std::string& key : keys) names.emplace_back(key);
+  return names;
+}
+
+std::unique_ptr<PlistDictionary> ReadFiltered(PKBundle& bundle, const std::set<std::string>& keys) {
+  const std::unique_ptr<PlistValue> value = bundle.filteredInfo(keys);
+  if (!value) {
+    QV_LOG(LogLevelError, kLoad, "Failed to get filtered Info.plist with keys %@ from bundle %@",
+           KeysAsValue(keys), "PKBundle <" + bundle.path().string() + ">");
+    return nullptr;
+  }
+  if (value->dictionary() == nullptr) {
+    QV_LOG(LogLevelError, kLoad,
+           "Object returned from _PKBundleCreateFilteredInfoPlist was not a dictionary, was type "
+           "%@",
+           TypeName(*value));
+    return nullptr;
+  }
+  return std::make_unique<PlistDictionary>(std::move(*value->dictionary()));
+}
+
+std::unique_ptr<PlistDictionary> ReadWhole(PKBundle& bundle, const Path& path) {
+  const PlistDictionary* info = bundle.infoDictionary();
+  if (info == nullptr) {
+    QV_LOG(LogLevelError, kLoad, "PKBundleGetInfoDictionary failed for bundle %@", path);
+    return nullptr;
+  }
+  auto copy = std::make_unique<PlistDictionary>(*info);
+  copy->erase(PKBundleInfoPlistURLKey);
+  return copy;
+}
+
+}  // namespace
+
+std::unique_ptr<PlistDictionary> QVLoadInfoPlist(const Path& path,
+                                                 const std::optional<std::set<std::string>>& keys) {
+  const Path file = path.child("Info.plist");
+  if (QVFileManager::defaultManager().itemDoesNotExistAtURL(file)) {
+    QV_LOG(LogLevelDebug, kLoad, "Missing Info.plist at %@", file);
+    return nullptr;
+  }
+  const std::lock_guard<std::mutex> lock(gBundleLock);
+  const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(path);
+  if (!bundle) {
+    QV_LOG(LogLevelError, kLoad, "Failed to create PKBundle from URL %@", path);
+    return nullptr;
+  }
+  return keys ? ReadFiltered(*bundle, *keys) : ReadWhole(*bundle, path);
+}
+
+}  // namespace quorvel

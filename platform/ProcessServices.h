@@ -4,10 +4,10 @@
 // Why services: each has an effect outside the process that a test must be able to observe.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
-
-#include <sys/types.h>
 
 namespace quorvel {
 
@@ -41,6 +41,8 @@ class CrashReportMessage {
   virtual ~CrashReportMessage() = default;
   // Called at most once, with the process's end to follow; `text` is never freed.
   virtual void set(const char* text) = 0;
+  // The name that the calling thread was given, possibly empty; none when it was given none.
+  virtual std::optional<std::string> currentThreadName() { return std::nullopt; }
 };
 
 }  // namespace quorvel

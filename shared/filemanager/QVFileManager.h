@@ -97,6 +97,26 @@ class QV_EXPORT QVFileManager {
                                                                 bool ignoringSymlinks,
                                                                 Error* error = nullptr);
 
+  // Hands every entry of the tree to the visitor, each directory before and after its contents,
+  // without following links or entering other devices. The visitor goes on with true; with false
+  // it ends the walk as a failure and may leave an Error. False also when the tree could not be
+  // walked whole.
+  using TreeVisitor = std::function<bool(const TreeWalkEntry& entry, Error* error)>;
+  bool _traverseDirectory(const Path& root, Error* error, const TreeVisitor& visitor);
+
+  // Gives every item of the tree one owner and group, directories mode 0755 and everything else
+  // 0644. What cannot be changed is logged and passed over; a link that leads out of the tree
+  // (when asked to look) or an incomplete walk is a failure. Nothing is rolled back.
+  bool standardizeOwnershipAtURL(const Path& root, const OwnershipStandard& standard,
+                                 Error* error = nullptr);
+
+  // --- Confined resolution ------------------------------------------------------------------
+
+  // Where an untrusted path really leads, links resolved, provided that it stays inside the base;
+  // absent, with one line in the log, when that cannot be shown. The child need not exist.
+  // Looks at the disk at several moments: a change between them is not guarded against.
+  std::optional<Path> realPathForURL(const Path& child, const Path& base);
+
   // --- Store metadata -----------------------------------------------------------------------
 
   // Carries the four store-metadata items, those that exist, from one directory into another.
@@ -135,6 +155,14 @@ class QV_EXPORT QVFileManager {
                       Error* error);
   bool _moveItemAtURL(const Path& source, const Path& destination, bool failIfSrcMissing,
                       Error* error);
+  // The path with links resolved; with missing trailing components only if allowed.
+  std::optional<Path> _realPathForURL(const Path& path, bool allowNonExistentPathComponents);
+  // The real path of the longest existing prefix, the root alone excepted, and the rest after it.
+  std::optional<Path> _realPathWhatExistsInPath(const std::string& path);
+  // Whether no prefix of the path climbs above where it starts: ".." counts -1, a name +1, "/"
+  // and "." nothing. Writes the depth reached on success.
+  bool _validateSymlink(const std::optional<std::string>& path, std::uint32_t startingDepth,
+                        std::uint32_t* endingDepth);
 };
 
 }  // namespace quorvel

@@ -1,0 +1,116 @@
+// Walks over trees, and the standardization of their ownership and permissions.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Errors.h"
+#include "shared/support/Logging.h"
+#include "shared/support/PathStrings.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+constexpr const char* kTraverse = "-[QVFileManager _traverseDirectory:error:withBlock:]";
+constexpr const char* kStandardize =
+    "__76-[QVFileManager "
+    "standardizeOwnershipAtURL:toUID:GID:validateSymlinks:error:]_block_invoke";
+
+constexpr mode_t kPermissionBits = 07777;  // setuid, setgid and sticky included
+constexpr mode_t kDirectoryMode = 0755;
+constexpr mode_t kItemMode = 0644;
+
+bool FailEntry(const FileSystemRepresentation& root, int number, Error* error) {
+  return SetError(error, _CreateError(kTraverse, __LINE__, PosixErrorDomain, number,
+                                      "Error for path %s: %s", root, ErrnoDescription(number)));
+}
+
+// Reads the walk to its end or first failure. The result is the last visitor's.
+bool VisitAll(TreeWalk& walk, const FileSystemRepresentation& root, Error* error,
+              const QVFileManager::TreeVisitor& visitor) {
+  while (true) {
+    errno = 0;
+    const TreeWalkEntry* entry = walk.read();
+    if (entry == nullptr) return errno == 0 || FailEntry(root, errno, error);
+    if (entry->kind == TreeWalkKind::error || entry->kind == TreeWalkKind::noStat) {
+      return FailEntry(root, entry->errorNumber, error);
+    }
+    if (!visitor(*entry, error)) return false;
+  }
+}
+
+// Both changes reach the item by its name in the directory that the walk has open: its whole path
+// may be too long for a system call, and may by now lead somewhere else.
+void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) {
+  if (entry.info.st_uid == standard.uid && entry.info.st_gid == standard.gid) return;
+  if (::fchownat(entry.parent, entry.name, standard.uid, standard.gid, AT_SYMLINK_NOFOLLOW) == 0) {
+    return;
+  }
+  const int number = errno;
+  QV_LOG(LogLevelError, kStandardize, "Could not chown %s: %s", entry.path,
+         ErrnoDescription(number));
+}
+
+void ChangeMode(const TreeWalkEntry& entry) {
+  const mode_t wanted = S_ISDIR(entry.info.st_mode) ? kDirectoryMode : kItemMode;
+  if ((entry.info.st_mode & kPermissionBits) == wanted) return;
+  if (Platform().fileSystem->lchmod(entry.parent, entry.name, wanted) == 0) return;
+  const int number = errno;
+  QV_LOG(LogLevelError, kStandardize, "Could not chmod %s: %s", entry.path,
+         ErrnoDescription(number));
+}
+
+// Whether the link stays inside the tree.
+bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path& root,
+                  Error* error) {
+  const Path link(QuorvelAdditions::stringWithFileSystemRepresentation(entry.path));
+  if (manager.realPathForURL(link, root)) return true;
+  return SetError(
+      error,
+      _CreateAndLogError({kStandardize, __LINE__}, QVInstallerErrorDomain, QVInvalidSymbolicLink,
+                         {{}, {{QVLegacyErrorStringKey, PlistValue(QVInvalidSymbolicLink)}}},
+                         "invalid symlink at %s", entry.path));
+}
+
+}  // namespace
+
+bool QVFileManager::_traverseDirectory(const Path& root, Error* error, const TreeVisitor& visitor) {
+  const FileSystemRepresentation representation = root.fileSystemRepresentation();
+  const std::unique_ptr<TreeWalk> walk = Platform().treeWalker->open(
+      representation.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION | FTS_XDEV_OPTION);
+  if (!walk) {
+    const int number = errno;
+    return SetError(error, _CreateError(kTraverse, __LINE__, PosixErrorDomain, number,
+                                        "fts_open failed for %s with error %s", representation,
+                                        ErrnoDescription(number)));
+  }
+  Error failure;
+  const bool visited = VisitAll(*walk, representation, &failure, visitor);
+  const bool closed = walk->close();
+  if (!closed && !failure) {
+    const int number = errno;
+    failure = _CreateError(kTraverse, __LINE__, PosixErrorDomain, number,
+                           "fts_close failed for %s with error %s", representation,
+                           ErrnoDescription(number));
+  }
+  return (visited && closed) || SetError(error, failure);
+}
+
+bool QVFileManager::standardizeOwnershipAtURL(const Path& root, const OwnershipStandard& standard,
+                                              Error* error) {
+  return _traverseDirectory(root, error, [&](const TreeWalkEntry& entry, Error* entryError) {
+    ChangeOwner(entry, standard);
+    if (standard.validateSymlinks && S_ISLNK(entry.info.st_mode) &&
+        !ValidateLink(*this, entry, root, entryError)) {
+      return false;
+    }
+    ChangeMode(entry);
+    return true;
+  });
+}
+
+}  // namespace quorvel

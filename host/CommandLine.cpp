@@ -104,6 +104,16 @@ bool AsksForJson(int argc, const char* const* argv) {
                      [](const char* argument) { return std::string_view(argument) == "--json"; });
 }
 
+// The complaint about a first word that names no command: the parser's own does not show it.
+std::string UnknownCommand(const CLI::App& parser, int argc, const char* const* argv) {
+  const std::string word = argc > 1 ? argv[1] : "-";
+  const auto commands = parser.get_subcommands([](const CLI::App*) { return true; });
+  const bool known = std::any_of(commands.begin(), commands.end(),
+                                 [&word](const CLI::App* app) { return app->get_name() == word; });
+  if (word.starts_with('-') || known) return {};
+  return Printable(word) + ": unknown command";
+}
+
 }  // namespace
 
 ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -118,17 +128,19 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddRegister(parser, options);
 
   ParsedCommandLine parsed;
+  const std::string unknown = UnknownCommand(parser, argc, argv);
   try {
     parser.parse(argc, argv);
     parsed.options = std::move(options);
   } catch (const CLI::CallForHelp&) {
     const auto chosen = parser.get_subcommands();
-    parsed.text = (chosen.empty() ? &parser : chosen.front())->help();
+    parsed.text = chosen.empty() ? parser.help() : chosen.front()->help(parser.get_name());
+    if (!parsed.text.ends_with('\n')) parsed.text += '\n';
   } catch (const CLI::CallForVersion& version) {
     parsed.text = std::string(version.what()) + "\n";
   } catch (const CLI::ParseError& error) {
     parsed.exitCode = ExitUsage;
-    parsed.text = Printable(error.what());
+    parsed.text = unknown.empty() ? Printable(error.what()) : unknown;
     parsed.json = AsksForJson(argc, argv);
   }
   return parsed;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <set>
@@ -90,6 +91,7 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
     const auto app = apps.find(identifier);
     if (app != apps.end() && !recordCountsOver(identifier, app->second)) {
       if (!records_.contains(identifier)) registerIdentifier(identifier);
+      for (const std::string& group : app->second.groups) groupContainer(group);
       proxy = builtInProxy(identifier, app->second);
     } else if (const auto record = records_.find(identifier); record != records_.end()) {
       proxy = record->second.proxy;
@@ -107,7 +109,9 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
     const std::string* identifier = options.findString(RXBundleIdentifierKey);
     const std::string* type = options.findString(RXPackageTypeKey);
     const bool placeholder = type != nullptr && *type == RXPackageTypePlaceholder;
-    if (identifier == nullptr || type == nullptr ||
+    const PlistValue* installType = options.find(RXInstallTypeKey);
+    if (identifier == nullptr || type == nullptr || installType == nullptr ||
+        installType->signedInteger() == nullptr ||
         (!placeholder && *type != RXPackageTypeCustomer)) {
       return refuse("InvalidOptions", "the request is not complete", error, progress);
     }
@@ -180,6 +184,11 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
                                       "/00000000-0000-4000-8000-" + number);
     std::filesystem::create_directories(native(path));
     return path;
+  }
+
+  const Path& groupContainer(const std::string& group) {
+    if (!groups_.contains(group)) groups_[group] = newContainer("Group");
+    return groups_[group];
   }
 
   // None when the info dictionary cannot be read or names no identifier.
@@ -281,8 +290,7 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
     proxy.groupContainerPaths.emplace();
     for (const std::string& group : bundle.groups) {
       if (placeholder) break;
-      if (!groups_.contains(group)) groups_[group] = newContainer("Group");
-      (*proxy.groupContainerPaths)[group] = groups_[group];
+      (*proxy.groupContainerPaths)[group] = groupContainer(group);
     }
     if (oldContainer) std::filesystem::remove_all(native(*oldContainer));
   }
@@ -310,6 +318,11 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
     const Path container = newContainer("Bundle");
     move(staging, container.childDirectory(staging.lastPathComponent()));
     record(*bundle, container, true);
+    const PlistValue* metadata = options.find(RXLorvixMetadataKey);
+    if (metadata != nullptr && metadata->data() != nullptr) {
+      std::ofstream file(native(container.child("LorvixMetadata.plist")), std::ios::binary);
+      for (const std::uint8_t byte : *metadata->data()) file.put(static_cast<char>(byte));
+    }
     records_[identifier].satisfiedFrom = staging;
     return true;
   }
@@ -338,8 +351,9 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
         return "BundleIdentifierMismatch";
       }
       const auto known = records_.find(bundle.identifier);
-      if (known != records_.end() && known->second.proxy.foundBackingBundle &&
-          known->second.proxy.bundleType != bundle.type) {
+      if ((known != records_.end() && known->second.proxy.foundBackingBundle &&
+           known->second.proxy.bundleType != bundle.type) ||
+          (bundle.type != "App" && builtInApps().contains(bundle.identifier))) {
         return "BundleIdentifierMismatch";
       }
       if (isBlacklisted(bundle.identifier, options)) return "BlacklistedIdentifier";

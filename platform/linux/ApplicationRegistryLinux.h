@@ -79,10 +79,8 @@ class ApplicationRegistryLinux {
   std::uint64_t databaseSteps() const;
 
  private:
-  class Workspace;
-  class Service;
-  struct State;
-  std::unique_ptr<State> state_;
+  struct Parts;
+  std::unique_ptr<Parts> parts_;
 };
 
 }  // namespace quorvel::onlinux

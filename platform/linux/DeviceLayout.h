@@ -1,0 +1,41 @@
+// Where the registry keeps things on a device.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/Path.h"
+
+namespace quorvel::onlinux {
+
+enum class ContainerKind { bundle, data, group };
+
+// Paths below a device's root, with the root in front. A container is stored by its name alone.
+class DeviceLayout {
+ public:
+  explicit DeviceLayout(std::string root) : root_(std::move(root)) {}
+
+  Path registryDirectory() const {
+    return Path::directory(root_ + "/private/var/quorveld/Library/Registry");
+  }
+  // Built-in apps.
+  Path applications() const { return Path::directory(root_ + "/Applications"); }
+  Path containers(ContainerKind kind) const {
+    static constexpr const char* names[] = {"Bundle", "Data", "Group"};
+    return Path::directory(root_ + "/private/var/mobile/Containers/" +
+                           names[static_cast<int>(kind)]);
+  }
+  Path container(ContainerKind kind, std::string_view name) const {
+    return containers(kind).childDirectory(name);
+  }
+
+ private:
+  std::string root_;
+};
+
+// A name that no container has or had: a random UUID in upper case. Empty, with errno, when the
+// system has no random numbers.
+std::string NewContainerName();
+
+}  // namespace quorvel::onlinux

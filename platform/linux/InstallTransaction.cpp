@@ -1,0 +1,271 @@
+#include "platform/linux/InstallTransaction.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "platform/FileSystemRepresentation.h"
+#include "platform/UniqueDescriptor.h"
+#include "platform/linux/DurableDirectory.h"
+#include "platform/linux/MoveTree.h"
+#include "platform/linux/PosixFailure.h"
+
+namespace quorvel::onlinux {
+namespace {
+
+using Kind = InstallStep::Kind;
+
+constexpr const char* PlaceholderAttribute = "com.velto.quorveld.placeholder";
+constexpr unsigned char PlaceholderMark[4] = {1, 0, 0, 0};
+
+std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+bool Fail(const std::string& path, Error* error) {
+  return SetError(error, PosixFailure(errno, path));
+}
+
+// Whether certainly nothing has that name; a failure to tell is no.
+bool IsMissing(const std::string& path) {
+  struct stat info {};
+  return ::lstat(FileSystemRepresentation(path).c_str(), &info) != 0 &&
+         (errno == ENOENT || errno == ENOTDIR);
+}
+
+bool MakeDirectory(FileSystem& fileSystem, const std::string& path, Error* error) {
+  const FileSystemRepresentation bytes(path);
+  if (::mkdir(bytes.c_str(), 0755) == 0) return true;
+  if (errno == EEXIST || errno == ENOENT) {
+    return MakeDurableDirectory(fileSystem, bytes.c_str(), error);
+  }
+  return Fail(path, error);
+}
+
+// A directory with something in it stays: that something was not understood.
+bool RemoveEmptyDirectory(const std::string& path, Error* error) {
+  if (::rmdir(FileSystemRepresentation(path).c_str()) == 0) return true;
+  static constexpr int harmless[] = {ENOENT, ENOTDIR, ENOTEMPTY, EEXIST, EBUSY};
+  if (std::find(std::begin(harmless), std::end(harmless), errno) != std::end(harmless)) return true;
+  return Fail(path, error);
+}
+
+bool WriteAll(int descriptor, const std::string& data) {
+  for (std::size_t written = 0; written < data.size();) {
+    const ssize_t count = ::write(descriptor, data.data() + written, data.size() - written);
+    if (count < 0 && errno != EINTR) return false;
+    if (count > 0) written += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+// Takes everything of the identifier out of the intent. Containers that were to be its own are
+// removed; the bundle's may hold the beginning of a copy.
+void GiveUp(InstallIntent* intent, const std::string& identifier) {
+  std::erase_if(intent->records,
+                [&](const AppRecord& record) { return record.identifier == identifier; });
+  std::set<std::string> bundleContainers;
+  for (const InstallStep& step : intent->steps) {
+    if (step.kind == Kind::moveBundle && step.identifier == identifier) {
+      bundleContainers.insert(ParentOf(step.target));
+    }
+  }
+  std::vector<InstallStep> kept;
+  for (InstallStep& step : intent->steps) {
+    if (step.identifier != identifier) {
+      kept.push_back(std::move(step));
+    } else if (step.kind == Kind::makeDirectory) {
+      const bool holdsCopy = bundleContainers.contains(step.target);
+      kept.push_back({holdsCopy ? Kind::removeTree : Kind::removeEmptyDirectory, true, "", "",
+                      step.target, ""});
+    }
+  }
+  intent->steps = std::move(kept);
+}
+
+bool HasOpenSteps(const InstallIntent& intent) {
+  return std::any_of(intent.steps.begin(), intent.steps.end(),
+                     [](const InstallStep& step) { return !step.cleanup; });
+}
+
+// Whether nothing of the identifier was moved yet: giving it up loses nothing.
+bool IsUntouched(const InstallIntent& intent, const std::string& identifier) {
+  bool makesDirectory = false;
+  for (const InstallStep& step : intent.steps) {
+    if (step.identifier != identifier) continue;
+    if (step.kind == Kind::moveBundle) return IsMissing(step.target);
+    makesDirectory = makesDirectory || step.kind == Kind::makeDirectory;
+  }
+  return makesDirectory;
+}
+
+}  // namespace
+
+bool InstallTransaction::run(InstallIntent intent,
+                             const std::map<std::string, std::string>& newGroups, Error* error) {
+  if (!store_.begin(&intent, newGroups)) {
+    // Should the log hold the transaction in spite of its failure, a later open finds it.
+    mayHaveOpenIntents_ = true;
+    return SetError(error, store_.failure());
+  }
+  if (advance(&intent, Vanished::fails, error)) return true;
+  mayHaveOpenIntents_ = !withdraw(&intent) || mayHaveOpenIntents_;
+  return false;
+}
+
+bool InstallTransaction::finishOpenIntents(Error* error) {
+  if (!mayHaveOpenIntents_) return true;
+  std::vector<InstallIntent> intents;
+  if (!store_.openIntents(&intents)) return SetError(error, store_.failure());
+  mayHaveOpenIntents_ = false;
+  Error first;
+  for (InstallIntent& intent : intents) {
+    Error failure;
+    if (advance(&intent, Vanished::isGivenUp, &failure)) continue;
+    mayHaveOpenIntents_ = true;
+    if (!first) first = std::move(failure);
+  }
+  return first ? SetError(error, std::move(first)) : true;
+}
+
+bool InstallTransaction::advance(InstallIntent* intent, Vanished vanished, Error* error) {
+  if (!intent->committed) {
+    if (!performSteps(intent, vanished, error) || !flush(*intent, error)) return false;
+    if (!store_.commit(intent)) return SetError(error, store_.failure());
+  }
+  if (cleanUp(*intent, nullptr)) {
+    store_.finish(*intent);
+  } else {
+    mayHaveOpenIntents_ = true;
+  }
+  return true;
+}
+
+bool InstallTransaction::performSteps(InstallIntent* intent, Vanished vanished, Error* error) {
+  std::set<std::string> givenUp;
+  for (const InstallStep& step : intent->steps) {
+    if (step.cleanup || givenUp.contains(step.identifier)) continue;
+    if (perform(step, error)) continue;
+    const bool isGone = step.kind == Kind::moveBundle && vanished == Vanished::isGivenUp &&
+                        IsMissing(step.source) && IsMissing(step.target);
+    if (!isGone) return false;
+    givenUp.insert(step.identifier);
+  }
+  for (const std::string& identifier : givenUp) GiveUp(intent, identifier);
+  return true;
+}
+
+bool InstallTransaction::perform(const InstallStep& step, Error* error) {
+  switch (step.kind) {
+    case Kind::makeDirectory:
+      return MakeDirectory(fileSystem_, step.target, error);
+    case Kind::moveBundle:
+      return move(step, error);
+    case Kind::moveItem:
+      return moveIfExists(step, error);
+    case Kind::writeFile:
+      return writeFile(step, error);
+    case Kind::markPlaceholder:
+      return markPlaceholder(step, error);
+    case Kind::removeTree:
+      return removeTree(step, error);
+    case Kind::removeEmptyDirectory:
+      return RemoveEmptyDirectory(step.target, error);
+  }
+  return false;
+}
+
+bool InstallTransaction::move(const InstallStep& step, Error* error) {
+  return MoveItem(fileSystem_, FileSystemRepresentation(step.source).c_str(),
+                  FileSystemRepresentation(step.target).c_str(), error);
+}
+
+bool InstallTransaction::moveIfExists(const InstallStep& step, Error* error) {
+  Error failure;
+  if (move(step, &failure) || (IsMissing(step.source) && IsMissing(step.target))) return true;
+  return SetError(error, std::move(failure));
+}
+
+bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
+  // In a container of our own: what has the name is an earlier attempt.
+  const UniqueDescriptor file(::open(FileSystemRepresentation(step.target).c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!file || !WriteAll(file.get(), step.data) || ::fsync(file.get()) != 0) {
+    return Fail(step.target, error);
+  }
+  return true;
+}
+
+bool InstallTransaction::markPlaceholder(const InstallStep& step, Error* error) {
+  if (fileSystem_.setxattr(FileSystemRepresentation(step.target).c_str(), PlaceholderAttribute,
+                           PlaceholderMark, sizeof PlaceholderMark, 0, XATTR_NOFOLLOW) == 0) {
+    return true;
+  }
+  // Without attributes in the file system the record alone says that it is a placeholder.
+  return errno == ENOTSUP || Fail(step.target, error);
+}
+
+bool InstallTransaction::removeTree(const InstallStep& step, Error* error) {
+  const auto state = fileSystem_.allocateWipeTreeState();
+  int first = 0;
+  const auto keepFirst = [](WipeTreeState& wipe, const char*, void* context) {
+    int number = EIO;
+    wipe.getErrorNumber(&number);
+    int& kept = *static_cast<int*>(context);
+    if (kept == 0 && number != ENOENT) kept = number;
+    return WIPETREE_PROCEED;
+  };
+  if (state == nullptr || !state->setErrorCallback(keepFirst) || !state->setErrorContext(&first)) {
+    return Fail(step.target, error);
+  }
+  const FileSystemRepresentation bytes(step.target);
+  if (fileSystem_.RemoveTree(bytes.c_str(), WIPETREE_RECURSIVE, *state) != 0 && errno != ENOENT) {
+    return Fail(step.target, error);
+  }
+  return first == 0 || SetError(error, PosixFailure(first, step.target));
+}
+
+bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
+  std::set<std::string> directories;
+  for (const InstallStep& step : intent.steps) {
+    if (step.cleanup) continue;
+    directories.insert(ParentOf(step.target));
+    // A placeholder is new as a whole; a legacy bundle is as durable as it was.
+    if (step.kind == Kind::markPlaceholder) directories.insert(step.target);
+  }
+  for (const std::string& directory : directories) {
+    if (fileSystem_.SyncDirectory(FileSystemRepresentation(directory).c_str()) != 0) {
+      return Fail(directory, error);
+    }
+  }
+  return true;
+}
+
+bool InstallTransaction::cleanUp(const InstallIntent& intent, Error* error) {
+  bool done = true;
+  for (const InstallStep& step : intent.steps) {
+    done = (!step.cleanup || perform(step, done ? error : nullptr)) && done;
+  }
+  return done;
+}
+
+// After a failure: gives up what was not moved, so that the staging directory stays as it is and
+// nothing half-made stays behind. False when something of the intent is still open.
+bool InstallTransaction::withdraw(InstallIntent* intent) {
+  const std::vector<AppRecord> records = intent->records;
+  for (const AppRecord& record : records) {
+    if (IsUntouched(*intent, record.identifier)) GiveUp(intent, record.identifier);
+  }
+  if (HasOpenSteps(*intent) || !intent->records.empty()) {
+    store_.rewrite(*intent);
+    return false;
+  }
+  return advance(intent, Vanished::fails, nullptr);
+}
+
+}  // namespace quorvel::onlinux

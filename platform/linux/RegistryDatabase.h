@@ -1,0 +1,103 @@
+// The registry's database file: opening it safely, and statements on it.
+//
+// SQLite with a write-ahead log in exclusive locking mode: one process at a time, no shared
+// memory file, one flush per transaction. What is in the tables is RegistryStore's business.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/Error.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace quorvel::onlinux {
+
+struct DatabaseOptions {
+  const char* schema = "";          // the statements that make the tables of a new database
+  std::int32_t applicationId = 0;   // marks the file as ours
+  int version = 0;                  // of the schema
+  bool readOnly = false;            // nothing on disk changes, not even the log
+  int busyTimeoutMilliseconds = 0;  // wait for another process
+};
+
+// One connection. One thread at a time.
+class RegistryDatabase {
+ public:
+  RegistryDatabase() = default;
+  RegistryDatabase(const RegistryDatabase&) = delete;
+  RegistryDatabase& operator=(const RegistryDatabase&) = delete;
+  ~RegistryDatabase() { close(); }
+
+  // Opens the existing file `directory`/`name`; the bytes of both as system calls take them. A
+  // file that is not whole, not ours or too new is refused and left as it is.
+  bool open(const std::string& directory, const char* name, const DatabaseOptions& options,
+            Error* error);
+  // Makes the database, complete before it gets its name and durable when this returns. True
+  // also when another process made it meanwhile.
+  static bool create(const std::string& directory, const char* name, const DatabaseOptions& options,
+                     Error* error);
+  void close();
+  bool isOpen() const { return connection_ != nullptr; }
+
+  bool begin();     // a transaction that writes
+  bool commit();    // durable when true
+  void rollback();  // nothing when no transaction is open
+
+  // The failure of the last statement that failed.
+  const Error& failure() const { return failure_; }
+  void setFailure(Error failure) { failure_ = std::move(failure); }  // for content that is wrong
+  std::uint64_t steps() const { return steps_; }
+
+ private:
+  friend class Query;
+  bool execute(const char* sql);
+  bool check(const std::string& path, const DatabaseOptions& options, Error* error);
+  bool fileIsWhole(const std::string& path);
+  std::int64_t pragma(const char* sql);
+  bool recordFailure(int result);
+  sqlite3_stmt* prepared(std::string_view sql);
+
+  sqlite3* connection_ = nullptr;
+  std::map<std::string_view, sqlite3_stmt*> statements_;  // by their literal
+  Error failure_;
+  std::uint64_t steps_ = 0;
+};
+
+// One use of a statement. Binds in order, then run() or row() until it is false. The text must be
+// a literal: statements are prepared once per connection.
+class Query {
+ public:
+  Query(RegistryDatabase& database, std::string_view literal);
+  Query(const Query&) = delete;
+  Query& operator=(const Query&) = delete;
+  ~Query();
+
+  // Texts are bytes to the database: any encoding, zero bytes included. They must outlive the use.
+  Query& bind(std::string_view text);
+  Query& bind(std::int64_t number);
+  Query& bindOptional(const std::optional<std::string>& text);
+
+  bool row();  // whether there is a (next) row
+  bool run();  // executes to the end; false when it failed
+  bool failed() const { return failed_; }
+
+  std::string text(int column) const;
+  std::optional<std::string> optionalText(int column) const;
+  std::int64_t number(int column) const;
+
+ private:
+  void note(int result);
+
+  RegistryDatabase& database_;
+  sqlite3_stmt* statement_;
+  int next_ = 1;
+  bool failed_;
+};
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,53 @@
+// The registry's own errors: one list for Errors handed back and for progress reports.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "platform/ApplicationRegistry.h"
+#include "platform/Error.h"
+
+namespace quorvel::onlinux {
+
+inline constexpr const char* RXErrorDomain = "RXErrorDomain";
+
+enum class RegistryErrorCode : std::int64_t {
+  damagedStore = 1,       // the database is truncated, foreign or inconsistent
+  newerStore,             // the database is of a version that this program does not know
+  readOnlyStore,          // the registry was opened for lookups only
+  invalidOptions,         // the request's options are missing or of the wrong kind
+  noBundle,               // the package holds no bundle
+  identifierMismatch,     // a bundle has an identifier that it may not have here
+  unreadableInfo,         // a bundle's info dictionary cannot be read
+  blacklistedIdentifier,  // the service never installs this identifier
+  alreadyInstalled,       // a newer copy is built into the system
+  fullBundleInstalled,    // a placeholder may not replace a full bundle
+  installFailed,          // anything else, in reports only: the Error is the cause's own
+};
+
+// The error's name in a progress report.
+inline const char* RegistryErrorName(RegistryErrorCode code) {
+  static constexpr const char* names[] = {
+      "RegistryDamaged",          "RegistryTooNew",        "RegistryReadOnly",
+      "InvalidOptions",           "NoBundleInPackage",     "BundleIdentifierMismatch",
+      "UnreadableInfoDictionary", "BlacklistedIdentifier", RXErrorApplicationAlreadyInstalled,
+      "FullBundleInstalled",      "InstallFailed"};
+  return names[static_cast<std::int64_t>(code) - 1];
+}
+
+inline Error RegistryFailure(RegistryErrorCode code, std::string text) {
+  return Error(RXErrorDomain, static_cast<std::int64_t>(code),
+               {{LocalizedDescriptionKey, PlistValue(std::move(text))}});
+}
+
+// What a progress report says about a failure.
+inline PlistDictionary RegistryReport(const Error& error) {
+  const auto code = error.domain() == RXErrorDomain ? static_cast<RegistryErrorCode>(error.code())
+                                                    : RegistryErrorCode::installFailed;
+  return {{"Error", PlistValue(RegistryErrorName(code))},
+          {"ErrorDescription", PlistValue(error.description())},
+          {"ErrorDetail", PlistValue(error.domain() + " " + std::to_string(error.code()))}};
+}
+
+}  // namespace quorvel::onlinux

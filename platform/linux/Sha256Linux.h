@@ -1,0 +1,27 @@
+// SHA-256 by libcrypto, which picks the processor's own instructions where it has them.
+#pragma once
+
+#include <memory>
+
+#include "platform/Sha256.h"
+
+namespace quorvel::onlinux {
+
+// Made before the process confines itself: libcrypto may read its configuration and load
+// modules by path when it is first used. Any thread may call start(); the computations must not
+// outlive the provider.
+class Sha256ProviderLinux final : public Sha256Provider {
+ public:
+  Sha256ProviderLinux();
+  ~Sha256ProviderLinux() override;
+  Sha256ProviderLinux(const Sha256ProviderLinux&) = delete;
+  Sha256ProviderLinux& operator=(const Sha256ProviderLinux&) = delete;
+
+  std::unique_ptr<Sha256> start() override;
+
+ private:
+  struct Algorithm;
+  std::unique_ptr<Algorithm> algorithm_;
+};
+
+}  // namespace quorvel::onlinux

@@ -70,10 +70,10 @@ bool MoveToReadOnlyView() {
          ::fchdir(view.get()) == 0;
 }
 
-bool ChangeRootToCurrentDirectory(DeviceRoot::Access access) {
+bool ChangeRootToCurrentDirectory(DeviceRoot::View view) {
   const bool privileged = MayChangeRoot();
   if (!privileged && !EnterOwnNamespace()) return false;
-  if (access == DeviceRoot::Access::look) (void)MoveToReadOnlyView();
+  if (view == DeviceRoot::View::readOnly) (void)MoveToReadOnlyView();
   if (::chroot(".") != 0 || ::chdir("/") != 0) return false;
   return privileged || DropCapabilities();
 }
@@ -100,6 +100,12 @@ bool DeviceRoot::open(const std::string& path, FatalError& error) {
   return true;
 }
 
+bool DeviceRoot::holds(const std::string& path) const {
+  struct stat info {};
+  return ::fstatat(directory_.get(), path.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+         info.st_size > 0;
+}
+
 bool DeviceRoot::lock(FatalError& error) {
   while (::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;
@@ -115,8 +121,8 @@ bool DeviceRoot::lock(FatalError& error) {
   return true;
 }
 
-bool DeviceRoot::enter(Access access, FatalError& error) {
-  if (::fchdir(directory_.get()) != 0 || !ChangeRootToCurrentDirectory(access)) {
+bool DeviceRoot::enter(View view, FatalError& error) {
+  if (::fchdir(directory_.get()) != 0 || !ChangeRootToCurrentDirectory(view)) {
     return Fail(error, ExitRootUnusable,
                 printable_ + ": cannot be made the root: " + ErrnoDescription(errno),
                 "Nothing was changed. Run the host as root, or allow user namespaces\n"

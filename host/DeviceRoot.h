@@ -14,16 +14,20 @@ namespace quorvel::host {
 
 class DeviceRoot {
  public:
-  enum class Access {
-    change,
+  enum class View {
+    writable,
     // The kernel refuses every change below the root, access times included, where it offers
     // read-only views (Linux 5.12); elsewhere the commands' own restraint has to do.
-    look,
+    readOnly,
   };
 
   // Opens the directory that the user named (a link to it is followed). Refuses this machine's
   // own root: a mistyped variable must not migrate the workstation.
   bool open(const std::string& path, FatalError& error);
+
+  // Whether the tree has an item of this path (relative, a last link not followed) that is not
+  // empty.
+  bool holds(const std::string& path) const;
 
   // Keeps other hosts out until this process ends, however it ends. Without waiting.
   bool lock(FatalError& error);
@@ -32,7 +36,7 @@ class DeviceRoot {
   // in a user and mount namespace of its own, in which the user keeps the rights that he has and
   // gets no others. Only while the process has a single thread. On failure nothing on disk has
   // been touched and the command must end.
-  bool enter(Access access, FatalError& error);
+  bool enter(View view, FatalError& error);
 
   // As messages show it.
   const std::string& printable() const { return printable_; }

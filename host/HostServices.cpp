@@ -29,7 +29,16 @@ namespace {
 constexpr const char* HostLogDirectory = "/private/var/mobile/Library/Logs/Corvenna";
 constexpr const char* ServiceLogDirectory = "/private/var/mobile/Library/Logs/Quorvel";
 
+// What the registry's database leaves beside itself when its process is killed.
+constexpr const char* RegistryLog = "private/var/quorveld/Library/Registry/registry.db-wal";
+
 }  // namespace
+
+DeviceRoot::View ViewForLooking(const DeviceRoot& root) {
+  // Such a log is read under a writer's locks, which a read-only file system refuses. Reading it
+  // changes nothing all the same.
+  return root.holds(RegistryLog) ? DeviceRoot::View::writable : DeviceRoot::View::readOnly;
+}
 
 struct HostServices::Services {
   explicit Services(DeviceAccess wanted) : access(wanted) {}

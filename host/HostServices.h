@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "host/DeviceRoot.h"
 #include "host/ExitCode.h"
 #include "host/Inspection.h"
 #include "platform/Services.h"
@@ -15,6 +16,9 @@ enum class DeviceAccess {
   change,
   look,  // nothing on the device changes: no logs there, the registry read only
 };
+
+// The view of the tree in which nothing changes and the registry can be read nevertheless.
+DeviceRoot::View ViewForLooking(const DeviceRoot& root);
 
 // Made before the process is confined: what the services need from outside is opened then. One per
 // process; it must live as long as anything uses the services. The services that a migration

@@ -69,7 +69,7 @@ int RunInspect(const Options& options) {
   FatalError error;
   DeviceRoot root;
   HostServices services(DeviceAccess::look);
-  if (!root.open(options.root, error) || !root.enter(DeviceRoot::Access::look, error)) {
+  if (!root.open(options.root, error) || !root.enter(ViewForLooking(root), error)) {
     return ReportFatal(error, options.json);
   }
   services.install();

@@ -36,7 +36,7 @@ bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, Hos
              FatalError& error) {
   if (!root.open(options.root, error) || !bundle.load(options.plugin, error)) return false;
   if (!options.logFile.empty() && !services.openLog(options.logFile, error)) return false;
-  return root.lock(error) && root.enter(DeviceRoot::Access::change, error);
+  return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
 }
 
 MigrationResult Drive(MigratorPlugin& plugin, const RunAccount& account, const Options& options,

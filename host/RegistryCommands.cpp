@@ -93,7 +93,7 @@ int RunRegistry(const Options& options) {
   FatalError error;
   DeviceRoot root;
   HostServices services(DeviceAccess::look);
-  if (!root.open(options.root, error) || !root.enter(DeviceRoot::Access::look, error)) {
+  if (!root.open(options.root, error) || !root.enter(ViewForLooking(root), error)) {
     return ReportFatal(error, options.json);
   }
   services.install();
@@ -110,7 +110,7 @@ int RunRegister(const Options& options) {
   DeviceRoot root;
   HostServices services(DeviceAccess::change);
   if (!root.open(options.root, error) || !root.lock(error) ||
-      !root.enter(DeviceRoot::Access::change, error)) {
+      !root.enter(DeviceRoot::View::writable, error)) {
     return ReportFatal(error, options.json);
   }
   services.install();

@@ -16,13 +16,16 @@ using testing::Read;
 using testing::Written;
 
 TEST(BinaryPropertyList, BinaryWritesEqualScalarsOnceAndIsNarrow) {
-  const std::string text(1000, 'a');
+  const std::string text(100, 'a');
   const std::string bytes =
       Written(PlistArray(5000, PlistDictionary{{text, text}}), PropertyListFormat::binary);
   // Each dictionary: marker, two 2-byte references, its own 2-byte reference, a 2-byte offset.
-  EXPECT_LT(bytes.size(), 5000 * 9 + 1100U);
+  EXPECT_LT(bytes.size(), 5000 * 9 + 200U);
   EXPECT_EQ(Written(PlistArray{1, true}, PropertyListFormat::binary).size(),
             8 + 3 + 2 + 1 + 3 + 32U);
+  // Sharing ends where a bounded reader would take the file for an attack.
+  const PlistValue repeated = PlistArray(300, PlistValue(std::string(10'000, 'x')));
+  EXPECT_TRUE(Read(Written(repeated, PropertyListFormat::binary)) == repeated);
 }
 
 TEST(BinaryPropertyList, ReadsBinaryInItsVariety) {

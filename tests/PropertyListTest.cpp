@@ -329,7 +329,7 @@ TEST(PropertyList, WritersRefuseWhatTheyCannotHold) {
     EXPECT_EQ(Written(text, PropertyListFormat::xml), "");
     EXPECT_TRUE(Read(Written(text, PropertyListFormat::binary)) == PlistValue(text));
   }
-  // A value that only sharing could hold in little space would not be read again.
+  // Beyond the size limit, though sharing could hold it in little space.
   const PlistArray repeated(3000, PlistValue(std::string(100'000, 'x')));
   EXPECT_EQ(Written(repeated, PropertyListFormat::binary), "");
 }

@@ -31,16 +31,18 @@ struct Object {
   }
 };
 
-// Numbers the objects so that equal scalars share one number. Probing stops after a few slots
-// and then gives a new number: text chosen to collide costs space, not time.
+// Numbers the objects so that equal scalars share one number, if they are to. Probing stops after a
+// few slots and then gives a new number: text chosen to collide costs space, not time.
 class ScalarNumbers {
  public:
+  explicit ScalarNumbers(bool share) : share_(share) {}
+
   // The number of an equal object; otherwise the object is appended to the list.
   std::uint32_t numberOf(const Object& object, std::vector<Object>& objects) {
-    if (2 * used_ >= slots_.size()) grow();
-    const std::uint32_t hash = hashOf(object);
     const auto fresh = static_cast<std::uint32_t>(objects.size());
-    for (std::size_t probe = 0; probe < MaximalProbes; ++probe) {
+    if (share_ && 2 * used_ >= slots_.size()) grow();
+    const std::uint32_t hash = share_ ? hashOf(object) : 0;
+    for (std::size_t probe = 0; share_ && probe < MaximalProbes; ++probe) {
       Slot& slot = slots_[(hash + probe) & (slots_.size() - 1)];
       if (slot.next == 0) {
         slot = {hash, fresh + 1};
@@ -79,6 +81,7 @@ class ScalarNumbers {
     }
   }
 
+  const bool share_;
   std::vector<Slot> slots_;
   std::size_t used_ = 0;
 };
@@ -112,7 +115,7 @@ std::u16string Utf16(std::string_view text) {
 
 class BinaryWriter {
  public:
-  explicit BinaryWriter(std::vector<std::uint8_t>& out) : out_(out) {}
+  BinaryWriter(std::vector<std::uint8_t>& out, bool share) : out_(out), scalars_(share) {}
 
   std::string write(const PlistValue& root) {
     if (!collect(root)) return reason_;
@@ -125,10 +128,11 @@ class BinaryWriter {
       object.number = offset;
     }
     writeTable();
-    // What the reader would refuse is not written.
-    if (!PropertyListBudget(out_.size()).take(nodes_, content_)) fail("too much repeated content");
     return reason_;
   }
+
+  // Whether a reader that bounds what it makes of a file would take what was written.
+  bool isReadable() const { return PropertyListBudget(out_.size()).take(nodes_, content_); }
 
  private:
   bool fail(const char* reason) {
@@ -327,7 +331,12 @@ class BinaryWriter {
 }  // namespace
 
 std::string WriteBinaryPropertyList(const PlistValue& value, std::vector<std::uint8_t>& out) {
-  return BinaryWriter(out).write(value);
+  BinaryWriter sharing(out, true);
+  std::string reason = sharing.write(value);
+  if (!reason.empty() || sharing.isReadable()) return reason;
+  // Much content that repeats: written as often as it occurs, the file is as large as the value.
+  out.clear();
+  return BinaryWriter(out, false).write(value);
 }
 
 }  // namespace quorvel::onlinux

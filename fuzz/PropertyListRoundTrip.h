@@ -1,0 +1,44 @@
+// The property that both property-list fuzzers check.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "platform/linux/PropertyList.h"
+
+namespace quorvel::fuzzing {
+
+inline void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+// Writes a value that was read and requires that it reads back equal. XML may refuse a value, for
+// its characters; binary must not.
+inline void RequireRoundTrip(const PlistValue& value) {
+  for (const auto format : {PropertyListFormat::xml, PropertyListFormat::binary}) {
+    std::vector<std::uint8_t> written;
+    Error error;
+    if (onlinux::SerializePropertyList(value, format, written, &error)) {
+      const auto again = onlinux::ParsePropertyList(written, ForeignKeys::refuse, &error);
+      Require(again != nullptr && *again == value);
+    } else {
+      Require(format == PropertyListFormat::xml &&
+              error.is(PlatformErrorDomain, PlatformPropertyListWriteInvalidError));
+    }
+  }
+}
+
+// Reads the bytes under both policies: each gives a value that survives writing, or an error.
+inline void RequireReadable(std::span<const std::uint8_t> bytes) {
+  for (const auto policy : {ForeignKeys::refuse, ForeignKeys::count}) {
+    Error error;
+    const std::unique_ptr<PlistValue> value = onlinux::ParsePropertyList(bytes, policy, &error);
+    Require((value == nullptr) == static_cast<bool>(error));
+    if (value != nullptr) RequireRoundTrip(*value);
+  }
+}
+
+}  // namespace quorvel::fuzzing

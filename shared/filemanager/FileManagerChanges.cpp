@@ -1,10 +1,11 @@
 // Removal, directory creation and temporary directories.
-#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <memory>
 
+#include "platform/UniqueDescriptor.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
@@ -58,15 +59,16 @@ bool FailRemoval(const Path& path, int number, Error* error) {
 
 bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error* error) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(representation.c_str()),
-                                                      ::closedir);
+  // The class is the item's own: never that of a link's target.
+  const UniqueDescriptor directory(
+      ::open(representation.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) {
     const int number = errno;
     return SetError(
         error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "opendir of %@ failed: %s",
                             path.string(), ErrnoDescription(number)));
   }
-  if (Platform().fileSystem->SetProtectionClass(::dirfd(directory.get()), protectionClass) != 0) {
+  if (Platform().fileSystem->SetProtectionClass(directory.get(), protectionClass) != 0) {
     const int number = errno;
     return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
                                         "Failed to setclass(%d) on directory %@: %s",

@@ -1,4 +1,5 @@
 // Copies, moves and the capture of store metadata.
+#include <limits.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -66,6 +67,15 @@ bool IsDirectory(const FileSystemRepresentation& path) {
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+// The name under which a directory is removed: the prefix and as much of its own name as a file
+// name can hold. Two names that become one do no harm, for remains only wait for their removal.
+Path RemainFor(const Path& parent, const Path& source) {
+  std::string name(kRemainPrefix);
+  name += BytesOfFileSystemRepresentation(source.lastPathComponent());
+  if (name.size() > NAME_MAX) name.resize(NAME_MAX);
+  return parent.childDirectory(StringFromFileSystemRepresentation(name));
+}
+
 // Removes a source whose copy is complete and on stable storage. A directory is renamed first, and
 // the rename brought to stable storage: a removal that stops halfway would otherwise leave a part
 // under the source's name, and a repeated move would replace the whole copy by that part.
@@ -73,8 +83,7 @@ bool RemoveMoveSource(QVFileManager& manager, const Path& source, Error* error) 
   const FileSystemRepresentation from = source.fileSystemRepresentation();
   if (!IsDirectory(from)) return manager.removeItemAtURL(source, error);
   const Path parent = Path::directory(ParentOf(source));
-  const Path doomed =
-      parent.childDirectory(std::string(kRemainPrefix).append(source.lastPathComponent()));
+  const Path doomed = RemainFor(parent, source);
   // Remains of an earlier move of the same name would make the rename fail.
   if (!manager.removeItemAtURL(doomed, error)) return false;
   const FileSystemRepresentation to = doomed.fileSystemRepresentation();

@@ -44,8 +44,8 @@ ChildKind JudgeRelativeLink(QVFileManager& manager, const Path& child, const Pat
   }
   // The way from the base down to the link, without the link's own name.
   std::string joined = child.string().substr(base.string().size());
-  joined.resize(joined.rfind('/') == std::string::npos ? 0 : joined.rfind('/'));
-  joined += '/';
+  const std::size_t slash = joined.rfind('/');
+  joined.resize(slash == std::string::npos ? 0 : slash + 1);
   joined += target;
   if (!manager._validateSymlink(joined, baseDepth, nullptr)) {
     QV_LOG(LogLevelError, kResolve, "Rejecting %@ -> %@, as it is points outside or to the base %@",

@@ -61,7 +61,8 @@ void QVCrashOnException(const ExceptionRecord& exception) {
   const std::string text = ReportText(exception);
   gReportLock.lock();
   // A copy that nothing frees: the crash recorder reads it after the end.
-  Platform().crashReport->set(::strdup(text.c_str()));
+  const char* kept = ::strdup(text.c_str());
+  Platform().crashReport->set(kept != nullptr ? kept : text.c_str());
   std::abort();
 }
 

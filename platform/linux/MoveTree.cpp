@@ -46,6 +46,8 @@ bool Exists(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
+bool IsMissing(const std::string& path) { return !Exists(path) && errno == ENOENT; }
+
 bool Rename(const std::string& from, const std::string& to) {
   return ::rename(from.c_str(), to.c_str()) == 0;
 }
@@ -83,8 +85,9 @@ class Move {
 int Move::run() {
   if (Rename(from_, to_)) return 0;
   const int number = errno;
-  if (number == EXDEV) return moveAcross();
-  if (number != ENOENT || Exists(from_) || !Exists(to_)) return number;
+  // Between file systems rename does not look whether there is anything to move.
+  if (!IsMissing(from_)) return number == EXDEV ? moveAcross() : number;
+  if (!Exists(to_)) return ENOENT;
   // An earlier call moved it, and may have been killed while it cleaned up.
   ::unlink(moving_.c_str());
   clear(outgoing_);

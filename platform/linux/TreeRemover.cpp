@@ -24,9 +24,15 @@ struct Place {
 // and does not take a subvolume, which has a device number of its own, for a mount.
 bool Locate(int descriptor, Place* place) {
   struct statx info;
-  if (::statx(descriptor, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &info) != 0) return false;
-  place->identity = {makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino};
-  place->mount = (info.stx_mask & STATX_MNT_ID) != 0 ? info.stx_mnt_id : 0;
+  if (::statx(descriptor, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &info) == 0) {
+    place->identity = {makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino};
+    place->mount = (info.stx_mask & STATX_MNT_ID) != 0 ? info.stx_mnt_id : 0;
+    return true;
+  }
+  // Some system-call filters do not know the call.
+  struct stat plain;
+  if (::fstat(descriptor, &plain) != 0) return false;
+  place->identity = IdentityOf(plain);
   return true;
 }
 

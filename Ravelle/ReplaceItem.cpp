@@ -19,12 +19,29 @@ bool IsSame(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// The directory that holds the item, open for looking only.
+UniqueDescriptor OpenParent(const Path& item) {
+  const std::string parent = item.string().substr(0, item.string().rfind('/') + 1);
+  const FileSystemRepresentation path(parent);
+  return UniqueDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+// Whether the two paths name one entry of one directory. Two names of one file are two entries:
+// deleting one keeps the other.
+bool IsSameEntry(const Path& a, const Path& b) {
+  struct stat ofA {};
+  struct stat ofB {};
+  const UniqueDescriptor parentOfA = OpenParent(a);
+  const UniqueDescriptor parentOfB = OpenParent(b);
+  return a.lastPathComponent() == b.lastPathComponent() && parentOfA && parentOfB &&
+         ::fstat(parentOfA.get(), &ofA) == 0 && ::fstat(parentOfB.get(), &ofB) == 0 &&
+         IsSame(ofA, ofB);
+}
+
 // Whether one of the directories above `item` is `directory`. Climbs by descriptor, so that
 // neither links nor different spellings of a path hide the answer.
 bool LiesBelow(const Path& item, const struct stat& directory) {
-  const std::string parent = item.string().substr(0, item.string().rfind('/') + 1);
-  const FileSystemRepresentation start(parent);
-  UniqueDescriptor at(::open(start.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  UniqueDescriptor at = OpenParent(item);
   struct stat here {};
   struct stat above {};
   while (at && ::fstat(at.get(), &here) == 0) {
@@ -44,11 +61,8 @@ bool DestinationHoldsSource(const Path& source, const Path& destination) {
   // The normal case: nothing is there yet.
   if (::lstat(destinationBytes.c_str(), &to) != 0) return false;
   if (::lstat(sourceBytes.c_str(), &from) != 0) return false;
-  // Two names of one file are two items: deleting one keeps the other.
-  if (IsSame(from, to) && (S_ISDIR(from.st_mode) || source.string() == destination.string())) {
-    return true;
-  }
-  return S_ISDIR(to.st_mode) && LiesBelow(source, to);
+  if (S_ISDIR(to.st_mode)) return IsSame(from, to) || LiesBelow(source, to);
+  return IsSame(from, to) && IsSameEntry(source, destination);
 }
 
 }  // namespace

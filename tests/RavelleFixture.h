@@ -71,7 +71,8 @@ class RavelleFixture : public ::testing::Test {
                   PropertyListFormat format = PropertyListFormat::xml) {
     std::filesystem::create_directories(std::filesystem::path(file).parent_path());
     Error error;
-    ASSERT_TRUE(platform_.propertyLists.writeDictionary(dictionary, Path::file(file), format, &error))
+    ASSERT_TRUE(
+        platform_.propertyLists.writeDictionary(dictionary, Path::file(file), format, &error))
         << error.description();
   }
   void writeFile(const std::string& file, std::string_view bytes) {

@@ -1,0 +1,62 @@
+// Writes a tree whose every byte and time is given: what legacy-image stands on.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::tools {
+
+// Paths are bytes relative to the tree's root, without a slash at either end; missing parents are
+// made (0755). Modes are exact, whatever the umask. The n-th item made has the n-th time of a fixed
+// sequence. After the first failure nothing more is done, and problem() says what failed.
+class LegacyImageWriter {
+ public:
+  // Makes the directory, or takes one that is empty: nothing that exists is ever mixed with what
+  // is written. False with problem() set.
+  bool open(const std::string& directory);
+
+  void directory(const std::string& path, mode_t mode = 0755);
+  void file(const std::string& path, std::string_view bytes, mode_t mode = 0644);
+  // A file of `size` bytes of which all but the last ones are a hole.
+  void sparseFile(const std::string& path, std::uint64_t size, std::string_view tail);
+  void symbolicLink(const std::string& path, const std::string& target);
+  void hardLink(const std::string& path, const std::string& existing);
+  void fifo(const std::string& path);
+  // False when the file system keeps no attributes, which is no failure here.
+  bool attribute(const std::string& path, const char* name, std::string_view value);
+
+  // Sets what writing below a directory changes: the directories' modes and times. Called last.
+  bool finish();
+  const std::string& problem() const { return problem_; }
+
+ private:
+  struct Directory {
+    std::string path;
+    mode_t mode;
+    timespec time;
+  };
+
+  void makeParents(const std::string& path);
+  void setTime(const std::string& path);
+  bool writeAt(int file, std::string_view bytes, std::uint64_t offset);
+  bool fail(const std::string& path);
+  timespec nextTime();
+
+  std::string root_;
+  UniqueDescriptor directory_;
+  std::string problem_;
+  std::vector<Directory> directories_;
+  std::unordered_set<std::string> made_;
+  std::int64_t items_ = 0;
+};
+
+}  // namespace quorvel::tools

@@ -25,7 +25,7 @@ struct RegistryOptions {
   // Paths that the registry hands out begin with it.
   std::string deviceRoot;
   // Identifiers that are refused unless a request says RXSkipBlacklistKey.
-  std::set<std::string> blacklist;
+  std::set<std::string> blacklist = {};
   // Lookups and snapshots only, and nothing on disk changes: no database is made, an unfinished
   // install is not finished (the app is seen as it was before it), a built-in app gets no data
   // container. What an unclean end left in the write-ahead log is seen all the same, unless the

@@ -33,12 +33,6 @@ AppRecord RecordFor(const BundleDescription& bundle, const std::optional<AppReco
   return record;
 }
 
-// A staging directory that is gone or has nothing to install any more.
-void TidyStaging(const Path& staging, const AppRecord& record, InstallPlan* plan) {
-  plan->removeIfEmpty(record, staging.childDirectory("Payload"));
-  plan->removeIfEmpty(record, staging);
-}
-
 }  // namespace
 
 bool ApplicationWorkspaceLinux::applicationIsInstalled(const std::string& identifier) {
@@ -236,7 +230,7 @@ bool ApplicationWorkspaceLinux::installBundles(const Request& request,
   }
   AppRecord owner;
   owner.identifier = request.identifier;
-  TidyStaging(request.staging, owner, &plan);
+  plan.removeStaging(owner, request.staging);
   return plan.run(core_.transaction, error);
 }
 
@@ -257,7 +251,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
   for (const std::string& name : package.metadata) {
     plan.removeTree(record, request.staging.child(name));
   }
-  TidyStaging(request.staging, record, &plan);
+  plan.removeStaging(record, request.staging);
   if (!plan.run(core_.transaction, error)) return false;
   return RefuseAsObsolete(request.identifier, error);
 }
@@ -275,7 +269,7 @@ bool ApplicationWorkspaceLinux::repeat(const Request& request, const PackageCont
         plan.moveMetadata(known, item);
       }
     }
-    TidyStaging(request.staging, known, &plan);
+    plan.removeStaging(known, request.staging);
     if (!plan.run(core_.transaction, error)) return false;
   }
   return !known.obsolete || RefuseAsObsolete(request.identifier, error);

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <optional>
 #include <utility>
+#include <vector>
 
+#include "platform/linux/IntentCodec.h"
 #include "platform/linux/PackageInspection.h"
 #include "platform/linux/PosixFailure.h"
 
@@ -21,7 +23,7 @@ bool ChooseName(std::string* name, Error* error) {
 
 void InstallPlan::addStep(Kind kind, const std::string& identifier, const Path& source,
                           const Path& target) {
-  const bool cleanup = kind == Kind::removeTree || kind == Kind::removeEmptyDirectory;
+  const bool cleanup = kind == Kind::removeTree || kind == Kind::removeStaging;
   intent_.steps.push_back({kind, cleanup, identifier, source.string(), target.string(), ""});
 }
 
@@ -88,8 +90,15 @@ void InstallPlan::removeTree(const AppRecord& record, const Path& path) {
   addStep(Kind::removeTree, record.identifier, {}, path);
 }
 
-void InstallPlan::removeIfEmpty(const AppRecord& record, const Path& directory) {
-  addStep(Kind::removeEmptyDirectory, record.identifier, {}, directory);
+void InstallPlan::removeStaging(const AppRecord& record, const Path& staging) {
+  std::vector<std::string> moves;
+  for (const InstallStep& step : intent_.steps) {
+    if (step.kind != Kind::moveBundle && step.kind != Kind::moveItem) continue;
+    moves.push_back(step.source);
+    moves.push_back(step.target);
+  }
+  addStep(Kind::removeStaging, record.identifier, {}, staging);
+  intent_.steps.back().data = EncodeFields(moves);
 }
 
 }  // namespace quorvel::onlinux

@@ -30,7 +30,8 @@ class InstallPlan {
   void markPlaceholder(const AppRecord& record);
   // Once the records are replaced.
   void removeTree(const AppRecord& record, const Path& path);
-  void removeIfEmpty(const AppRecord& record, const Path& directory);
+  // The emptied staging directory. After all moves were added.
+  void removeStaging(const AppRecord& record, const Path& staging);
   // Adds the record as it is to be; the last call for it.
   void setRecord(const AppRecord& record) { intent_.records.push_back(record); }
 

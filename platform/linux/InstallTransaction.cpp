@@ -14,6 +14,7 @@
 #include "platform/FileSystemRepresentation.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/DurableDirectory.h"
+#include "platform/linux/IntentCodec.h"
 #include "platform/linux/MoveTree.h"
 #include "platform/linux/PosixFailure.h"
 
@@ -176,13 +177,23 @@ bool InstallTransaction::perform(const InstallStep& step, Error* error) {
       return removeTree(step, error);
     case Kind::removeEmptyDirectory:
       return RemoveEmptyDirectory(step.target, error);
+    case Kind::removeStaging:
+      return removeStaging(step, error);
   }
   return false;
 }
 
 bool InstallTransaction::move(const InstallStep& step, Error* error) {
-  return MoveItem(fileSystem_, FileSystemRepresentation(step.source).c_str(),
-                  FileSystemRepresentation(step.target).c_str(), error);
+  Error failure;
+  if (MoveItem(fileSystem_, FileSystemRepresentation(step.source).c_str(),
+               FileSystemRepresentation(step.target).c_str(), &failure)) {
+    return true;
+  }
+  // A target is never there but whole, from an earlier attempt; what has the source's name now is
+  // somebody else's.
+  const bool isDone =
+      failure.is(PosixErrorDomain, ENOTEMPTY) || failure.is(PosixErrorDomain, EEXIST);
+  return isDone || SetError(error, std::move(failure));
 }
 
 bool InstallTransaction::moveIfExists(const InstallStep& step, Error* error) {
@@ -230,6 +241,23 @@ bool InstallTransaction::removeTree(const InstallStep& step, Error* error) {
   return first == 0 || SetError(error, PosixFailure(first, step.target));
 }
 
+// Across file systems a move may leave remains of its source, which a repeated one clears.
+bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
+  const std::string payload = step.target + "/Payload";
+  if (!RemoveEmptyDirectory(payload, error) || !RemoveEmptyDirectory(step.target, error)) {
+    return false;
+  }
+  if (IsMissing(step.target)) return true;
+  std::vector<std::string> moves;
+  DecodeFields(step.data, &moves);
+  for (std::size_t i = 0; i + 1 < moves.size(); i += 2) {
+    if (!IsMissing(moves[i])) continue;
+    MoveItem(fileSystem_, FileSystemRepresentation(moves[i]).c_str(),
+             FileSystemRepresentation(moves[i + 1]).c_str(), nullptr);
+  }
+  return RemoveEmptyDirectory(payload, error) && RemoveEmptyDirectory(step.target, error);
+}
+
 bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
   std::set<std::string> directories;
   for (const InstallStep& step : intent.steps) {
@@ -254,14 +282,17 @@ bool InstallTransaction::cleanUp(const InstallIntent& intent, Error* error) {
   return done;
 }
 
-// After a failure: gives up what was not moved, so that the staging directory stays as it is and
-// nothing half-made stays behind. False when something of the intent is still open.
+// After a failure: when no bundle was moved the intent is given up, so that the staging directory
+// stays as it is and nothing half-made stays behind. False when the intent is still open: once
+// one bundle was moved the others follow it, sooner or later.
 bool InstallTransaction::withdraw(InstallIntent* intent) {
   const std::vector<AppRecord> records = intent->records;
-  for (const AppRecord& record : records) {
-    if (IsUntouched(*intent, record.identifier)) GiveUp(intent, record.identifier);
-  }
-  if (HasOpenSteps(*intent) || !intent->records.empty()) {
+  const bool isUntouched =
+      std::all_of(records.begin(), records.end(),
+                  [&](const AppRecord& record) { return IsUntouched(*intent, record.identifier); });
+  if (!isUntouched) return false;
+  for (const AppRecord& record : records) GiveUp(intent, record.identifier);
+  if (HasOpenSteps(*intent)) {
     store_.rewrite(*intent);
     return false;
   }

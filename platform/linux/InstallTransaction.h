@@ -16,10 +16,10 @@
 //   6. The intent is forgotten with the next transaction. Lost, it repeats step 5 in vain.
 //
 // Whoever opens the registry next takes up each intent where it was left: steps and clean-up may
-// be repeated at any point. An intent is carried forward, with one exception: an identifier whose
-// bundle was not moved is given up, with the new and still unused containers, when the bundle
-// cannot be moved, or has vanished from the staging directory meanwhile; the identifier then is as
-// it was, and so is the staged bundle.
+// be repeated at any point. An intent is carried forward, with two exceptions that lose nothing.
+// A failure before the first bundle was moved gives the intent up, with the new and still unused
+// containers: everything is as it was. And a bundle that has vanished from the staging directory
+// before it could be moved is given up alone: its identifier is as it was.
 #pragma once
 
 #include <map>
@@ -56,6 +56,7 @@ class InstallTransaction {
   bool writeFile(const InstallStep& step, Error* error);
   bool markPlaceholder(const InstallStep& step, Error* error);
   bool removeTree(const InstallStep& step, Error* error);
+  bool removeStaging(const InstallStep& step, Error* error);
   bool flush(const InstallIntent& intent, Error* error);
   bool cleanUp(const InstallIntent& intent, Error* error);
   bool withdraw(InstallIntent* intent);

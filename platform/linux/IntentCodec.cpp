@@ -29,7 +29,7 @@ bool DecodeStep(const std::string& encoded, InstallStep* step) {
   if (!DecodeFields(encoded, &fields) || fields.size() != 6) return false;
   int kind = -1;
   std::from_chars(fields[0].data(), fields[0].data() + fields[0].size(), kind);
-  if (kind < 0 || kind > static_cast<int>(InstallStep::Kind::removeEmptyDirectory)) return false;
+  if (kind < 0 || kind > static_cast<int>(InstallStep::Kind::removeStaging)) return false;
   *step = {static_cast<InstallStep::Kind>(kind),
            fields[1] == "1",
            fields[2],

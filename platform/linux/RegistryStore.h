@@ -45,6 +45,8 @@ struct InstallStep {
     markPlaceholder,       // target
     removeTree,            // target
     removeEmptyDirectory,  // target; one that is not empty stays
+    removeStaging,         // target, when only "Payload" and remains of the moves are in it; data
+                           // lists source and target of each move
   };
   Kind kind = Kind::makeDirectory;
   bool cleanup = false;    // done after the records were replaced

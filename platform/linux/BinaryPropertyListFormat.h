@@ -35,7 +35,7 @@ inline constexpr std::uint8_t False = 0x08;
 inline constexpr std::uint8_t True = 0x09;
 inline constexpr std::uint8_t DateMarker = 0x33;
 
-// The big-endian number in `width` (1 to 8) bytes.
+// The big-endian number in `width` (1 to 8) bytes. With a constant 8 it is one load.
 inline std::uint64_t ReadNumber(const std::uint8_t* bytes, std::size_t width) {
   std::uint64_t number = 0;
   for (std::size_t i = 0; i < width; ++i) number = number << 8U | bytes[i];

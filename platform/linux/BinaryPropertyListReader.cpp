@@ -2,7 +2,7 @@
 #include <utility>
 
 #include "platform/linux/BinaryPropertyListFormat.h"
-#include "platform/linux/PropertyListBuilder.h"
+#include "platform/linux/PropertyListBudget.h"
 #include "platform/linux/PropertyListEncodings.h"
 #include "platform/linux/PropertyListText.h"
 
@@ -68,18 +68,21 @@ class BinaryReader {
     while (!frames_.empty()) {
       if (!step()) return reason_;
     }
-    out = builder_.takeRoot();
+    out = std::move(result_);
     return {};
   }
 
  private:
-  // A container whose entries before `next` are read.
+  // A container whose entries before `next` are read, into the vector of its kind. An entry is
+  // appended with its key; its value follows.
   struct Frame {
     const std::uint8_t* references;
     std::size_t count;
     std::size_t next;
     std::size_t foreignKeys;
     bool dictionary;
+    PlistArray array;
+    std::vector<PlistEntry> entries;
   };
 
   bool fail(const char* reason) {
@@ -111,27 +114,52 @@ class BinaryReader {
   bool step() {
     Frame& frame = frames_.back();
     if (frame.next == frame.count) {
-      builder_.close(frame.foreignKeys);
-      frames_.pop_back();
+      close();
       return true;
     }
     const std::size_t at = frame.next++;
     if (!frame.dictionary) return addObject(reference(frame, at));
     bool foreign = false;
-    if (!addKey(reference(frame, at), foreign)) return false;
+    if (!addKey(frame, reference(frame, at), foreign)) return false;
     if (!foreign) return addObject(reference(frame, frame.count + at));
     ++frame.foreignKeys;
     return true;
   }
 
+  void close() {
+    Frame frame = std::move(frames_.back());
+    frames_.pop_back();
+    if (!frame.dictionary) return add(std::move(frame.array));
+    PlistDictionary dictionary = PlistDictionary::fromEntries(std::move(frame.entries));
+    dictionary.setForeignKeyCount(frame.foreignKeys);
+    add(std::move(dictionary));
+  }
+
+  // Puts a finished value where the innermost container, or the caller, waits for it.
+  template <class T>
+  void add(T&& value) {
+    if (frames_.empty()) {
+      result_ = PlistValue(std::forward<T>(value));
+    } else if (frames_.back().dictionary) {
+      frames_.back().entries.back().value = PlistValue(std::forward<T>(value));
+    } else {
+      frames_.back().array.emplace_back(std::forward<T>(value));
+    }
+  }
+
   std::uint64_t reference(const Frame& frame, std::size_t at) const {
-    return ReadNumber(frame.references + at * referenceWidth_, referenceWidth_);
+    return number(frame.references + at * referenceWidth_, referenceWidth_);
+  }
+
+  // A number of the file that lies before its trailer: 8 bytes can be loaded whatever its width.
+  static std::uint64_t number(const std::uint8_t* bytes, std::size_t width) {
+    return ReadNumber(bytes, 8) >> (64 - 8 * width);
   }
 
   // Finds an object and checks that it is whole; does not look inside containers.
-  bool find(std::uint64_t number, Object& object) {
-    if (number >= objectCount_) return fail("a reference to no object");
-    const std::uint64_t offset = ReadNumber(table_ + number * entryWidth_, entryWidth_);
+  bool find(std::uint64_t index, Object& object) {
+    if (index >= objectCount_) return fail("a reference to no object");
+    const std::uint64_t offset = number(table_ + index * entryWidth_, entryWidth_);
     const auto limit = static_cast<std::uint64_t>(table_ - bytes_.data());
     if (offset < HeaderSize || offset >= limit) return fail("an object outside the file");
     const std::uint8_t* at = bytes_.data() + offset;
@@ -188,27 +216,21 @@ class BinaryReader {
     return object.count <= left / width || fail("an object that is not whole");
   }
 
-  bool addKey(std::uint64_t number, bool& foreign) {
+  bool addKey(Frame& frame, std::uint64_t index, bool& foreign) {
     Object object;
-    if (!find(number, object)) return false;
+    if (!find(index, object)) return false;
     foreign = object.kind != AsciiString && object.kind != Utf16String;
     if (foreign) {
-      // Counted against the budget as well: passing over entries costs time.
-      return policy_ == ForeignKeys::count ? budget_.take(1, 0) || fail("too many values")
-                                           : fail("a key that is no string");
+      return policy_ == ForeignKeys::count || fail("a key that is no string");
     }
-    std::string key;
-    if (!readString(object, key)) return false;
-    if (!budget_.take(0, key.size())) return fail("too much content");
-    builder_.addKey(std::move(key));
-    return true;
+    std::string& key = frame.entries.emplace_back().key;
+    return readString(object, key) && (budget_.take(0, key.size()) || fail("too much content"));
   }
 
   // Adds a value, or opens a container whose entries step() reads.
-  bool addObject(std::uint64_t number) {
+  bool addObject(std::uint64_t index) {
     Object object;
-    if (!find(number, object)) return false;
-    if (!budget_.take(1, 0)) return fail("too many values");
+    if (!find(index, object)) return false;
     switch (object.kind) {
       case Simple:
         return addBoolean(object);
@@ -230,7 +252,7 @@ class BinaryReader {
 
   bool addBoolean(const Object& object) {
     if (object.low != True && object.low != False) return fail("an object of an unknown kind");
-    builder_.add(object.low == True);
+    add(object.low == True);
     return true;
   }
 
@@ -239,15 +261,15 @@ class BinaryReader {
     const std::uint64_t low = object.count == 16 ? ReadNumber(object.content + 8, 8)
                                                  : ReadNumber(object.content, object.count);
     if (object.count < 8) {
-      builder_.add(low);
+      add(low);
     } else if (object.count == 8) {
-      builder_.add(static_cast<std::int64_t>(low));
+      add(static_cast<std::int64_t>(low));
     } else {
       const std::uint64_t high = ReadNumber(object.content, 8);
       const bool fitsSigned = high == UINT64_MAX && low >> 63U != 0;
       if (high != 0 && !fitsSigned) return fail("an integer out of range");
-      if (high == 0) builder_.add(low);
-      if (high != 0) builder_.add(static_cast<std::int64_t>(low));
+      if (high == 0) add(low);
+      if (high != 0) add(static_cast<std::int64_t>(low));
     }
     return true;
   }
@@ -255,9 +277,9 @@ class BinaryReader {
   bool addReal(const Object& object) {
     if (object.count == 4) {
       const auto bits = static_cast<std::uint32_t>(ReadNumber(object.content, 4));
-      builder_.add(static_cast<double>(std::bit_cast<float>(bits)));
+      add(static_cast<double>(std::bit_cast<float>(bits)));
     } else if (object.count == 8) {
-      builder_.add(std::bit_cast<double>(ReadNumber(object.content, 8)));
+      add(std::bit_cast<double>(ReadNumber(object.content, 8)));
     } else {
       return fail("a real number of an unknown width");
     }
@@ -266,13 +288,13 @@ class BinaryReader {
 
   bool addDate(const Object& object) {
     if (object.count != 8) return fail("a date of an unknown width");
-    builder_.add(PlistDate{std::bit_cast<double>(ReadNumber(object.content, 8))});
+    add(PlistDate{std::bit_cast<double>(ReadNumber(object.content, 8))});
     return true;
   }
 
   bool addData(const Object& object) {
     if (!budget_.take(0, object.count)) return fail("too much content");
-    builder_.add(PlistData(object.content, object.content + object.count));
+    add(PlistData(object.content, object.content + object.count));
     return true;
   }
 
@@ -280,7 +302,7 @@ class BinaryReader {
     std::string text;
     if (!readString(object, text)) return false;
     if (!budget_.take(0, text.size())) return fail("too much content");
-    builder_.add(std::move(text));
+    add(std::move(text));
     return true;
   }
 
@@ -292,19 +314,24 @@ class BinaryReader {
     return IsAscii(text) || fail("a string that is not in ASCII");
   }
 
-  // The depth limit also ends cycles.
+  // The depth limit also ends cycles. Its entries are accounted for before space is made for
+  // them, which a count that is shared by many parents could otherwise multiply.
   bool open(const Object& object) {
     if (frames_.size() == PropertyListDepthLimit) return fail("nested too deeply, or in a cycle");
-    const bool dictionary = object.kind == Dictionary;
-    builder_.open(dictionary);
-    frames_.push_back({object.content, object.count, 0, 0, dictionary});
+    if (!budget_.take(object.count, 0)) return fail("too many values");
+    Frame& frame = frames_.emplace_back();
+    frame.references = object.content;
+    frame.count = object.count;
+    frame.dictionary = object.kind == Dictionary;
+    if (frame.dictionary) frame.entries.reserve(object.count);
+    if (!frame.dictionary) frame.array.reserve(object.count);
     return true;
   }
 
   std::span<const std::uint8_t> bytes_;
   ForeignKeys policy_;
   PropertyListBudget budget_;
-  PropertyListBuilder builder_;
+  PlistValue result_;
   std::vector<Frame> frames_;
   const std::uint8_t* table_ = nullptr;  // also the end of the objects
   std::size_t entryWidth_ = 0;

@@ -4,7 +4,7 @@
 
 #include "platform/FileSystemRepresentation.h"
 #include "platform/linux/BinaryPropertyListFormat.h"
-#include "platform/linux/PropertyListBuilder.h"
+#include "platform/linux/PropertyListBudget.h"
 #include "platform/linux/PropertyListEncodings.h"
 #include "platform/linux/PropertyListText.h"
 

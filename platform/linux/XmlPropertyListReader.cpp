@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/linux/PropertyListBudget.h"
 #include "platform/linux/PropertyListBuilder.h"
 #include "platform/linux/PropertyListEncodings.h"
 #include "platform/linux/PropertyListText.h"
@@ -182,7 +183,7 @@ class XmlReader {
   void endDate() {
     std::optional<PlistDate> date = DateFromText(text_);
     if (date && exactDate_) date->seconds = *exactDate_;
-    addIfRead(std::move(date), "not a date");
+    addIfRead(date, "not a date");
   }
 
   template <class T>

@@ -1,7 +1,8 @@
 // The platform of a test: the real Linux services, logs that remember, and any service replaced.
 //
 //   TestPlatform platform;                            // installed until the end of its scope
-//   FaultyFileSystem broken(platform.fileSystem);     // tests/FaultWrappers.h
+//   Fault fault{"CopyTree", 1, ENOSPC};               // tests/FaultWrappers.h
+//   FaultyFileSystem broken(platform.fileSystem, fault);
 //   platform.set.fileSystem = &broken;
 //   ...
 //   EXPECT_THAT(platform.log.lines(), ElementsAre(LogLine{3, "QVLoadInfoPlist", "..."}));
@@ -10,11 +11,6 @@
 // mounts, sha256, transaction, cpuMonitor and crashReport are null until it sets them.
 #pragma once
 
-#include <stdlib.h>
-
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -30,42 +26,9 @@
 #include "platform/linux/TreeWalkerLinux.h"
 #include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
+#include "tests/TemporaryTree.h"
 
 namespace quorvel::tests {
-
-// A directory of the platform's own, on the file system of TMPDIR or /tmp.
-class TestTree {
- public:
-  TestTree() {
-    const char* parent = ::getenv("TMPDIR");
-    std::string name = std::string(parent != nullptr ? parent : "/tmp") + "/quorvel-test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) std::abort();
-    path_ = name;
-  }
-  TestTree(const TestTree&) = delete;
-  TestTree& operator=(const TestTree&) = delete;
-  ~TestTree() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-
-  const std::string& path() const { return path_; }
-  std::string at(std::string_view name) const { return path_ + "/" + std::string(name); }
-  // Writes a file with its missing parent directories.
-  std::string write(std::string_view name, std::string_view bytes) const {
-    const std::string file = at(name);
-    std::filesystem::create_directories(std::filesystem::path(file).parent_path());
-    std::ofstream(file, std::ios::binary) << bytes;
-    return file;
-  }
-  std::string read(std::string_view name) const {
-    std::ifstream file(at(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
- private:
-  std::string path_;
-};
 
 // One line of the service's log.
 struct LogLine {
@@ -171,7 +134,7 @@ class TestPlatform {
   TestPlatform& operator=(const TestPlatform&) = delete;
   ~TestPlatform() { QVInstallPlatformServices(previous_); }
 
-  TestTree tree;
+  quorvel::testing::TemporaryTree tree;
   RecordingLog log;
   RecordingHostLog hostLog;
   onlinux::FileSystemLinux fileSystem;

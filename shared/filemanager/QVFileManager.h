@@ -113,7 +113,9 @@ class QV_EXPORT QVFileManager {
   // --- Confined resolution ------------------------------------------------------------------
 
   // Where an untrusted path really leads, links resolved, provided that it stays inside the base;
-  // absent, with one line in the log, when that cannot be shown. The child need not exist.
+  // absent, with one line in the log, when that cannot be shown. The child need not exist. A child
+  // that is a link is judged by its own text, not by where other links take it: ask for links as a
+  // walk that follows none meets them (standardizeOwnershipAtURL does), and for each of them.
   // Looks at the disk at several moments: a change between them is not guarded against.
   std::optional<Path> realPathForURL(const Path& child, const Path& base);
 

@@ -27,7 +27,7 @@ struct QV_EXPORT QuorvelAdditions {
 QV_EXPORT std::vector<std::string_view> PathComponents(std::string_view path);
 
 // Appends the path as a URL: "file://", the absolute path with every byte outside the unreserved
-// and sub-delimiter characters percent-escaped, and a final slash for a directory.
+// and sub-delimiter characters, and ";", percent-escaped, and a final slash for a directory.
 void AppendURL(std::string& out, const Path& path);
 QV_EXPORT std::string URLForm(const Path& path);
 

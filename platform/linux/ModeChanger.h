@@ -20,7 +20,8 @@ class ModeChanger {
   int changePinned(int descriptor, mode_t mode) const;
 
  private:
-  int changeThroughProc(int descriptor, mode_t mode) const;
+  // `refusal` is why the direct way was refused.
+  int changeThroughProc(int descriptor, mode_t mode, int refusal) const;
 
   UniqueDescriptor procDescriptors_;
 };

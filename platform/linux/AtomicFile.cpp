@@ -132,7 +132,8 @@ int KindFailure(mode_t mode) {
 
 // Reads to the end of the file, which need not be where it was when its size was asked.
 int ReadToEnd(int file, std::size_t expected, std::size_t limit, std::vector<std::uint8_t>& bytes) {
-  // One byte more, so that the end is met without another round when the size holds.
+  // One byte more than there should be: a read that gets exactly the expected ones has met the
+  // end, and no other read is needed to see it.
   bytes.resize(expected + 1);
   std::size_t filled = 0;
   for (;;) {
@@ -140,9 +141,9 @@ int ReadToEnd(int file, std::size_t expected, std::size_t limit, std::vector<std
     const ssize_t count =
         Uninterrupted([&] { return ::read(file, bytes.data() + filled, bytes.size() - filled); });
     if (count < 0) return errno;
-    if (count == 0) break;
     filled += static_cast<std::size_t>(count);
     if (filled > limit) return EFBIG;
+    if (count == 0 || filled == expected) break;
   }
   bytes.resize(filled);
   return 0;

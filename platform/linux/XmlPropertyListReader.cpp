@@ -1,4 +1,5 @@
 #include <expat.h>
+#include <sys/random.h>
 
 #include <cstring>
 #include <memory>
@@ -31,27 +32,56 @@ Element ElementNamed(const char* name) {
   return Element::none;
 }
 
+struct FreeParser {
+  void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+};
+using OwnedParser = std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser>;
+
+// The secret of expat's hash tables, drawn once: expat itself would ask the kernel for every
+// document. 0, which lets expat do so, when the kernel has none to give.
+unsigned long HashSalt() {
+  static const unsigned long salt = [] {
+    unsigned long random = 0;
+    const bool drawn = ::getrandom(&random, sizeof random, GRND_NONBLOCK) == sizeof random;
+    return drawn ? random : 0;
+  }();
+  return salt;
+}
+
+// Makes a parser ready for a document. To make one costs as much as to parse a small document, so
+// each thread keeps one for those; what a large document leaves in a parser is not kept.
+XML_Parser ReadyParser(std::size_t size, OwnedParser& owner) {
+  constexpr std::size_t smallDocument = 65'536;
+  thread_local OwnedParser kept;
+  OwnedParser& parser = size <= smallDocument ? kept : owner;
+  if (parser == nullptr || XML_ParserReset(parser.get(), nullptr) != XML_TRUE) {
+    parser.reset(XML_ParserCreate(nullptr));
+  }
+  if (parser != nullptr) XML_SetHashSalt(parser.get(), HashSalt());
+  return parser.get();
+}
+
 // One document. Every handler returns at once after the first failure: expat still delivers
 // what it had begun.
 class XmlReader {
  public:
-  explicit XmlReader(std::size_t size) : budget_(size), parser_(XML_ParserCreate(nullptr)) {
+  explicit XmlReader(std::size_t size) : budget_(size), parser_(ReadyParser(size, owner_)) {
     if (parser_ == nullptr) return;
-    XML_SetUserData(parser_.get(), this);
+    XML_SetUserData(parser_, this);
     XML_SetElementHandler(
-        parser_.get(),
+        parser_,
         [](void* self, const XML_Char* name, const XML_Char** attributes) {
           static_cast<XmlReader*>(self)->startElement(name, attributes);
         },
         [](void* self, const XML_Char*) { static_cast<XmlReader*>(self)->endElement(); });
-    XML_SetCharacterDataHandler(parser_.get(), [](void* self, const XML_Char* text, int length) {
+    XML_SetCharacterDataHandler(parser_, [](void* self, const XML_Char* text, int length) {
       static_cast<XmlReader*>(self)->characters({text, static_cast<std::size_t>(length)});
     });
-    XML_SetEntityDeclHandler(parser_.get(), [](void* self, auto...) {
+    XML_SetEntityDeclHandler(parser_, [](void* self, auto...) {
       static_cast<XmlReader*>(self)->fail("an entity is declared");
     });
     // With an external subset that is not read an unknown entity is no error to expat.
-    XML_SetSkippedEntityHandler(parser_.get(), [](void* self, const XML_Char*, int) {
+    XML_SetSkippedEntityHandler(parser_, [](void* self, const XML_Char*, int) {
       static_cast<XmlReader*>(self)->fail("an unknown entity");
     });
   }
@@ -61,8 +91,8 @@ class XmlReader {
   std::string read(std::span<const std::uint8_t> bytes, PlistValue& out) {
     if (parser_ == nullptr) return "out of memory";
     const auto* text = reinterpret_cast<const char*>(bytes.data());
-    if (XML_Parse(parser_.get(), text, static_cast<int>(bytes.size()), XML_TRUE) != XML_STATUS_OK) {
-      if (reason_.empty()) fail(XML_ErrorString(XML_GetErrorCode(parser_.get())));
+    if (XML_Parse(parser_, text, static_cast<int>(bytes.size()), XML_TRUE) != XML_STATUS_OK) {
+      if (reason_.empty()) fail(XML_ErrorString(XML_GetErrorCode(parser_)));
       return reason_;
     }
     out = builder_.takeRoot();
@@ -70,16 +100,12 @@ class XmlReader {
   }
 
  private:
-  struct FreeParser {
-    void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
-  };
-
   bool failed() const { return !reason_.empty(); }
 
   void fail(const char* what) {
     if (failed()) return;
-    reason_ = "line " + std::to_string(XML_GetCurrentLineNumber(parser_.get())) + ": " + what;
-    XML_StopParser(parser_.get(), XML_FALSE);
+    reason_ = "line " + std::to_string(XML_GetCurrentLineNumber(parser_)) + ": " + what;
+    XML_StopParser(parser_, XML_FALSE);
   }
 
   void startElement(const char* name, const char** attributes) {
@@ -193,7 +219,8 @@ class XmlReader {
   }
 
   PropertyListBudget budget_;
-  std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser> parser_;
+  OwnedParser owner_;  // of a parser for this document alone
+  XML_Parser parser_;
   PropertyListBuilder builder_;
   bool inPlist_ = false;
   Element scalar_ = Element::none;   // the element being read, when it is no container

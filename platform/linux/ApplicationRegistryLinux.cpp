@@ -22,7 +22,9 @@ struct ApplicationRegistryLinux::Parts {
 
 ApplicationRegistryLinux::ApplicationRegistryLinux(FileSystem& fileSystem, BundleReader& bundles,
                                                    RegistryOptions options)
-    : parts_(std::make_unique<Parts>(fileSystem, bundles, std::move(options))) {}
+    : parts_(std::make_unique<Parts>(fileSystem, bundles, std::move(options))) {
+  RegistryDatabase::prepareProcess();
+}
 
 ApplicationRegistryLinux::~ApplicationRegistryLinux() = default;
 

@@ -56,7 +56,8 @@ struct RegistrySnapshot {
 // Error. One thread at a time.
 class ApplicationRegistryLinux {
  public:
-  // Opens nothing. Both services must outlive the object.
+  // Touches nothing of the device, but belongs before the process is confined to it. Both services
+  // must outlive the object.
   ApplicationRegistryLinux(FileSystem& fileSystem, BundleReader& bundles, RegistryOptions options);
   ApplicationRegistryLinux(const ApplicationRegistryLinux&) = delete;
   ApplicationRegistryLinux& operator=(const ApplicationRegistryLinux&) = delete;

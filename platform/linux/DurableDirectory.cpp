@@ -27,6 +27,7 @@ bool MakeDurableDirectory(FileSystem& fileSystem, const std::string& directory, 
       if (errno != EEXIST) return SetError(error, PosixFailure(errno, part));
       continue;
     }
+    if (::chmod(part.c_str(), 0755) != 0) return SetError(error, PosixFailure(errno, part));
     const std::string parent = part.substr(0, part.rfind('/'));
     if (fileSystem.SyncDirectory(parent.empty() ? "/" : parent.c_str()) != 0) {
       return SetError(error, PosixFailure(errno, parent));

@@ -41,11 +41,12 @@ bool IsMissing(const std::string& path) {
 
 bool MakeDirectory(FileSystem& fileSystem, const std::string& path, Error* error) {
   const FileSystemRepresentation bytes(path);
-  if (::mkdir(bytes.c_str(), 0755) == 0) return true;
-  if (errno == EEXIST || errno == ENOENT) {
-    return MakeDurableDirectory(fileSystem, bytes.c_str(), error);
+  if (::mkdir(bytes.c_str(), 0755) != 0) {
+    if (errno != EEXIST && errno != ENOENT) return Fail(path, error);
+    if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error)) return false;
   }
-  return Fail(path, error);
+  // The umask may have taken bits away, also in an attempt that was killed before it came here.
+  return ::chmod(bytes.c_str(), 0755) == 0 || Fail(path, error);
 }
 
 // A directory with something in it stays: that something was not understood.
@@ -206,7 +207,8 @@ bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
   // In a container of our own: what has the name is an earlier attempt.
   const UniqueDescriptor file(::open(FileSystemRepresentation(step.target).c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!file || !WriteAll(file.get(), step.data) || ::fsync(file.get()) != 0) {
+  if (!file || ::fchmod(file.get(), 0644) != 0 || !WriteAll(file.get(), step.data) ||
+      ::fsync(file.get()) != 0) {
     return Fail(step.target, error);
   }
   return true;

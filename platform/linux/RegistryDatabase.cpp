@@ -81,6 +81,11 @@ bool Populate(sqlite3* connection, const DatabaseOptions& options) {
 
 }  // namespace
 
+void RegistryDatabase::prepareProcess() {
+  unsigned char seeded = 0;
+  if (sqlite3_initialize() == SQLITE_OK) sqlite3_randomness(sizeof seeded, &seeded);
+}
+
 bool RegistryDatabase::create(const std::string& directory, const char* name,
                               const DatabaseOptions& options, Error* error) {
   const UniqueDescriptor parent(

@@ -34,6 +34,10 @@ class RegistryDatabase {
   RegistryDatabase& operator=(const RegistryDatabase&) = delete;
   ~RegistryDatabase() { close(); }
 
+  // Takes what the library needs from outside the device tree: the seed of its random numbers,
+  // for which it would look at "/dev" later. Before the process is confined.
+  static void prepareProcess();
+
   // Opens the existing file `directory`/`name`; the bytes of both as system calls take them. A
   // file that is not whole, not ours or too new is refused and left as it is.
   bool open(const std::string& directory, const char* name, const DatabaseOptions& options,

@@ -26,7 +26,7 @@ constexpr const char* Schema = R"(
                     data_container TEXT, groups BLOB NOT NULL, placeholder INTEGER NOT NULL,
                     staging TEXT NOT NULL, obsolete INTEGER NOT NULL) WITHOUT ROWID;
   CREATE TABLE groups(identifier TEXT PRIMARY KEY NOT NULL, container TEXT NOT NULL) WITHOUT ROWID;
-  CREATE TABLE intents(id INTEGER PRIMARY KEY AUTOINCREMENT, committed INTEGER NOT NULL,
+  CREATE TABLE intents(id INTEGER PRIMARY KEY, committed INTEGER NOT NULL,
                        content BLOB NOT NULL);
   CREATE TABLE harbors(identifier TEXT NOT NULL, type INTEGER NOT NULL, path TEXT NOT NULL,
                        PRIMARY KEY(identifier, type)) WITHOUT ROWID;

@@ -47,7 +47,7 @@ Path QVGlobalConfiguration::stagingRoot() {
 
 // Not remembered and not locked: creating what exists is harmless.
 Path QVGlobalConfiguration::logDirectory() {
-  const Path directory = _quorveldPath.childDirectory("Library/Logs/Quorvel");
+  Path directory = _quorveldPath.childDirectory("Library/Logs/Quorvel");
   Ensure(directory, kProtectionClass, "-[QVGlobalConfiguration logDirectory]",
          "Failed to create log directory at \"%@\": %@");
   return directory;

@@ -87,7 +87,8 @@ std::unique_ptr<PlistDictionary> QVLoadInfoPlist(const Path& path,
     QV_LOG(LogLevelError, kLoad, "Failed to create PKBundle from URL %@", path);
     return nullptr;
   }
-  return keys ? ReadFiltered(*bundle, *keys) : ReadWhole(*bundle, path);
+  if (keys) return ReadFiltered(*bundle, *keys);
+  return ReadWhole(*bundle, path);
 }
 
 }  // namespace quorvel

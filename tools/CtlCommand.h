@@ -1,0 +1,48 @@
+// What a subcommand is: options that it declares, and what it does with them.
+//
+// Adding one: a class in the file of its family, and a line in that family's table. Everything
+// that all of them share (--json, --log, --root, paths, errors, output) is Session's.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <span>
+#include <string>
+
+namespace quorvel::ctl {
+
+class Session;
+
+// What a command may do to the tree that it works in.
+enum class Access {
+  look,          // nothing: with --root the tree is seen through a read-only view
+  change,        // what the user named
+  changeDevice,  // places of the device's own, which nobody named: only with --root
+};
+
+class Command {
+ public:
+  virtual ~Command() = default;
+  // Asked after parsing, before anything is opened: what is wrong with the combination of
+  // arguments (printable, the end of a sentence), or "".
+  virtual std::string complaint() const { return {}; }
+  virtual Access access() const { return Access::look; }
+  // The process's exit code, after everything has been said.
+  virtual int run(Session& session) = 0;
+};
+
+struct CommandEntry {
+  const char* name;
+  const char* summary;
+  // A line for a shell, which works in any directory that may be written.
+  const char* example;
+  // Makes the command and binds its options, which the parser fills, to it.
+  std::unique_ptr<Command> (*declare)(CLI::App& parser);
+};
+
+std::span<const CommandEntry> ConfigurationCommands();
+std::span<const CommandEntry> TreeCommands();
+std::span<const CommandEntry> ItemCommands();
+std::span<const CommandEntry> FileCommands();
+
+}  // namespace quorvel::ctl

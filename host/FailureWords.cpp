@@ -42,7 +42,8 @@ constexpr Phrase Phrases[] = {
     {"Failed to get bundle info dictionary for ", "its bundle has no readable info dictionary"},
     {"Failed to write placeholder Info.plist", "its placeholder could not be written"},
     {"Failed to install placeholder for ", "the registry refused its placeholder"},
-    {"Failed to get bundle proxy for ", "the registry has no record of it"},
+    {"Failed to get bundle proxy for ",
+     "the registry has no record of it (migration-host register adds one)"},
     {"Failed to get data container URL for ", "the registry has no data container for it"},
     {"Proxy ", "the registry's record is incomplete", true},
     {"Failed to move bundle from ", "its bundle could not be staged"},
@@ -95,6 +96,25 @@ std::string MissedItems(std::string_view message) {
   return at == std::string_view::npos ? std::string() : std::string(message.substr(at + 2));
 }
 
+// "... for <harbor> : <what is known of the cause>", which for a harbor is nothing.
+std::string WhichHarbor(std::string_view message) {
+  static constexpr std::string_view key = " for ";
+  const auto at = message.find(key);
+  if (at == std::string_view::npos) return {};
+  message.remove_prefix(at + key.size());
+  return std::string(message.substr(0, message.find(" : ")));
+}
+
+// What the message has beside its phrase that a person needs to know.
+std::string Detail(std::string_view message, const Phrase& phrase) {
+  if (message.starts_with("Found missed items in ")) return MissedItems(message);
+  if (message.starts_with("Missing source group ")) {
+    return std::string(message.substr(phrase.beginning.size()));
+  }
+  if (phrase.words.find("harbor") != std::string_view::npos) return WhichHarbor(message);
+  return Cause(message);
+}
+
 // "Installation of %@ failed with Quorvel error %@ (%@ : %@)": description, name, detail.
 std::string RefusalByName(std::string_view message) {
   static constexpr std::string_view key = " failed with Quorvel error ";
@@ -113,8 +133,7 @@ FailureWords InWords(std::string_view message) {
       std::begin(Phrases), std::end(Phrases),
       [message](const Phrase& candidate) { return message.starts_with(candidate.beginning); });
   if (phrase == std::end(Phrases)) return {Printable(message), false};
-  const std::string cause =
-      message.starts_with("Found missed items in ") ? MissedItems(message) : Cause(message);
+  const std::string cause = Detail(message, *phrase);
   std::string words(phrase->words);
   if (!cause.empty()) words += ": " + Printable(cause);
   return {std::move(words), phrase->minor};

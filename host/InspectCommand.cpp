@@ -1,5 +1,7 @@
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "host/Commands.h"
 #include "host/DeviceRoot.h"
 #include "host/ExitCode.h"
@@ -44,16 +46,22 @@ std::string AsJson(const Inspection& inspection) {
 }
 
 std::string AsText(const Inspection& inspection) {
+  std::size_t columns = 10;
+  for (const InspectedItem& item : inspection.items) {
+    columns = std::max(columns, DisplayWidth(Printable(item.identifier.value_or("-"))));
+  }
+  columns = std::min<std::size_t>(columns, 48);
   std::string text = inspection.items.empty() ? "No legacy containers.\n" : "";
   for (const InspectedItem& item : inspection.items) {
     text += Padded(Printable(item.kind), 10) + "  " +
-            Padded(Printable(item.identifier.value_or("-")), 32) + "  " +
+            Padded(Printable(item.identifier.value_or("-")), columns) + "  " +
             Printable(Path(item.path).lastPathComponent()) + "\n" + std::string(12, ' ') +
             Printable(item.action) + "\n";
   }
-  const auto append = [&text](const char* label, const std::vector<InspectedDirectory>& list) {
+  const auto append = [&text, columns](const char* label,
+                                       const std::vector<InspectedDirectory>& list) {
     for (const InspectedDirectory& directory : list) {
-      text += Padded(label, 10) + "  " + Padded(Printable(directory.identifier), 32) + "  " +
+      text += Padded(label, 10) + "  " + Padded(Printable(directory.identifier), columns) + "  " +
               Printable(directory.path.value_or("(damaged entry)")) +
               (directory.path && !directory.exists ? " (missing)" : "") + "\n";
     }

@@ -107,7 +107,7 @@ class Table {
     for (const std::string& reason : outcome.reasons) {
       FailureWords words = InWords(reason);
       if (words.minor || words.text == previous) continue;
-      detail("why", words.text);
+      detail(outcome.kind == ContainerOutcome::Kind::migrated ? "note" : "why", words.text);
       previous = std::move(words.text);
     }
   }

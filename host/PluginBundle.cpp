@@ -17,10 +17,16 @@ namespace {
 constexpr const char* PluginFileName = "Ravelle.so";
 constexpr const char* Remedy = "Name the plug-in's shared object with --plugin";
 
+// Beside the executable, as in a build tree; else where it is installed, seen from there.
 std::string BesideExecutable() {
   std::error_code failure;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", failure);
-  return failure ? PluginFileName : (self.parent_path() / PluginFileName).string();
+  if (failure) return PluginFileName;
+  const std::filesystem::path beside = self.parent_path() / PluginFileName;
+  const std::filesystem::path installed = self.parent_path() / QUORVEL_INSTALLED_PLUGIN;
+  const bool useInstalled =
+      !std::filesystem::exists(beside, failure) && std::filesystem::exists(installed, failure);
+  return (useInstalled ? installed : beside).lexically_normal().string();
 }
 
 // The loader searches its own directories for a name without a slash; users mean a file.

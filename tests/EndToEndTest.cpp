@@ -440,7 +440,7 @@ TEST(EndToEndTest, ContainersOnAnotherFileSystemGetWholeCopies) {
 }
 
 TEST(EndToEndTest, AnOrdinaryUserMigratesATreeOfHisOwn) {
-  if (::geteuid() != 0) GTEST_SKIP() << "needs to become someone else";
+  if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
   const ScratchTree tree("/tmp");  // programs may be copied to it and run
   HostSetup setup;
   setup.asNobody = true;

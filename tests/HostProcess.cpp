@@ -32,6 +32,12 @@ struct Pipe {
     ::_exit(125);
   }
   std::vector<std::string> environment = {"PATH=/usr/bin:/bin"};
+  // Looking for leaks at exit needs /proc, which a confined process does not have.
+  environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");
+  for (const char* name : {"UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+    const char* value = std::getenv(name);
+    if (value != nullptr) environment.push_back(std::string(name) + "=" + value);
+  }
   if (!setup.environment.contains("TERM")) environment.emplace_back("TERM=xterm");
   for (const auto& [name, value] : setup.environment) environment.push_back(name + "=" + value);
   std::vector<char*> variables;

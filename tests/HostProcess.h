@@ -2,6 +2,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <map>
 #include <string>
@@ -12,10 +13,19 @@ namespace quorvel::testing {
 // The user that tests become when they need one without privileges.
 inline constexpr uid_t NobodyUser = 65534;
 
+// Why the unprivileged case cannot be tried, or empty.
+inline std::string NoUnprivilegedCase() {
+#ifdef __SANITIZE_THREAD__
+  return "the sanitizer's own thread forbids a new user namespace";
+#else
+  return ::geteuid() != 0 ? "needs to become someone else" : "";
+#endif
+}
+
 struct HostSetup {
   std::map<std::string, std::string> environment{};  // beside PATH; TERM is "xterm"
   bool asNobody = false;
-  bool onTerminal = false;     // standard output and error are one terminal, 80 columns wide
+  bool onTerminal = false;       // standard output and error are one terminal, 80 columns wide
   std::string standardOutput{};  // a file instead of a pipe; "-" closes it
   std::string program = HOST_BINARY;
 };

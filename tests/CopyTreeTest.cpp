@@ -147,7 +147,8 @@ TEST_F(CopyTreeTest, KeepsDataAndHolesHoweverTheKernelHelps) {
   for (const ScratchTree* place : {&tree_, &disk}) {
     const std::string from = *place / "from";
     MakeDirectory(from);
-    for (const std::size_t size : {0, 1, 4095, 65535, 65536, 65537, 262144, 262145, 3000001}) {
+    for (const std::size_t size :
+         {0U, 1U, 4095U, 65535U, 65536U, 65537U, 262144U, 262145U, 3000001U}) {
       WriteFile(from + "/" + std::to_string(size), Pattern(size));
     }
     constexpr off_t kMiB = 1 << 20;

@@ -119,7 +119,9 @@ TEST(TreeWalkerTest, RootsThatAreNoDirectories) {
 TEST(TreeWalkerTest, DepthAndWidthAreWalkedWholeWithFewDescriptors) {
   ScratchTree tree;
   const std::pair<int, std::string> shapes[] = {{5000, std::string(200, 'd')}, {20000, "d"}};
-  for (const auto& [levels, name] : shapes) {
+  for (const auto& shape : shapes) {
+    const int levels = shape.first;
+    const std::string& name = shape.second;
     MakeDirectory(tree / "root");
     MakeDeep(tree / "root", levels, name, true);
     EXPECT_TRUE(InChild([&] {

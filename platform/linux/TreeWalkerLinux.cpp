@@ -130,7 +130,7 @@ const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
     return deliver(TreeWalkKind::directoryAfter, entry_.parent, entry_.name);
   }
   UniqueDescriptor descriptor = stack_.openDirectoryAt(entry_.parent, entry_.name);
-  struct stat opened;
+  struct stat opened {};
   int number = descriptor && ::fstat(descriptor.get(), &opened) == 0 ? 0 : errno;
   // Exchanged meanwhile: the visitor has judged another directory.
   if (number == 0 && IdentityOf(opened) != IdentityOf(entry_.info)) number = ESTALE;

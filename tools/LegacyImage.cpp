@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -76,9 +77,7 @@ int Run(const std::string& directory, const LegacyImageOptions& options,
   return std::cout ? 0 : Complain("standard output cannot be written");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int ParseAndRun(int argc, char** argv) {
   CLI::App app("Makes a device tree in the legacy layout, to try migrations on.", "legacy-image");
   std::string directory;
   std::string listPath;
@@ -107,4 +106,15 @@ int main(int argc, char** argv) {
   }
   options.icons = !withoutIcons;
   return Run(directory, options, listPath);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return ParseAndRun(argc, argv);
+  } catch (const std::exception& problem) {  // no memory; nothing else throws
+    std::fprintf(stderr, "legacy-image: %s\n", problem.what());
+    return ExitFailed;
+  }
 }

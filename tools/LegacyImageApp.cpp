@@ -91,14 +91,16 @@ void WriteContainer(LegacyImageWriter& writer, LegacyImageRandom& random, const 
                     std::vector<std::string>& notes) {
   const std::string container = std::string(LegacyApplications) + "/" + plan.name;
   const bool isBegun = plan.appIsStaged || plan.pluginIsStaged;
-  const auto placeOf = [&](bool staged) {
-    return container + (staged ? "/Staging/Payload/" : "/");
+  const auto inContainer = [&](const std::string& name, bool staged) {
+    std::string path = container;
+    path += staged ? "/Staging/Payload/" : "/";
+    return path += name;
   };
   if (!plan.app.name.empty()) {
-    WriteBundle(writer, random, placeOf(plan.appIsStaged) + plan.app.name, plan.app, notes);
+    WriteBundle(writer, random, inContainer(plan.app.name, plan.appIsStaged), plan.app, notes);
   }
   if (!plan.plugin.name.empty()) {
-    WriteBundle(writer, random, placeOf(plan.pluginIsStaged) + plan.plugin.name, plan.plugin,
+    WriteBundle(writer, random, inContainer(plan.plugin.name, plan.pluginIsStaged), plan.plugin,
                 notes);
   }
   // The data has gone before anything is staged; the metadata follows the bundles.
@@ -107,9 +109,9 @@ void WriteContainer(LegacyImageWriter& writer, LegacyImageRandom& random, const 
     PlistDictionary item;
     item.set("Item", name);
     item.set("Price", 0.99);
-    writer.file(container + "/" + name, name.ends_with(".plist")
-                                            ? PlistBytes(item, PropertyListFormat::xml)
-                                            : random.bytes(300));
+    writer.file(inContainer(name, false), name.ends_with(".plist")
+                                              ? PlistBytes(item, PropertyListFormat::xml)
+                                              : random.bytes(300));
   }
 }
 

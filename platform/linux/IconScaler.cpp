@@ -41,24 +41,26 @@ std::vector<SampleWeights> WeightsFor(std::uint32_t sourceSize, std::uint32_t re
 
 // Weighted means of bytes are never below 0 and above 255 by rounding errors only.
 std::uint8_t ToByte(float value) {
-  return static_cast<std::uint8_t>(std::min(static_cast<int>(value + 0.5F), 255));
+  // Not lround: it is a call per sample, and nothing here is negative.
+  return static_cast<std::uint8_t>(std::min(static_cast<int>(value + 0.5F), 255));  // NOLINT
 }
 
 // The mask's corner radius as a share of the icon's side: 27 pixels of 120.
 constexpr double CornerRadiusShare = 0.225;
 
 // Opacity, 0 to 255, of each pixel of the top left corner's square; the others mirror it.
-// Counted over 16 x 16 points a pixel.
+// Counted over 16 x 16 points a pixel, in units of half a point's distance.
 std::vector<std::uint8_t> MakeCorner(std::uint32_t radius) {
   constexpr int points = 16;
+  const int reach = static_cast<int>(radius) * points * 2;
   std::vector<std::uint8_t> corner;
   corner.reserve(std::size_t{radius} * radius);
   for (std::uint32_t i = 0; i < radius * radius; ++i) {
     int inside = 0;
     for (int p = 0; p < points * points; ++p) {
-      const double dx = radius - (i % radius + (p % points + 0.5) / points);
-      const double dy = radius - (i / radius + (p / points + 0.5) / points);
-      if (dx * dx + dy * dy <= static_cast<double>(radius) * radius) ++inside;
+      const int dx = reach - (static_cast<int>(i % radius) * points + p % points) * 2 - 1;
+      const int dy = reach - (static_cast<int>(i / radius) * points + p / points) * 2 - 1;
+      if (dx * dx + dy * dy <= reach * reach) ++inside;
     }
     corner.push_back(static_cast<std::uint8_t>(inside * 255 / (points * points)));
   }

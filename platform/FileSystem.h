@@ -49,7 +49,8 @@ class FileSystem {
 
   // A fresh state; null with errno set when it cannot be made.
   virtual std::unique_ptr<WipeTreeState> allocateWipeTreeState() = 0;
-  // Removes the item and, with WIPETREE_RECURSIVE, everything below it, however deep. Items that
+  // Removes the item and, with WIPETREE_RECURSIVE, everything below it, however deep; the files of
+  // the directory itself go before any directory in it. Items that
   // cannot be removed are reported to the state's callback and passed over. 0 when the walk was
   // completed, whatever the callback heard.
   virtual int RemoveTree(const char* path, unsigned flags, WipeTreeState& state) = 0;

@@ -6,6 +6,8 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <filesystem>
+#include <memory>
 #include <set>
 #include <thread>
 #include <utility>
@@ -156,6 +158,31 @@ TEST_F(RemoveTreeTest, ReportsWhatCannotBeRemovedAndGoesOn) {
   const auto silent = files_.allocateWipeTreeState();
   EXPECT_EQ(files_.RemoveTree((tree_ / "root").c_str(), WIPETREE_RECURSIVE, *silent), -1);
   EXPECT_EQ(errno, EPERM);
+}
+
+TEST_F(RemoveTreeTest, FilesOfTheRootGoBeforeItsDirectories) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs immutable files";
+  MakeDirectory(tree_ / "t");
+  std::vector<std::unique_ptr<Immutable>> kept;
+  // Enough of both that no order of reading puts all files first by chance.
+  for (int i = 0; i < 12; ++i) {
+    const std::string directory = tree_ / ("t/directory" + std::to_string(i));
+    MakeDirectory(directory);
+    WriteFile(directory + "/kept", "x");
+    kept.push_back(std::make_unique<Immutable>(directory + "/kept"));
+    WriteFile(tree_ / ("t/note" + std::to_string(i)), "x");
+  }
+  int notes = 0;
+  int directories = 0;
+  listener_.onFirst = [&] {
+    for (const auto& entry : std::filesystem::directory_iterator(tree_ / "t")) {
+      ++(entry.is_directory() ? directories : notes);
+    }
+  };
+  EXPECT_EQ(remove(tree_ / "t"), 0);
+  EXPECT_EQ(notes, 0);
+  EXPECT_EQ(directories, 12);
+  EXPECT_EQ(listener_.reports.size(), 25U) << "each file, its directory, and the root, once";
 }
 
 TEST_F(RemoveTreeTest, AsItsOwnerOnlyRemovesWhatPermissionsAllow) {

@@ -101,9 +101,20 @@ int TreeRemover::run() {
 }
 
 void TreeRemover::visit(int directory, const char* name, unsigned char type) {
+  if (stack_.depth() == 1 && isForOtherPass(directory, name, type)) return;
   if (type != DT_DIR && visitFile(directory, name, type)) return;
   if (recursive_) return visitDirectory(directory, name);
   if (::unlinkat(directory, name, AT_REMOVEDIR) != 0) failed(stack_.pathOf(name), errno);
+}
+
+// The root's own files go before its directories: whoever keeps a note beside the directories that
+// it speaks of finds them whole as long as the note is there.
+bool TreeRemover::isForOtherPass(int directory, const char* name, unsigned char type) {
+  if (rootPass_ == RootPass::everything) return false;
+  const bool isDirectory = type == DT_DIR || (type == DT_UNKNOWN && IsDirectory(directory, name));
+  if (rootPass_ == RootPass::directories) return !isDirectory;
+  if (isDirectory) directoriesWait_ = true;
+  return isDirectory;
 }
 
 // False when it turned out to be a directory. What the reader said was true when it was read: the
@@ -157,6 +168,11 @@ void TreeRemover::enter(UniqueDescriptor descriptor, const char* name) {
 
 void TreeRemover::finishDirectory(int readError) {
   if (readError != 0) levels_.back().readError = readError;
+  if (stack_.depth() == 1 && rootPass_ != RootPass::everything) {
+    const bool again = rootPass_ == RootPass::files && directoriesWait_;
+    rootPass_ = again ? RootPass::directories : RootPass::everything;
+    if (again) return stack_.reader().rewind();
+  }
   if (!stack_.openParent()) {
     // Somebody moved it, or a directory above it. What is still reachable by name goes on.
     failed(stack_.path(), errno);

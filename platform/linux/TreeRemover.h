@@ -44,7 +44,11 @@ class TreeRemover {
     bool incomplete = false;  // something below could not be removed, and was reported
   };
 
+  // Which entries of the root directory are visited.
+  enum class RootPass { files, directories, everything };
+
   void visit(int directory, const char* name, unsigned char type);
+  bool isForOtherPass(int directory, const char* name, unsigned char type);
   bool visitFile(int directory, const char* name, unsigned char type);
   void visitDirectory(int directory, const char* name);
   void removeUnreadable(int directory, const char* name, int openError);
@@ -62,6 +66,8 @@ class TreeRemover {
   std::vector<Level> levels_;  // as deep as the stack
   std::uint64_t baseMount_ = 0;
   dev_t baseDevice_ = 0;
+  RootPass rootPass_ = RootPass::files;
+  bool directoriesWait_ = false;  // the first pass passed over some
   std::string firstVanished_;
   int ended_ = 0;  // the number of the failure that ended the removal
 };

@@ -117,7 +117,7 @@ class QV_EXPORT QVGlobalConfiguration {
   void setHaveUpdatedPluginContainersWithParentID(bool flag);
   std::optional<std::string> alternateThinningModelIdentifier();
 
-  // --- Steps of the above -------------------------------------------------------------------
+  // --- Steps of the above, not exported by the shared library -------------------------------
 
   std::shared_ptr<const QVBundleMap> _bundleIDMapForBundlesInDirectory(
       const Path& directory, const std::string& extension);

@@ -81,8 +81,11 @@ class QV_EXPORT QVFileManager {
   std::optional<Path> createTemporaryDirectoryInDirectoryURL(const Path& parent,
                                                              Error* error = nullptr);
 
-  // Brings the names in the directory to stable storage.
+  // Brings the names in the directory itself to stable storage.
   bool syncDirectoryAtURL(const Path& directory, Error* error = nullptr);
+  // Brings everything written so far to the file systems of the items to stable storage, each file
+  // system once: one flush in place of many where much was written.
+  bool syncFileSystemsOfItems(const std::vector<Path>& items, Error* error = nullptr);
 
   // Whether the item is what an interrupted removal of a moved directory left behind.
   static bool isRemainOfMove(const Path& item);
@@ -100,7 +103,7 @@ class QV_EXPORT QVFileManager {
   // Hands every entry of the tree to the visitor, each directory before and after its contents,
   // without following links or entering other devices. The visitor goes on with true; with false
   // it ends the walk as a failure and may leave an Error. False also when the tree could not be
-  // walked whole.
+  // walked whole. Not exported by the shared library, like all names with an underscore.
   using TreeVisitor = std::function<bool(const TreeWalkEntry& entry, Error* error)>;
   bool _traverseDirectory(const Path& root, Error* error, const TreeVisitor& visitor);
 
@@ -151,7 +154,7 @@ class QV_EXPORT QVFileManager {
   // 0 when none was set.
   std::optional<std::uint64_t> installTypeForBundle(const Path& bundle, Error* error = nullptr);
 
-  // --- Steps of the above -------------------------------------------------------------------
+  // --- Steps of the above, not exported by the shared library -------------------------------
 
   bool _copyItemAtURL(const Path& source, const Path& destination, bool failIfSrcMissing,
                       Error* error);

@@ -336,7 +336,10 @@ TEST(EndToEndTest, KilledAgainAndAgainItArrivesAllTheSame) {
   const unsigned seed = std::random_device()();
   std::mt19937 random(seed);
   int kills = 0;
-  for (int round = 0; round < 40 && !::testing::Test::HasFailure(); ++round) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  for (int round = 0;
+       round < 40 && !::testing::Test::HasFailure() && std::chrono::steady_clock::now() < deadline;
+       ++round) {
     const Device device = copy("device");
     for (int attempt = 0; attempt < 4; ++attempt) {
       const pid_t host = StartHost({"migrate", "--root", device.root()});

@@ -31,7 +31,6 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
                                                    const Path& to) {
   // An interrupted run may have copied a directory whole and been killed while removing it.
   files_.removeRemainsOfMovesInDirectory(from);
-  bool moved = false;
   Error error;
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const Path source = from.child(name);
@@ -41,10 +40,10 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }
-    moved = true;
   }
-  // Once per container, and before the legacy container can go: the new names are stored.
-  if (moved && !files_.syncDirectoryAtURL(to, &error)) {
+  // Once per container: the marker and the data's new names are stored before the bundle leaves
+  // its place and long before the legacy container can go.
+  if (!files_.syncFileSystemsOfItems({from, to}, &error)) {
     LogFailedDataMove(from, to, identifier, error);
     return false;
   }

@@ -25,8 +25,8 @@ class FileData {
   virtual std::unique_ptr<std::vector<std::uint8_t>> readWholeFile(const Path& file,
                                                                    Error* error) = 0;
 
-  // Replaces the file in one rename, under the same promises as
-  // PropertyListStore::writeDictionary.
+  // Replaces the file in one rename: a reader sees the old file or the new one whole. Nothing is
+  // flushed: who relies on the file after a power cut syncs its file system (FileSystem).
   virtual bool writeAtomically(std::span<const std::uint8_t> bytes, const Path& file,
                                Error* error) = 0;
 

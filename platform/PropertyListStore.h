@@ -31,7 +31,8 @@ class PropertyListStore {
                                                           Error* error) = 0;
 
   // Writes the dictionary, replacing the file in one rename: a reader sees the old file or the
-  // new one whole. The new content is on stable storage before the rename. What an interrupted
+  // new one whole. The new content is on stable storage before the rename; the rename itself once
+  // the directory or its file system is synced (FileSystem). What an interrupted
   // write leaves beside the file is taken over by the next write of the same file. The mode of
   // a new file is 0644. XML cannot hold control characters: such a value is refused
   // (PlatformPropertyListWriteInvalidError) and the old file stays.

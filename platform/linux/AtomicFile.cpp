@@ -19,6 +19,7 @@ namespace quorvel::onlinux {
 namespace {
 
 constexpr std::size_t ReadStep = 65'536;
+constexpr mode_t NewFileMode = 0644;
 
 // Calls until no signal interrupts.
 template <class Call>
@@ -98,19 +99,16 @@ bool Flush(int file) {
   return Uninterrupted([&] { return ::fsync(file); }) == 0;
 }
 
-// Some file systems cannot flush a directory and say EINVAL: they need not.
-bool FlushDirectory(int directory) { return Flush(directory) || errno == EINVAL; }
-
 // The step that failed; null with success.
 const char* Replace(int directory, const std::string& name, std::span<const std::uint8_t> bytes,
-                    mode_t mode) {
+                    Durability durability) {
   const std::string temporary = TemporaryNameFor(name);
-  const UniqueDescriptor file = CreateTemporary(directory, temporary.c_str(), mode);
+  const UniqueDescriptor file = CreateTemporary(directory, temporary.c_str(), NewFileMode);
   if (!file) return "Creating a temporary file";
   const char* failed = nullptr;
   if (!WriteAll(file.get(), bytes)) {
     failed = "Writing";
-  } else if (!Flush(file.get())) {
+  } else if (durability == Durability::contentFirst && !Flush(file.get())) {
     failed = "Flushing";
   } else if (::renameat(directory, temporary.c_str(), directory, name.c_str()) != 0) {
     failed = "Renaming";
@@ -119,9 +117,8 @@ const char* Replace(int directory, const std::string& name, std::span<const std:
     const int failure = errno;
     ::unlinkat(directory, temporary.c_str(), 0);
     errno = failure;
-    return failed;
   }
-  return FlushDirectory(directory) ? nullptr : "Flushing the directory";
+  return failed;
 }
 
 // A directory's kind is known only after opening it; nothing but a regular file is read.
@@ -151,6 +148,9 @@ int ReadToEnd(int file, std::size_t expected, std::size_t limit, std::vector<std
 
 }  // namespace
 
+// Some file systems cannot flush a directory and say EINVAL: they need not.
+bool FlushDirectory(int directory) { return Flush(directory) || errno == EINVAL; }
+
 std::string TemporaryNameFor(const std::string& name) {
   constexpr std::string_view suffix = ".tmp";
   if (1 + name.size() + suffix.size() <= NAME_MAX) return "." + name + std::string(suffix);
@@ -173,16 +173,16 @@ UniqueDescriptor OpenParentDirectory(const Path& file) {
 }
 
 bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
-                             std::span<const std::uint8_t> bytes, mode_t mode, const Path& file,
-                             Error* error) {
-  const char* failed = Replace(directory, name, bytes, mode);
+                             std::span<const std::uint8_t> bytes, Durability durability,
+                             const Path& file, Error* error) {
+  const char* failed = Replace(directory, name, bytes, durability);
   if (failed == nullptr) return true;
   const int failure = errno;
   return SetError(error, PosixFailure(failure, std::string(failed) + " for " + file.string()));
 }
 
-bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes, mode_t mode,
-                           Error* error) {
+bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes,
+                           Durability durability, Error* error) {
   const std::string name = BytesOfFileSystemRepresentation(std::string(file.lastPathComponent()));
   if (name.empty() || name == "/" || name == "." || name == "..") {
     return SetError(error, PosixFailure(EINVAL, "Writing " + file.string()));
@@ -192,7 +192,7 @@ bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes
     const int failure = errno;
     return SetError(error, PosixFailure(failure, "Opening the directory of " + file.string()));
   }
-  return ReplaceFileAtomicallyAt(directory.get(), name, bytes, mode, file, error);
+  return ReplaceFileAtomicallyAt(directory.get(), name, bytes, durability, file, error);
 }
 
 int ReadRegularFile(int directory, const char* name, std::size_t limit, bool pastCache,

@@ -16,23 +16,32 @@
 
 namespace quorvel::onlinux {
 
-// Replaces the file by a regular file with these bytes and this mode (the umask does not apply),
-// in one rename. The bytes are on stable storage before the rename makes them visible, the
-// rename itself before this returns true. A link of that name is replaced, not followed.
+// What a power cut may do to a replaced file. A kill never shows anything but old or new.
+enum class Durability {
+  contentFirst,  // the bytes are on stable storage before the rename makes them visible
+  none,          // for a caller that syncs the file system before it relies on the file
+};
+
+// Replaces the file by a regular file with these bytes (the umask does not apply to its
+// mode), in one rename. The rename itself may be undone by a power cut until the directory is
+// flushed (FlushDirectory) or its file system synced. A link of that name is replaced, not
+// followed.
 //
 // The new content is first written beside the file, under TemporaryNameFor() its name. What a
 // killed process left under that name is taken over; a process or thread that is at work on it is
 // waited for. On failure (false, PosixErrorDomain) the temporary file is removed and the old file
-// is as it was, with one exception: when only the last flush, of the directory, fails, the new
-// content is already visible and merely not known to be durable. Any thread may call.
-bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes, mode_t mode,
-                           Error* error);
+// is as it was. The mode is 0644. Any thread may call.
+bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes,
+                           Durability durability, Error* error);
 
 // The same for a file named relative to an open directory (O_RDONLY). `name` is a plain file name
 // as a system call takes it; `file` is what messages call it.
 bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
-                             std::span<const std::uint8_t> bytes, mode_t mode, const Path& file,
-                             Error* error);
+                             std::span<const std::uint8_t> bytes, Durability durability,
+                             const Path& file, Error* error);
+
+// Brings renames in an open directory to stable storage; false with errno.
+bool FlushDirectory(int directory);
 
 // The temporary name that belongs to a file name: ".<name>.tmp", or when that would be longer than
 // 255 bytes ".<16 hexadecimal digits>.tmp" with a hash of the name.

@@ -12,7 +12,6 @@ namespace quorvel::onlinux {
 namespace {
 
 constexpr std::size_t WholeFileLimit = std::size_t{1} << 30U;
-constexpr mode_t NewFileMode = 0644;
 
 }  // namespace
 
@@ -31,7 +30,7 @@ std::unique_ptr<std::vector<std::uint8_t>> FileDataLinux::readWholeFile(const Pa
 
 bool FileDataLinux::writeAtomically(std::span<const std::uint8_t> bytes, const Path& file,
                                     Error* error) {
-  return ReplaceFileAtomically(file, bytes, NewFileMode, error);
+  return ReplaceFileAtomically(file, bytes, Durability::none, error);
 }
 
 }  // namespace quorvel::onlinux

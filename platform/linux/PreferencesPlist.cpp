@@ -163,7 +163,9 @@ bool PreferencesPlist::synchronize(const std::string& domain, PreferencesScope s
   std::vector<std::uint8_t> bytes;
   if (!SerializePropertyList(PlistValue(std::move(*stored)), PropertyListFormat::binary, bytes,
                              nullptr) ||
-      !ReplaceFileAtomicallyAt(directory.get(), fileName, bytes, FileMode, file, nullptr)) {
+      !ReplaceFileAtomicallyAt(directory.get(), fileName, bytes, Durability::contentFirst, file,
+                               nullptr) ||
+      !FlushDirectory(directory.get())) {
     return false;
   }
   forget({domain, scope}, changes);

@@ -13,7 +13,6 @@ namespace quorvel::onlinux {
 
 namespace {
 
-constexpr mode_t NewFileMode = 0644;
 
 Error CorruptFile(const Path& file, const std::string& reason) {
   return PlatformFailure(PlatformPropertyListReadCorruptError,
@@ -55,7 +54,7 @@ bool PropertyListFiles::writeDictionary(const PlistDictionary& dictionary, const
                                         PropertyListFormat format, Error* error) {
   std::vector<std::uint8_t> bytes;
   return SerializePropertyList(PlistValue(dictionary), format, bytes, error) &&
-         ReplaceFileAtomically(file, bytes, NewFileMode, error);
+         ReplaceFileAtomically(file, bytes, Durability::contentFirst, error);
 }
 
 }  // namespace quorvel::onlinux

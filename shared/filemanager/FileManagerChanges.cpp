@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <set>
 
 #include "platform/UniqueDescriptor.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -21,6 +22,7 @@ constexpr const char* kCreate =
     "-[QVFileManager createDirectoryAtURL:withIntermediateDirectories:mode:class:error:]";
 constexpr const char* kTemporary = "-[QVFileManager createTemporaryDirectoryInDirectoryURL:error:]";
 constexpr const char* kSync = "-[QVFileManager syncDirectoryAtURL:error:]";
+constexpr const char* kSyncFileSystems = "-[QVFileManager syncFileSystemsOfItems:error:]";
 
 // Hears of each item that cannot be removed. `context` is the call's slot for the first number.
 int _wipetree_error_callback(WipeTreeState& state, const char* path, void* context) {
@@ -150,6 +152,22 @@ bool QVFileManager::syncDirectoryAtURL(const Path& directory, Error* error) {
   return SetError(error,
                   _CreateError(kSync, __LINE__, PosixErrorDomain, number, "sync of %@ failed: %s",
                                directory.string(), ErrnoDescription(number)));
+}
+
+bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error* error) {
+  std::set<dev_t> synced;
+  for (const Path& item : items) {
+    const FileSystemRepresentation representation = item.fileSystemRepresentation();
+    struct stat info {};
+    const bool known = ::lstat(representation.c_str(), &info) == 0;
+    if (known && !synced.insert(info.st_dev).second) continue;
+    if (known && Platform().fileSystem->SyncFileSystem(representation.c_str()) == 0) continue;
+    const int number = errno;
+    return SetError(error,
+                    _CreateError(kSyncFileSystems, __LINE__, PosixErrorDomain, number,
+                                 "sync of %@ failed: %s", item.string(), ErrnoDescription(number)));
+  }
+  return true;
 }
 
 }  // namespace quorvel

@@ -16,13 +16,13 @@
 namespace quorvel {
 
 // Keys and values of an install request's options, published by the registry.
-inline constexpr const char* RXInstallTypeKey = "InstallType";            // unsigned integer
-inline constexpr const char* RXPackageTypeKey = "PackageType";            // one of the next two
-inline constexpr const char* RXPackageTypeCustomer = "Customer";          // a staged "Payload"
-inline constexpr const char* RXPackageTypePlaceholder = "Placeholder";    // a bare bundle
-inline constexpr const char* RXLorvixMetadataKey = "LorvixMetadata";      // data
+inline constexpr const char* RXInstallTypeKey = "InstallType";              // unsigned integer
+inline constexpr const char* RXPackageTypeKey = "PackageType";              // one of the next two
+inline constexpr const char* RXPackageTypeCustomer = "Customer";            // a staged "Payload"
+inline constexpr const char* RXPackageTypePlaceholder = "Placeholder";      // a bare bundle
+inline constexpr const char* RXLorvixMetadataKey = "LorvixMetadata";        // data
 inline constexpr const char* RXBundleIdentifierKey = "PKBundleIdentifier";  // string, required
-inline constexpr const char* RXSkipBlacklistKey = "SkipBlacklist";        // boolean
+inline constexpr const char* RXSkipBlacklistKey = "SkipBlacklist";          // boolean
 
 // Info-dictionary key of a bundle: array of group identifiers (strings).
 inline constexpr const char* PKApplicationGroupsKey = "PKApplicationGroups";
@@ -71,8 +71,8 @@ class ApplicationWorkspace {
   // "ApplicationAlreadyInstalled" is reported when a newer copy is built in: the staged bundle
   // is obsolete then and is discarded with the staging directory. Any other refusal leaves the
   // staging directory as it is.
-  virtual bool installApplication(const Path& staging, const PlistDictionary& options,
-                                  Error* error, const InstallProgressCallback& progress) = 0;
+  virtual bool installApplication(const Path& staging, const PlistDictionary& options, Error* error,
+                                  const InstallProgressCallback& progress) = 0;
 };
 
 }  // namespace quorvel

@@ -70,8 +70,8 @@ struct Error::Record {
 };
 
 inline Error::Error(std::string domain, std::int64_t code, UserInfo userInfo)
-    : record_(std::make_shared<const Record>(
-          Record{std::move(domain), code, std::move(userInfo)})) {}
+    : record_(
+          std::make_shared<const Record>(Record{std::move(domain), code, std::move(userInfo)})) {}
 
 inline const Error::Record& Error::none() {
   static const Record empty;

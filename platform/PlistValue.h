@@ -90,8 +90,7 @@ class PlistValue {
   PlistValue() : PlistValue(false) {}
   // Boolean and integer types are taken exactly; no other type converts to them.
   template <class T>
-    requires std::is_arithmetic_v<T>
-  PlistValue(T number) : storage_(fromNumber(number)) {}
+  requires std::is_arithmetic_v<T> PlistValue(T number) : storage_(fromNumber(number)) {}
   PlistValue(const char* text) : storage_(std::string(text)) {}
   PlistValue(std::string_view text) : storage_(std::string(text)) {}
   PlistValue(std::string text) : storage_(std::move(text)) {}
@@ -179,8 +178,8 @@ inline bool operator==(const PlistValue& a, const PlistValue& b) {
 
 inline PlistKind PlistValue::kind() const {
   static constexpr PlistKind kinds[] = {
-      PlistKind::boolean, PlistKind::integer, PlistKind::integer, PlistKind::real,
-      PlistKind::string,  PlistKind::data,    PlistKind::date,    PlistKind::array,
+      PlistKind::boolean,    PlistKind::integer, PlistKind::integer, PlistKind::real,
+      PlistKind::string,     PlistKind::data,    PlistKind::date,    PlistKind::array,
       PlistKind::dictionary, PlistKind::set};
   return kinds[storage_.index()];
 }

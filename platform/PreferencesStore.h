@@ -25,8 +25,8 @@ class PreferencesStore {
   virtual std::optional<PlistValue> copyValue(const std::string& key, const std::string& domain,
                                               PreferencesScope scope) = 0;
   // Remembers the value; synchronize() stores it. Visible to this process's reads at once.
-  virtual void setValue(const std::string& key, const PlistValue& value,
-                        const std::string& domain, PreferencesScope scope) = 0;
+  virtual void setValue(const std::string& key, const PlistValue& value, const std::string& domain,
+                        PreferencesScope scope) = 0;
   // Brings pending changes of the domain to stable storage without losing what others wrote to
   // other keys. Whether that worked; pending changes stay pending otherwise.
   virtual bool synchronize(const std::string& domain, PreferencesScope scope) = 0;

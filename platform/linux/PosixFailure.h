@@ -16,8 +16,7 @@ inline Error PosixFailure(int number, const std::string& what) {
 
 // A PlatformErrorDomain record.
 inline Error PlatformFailure(std::int64_t code, std::string what) {
-  return Error(PlatformErrorDomain, code,
-               {{LocalizedDescriptionKey, PlistValue(std::move(what))}});
+  return Error(PlatformErrorDomain, code, {{LocalizedDescriptionKey, PlistValue(std::move(what))}});
 }
 
 }  // namespace quorvel::onlinux

@@ -278,25 +278,25 @@ TEST(RegistryCost, DoesNotGrowWithTheNumberOfApps) {
   EXPECT_LE(calls[1], calls[0] + 25);  // a deeper tree has a few more pages to read
 }
 
-// Each directory that got an entry is flushed once, before the records speak of it.
-TEST(RegistryFlushes, OncePerDirectoryAndBeforeTheRecords) {
+// The containers' file system is flushed once, before the records speak of them.
+TEST(RegistryFlushes, OncePerInstallWhateverItTouches) {
   RegistryDevice device(Memory);
   Fault none;
   onlinux::FileSystemLinux files;
   FaultyFileSystem counted(files, none);
   Registry registry({.deviceRoot = device.root()}, &counted);
-  const auto flushesOf = [&](const Path& staging, const PlistDictionary& options) {
-    const int before = none.calls("SyncDirectory");
+  const auto install = [&](const Path& staging, const PlistDictionary& options) {
     EXPECT_TRUE(registry.install(staging, options)) << registry.error.description();
-    return none.calls("SyncDirectory") - before;
   };
-  flushesOf(device.stageApp({"com.first", "1", {"group.x"}}), CustomerOptions("com.first"));
-  // "Bundle", "Data", the new bundle container, and the placeholder itself.
-  EXPECT_EQ(4, flushesOf(device.stagePlaceholder({"com.a"}), PlaceholderOptions("com.a")));
-  // "Bundle" and the new bundle container; the data container and the old group are there.
-  EXPECT_EQ(2, flushesOf(device.stageApp({"com.a", "2", {"group.x"}}), CustomerOptions("com.a")));
-  // "Group" as well.
-  EXPECT_EQ(3, flushesOf(device.stageApp({"com.a", "3", {"group.y"}}), CustomerOptions("com.a")));
+  install(device.stageApp({"com.first", "1", {"group.x"}}), CustomerOptions("com.first"));
+  const int directories = none.calls("SyncDirectory");
+  EXPECT_EQ(1, none.calls("SyncFileSystem"));
+  install(device.stagePlaceholder({"com.a"}), PlaceholderOptions("com.a"));
+  EXPECT_EQ(2, none.calls("SyncFileSystem"));
+  install(device.stageApp({"com.a", "2", {"group.x"}}), CustomerOptions("com.a"));
+  install(device.stageApp({"com.a", "3", {"group.y"}}), CustomerOptions("com.a"));
+  EXPECT_EQ(4, none.calls("SyncFileSystem"));
+  EXPECT_EQ(directories, none.calls("SyncDirectory")) << "only where containers live, once";
 }
 
 TEST(RegistryFlushes, NothingIsReplacedWhileTheyFail) {
@@ -304,7 +304,7 @@ TEST(RegistryFlushes, NothingIsReplacedWhileTheyFail) {
   { EXPECT_TRUE(Registry(device).install(device.stageApp({"com.a"}), CustomerOptions("com.a"))); }
   const Path staging = device.stageApp({"com.a", "2"}, true);
   {
-    Fault always{"SyncDirectory", 0, EIO};
+    Fault always{"SyncFileSystem", 0, EIO};
     onlinux::FileSystemLinux files;
     FaultyFileSystem broken(files, always);
     Registry registry({.deviceRoot = device.root()}, &broken);

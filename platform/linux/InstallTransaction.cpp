@@ -106,11 +106,23 @@ bool IsUntouched(const InstallIntent& intent, const std::string& identifier) {
   return makesDirectory;
 }
 
+// Whether a power cut that undoes the intent but not the steps would lose anything: a placeholder
+// is made anew, an unused container is only litter.
+bool TakesWhatIsNowhereElse(const InstallIntent& intent) {
+  const auto has = [&intent](Kind kind) {
+    return std::any_of(intent.steps.begin(), intent.steps.end(),
+                       [kind](const InstallStep& step) { return step.kind == kind; });
+  };
+  return !has(Kind::markPlaceholder) &&
+         (has(Kind::moveBundle) || has(Kind::moveItem) || has(Kind::removeTree));
+}
+
 }  // namespace
 
 bool InstallTransaction::run(InstallIntent intent,
                              const std::map<std::string, std::string>& newGroups, Error* error) {
-  if (!store_.begin(&intent, newGroups)) {
+  const Flush flushed = TakesWhatIsNowhereElse(intent) ? Flush::now : Flush::later;
+  if (!store_.begin(&intent, newGroups, flushed)) {
     // Should the log hold the transaction in spite of its failure, a later open finds it.
     mayHaveOpenIntents_ = true;
     return SetError(error, store_.failure());
@@ -207,11 +219,8 @@ bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
   // In a container of our own: what has the name is an earlier attempt.
   const UniqueDescriptor file(::open(FileSystemRepresentation(step.target).c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!file || ::fchmod(file.get(), 0644) != 0 || !WriteAll(file.get(), step.data) ||
-      ::fsync(file.get()) != 0) {
-    return Fail(step.target, error);
-  }
-  return true;
+  const bool written = file && ::fchmod(file.get(), 0644) == 0 && WriteAll(file.get(), step.data);
+  return written || Fail(step.target, error);
 }
 
 bool InstallTransaction::markPlaceholder(const InstallStep& step, Error* error) {
@@ -260,18 +269,17 @@ bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
   return RemoveEmptyDirectory(payload, error) && RemoveEmptyDirectory(step.target, error);
 }
 
+// One flush of the file system costs less than one for each of its directories.
 bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
-  std::set<std::string> directories;
+  std::set<dev_t> flushed;
   for (const InstallStep& step : intent.steps) {
     if (step.cleanup) continue;
-    directories.insert(ParentOf(step.target));
-    // A placeholder is new as a whole; a legacy bundle is as durable as it was.
-    if (step.kind == Kind::markPlaceholder) directories.insert(step.target);
-  }
-  for (const std::string& directory : directories) {
-    if (fileSystem_.SyncDirectory(FileSystemRepresentation(directory).c_str()) != 0) {
-      return Fail(directory, error);
-    }
+    const std::string directory = ParentOf(step.target);
+    const FileSystemRepresentation bytes(directory);
+    struct stat info {};
+    if (::lstat(bytes.c_str(), &info) != 0) return Fail(directory, error);
+    if (!flushed.insert(info.st_dev).second) continue;
+    if (fileSystem_.SyncFileSystem(bytes.c_str()) != 0) return Fail(directory, error);
   }
   return true;
 }

@@ -2,13 +2,14 @@
 //
 // The order of writes and flushes, for every change of the registry:
 //
-//   1. The intent goes into the database in one transaction, which is flushed: every new name, so
-//      that whatever is made next has an owner, and the records as they will be.
+//   1. The intent goes into the database in one transaction: every new name, so that whatever is
+//      made next has an owner, and the records as they will be. It is flushed when the steps take
+//      what exists nowhere else; a placeholder does not (undone by a power cut it is made anew).
 //   2. The steps: directories are made; bundles are moved (one rename; across file systems the
 //      copy is flushed before it takes its name, and the source goes after that), store metadata
-//      after its bundle, new files flushed. Nothing that exists elsewhere only is removed.
-//   3. Once per directory that got an entry: the directory is flushed, so that the records of the
-//      next step never speak of what a power cut can undo.
+//      after its bundle. Nothing that exists elsewhere only is removed.
+//   3. The file system of the containers is flushed, once, so that the records of the next step
+//      never speak of what a power cut can undo.
 //   4. The records are replaced in one transaction, which is flushed. Before it the app is as it
 //      was, after it the app is as requested.
 //   5. Only now what was replaced is removed: the old bundle container, obsolete bundles, and the

@@ -210,6 +210,10 @@ void RegistryDatabase::close() {
   connection_ = nullptr;
 }
 
+bool RegistryDatabase::setFlush(Flush flush) {
+  return execute(flush == Flush::now ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
+}
+
 bool RegistryDatabase::begin() { return Query(*this, "BEGIN IMMEDIATE").run(); }
 
 bool RegistryDatabase::commit() {

@@ -26,6 +26,9 @@ struct DatabaseOptions {
   int busyTimeoutMilliseconds = 0;  // wait for another process
 };
 
+// Whether a commit is on stable storage when it returns. Either survives a kill.
+enum class Flush { now, later };
+
 // One connection. One thread at a time.
 class RegistryDatabase {
  public:
@@ -49,6 +52,8 @@ class RegistryDatabase {
   void close();
   bool isOpen() const { return connection_ != nullptr; }
 
+  // For the transactions that follow; `now` at the start. Not inside a transaction.
+  bool setFlush(Flush flush);
   bool begin();     // a transaction that writes
   bool commit();    // durable when true
   void rollback();  // nothing when no transaction is open

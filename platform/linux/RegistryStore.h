@@ -79,8 +79,9 @@ class RegistryStore {
   bool forEachApp(const std::function<void(const AppRecord&)>& visit);
 
   // Writes the intent and its new groups (identifier to container) in one transaction, forgets
-  // the finished ones, and sets the id.
-  bool begin(InstallIntent* intent, const std::map<std::string, std::string>& newGroups);
+  // the finished ones, and sets the id. All other transactions are flushed at once.
+  bool begin(InstallIntent* intent, const std::map<std::string, std::string>& newGroups,
+             Flush flush);
   // Replaces what is stored of an open intent.
   bool rewrite(const InstallIntent& intent);
   // Replaces the records by those of the intent; only its clean-up is left then.
@@ -102,6 +103,7 @@ class RegistryStore {
   RegistryStore& operator=(const RegistryStore&) = delete;
 
  private:
+  bool beginIntent(InstallIntent* intent, const std::map<std::string, std::string>& newGroups);
   bool putRecord(const AppRecord& record);
   bool putIntent(const InstallIntent& intent);
   bool forgetFinished();

@@ -603,6 +603,26 @@ TEST_F(QuorvelctlTest, CarriesARealTreeWhole) {
   EXPECT_TRUE(fs::is_empty(elsewhere.path()));
 }
 
+TEST_F(QuorvelctlTest, FindsTheAppsOfAnImageThatIsMountedInTheTree) {
+  tree_.write("Info.plist", InfoPlist("com.example.image", "1"));
+  const std::string mount =
+      "PATH=$PATH:/usr/sbin:/sbin; exec 2>/dev/null; mkdir -p device/Developer/img && "
+      "truncate -s 4M img && mkfs.ext4 -q img && mount -o loop img device/Developer/img";
+  if (std::system(("sh -c '" + mount + "'").c_str()) != 0) {
+    GTEST_SKIP() << "no privilege, or no tools, to mount an image";
+  }
+  fs::create_directories("device/Developer/img/Applications/I.app");
+  fs::copy_file("Info.plist", "device/Developer/img/Applications/I.app/Info.plist");
+  const json inside = object({"catalog", "--root", device()});
+  const json outside = object({"catalog"});
+  EXPECT_EQ(std::system("umount device/Developer/img"), 0);
+  EXPECT_EQ(inside["diskImageMountPoints"], json::array({"/Developer/img"}));
+  EXPECT_EQ(inside["diskImageApps"]["com.example.image"]["com.velto.Quorvel.bundleURL"],
+            "/Developer/img/Applications/I.app");
+  EXPECT_EQ(outside["diskImageApps"]["com.example.image"]["com.velto.Quorvel.bundleURL"],
+            device() + "/Developer/img/Applications/I.app");
+}
+
 TEST(ConfinedMountTableTest, ShowsTheMountsInsideUnderTheirPathsThere) {
   class FixedTable final : public MountTable {
    public:

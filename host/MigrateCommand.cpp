@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <optional>
 
 #include "host/Commands.h"
@@ -57,7 +58,7 @@ MigrationResult Drive(MigratorPlugin& plugin, const RunAccount& account, const O
 
 void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account, const Options& options) {
   if (options.json || options.quiet) return;
-  const auto estimate = static_cast<long>(plugin.estimatedDuration() + 0.5F);
+  const long estimate = std::lround(plugin.estimatedDuration());
   // A failure shows again when the result is written.
   (void)WriteWhole(STDOUT_FILENO, std::to_string(account.items()) +
                                       " items to migrate, estimated duration " +

@@ -123,6 +123,14 @@ void ContainerScan::describe(const Path& bundle, const char* type, const std::st
   *early_ = early;
 }
 
+// Whether there is a string under the key; logs the message about the marker otherwise.
+bool HasString(const ContainerRecord& record, const char* key, const Path& marker,
+               FormatString<std::string> message) {
+  if (record.findString(key) != nullptr) return true;
+  RAVELLE_LOG(LogLevelError, kLoadMarker, message, marker.string());
+  return false;
+}
+
 void LogFailedListing(const Path& container, const Error& error) {
   if (error.is(PosixErrorDomain, ENOENT)) {
     RAVELLE_LOG(LogLevelNotice, kIntrospect,
@@ -182,30 +190,17 @@ std::optional<ContainerRecord> QVRavelle::_loadAndValidateMigrationMarkerAtURL(c
                 "QVRavelle: Failed to load migration marker file from %@", marker);
     return std::nullopt;
   }
-  if (record->findString(RecordBundlePathKey) == nullptr) {
-    RAVELLE_LOG(LogLevelError, kLoadMarker,
-                "QVRavelle: Failed to get bundle path from migration marker file %@",
-                marker.string());
-    return std::nullopt;
-  }
-  if (record->findString(RecordContainerTypeKey) == nullptr) {
-    RAVELLE_LOG(LogLevelError, kLoadMarker,
-                "QVRavelle: Failed to get container type from migration marker file %@",
-                marker.string());
-    return std::nullopt;
-  }
-  if (record->findString(RecordContainerPathKey) == nullptr) {
-    RAVELLE_LOG(LogLevelError, kLoadMarker,
-                "QVRavelle: Failed to get container path from migration marker file %@",
-                marker.string());
-    return std::nullopt;
-  }
-  if (record->findString(RecordBundleIdentifierKey) == nullptr) {
-    RAVELLE_LOG(LogLevelError, kLoadMarker,
-                "QVRavelle: Failed to get container bundle ID from migration marker file %@",
-                marker.string());
-    return std::nullopt;
-  }
+  // One message for a marker, that of its first fault.
+  const bool complete =
+      HasString(*record, RecordBundlePathKey, marker,
+                "QVRavelle: Failed to get bundle path from migration marker file %@") &&
+      HasString(*record, RecordContainerTypeKey, marker,
+                "QVRavelle: Failed to get container type from migration marker file %@") &&
+      HasString(*record, RecordContainerPathKey, marker,
+                "QVRavelle: Failed to get container path from migration marker file %@") &&
+      HasString(*record, RecordBundleIdentifierKey, marker,
+                "QVRavelle: Failed to get container bundle ID from migration marker file %@");
+  if (!complete) return std::nullopt;
   const PlistValue* second = record->find(RecordSecondBundlePathKey);
   if (second != nullptr && second->string() == nullptr) {
     RAVELLE_LOG(LogLevelError, kLoadMarker, "QVRavelle: Second bundle path was not a string: %@",

@@ -162,12 +162,20 @@ bool InstallTransaction::advance(InstallIntent* intent, Vanished vanished, Error
 
 bool InstallTransaction::performSteps(InstallIntent* intent, Vanished vanished, Error* error) {
   std::set<std::string> givenUp;
+  bool movedBundle = false;
   for (const InstallStep& step : intent->steps) {
     if (step.cleanup || givenUp.contains(step.identifier)) continue;
-    if (perform(step, error)) continue;
+    Error failure;
+    bool done = perform(step, &failure);
+    movedBundle =
+        movedBundle || (step.kind == Kind::moveBundle && (done || !IsMissing(step.target)));
+    // From the first moved bundle on each step is tried twice: that bundle does not go back, and a
+    // caller that is told of a failure may drop the package with all that was still to follow.
+    if (!done && movedBundle) done = perform(step, &failure);
+    if (done) continue;
     const bool isGone = step.kind == Kind::moveBundle && vanished == Vanished::isGivenUp &&
                         IsMissing(step.source) && IsMissing(step.target);
-    if (!isGone) return false;
+    if (!isGone) return SetError(error, std::move(failure));
     givenUp.insert(step.identifier);
   }
   for (const std::string& identifier : givenUp) GiveUp(intent, identifier);

@@ -21,6 +21,8 @@
 // A failure before the first bundle was moved gives the intent up, with the new and still unused
 // containers: everything is as it was. And a bundle that has vanished from the staging directory
 // before it could be moved is given up alone: its identifier is as it was.
+// From the first moved bundle on each step is tried twice, so that a failure that passes costs the
+// app none of its store metadata.
 #pragma once
 
 #include <map>

@@ -70,6 +70,7 @@ class Move {
   int copyIntoPlace();
   int copyAndPlace();
   int retireSource();
+  void tidy();
   int clear(const std::string& path);
   bool wasPlaced() const;
   int writeMark() const;
@@ -89,8 +90,7 @@ int Move::run() {
   if (!IsMissing(from_)) return number == EXDEV ? moveAcross() : number;
   if (!Exists(to_)) return ENOENT;
   // An earlier call moved it, and may have been killed while it cleaned up.
-  ::unlink(moving_.c_str());
-  clear(outgoing_);
+  tidy();
   return 0;
 }
 
@@ -149,9 +149,15 @@ int Move::retireSource() {
   if (!Rename(from_, outgoing_)) return errno;
   // Were the mark to go first, a power cut could bring the source back beside its copy.
   if (files_.SyncDirectory(ParentOf(from_).c_str()) != 0) return errno;
-  ::unlink(moving_.c_str());
-  clear(outgoing_);
+  tidy();
   return 0;
+}
+
+// Removes the mark, then what is left of the source. The move is done whatever comes of it, so a
+// failure is none of the caller's; but hardly anyone looks here again, so one is not accepted yet.
+void Move::tidy() {
+  if (::unlink(moving_.c_str()) != 0 && errno != ENOENT) ::unlink(moving_.c_str());
+  if (clear(outgoing_) != 0) clear(outgoing_);
 }
 
 int KeepFirst(WipeTreeState& state, const char*, void* context) {

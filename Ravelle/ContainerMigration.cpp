@@ -108,6 +108,15 @@ Outcome InstallAndCheck(QVRavelle& plugin, const Container& container) {
   return Outcome::migrated;
 }
 
+// A placeholder's container loses its marker first: were the marker left over by a removal that
+// fails halfway, the next run would look for a bundle to install that was none.
+bool RemoveContainer(QVFileManager& files, const Path& legacy, bool isPlaceholder, Error* error) {
+  if (isPlaceholder && !files.removeItemAtURL(legacy.child(MigrationMarkerName), error)) {
+    return false;
+  }
+  return files.removeItemAtURL(legacy, error);
+}
+
 }  // namespace
 
 bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
@@ -128,7 +137,7 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Removing container for %@ at %@",
               container.identifier, container.legacy.string());
   Error error;
-  if (!files_.removeItemAtURL(container.legacy, &error)) {
+  if (!RemoveContainer(files_, container.legacy, isPlaceholder, &error)) {
     RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to remove container %@ : %@",
                 container.legacy.string(), error);
   }

@@ -1,7 +1,10 @@
 // What the user made: the data items of a container, the app groups' containers, safe harbors.
+#include <cerrno>
+
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleLog.h"
 #include "Ravelle/ReplaceItem.h"
+#include "shared/support/Errors.h"
 #include "shared/support/Platform.h"
 
 namespace quorvel {
@@ -25,6 +28,14 @@ void LogFailedDataMove(const Path& from, const Path& to, const std::string& iden
               from, to, identifier, error);
 }
 
+// Whether an item that was not found is certainly not there. One that only could not be looked at
+// must not be passed over: a placeholder's container is removed without a further look.
+bool IsLeftOut(QVFileManager& files, const Path& item, Error* error) {
+  if (files.itemDoesNotExistAtURL(item)) return true;
+  return SetError(error, _CreateError(kData, __LINE__, PosixErrorDomain, EIO,
+                                      "%@ could not be looked at", item));
+}
+
 }  // namespace
 
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
@@ -34,8 +45,14 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
   Error error;
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const Path source = from.child(name);
-    if (!files_.itemExistsAtURL(source)) continue;
     const Path destination = to.child(name);
+    if (!files_.itemExistsAtURL(source)) {
+      if (!IsLeftOut(files_, source, &error)) {
+        LogFailedDataMove(source, destination, identifier, error);
+        return false;
+      }
+      continue;
+    }
     if (!ReplaceByMove(files_, source, destination, &error)) {
       LogFailedDataMove(source, destination, identifier, error);
       return false;

@@ -1,7 +1,9 @@
 // What a legacy container is, and the marker in which a begun migration keeps the answer.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleLog.h"
@@ -28,6 +30,8 @@ class ContainerScan {
   Scan look(const Path& entry);
 
   bool foundBundle() const { return app_.has_value() || vpn_.has_value(); }
+  // Whether something that may well be a bundle or marker could not be read.
+  bool wasBarred() const { return barred_; }
   ContainerRecord takeRecord() {
     if (app_ && vpn_) record_.set(RecordSecondBundlePathKey, vpn_->string());
     return std::move(record_);
@@ -37,14 +41,34 @@ class ContainerScan {
   Scan lookAtApp(const Path& entry, bool isLink);
   Scan lookAtVPNPlugin(const Path& entry, bool isLink);
   Scan lookAtMarker(const Path& entry, bool isLink);
+  std::optional<std::string> identifierOf(const Path& bundle);
   void describe(const Path& bundle, const char* type, const std::string& identifier, bool early);
 
+  bool barred_ = false;
   QVRavelle& plugin_;
   bool* early_;
   ContainerRecord record_;
   std::optional<Path> app_;
   std::optional<Path> vpn_;
 };
+
+// Whether the file may be as it should and just cannot be read, now or by this user.
+bool IsBarred(const Path& file) {
+  static constexpr int kBars[] = {EIO, EACCES, EPERM, ENOMEM, EMFILE, ENFILE, ESTALE};
+  Error error;
+  if (Platform().fileData->readWholeFile(file, &error)) return false;
+  return error.domain() == PosixErrorDomain &&
+         std::find(std::begin(kBars), std::end(kBars), error.code()) != std::end(kBars);
+}
+
+// A container without a usable bundle is removed with all its data, so that one failure to read is
+// not enough to call a bundle unusable.
+std::optional<std::string> ContainerScan::identifierOf(const Path& bundle) {
+  std::optional<std::string> identifier = plugin_._bundleIdentifierForBundle(bundle);
+  if (!identifier) identifier = plugin_._bundleIdentifierForBundle(bundle);
+  if (!identifier) barred_ = barred_ || IsBarred(bundle.child("Info.plist"));
+  return identifier;
+}
 
 Scan ContainerScan::look(const Path& entry) {
   struct stat info {};
@@ -70,7 +94,7 @@ Scan ContainerScan::lookAtApp(const Path& entry, bool isLink) {
     return Scan::leaveAlone;
   }
   RAVELLE_LOG(LogLevelNotice, kIntrospect, "QVRavelle: Found app %@", entry.string());
-  const std::optional<std::string> identifier = plugin_._bundleIdentifierForBundle(entry);
+  const std::optional<std::string> identifier = identifierOf(entry);
   if (!identifier) {
     RAVELLE_LOG(LogLevelError, kIntrospect, "QVRavelle: Could not get identifier for bundle at %@",
                 entry.string());
@@ -88,7 +112,7 @@ Scan ContainerScan::lookAtVPNPlugin(const Path& entry, bool isLink) {
                 "QVRavelle: VPN plugin was symlink; skipping container %@", entry.string());
     return Scan::leaveAlone;
   }
-  const std::optional<std::string> identifier = plugin_._bundleIdentifierForBundle(entry);
+  const std::optional<std::string> identifier = identifierOf(entry);
   if (!identifier) return Scan::goOn;
   vpn_ = entry;
   if (!app_) describe(entry, ContainerTypeVPNBundle, *identifier, false);
@@ -106,6 +130,7 @@ Scan ContainerScan::lookAtMarker(const Path& entry, bool isLink) {
   if (!marked) {
     RAVELLE_LOG(LogLevelError, kIntrospect,
                 "QVRavelle: Failed to load migration marker file from %@", entry);
+    barred_ = barred_ || IsBarred(entry);
     return Scan::goOn;  // a usable bundle still makes a fresh record
   }
   record_ = std::move(*marked);
@@ -165,6 +190,8 @@ std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& conta
     if (outcome == Scan::leaveAlone) return std::nullopt;
     if (outcome == Scan::finished) return scan.takeRecord();
   }
+  // The data of an app that cannot be told now may be migrated by a later run.
+  if (!scan.foundBundle() && scan.wasBarred()) return std::nullopt;
   if (!scan.foundBundle()) {
     RAVELLE_LOG(LogLevelError, kIntrospect,
                 "QVRavelle: No app or vpn bundle found in container %@ ; removing it",

@@ -1,5 +1,5 @@
 // Runs work in a child process and disturbs it at one of its system calls that change something:
-// kills it just before the call, or lets the call fail.
+// kills it just before the call, or lets the call fail. The work may become another program.
 #pragma once
 
 #include <fcntl.h>
@@ -18,17 +18,21 @@
 
 namespace quorvel::tests {
 
+// Which system calls are counted: those that change something, or those that look at files.
+enum class CountedCalls { changing, looking };
+
 struct SystemCallFault {
   long atCall = 0;      // counted from 1; 0 for none
   int errorNumber = 0;  // the call fails with it; 0 kills the process instead
+  CountedCalls counted = CountedCalls::changing;
 };
 
 struct FaultedRun {
   bool wasTraced = false;  // false where processes may not be traced
   bool fired = false;
   bool wasKilled = false;
-  int exitStatus = -1;     // of a child that ended by itself; -1 when a signal ended it
-  long changingCalls = 0;  // begun
+  int exitStatus = -1;    // of a child that ended by itself; -1 when a signal ended it
+  long countedCalls = 0;  // begun, of the kind that the fault names
   long allCalls = 0;
 };
 
@@ -51,6 +55,32 @@ inline bool ChangesSomething(long call, std::uint64_t secondArgument, std::uint6
   if (call == SYS_open) return (secondArgument & O_CREAT) != 0;
 #endif
   if (call == SYS_openat) return (third & O_CREAT) != 0;
+  return std::find(calls.begin(), calls.end(), call) != calls.end();
+}
+
+// Looking by path or by name. What is read from an open file's descriptor is counted, too: it may
+// come from a disk.
+inline bool LooksAtFiles(long call, std::uint64_t thirdArgument) {
+  static constexpr auto calls = std::to_array<long>({
+      SYS_newfstatat,
+      SYS_statx,
+      SYS_getdents64,
+      SYS_read,
+      SYS_pread64,
+      SYS_readlinkat,
+      SYS_getxattr,
+      SYS_lgetxattr,
+      SYS_fgetxattr,
+      SYS_llistxattr,
+      SYS_flistxattr,
+#ifdef SYS_stat
+      SYS_stat,
+      SYS_lstat,
+      SYS_readlink,
+      SYS_access,
+#endif
+  });
+  if (call == SYS_openat) return (thirdArgument & O_CREAT) == 0;
   return std::find(calls.begin(), calls.end(), call) != calls.end();
 }
 
@@ -95,14 +125,18 @@ inline FaultedRun RunWithFault(const std::function<int()>& work, SystemCallFault
   int status = 0;
   if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) return run;
   run.wasTraced = true;
-  ::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+  // Without the event of its own an exec would stop the child by a signal that kills it.
+  ::ptrace(PTRACE_SETOPTIONS, child, nullptr,
+           PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACEEXEC);
   bool failsThisCall = false;
   int signal = 0;
   while (::ptrace(PTRACE_SYSCALL, child, nullptr, signal) == 0 &&
          ::waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
     signal = WSTOPSIG(status);
-    if (signal != (SIGTRAP | 0x80)) continue;  // a real signal: deliver it
+    const bool isEvent = status >> 16 != 0;
+    if (!isEvent && signal != (SIGTRAP | 0x80)) continue;  // a real signal: deliver it
     signal = 0;
+    if (isEvent) continue;
     struct __ptrace_syscall_info info {};
     ::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
     if (info.op == PTRACE_SYSCALL_INFO_EXIT && failsThisCall) {
@@ -111,11 +145,11 @@ inline FaultedRun RunWithFault(const std::function<int()>& work, SystemCallFault
     }
     if (info.op != PTRACE_SYSCALL_INFO_ENTRY) continue;
     ++run.allCalls;
-    if (!ChangesSomething(static_cast<long>(info.entry.nr), info.entry.args[1],
-                          info.entry.args[2]) ||
-        ++run.changingCalls != fault.atCall) {
-      continue;
-    }
+    const long call = static_cast<long>(info.entry.nr);
+    const bool isCounted = fault.counted == CountedCalls::changing
+                               ? ChangesSomething(call, info.entry.args[1], info.entry.args[2])
+                               : LooksAtFiles(call, info.entry.args[2]);
+    if (!isCounted || ++run.countedCalls != fault.atCall) continue;
     run.fired = true;
     if (fault.errorNumber == 0) {
       ::kill(child, SIGKILL);

@@ -1,6 +1,8 @@
 # Installs the build to a prefix of its own, moves that away, and builds and runs a small program
 # from there: once through the CMake package, once through pkg-config.
 #   cmake -DBUILD=... -DCONSUMER=... -DCOMPILER=... -DFLAGS=... -P PackageTest.cmake
+# A confined process has no /proc, without which a leak checker ends it as failed.
+set(ENV{ASAN_OPTIONS} detect_leaks=0)
 execute_process(COMMAND mktemp -d OUTPUT_VARIABLE work OUTPUT_STRIP_TRAILING_WHITESPACE)
 
 function(fail text)

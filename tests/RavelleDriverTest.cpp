@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "tests/FaultWrappers.h"
 #include "tests/RavelleFixture.h"
 
 namespace quorvel::tests {
@@ -257,6 +258,27 @@ TEST_F(IntrospectionTest, AppWinsOverPluginWhateverTheOrder) {
     EXPECT_EQ(field(record, "SecondBundlePath"), legacy(container) + "/Tun.vpnplugin");
     EXPECT_TRUE(early_);
   }
+}
+
+TEST_F(IntrospectionTest, WhatCannotBeReadForAMomentIsNotRemoved) {
+  makeBundle("A", "Foo.app", "com.example.a");
+  for (const char* operation : {"open", "identifier"}) {
+    Fault once(operation, 1, EIO);
+    FaultyBundleReader reader(platform_.bundles, once);
+    platform_.set.bundles = &reader;
+    EXPECT_EQ(field(introspect("A"), "BundleIdentifier"), "com.example.a") << operation;
+    EXPECT_TRUE(once.fired());
+    platform_.set.bundles = &platform_.bundles;
+  }
+  // For longer: it stays as it is for a later run.
+  Fault always("open", 0, EACCES);
+  Fault barred("readWholeFile", 0, EACCES);
+  FaultyBundleReader reader(platform_.bundles, always);
+  FaultyFileData data(platform_.fileData, barred);
+  platform_.set.bundles = &reader;
+  platform_.set.fileData = &data;
+  EXPECT_FALSE(introspect("A").has_value());
+  EXPECT_TRUE(exists(legacy("A") + "/Foo.app/executable"));
 }
 
 TEST_F(IntrospectionTest, UnusableBundlesAreNotRemembered) {

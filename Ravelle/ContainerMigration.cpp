@@ -1,9 +1,12 @@
 // One container's sequence, and the check before its removal.
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleLog.h"
+#include "Ravelle/ReplaceItem.h"
+#include "shared/support/Errors.h"
 #include "shared/support/Platform.h"
 
 namespace quorvel {
@@ -108,6 +111,15 @@ Outcome InstallAndCheck(QVRavelle& plugin, const Container& container) {
   return Outcome::migrated;
 }
 
+// A marker is believed in all that it names, but not as far as to delete what is no container. What
+// is gone already does no harm.
+bool IsLegacyContainer(QVFileManager& files, const Path& legacy, const Path& legacyContainers,
+                       Error* error) {
+  if (LiesBelow(legacy, legacyContainers) || files.itemDoesNotExistAtURL(legacy)) return true;
+  return SetError(error, _CreateError(kMigrate, __LINE__, PosixErrorDomain, EINVAL,
+                                      "%@ does not lie in %@", legacy, legacyContainers));
+}
+
 // A placeholder's container loses its marker first: were the marker left over by a removal that
 // fails halfway, the next run would look for a bundle to install that was none.
 bool RemoveContainer(QVFileManager& files, const Path& legacy, bool isPlaceholder, Error* error) {
@@ -137,7 +149,8 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Removing container for %@ at %@",
               container.identifier, container.legacy.string());
   Error error;
-  if (!RemoveContainer(files_, container.legacy, isPlaceholder, &error)) {
+  if (!IsLegacyContainer(files_, container.legacy, configuration_.oldContainerPath(), &error) ||
+      !RemoveContainer(files_, container.legacy, isPlaceholder, &error)) {
     RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to remove container %@ : %@",
                 container.legacy.string(), error);
   }

@@ -1,5 +1,6 @@
 // What the user made: the data items of a container, the app groups' containers, safe harbors.
 #include <cerrno>
+#include <initializer_list>
 
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleLog.h"
@@ -34,6 +35,17 @@ bool IsLeftOut(QVFileManager& files, const Path& item, Error* error) {
   if (files.itemDoesNotExistAtURL(item)) return true;
   return SetError(error, _CreateError(kData, __LINE__, PosixErrorDomain, EIO,
                                       "%@ could not be looked at", item));
+}
+
+// Whether a recorded path can be a group's container: one that holds what is used by all ("/", the
+// legacy applications directory) is damage, and moving its items would tear apart the device.
+bool IsGroupContainer(const Path& recorded, std::initializer_list<Path> used, Error* error) {
+  for (const Path& directory : used) {
+    if (!IsOrLiesBelow(directory, recorded)) continue;
+    return SetError(error, _CreateError(kGroupItems, __LINE__, PosixErrorDomain, EINVAL,
+                                        "%@ holds %@", recorded, directory));
+  }
+  return true;
 }
 
 }  // namespace
@@ -131,7 +143,10 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
                                                  bool* allMoved) {
   *allMoved = false;
   Error error;
-  const auto items = files_.urlsForItemsInDirectoryAtURL(oldContainer, false, &error);
+  std::optional<std::vector<Path>> items;
+  if (IsGroupContainer(oldContainer, {newContainer, configuration_.oldContainerPath()}, &error)) {
+    items = files_.urlsForItemsInDirectoryAtURL(oldContainer, false, &error);
+  }
   if (!items) {
     RAVELLE_LOG(LogLevelError, kGroupItems,
                 "QVRavelle: Failed to get all urls in source group container %@ : %@",

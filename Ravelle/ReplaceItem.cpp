@@ -38,10 +38,9 @@ bool IsSameEntry(const Path& a, const Path& b) {
          IsSame(ofA, ofB);
 }
 
-// Whether one of the directories above `item` is `directory`. Climbs by descriptor, so that
+// Whether the open directory, or one above it, is `directory`. Climbs by descriptor, so that
 // neither links nor different spellings of a path hide the answer.
-bool LiesBelow(const Path& item, const struct stat& directory) {
-  UniqueDescriptor at = OpenParent(item);
+bool ClimbsTo(UniqueDescriptor at, const struct stat& directory) {
   struct stat here {};
   struct stat above {};
   while (at && ::fstat(at.get(), &here) == 0) {
@@ -61,11 +60,35 @@ bool DestinationHoldsSource(const Path& source, const Path& destination) {
   // The normal case: nothing is there yet.
   if (::lstat(destinationBytes.c_str(), &to) != 0) return false;
   if (::lstat(sourceBytes.c_str(), &from) != 0) return false;
-  if (S_ISDIR(to.st_mode)) return IsSame(from, to) || LiesBelow(source, to);
+  if (S_ISDIR(to.st_mode)) return IsSame(from, to) || ClimbsTo(OpenParent(source), to);
   return IsSame(from, to) && IsSameEntry(source, destination);
 }
 
+// A directory itself, also where its path ends in ".."; anything else by the directory it is in.
+UniqueDescriptor OpenEnclosing(const Path& item) {
+  const FileSystemRepresentation path = item.fileSystemRepresentation();
+  const UniqueDescriptor own(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!own) return OpenParent(item);
+  return UniqueDescriptor(::openat(own.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
 }  // namespace
+
+bool LiesBelow(const Path& item, const Path& directory) {
+  struct stat info {};
+  const FileSystemRepresentation path = directory.fileSystemRepresentation();
+  return ::stat(path.c_str(), &info) == 0 && ClimbsTo(OpenEnclosing(item), info);
+}
+
+bool IsOrLiesBelow(const Path& item, const Path& directory) {
+  struct stat own {};
+  struct stat info {};
+  const FileSystemRepresentation ownPath = item.fileSystemRepresentation();
+  const FileSystemRepresentation path = directory.fileSystemRepresentation();
+  const bool same =
+      ::stat(ownPath.c_str(), &own) == 0 && ::stat(path.c_str(), &info) == 0 && IsSame(own, info);
+  return same || LiesBelow(item, directory);
+}
 
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination,
                    Error* error) {

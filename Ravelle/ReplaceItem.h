@@ -12,4 +12,11 @@ namespace quorvel {
 // deleting it would delete what is to be moved.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
 
+// Whether the item lies somewhere below the directory, which it is not itself, whatever links and
+// spellings their paths contain. False where that cannot be found out.
+bool LiesBelow(const Path& item, const Path& directory);
+
+// The same, and true also for the directory itself.
+bool IsOrLiesBelow(const Path& item, const Path& directory);
+
 }  // namespace quorvel

@@ -152,6 +152,26 @@ TEST_F(GroupsTest, GroupWhoseOldAndNewContainerAreOneIsLeftAlone) {
   EXPECT_EQ(readFile(container + "/dir/file"), "alive");
 }
 
+// Moving what such a path holds would take the device apart.
+TEST_F(GroupsTest, GroupRecordedAtADirectoryThatAllUseIsLeftAlone) {
+  std::filesystem::create_directories(root_);
+  std::filesystem::create_directory_symlink(root_ + "/private/var", root_ + "/alias");
+  writeInstallMap({{"group.root", PlistDictionary{{"Container", root_}}},
+                   {"group.home", PlistDictionary{{"Container", root_ + "/alias/mobile/"}}},
+                   {"group.apps", PlistDictionary{{"Container", legacy()}}}});
+  const PlistArray groups{"group.root", "group.home", "group.apps"};
+  makeApp("A", "com.example.a", {{PKApplicationGroupsKey, groups}});
+  makeApp("B", "com.example.b");
+  writeFile(root_ + "/System/file", "of the device");
+  EXPECT_TRUE(migrate()) << "of both apps";
+  EXPECT_EQ(readFile(dataOf("com.example.b") + "/Documents/letter"), "letter of com.example.b");
+  EXPECT_EQ(readFile(root_ + "/System/file"), "of the device");
+  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.root")));
+  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.home")));
+  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.apps")));
+  EXPECT_EQ(withoutIconLines(log_.takeErrors()).size(), 3U);
+}
+
 // --- Safe harbors -------------------------------------------------------------------------------
 
 class HarborsTest : public RavelleFixture {

@@ -155,6 +155,27 @@ TEST_F(MigrationTest, PlaceholderBundleOnlyHandsOverItsData) {
   EXPECT_EQ(workspace_.requests.size(), 1U) << "only the placeholder";
 }
 
+// Whatever a damaged or hostile marker names, only what lies among the containers is deleted.
+TEST_F(MigrationTest, DirectoryThatIsNoContainerIsNeverRemoved) {
+  writeFile(root_ + "/private/var/mobile/Media/photo", "precious");
+  std::filesystem::create_directory_symlink("Media", root_ + "/private/var/mobile/Media link");
+  for (const std::string& named :
+       {root_ + "/private/var/mobile/Media", root_, legacy(), legacy("B/.."),
+        legacy("B/../../Media"), root_ + "/private/var/mobile/Media link", std::string()}) {
+    makeApp("B", "com.example.b");
+    const std::string bundle = makeBundle("A", "Foo.app", "com.example.a");
+    markAsPlaceholder(bundle);
+    writePlist(marker("A"), {{RecordContainerPathKey, named},
+                             {RecordBundlePathKey, bundle},
+                             {RecordContainerTypeKey, ContainerTypeApp},
+                             {RecordBundleIdentifierKey, "com.example.a"}});
+    (void)migrateContainer("A");
+    EXPECT_EQ(readFile(root_ + "/private/var/mobile/Media/photo"), "precious") << named;
+    EXPECT_EQ(readFile(legacy("B") + "/Documents/letter"), "letter of com.example.b") << named;
+    EXPECT_TRUE(exists(bundle)) << named;
+  }
+}
+
 TEST_F(MigrationTest, MarkerThatCannotBeWrittenStopsNothing) {
   makeApp("A", "com.example.a");
   const auto plugin = makePlugin();

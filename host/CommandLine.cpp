@@ -29,6 +29,19 @@ std::string GoodIdentifier(const std::string& value) {
   return {};
 }
 
+const std::map<std::string, ProgressMode>& ProgressModes() {
+  static const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::automatic},
+                                                            {"always", ProgressMode::always},
+                                                            {"never", ProgressMode::never}};
+  return modes;
+}
+
+// The parser's own check would also take the numbers behind the names.
+std::string KnownProgressMode(const std::string& value) {
+  if (ProgressModes().contains(value)) return {};
+  return value + " is none of auto, always and never";
+}
+
 void AddRoot(CLI::App& command, Options& options) {
   command.add_option("--root", options.root, "The device tree to work in")
       ->required()
@@ -48,12 +61,13 @@ void AddMigrate(CLI::App& parser, Options& options) {
   command->add_option("--log", options.logFile, "Append every log call as a JSON line")
       ->type_name("FILE")
       ->check(NotEmpty);
-  static const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::automatic},
-                                                            {"always", ProgressMode::always},
-                                                            {"never", ProgressMode::never}};
-  command->add_option("--progress", options.progress, "Show progress on standard error")
+  command
+      ->add_option_function<std::string>(
+          "--progress",
+          [&options](const std::string& mode) { options.progress = ProgressModes().at(mode); },
+          "Show progress on standard error")
       ->type_name("auto|always|never")
-      ->transform(CLI::CheckedTransformer(modes).description(""));
+      ->check(KnownProgressMode);
   command->add_option("--plugin", options.plugin, "The plug-in to load (default: beside the host)")
       ->type_name("FILE")
       ->check(NotEmpty);

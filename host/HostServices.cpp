@@ -82,6 +82,10 @@ bool HostServices::openLog(const std::string& file, FatalError& error) {
   return true;
 }
 
+bool HostServices::logIsWhole() const {
+  return !services_->jsonLog || services_->jsonLog->isWhole();
+}
+
 void HostServices::listen(HostLogWriter& listener) { services_->listeners.push_back(&listener); }
 
 void HostServices::install() {

@@ -32,6 +32,8 @@ class HostServices {
 
   // Before confinement: every call of either log is appended to the file as a line of JSON.
   bool openLog(const std::string& file, FatalError& error);
+  // False when a line could not be appended to that file.
+  bool logIsWhole() const;
   // Before install(): `listener` hears every line of the plug-in's log, after the files.
   void listen(HostLogWriter& listener);
 

@@ -50,6 +50,15 @@ std::string Stragglers(const std::vector<std::string>& names, std::string_view b
 
 bool IsDirectory(const Path& path) { return ItemType(path) == S_IFDIR; }
 
+// Whether both name one directory, whatever their spelling.
+bool IsSameDirectory(const Path& a, const Path& b) {
+  struct stat ofA {};
+  struct stat ofB {};
+  return ::stat(a.fileSystemRepresentation().c_str(), &ofA) == 0 &&
+         ::stat(b.fileSystemRepresentation().c_str(), &ofB) == 0 && ofA.st_dev == ofB.st_dev &&
+         ofA.st_ino == ofB.st_ino;
+}
+
 }  // namespace
 
 bool Inspector::inspect(Inspection& result, Error* error) {
@@ -124,8 +133,11 @@ InspectedItem Inspector::resumed(const Path& path, const PlistDictionary& begun)
   const std::string& identifier = *begun.findString("BundleIdentifier");
   const std::string& bundle = *begun.findString("BundlePath");
   const BundleProxy* known = record(identifier);
+  const std::string& container = *begun.findString("ContainerPath");
   std::string action = "migrate (resume)";
-  if (*begun.findString("ContainerType") == "App") {
+  if (!IsSameDirectory(path, Path::directory(container))) {
+    action = "fail: its marker names another container, " + container;
+  } else if (*begun.findString("ContainerType") == "App") {
     const bool installed = known != nullptr && (known->foundBackingBundle || known->isPlaceholder);
     if (!installed && !IsDirectory(Path::directory(bundle))) {
       action = "fail: its bundle is gone and the registry does not have the app";

@@ -65,6 +65,13 @@ void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account, const
                                       std::to_string(estimate) + " s.\n");
 }
 
+void WarnOfIncompleteLog(const HostServices& services, const Options& options) {
+  if (services.logIsWhole()) return;
+  (void)WriteWhole(STDERR_FILENO, "migration-host: " + Printable(options.logFile) +
+                                      ": lines of the log could not be written\n" +
+                                      "The migration does not depend on it.\n");
+}
+
 int Report(const MigrationResult& result, const RunAccount& account, const Path& legacyContainers,
            const Options& options) {
   const int code = result.succeeded ? ExitSucceeded : ExitFailed;
@@ -101,6 +108,7 @@ int RunMigrate(const Options& options) {
   ShowEstimate(*plugin, account, options);
   const MigrationResult result = Drive(*plugin, account, options, start);
   account.finish();
+  WarnOfIncompleteLog(services, options);
   return Report(result, account, LegacyLayoutOfDevice().containers, options);
 }
 

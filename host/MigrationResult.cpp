@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <set>
 
 #include "host/DirectoryListing.h"
 #include "host/FailureWords.h"
@@ -63,7 +64,7 @@ class Table {
     identifierColumns_ = std::min(identifierColumns_, WidestIdentifier);
     if (!account_.outcomes().empty()) row("", "OUTCOME", "APP", "CONTAINER");
     for (const ContainerOutcome& outcome : account_.outcomes()) container(outcome);
-    links();
+    remainders();
     for (const std::string& reason : account_.generalReasons()) {
       const FailureWords words = InWords(reason);
       if (!words.minor) out_ += "Problem: " + words.text + "\n";
@@ -118,7 +119,8 @@ class Table {
       detail("kept", Printable(path.string()) +
                          (marked ? ", with its marker: a later run takes it up again" : ""));
     } else {
-      detail("gone", "the container was removed; the bundle has to be installed again");
+      detail("gone",
+             "the container; unless the registry has its bundle, that has to be installed again");
     }
     if (!outcome.dataContainer.empty()) {
       detail("data", "what has moved is in " + Printable(outcome.dataContainer));
@@ -129,14 +131,24 @@ class Table {
     out_ += std::string(OutcomeColumns + 2, ' ') + Padded(label, 4) + "  " + text + "\n";
   }
 
-  // Links are no work items, so that the plug-in's log has nothing about them, but they remain.
-  void links() {
+  // What is left in the legacy directory and was not accounted for: links, which are no work items,
+  // so that the plug-in's log has nothing about them, and containers whose marker names another.
+  void remainders() {
     std::vector<std::string> names;
-    if (ListDirectory(legacy_, names) != 0) return;
+    if (ListDirectory(legacy_, names) != 0 || names.empty()) return;
+    std::set<std::string> told;
+    for (const ContainerOutcome& outcome : account_.outcomes()) told.insert(outcome.container);
     for (const std::string& name : names) {
-      if (ItemType(legacy_.child(name)) != S_IFLNK) continue;
+      const Path path = legacy_.childDirectory(name);
+      if (told.contains(path.string())) continue;
       row("\x1b[31m", "left", "-", Printable(name));
-      detail("why", "a symbolic link is not followed; remove it if nothing needs it");
+      if (ItemType(path) == S_IFLNK) {
+        detail("why", "a symbolic link is not followed; remove it if nothing needs it");
+      } else if (ItemType(path.child(MarkerName)) == S_IFREG) {
+        detail("why", "its marker names another container; without it, it is looked at afresh");
+      } else {
+        detail("why", "nothing took it up");
+      }
     }
   }
 

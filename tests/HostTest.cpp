@@ -76,6 +76,7 @@ TEST_F(HostTest, UsageErrorsChangeNothing) {
       migrate({"--log"}),
       migrate({"--log", log, "--frobnicate"}),
       migrate({"--log", log, "--progress", "sometimes"}),
+      migrate({"--log", log, "--progress", "1"}),
       migrate({"--log", log, "extra"}),
       migrate({"--log", log, "--json=false"}),
       migrate({"--log", log, "--root", "/elsewhere"}),
@@ -144,7 +145,9 @@ TEST_F(HostTest, MigratesInsideTheTreeAndReportsOneObject) {
 
 TEST_F(HostTest, FailureIsReportedInWordsWithWhatToDo) {
   legacy("com.example.two/com.velto.quorvel.container_migrator.plist", "");
+  legacy("misled/com.velto.quorvel.container_migrator.plist", "");
   const HostRun run = RunHost(migrate(), script("fail"));
+  EXPECT_NE(run.out.find("its marker names another container"), std::string::npos) << run.out;
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_NE(run.out.find("estimated duration 27 s"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("failed"), std::string::npos);
@@ -273,6 +276,10 @@ TEST_F(HostTest, LostOutputIsAFailure) {
       ExpectFatal(RunHost(arguments, setup), 1, "standard output");
     }
   }
+  // A log is not the result, but nobody should trust one that has gaps.
+  const HostRun run = RunHost(migrate({"--log", "/dev/full", "--json"}), script("fail"));
+  EXPECT_NE(run.err.find("/dev/full: lines of the log could not be written"), std::string::npos);
+  EXPECT_EQ(run.exitCode, 1);
 }
 
 TEST_F(HostTest, TerminalShowsProgressAndCannotBePlayedWith) {
@@ -306,8 +313,13 @@ TEST_F(HostTest, InspectTellsItemsApartAndChangesNothing) {
   legacy("D/Stray items", "data");
   legacy("E/com.velto.quorvel.container_migrator.plist",
          "<plist version=\"1.0\"><dict><key>BundlePath</key><string>/x/Gone.app</string>"
-         "<key>ContainerPath</key><string>/x</string><key>ContainerType</key><string>App</string>"
+         "<key>ContainerPath</key><string>/private/var/mobile/Applications/E/</string>"
+         "<key>ContainerType</key><string>App</string>"
          "<key>BundleIdentifier</key><string>com.example.begun</string></dict></plist>");
+  legacy("I/com.velto.quorvel.container_migrator.plist",
+         "<plist version=\"1.0\"><dict><key>BundlePath</key><string>/x/Gone.app</string>"
+         "<key>ContainerPath</key><string>/x</string><key>ContainerType</key><string>App</string>"
+         "<key>BundleIdentifier</key><string>com.example.misled</string></dict></plist>");
   legacy("F", "a file");
   legacy("H/keep", "");
   fs::create_symlink("/", device() + "/" + Legacy + "/G");
@@ -339,13 +351,14 @@ TEST_F(HostTest, InspectTellsItemsApartAndChangesNothing) {
     EXPECT_EQ(items[name]["identifier"], identifier) << name;
     EXPECT_EQ(items[name]["action"].get<std::string>().substr(0, action.size()), action) << name;
   };
-  ASSERT_EQ(items.size(), 8U);
+  ASSERT_EQ(items.size(), 9U);
   expect("A", "App", "com.example.one", "migrate");
   EXPECT_EQ(items["A"]["bundlePath"], "/" + std::string(Legacy) + "/A/One.app");
   expect("B", "VPNBundle", "com.example.tunnel", "fail: no record for VPN plug-in");
   expect("C", "empty", nullptr, "remove: no bundle");
   expect("D", "App", "com.example.stray", "fail: no step moves Stray items");
   expect("E", "marker", "com.example.begun", "fail: its bundle is gone");
+  expect("I", "marker", "com.example.misled", "fail: its marker names another container, /x");
   expect("F", "file", nullptr, "remove: regular file");
   expect("G", "link", nullptr, "skip");
   expect("H", "App", nullptr, "skip: its app is a symbolic link");

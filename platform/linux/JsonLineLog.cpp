@@ -114,7 +114,7 @@ void JsonLineLog::appendCommon(std::string_view facility, int level, const char*
 
 void JsonLineLog::finishLine() {
   line_ += "}\n";
-  file_.append(line_);
+  if (!file_.append(line_)) whole_ = false;
   if (line_.capacity() > KeptLineCapacity) std::string().swap(line_);
 }
 

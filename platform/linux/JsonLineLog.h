@@ -24,7 +24,8 @@
 namespace quorvel::onlinux {
 
 // Any thread may call: lines stand in the order of the calls, in which their times never run
-// backwards unless the clock does. A line that cannot be written is dropped. errno is kept.
+// backwards unless the clock does. A line that cannot be written is dropped, which isWhole() tells.
+// errno is kept.
 class JsonLineLog final : public HostLogWriter, public LogWriter {
  public:
   // A file open for appending, at whatever place it was opened.
@@ -35,15 +36,22 @@ class JsonLineLog final : public HostLogWriter, public LogWriter {
   void write(const LogHandle* handle, int level, const char* function,
              std::string_view message) override;
 
+  // Whether every line so far was written.
+  bool isWhole() const {
+    const std::lock_guard lock(mutex_);
+    return whole_;
+  }
+
  private:
   void appendCommon(std::string_view facility, int level, const char* function,
                     std::string_view message);
   void finishLine();
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::string line_;  // kept, so that a line usually allocates nothing
   TimestampFormatter clock_;
   LineFile file_;
+  bool whole_ = true;
 };
 
 // Appends the bytes as a JSON string, quotes included, in the form described above.

@@ -52,12 +52,17 @@ bool ClimbsTo(UniqueDescriptor at, const struct stat& directory) {
   return false;
 }
 
+bool IsCertainlyNotThere(const Path& item) {
+  struct stat info {};
+  const FileSystemRepresentation path = item.fileSystemRepresentation();
+  return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT;
+}
+
 bool DestinationHoldsSource(const Path& source, const Path& destination) {
   struct stat from {};
   struct stat to {};
   const FileSystemRepresentation sourceBytes = source.fileSystemRepresentation();
   const FileSystemRepresentation destinationBytes = destination.fileSystemRepresentation();
-  // The normal case: nothing is there yet.
   if (::lstat(destinationBytes.c_str(), &to) != 0) return false;
   if (::lstat(sourceBytes.c_str(), &from) != 0) return false;
   if (S_ISDIR(to.st_mode)) return IsSame(from, to) || ClimbsTo(OpenParent(source), to);
@@ -92,6 +97,10 @@ bool IsOrLiesBelow(const Path& item, const Path& directory) {
 
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination,
                    Error* error) {
+  // The normal case needs no further look.
+  if (IsCertainlyNotThere(destination)) {
+    return files.moveItemIfExistsAtURL(source, destination, error);
+  }
   if (DestinationHoldsSource(source, destination)) {
     return SetError(error,
                     _CreateError(kReplace, __LINE__, PosixErrorDomain, EINVAL,

@@ -34,13 +34,16 @@ class Path {
     return FileSystemRepresentation(text_);
   }
 
-  // The path of a child, joined with exactly one slash. `component` may hold inner slashes.
+  // The path of a child, joined with exactly one slash. `component` may hold inner slashes. Below
+  // the absent path there is nothing: a relative path would lead to wherever the process happens to
+  // be.
   Path appending(std::string_view component, Kind kind) const {
     Path child;
+    if (isAbsent()) return child;
     child.text_.reserve(text_.size() + 1 + component.size());
     child.text_ = text_;
     while (component.starts_with('/')) component.remove_prefix(1);
-    if (!child.text_.empty() && child.text_.back() != '/') child.text_ += '/';
+    if (child.text_.back() != '/') child.text_ += '/';
     child.text_ += component;
     while (child.text_.size() > 1 && child.text_.back() == '/') child.text_.pop_back();
     child.directory_ = kind == Kind::directory;

@@ -1,4 +1,6 @@
 // What the registry is handed: the staged bundle, and the placeholder that comes before it.
+#include <functional>
+
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleLog.h"
 #include "shared/support/Platform.h"
@@ -97,15 +99,27 @@ bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& 
   return true;
 }
 
-// Where a placeholder is put together. An identifier comes from the app itself and may hold
-// anything; as a directory name it must stay one.
-Path PlaceholderDirectory(const std::string& identifier) {
+// A file name has at most 255 bytes; this leaves room for the extension and a number.
+constexpr std::size_t kLongestPlaceholderName = 200;
+
+// An identifier comes from the app itself and may hold anything; as a directory's name it must stay
+// one name. What is cut off a long one still tells it from others.
+std::string PlaceholderName(const std::string& identifier) {
   std::string name;
   for (const char c : identifier) c == '/' ? void(name += "%2F") : void(name += c);
+  if (BytesOfFileSystemRepresentation(name).size() <= kLongestPlaceholderName) return name;
+  std::size_t end = kLongestPlaceholderName;
+  // Not inside a character: the name stays valid text.
+  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0U) == 0x80U) --end;
+  return name.substr(0, end) + "-" + std::to_string(std::hash<std::string>{}(identifier));
+}
+
+// Where a placeholder is put together.
+Path PlaceholderDirectory(const std::string& identifier) {
   return Platform()
       .fileData->temporaryDirectory()
       .childDirectory("com.velto.quorvel.migrator")
-      .childDirectory(name + ".app");
+      .childDirectory(PlaceholderName(identifier) + ".app");
 }
 
 // The raw store metadata, which goes into the request; absent when there is none.

@@ -419,6 +419,12 @@ TEST_F(MigrationTest, HostileIdentifierStaysInTheTemporaryDirectory) {
   EXPECT_TRUE(migrateContainer("A"));
   EXPECT_EQ(readFile(canary + "/file"), "alive");
   EXPECT_TRUE(workspace_.applicationIsInstalled("../../../canary"));
+  // Longer than any file name, and cut inside a character by a careless hand.
+  std::string identifier = "x";
+  for (int i = 0; i < 200; ++i) identifier += "\xC3\xA9";
+  makeApp("B", identifier);
+  EXPECT_TRUE(migrateContainer("B"));
+  EXPECT_EQ(readFile(dataOf(identifier) + "/Documents/letter"), "letter of " + identifier);
 }
 
 // --- Resume ---------------------------------------------------------------------------------

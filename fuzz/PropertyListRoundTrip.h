@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/linux/PropertyList.h"
+#include "platform/linux/plist/PropertyList.h"
 
 namespace quorvel::fuzzing {
 

@@ -5,8 +5,8 @@
 #include <map>
 #include <string_view>
 
-#include "host/ExitCode.h"
-#include "host/TerminalText.h"
+#include "host/console/ExitCode.h"
+#include "host/console/TerminalText.h"
 #include "platform/FileSystemRepresentation.h"
 
 namespace quorvel::host {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "host/TerminalText.h"
+#include "host/console/TerminalText.h"
 
 namespace quorvel::host {
 

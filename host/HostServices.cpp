@@ -7,17 +7,17 @@
 #include <optional>
 #include <vector>
 
-#include "host/TerminalText.h"
-#include "platform/linux/BundleReaderLinux.h"
-#include "platform/linux/DeviceLog.h"
-#include "platform/linux/FileDataLinux.h"
-#include "platform/linux/FileSystemLinux.h"
-#include "platform/linux/IconRendererLinux.h"
-#include "platform/linux/JsonLineLog.h"
-#include "platform/linux/PreferencesPlist.h"
-#include "platform/linux/PropertyListFiles.h"
-#include "platform/linux/TeeLog.h"
-#include "platform/linux/TreeWalkerLinux.h"
+#include "host/console/TerminalText.h"
+#include "platform/linux/files/FileDataLinux.h"
+#include "platform/linux/files/FileSystemLinux.h"
+#include "platform/linux/files/TreeWalkerLinux.h"
+#include "platform/linux/icons/IconRendererLinux.h"
+#include "platform/linux/log/DeviceLog.h"
+#include "platform/linux/log/JsonLineLog.h"
+#include "platform/linux/log/TeeLog.h"
+#include "platform/linux/plist/BundleReaderLinux.h"
+#include "platform/linux/plist/PreferencesPlist.h"
+#include "platform/linux/plist/PropertyListFiles.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/support/Platform.h"
 

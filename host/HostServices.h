@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 
-#include "host/DeviceRoot.h"
-#include "host/ExitCode.h"
 #include "host/Inspection.h"
+#include "host/console/DeviceRoot.h"
+#include "host/console/ExitCode.h"
 #include "platform/Services.h"
-#include "platform/linux/ApplicationRegistryLinux.h"
+#include "platform/linux/registry/ApplicationRegistryLinux.h"
 
 namespace quorvel::host {
 

@@ -3,13 +3,13 @@
 #include <algorithm>
 
 #include "host/Commands.h"
-#include "host/DeviceRoot.h"
-#include "host/ExitCode.h"
 #include "host/HostServices.h"
 #include "host/Inspection.h"
-#include "host/Json.h"
-#include "host/Output.h"
-#include "host/TerminalText.h"
+#include "host/console/DeviceRoot.h"
+#include "host/console/ExitCode.h"
+#include "host/console/Json.h"
+#include "host/console/Output.h"
+#include "host/console/TerminalText.h"
 
 namespace quorvel::host {
 

@@ -7,7 +7,7 @@
 
 #include "platform/Path.h"
 #include "platform/Services.h"
-#include "platform/linux/ApplicationRegistryLinux.h"
+#include "platform/linux/registry/ApplicationRegistryLinux.h"
 
 namespace quorvel::host {
 

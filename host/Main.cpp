@@ -4,8 +4,8 @@
 
 #include "host/CommandLine.h"
 #include "host/Commands.h"
-#include "host/ExitCode.h"
-#include "host/Output.h"
+#include "host/console/ExitCode.h"
+#include "host/console/Output.h"
 
 namespace {
 

@@ -6,16 +6,16 @@
 #include <optional>
 
 #include "host/Commands.h"
-#include "host/DeviceRoot.h"
-#include "host/ExitCode.h"
 #include "host/FailureWords.h"
 #include "host/HostServices.h"
 #include "host/MigrationResult.h"
-#include "host/Output.h"
 #include "host/PluginBundle.h"
 #include "host/ProgressDisplay.h"
 #include "host/RunAccount.h"
-#include "host/TerminalText.h"
+#include "host/console/DeviceRoot.h"
+#include "host/console/ExitCode.h"
+#include "host/console/Output.h"
+#include "host/console/TerminalText.h"
 
 namespace quorvel::host {
 

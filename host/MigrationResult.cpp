@@ -10,8 +10,8 @@
 
 #include "host/DirectoryListing.h"
 #include "host/FailureWords.h"
-#include "host/Json.h"
-#include "host/TerminalText.h"
+#include "host/console/Json.h"
+#include "host/console/TerminalText.h"
 
 namespace quorvel::host {
 

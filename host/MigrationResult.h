@@ -5,7 +5,7 @@
 
 #include "host/CommandLine.h"
 #include "host/RunAccount.h"
-#include "host/Terminal.h"
+#include "host/console/Terminal.h"
 #include "platform/Path.h"
 
 namespace quorvel::host {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "host/TerminalText.h"
+#include "host/console/TerminalText.h"
 #include "platform/Error.h"
 
 namespace quorvel::host {

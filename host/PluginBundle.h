@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "host/ExitCode.h"
+#include "host/console/ExitCode.h"
 #include "platform/MigrationHost.h"
 
 namespace quorvel::host {

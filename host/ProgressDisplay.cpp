@@ -7,8 +7,8 @@
 #include <cmath>
 #include <system_error>
 
-#include "host/Output.h"
-#include "host/TerminalText.h"
+#include "host/console/Output.h"
+#include "host/console/TerminalText.h"
 
 namespace quorvel::host {
 

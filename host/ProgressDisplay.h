@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "host/RunAccount.h"
-#include "host/Terminal.h"
+#include "host/console/Terminal.h"
 #include "platform/MigrationHost.h"
 
 namespace quorvel::host {

@@ -1,0 +1,135 @@
+#include "host/console/DeviceRoot.h"
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "host/console/Output.h"
+#include "host/console/TerminalText.h"
+#include "platform/Error.h"
+
+namespace quorvel::host {
+
+namespace {
+
+constexpr mode_t DeviceUmask = 022;
+
+__user_cap_header_struct CapabilityHeader() { return {_LINUX_CAPABILITY_VERSION_3, 0}; }
+
+bool MayChangeRoot() {
+  __user_cap_header_struct header = CapabilityHeader();
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  if (::syscall(SYS_capget, &header, sets) != 0) return false;
+  return (sets[CAP_TO_INDEX(CAP_SYS_CHROOT)].effective & CAP_TO_MASK(CAP_SYS_CHROOT)) != 0;
+}
+
+// A new user namespace grants every capability over what its user owns. The host wants chroot
+// alone: a tree must not migrate differently because it was entered this way.
+bool DropCapabilities() {
+  __user_cap_header_struct header = CapabilityHeader();
+  const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+  return ::syscall(SYS_capset, &header, none) == 0;
+}
+
+bool WriteKernelFile(const char* file, const std::string& text) {
+  const UniqueDescriptor descriptor(::open(file, O_WRONLY | O_CLOEXEC));
+  return descriptor && WriteWhole(descriptor.get(), text) == 0;
+}
+
+std::string MapToItself(unsigned id) {
+  return std::to_string(id) + " " + std::to_string(id) + " 1\n";
+}
+
+bool EnterOwnNamespace() {
+  const uid_t user = ::geteuid();
+  const gid_t group = ::getegid();
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+  // An unprivileged group map needs setgroups denied first.
+  return WriteKernelFile("/proc/self/setgroups", "deny") &&
+         WriteKernelFile("/proc/self/uid_map", MapToItself(user)) &&
+         WriteKernelFile("/proc/self/gid_map", MapToItself(group));
+}
+
+// Moves from the current directory to a private, read-only view of the mounts below it. The view
+// belongs to this process and is attached nowhere.
+bool MoveToReadOnlyView() {
+  const UniqueDescriptor view(::open_tree(
+      AT_FDCWD, ".", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | static_cast<unsigned>(AT_RECURSIVE)));
+  if (!view) return false;
+  mount_attr attributes = {};
+  attributes.attr_set = MOUNT_ATTR_RDONLY;
+  return ::mount_setattr(view.get(), "", AT_EMPTY_PATH | AT_RECURSIVE, &attributes,
+                         sizeof attributes) == 0 &&
+         ::fchdir(view.get()) == 0;
+}
+
+bool ChangeRootToCurrentDirectory(DeviceRoot::View view) {
+  const bool privileged = MayChangeRoot();
+  if (!privileged && !EnterOwnNamespace()) return false;
+  if (view == DeviceRoot::View::readOnly) (void)MoveToReadOnlyView();
+  if (::chroot(".") != 0 || ::chdir("/") != 0) return false;
+  return privileged || DropCapabilities();
+}
+
+}  // namespace
+
+bool DeviceRoot::open(const std::string& path, FatalError& error) {
+  printable_ = Printable(path);
+  directory_.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory_) {
+    return Fail(error, ExitRootUnusable, printable_ + ": " + ErrnoDescription(errno),
+                "Name a directory that you may read with --root");
+  }
+  struct stat own {};
+  struct stat named {};
+  if (::stat("/", &own) != 0 || ::fstat(directory_.get(), &named) != 0) {
+    return Fail(error, ExitRootUnusable, printable_ + ": " + ErrnoDescription(errno),
+                "Check the file system that holds it");
+  }
+  if (own.st_dev == named.st_dev && own.st_ino == named.st_ino) {
+    return Fail(error, ExitRootUnusable, printable_ + ": this is the machine's own root",
+                "Name the directory that holds the device tree with --root");
+  }
+  return true;
+}
+
+bool DeviceRoot::holds(const std::string& path) const {
+  struct stat info {};
+  return ::fstatat(directory_.get(), path.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+         info.st_size > 0;
+}
+
+bool DeviceRoot::lock(FatalError& error) {
+  while (::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    if (errno == EWOULDBLOCK) {
+      return Fail(error, ExitRootUnusable,
+                  printable_ + ": another migration host is at work in this tree",
+                  "Wait until it is done, then run this command again");
+    }
+    return Fail(error, ExitRootUnusable,
+                printable_ + ": the tree cannot be locked: " + ErrnoDescription(errno),
+                "Put it on a file system that supports flock");
+  }
+  return true;
+}
+
+bool DeviceRoot::enter(View view, FatalError& error) {
+  if (::fchdir(directory_.get()) != 0 || !ChangeRootToCurrentDirectory(view)) {
+    return Fail(error, ExitRootUnusable,
+                printable_ + ": cannot be made the root: " + ErrnoDescription(errno),
+                "Nothing was changed. Run the host as root, or allow user namespaces\n"
+                "(sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 0)");
+  }
+  ::umask(DeviceUmask);
+  return true;
+}
+
+}  // namespace quorvel::host

@@ -1,0 +1,49 @@
+// The device tree that the host works in, and the way into it.
+//
+// Absolute paths inside a device tree (markers, maps, harbors) mean that tree, so the host makes
+// the tree its root before any of them is used. Everything that is needed from outside is opened
+// before enter().
+#pragma once
+
+#include <string>
+
+#include "host/console/ExitCode.h"
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::host {
+
+class DeviceRoot {
+ public:
+  enum class View {
+    writable,
+    // The kernel refuses every change below the root, access times included, where it offers
+    // read-only views (Linux 5.12); elsewhere the commands' own restraint has to do.
+    readOnly,
+  };
+
+  // Opens the directory that the user named (a link to it is followed). Refuses this machine's
+  // own root: a mistyped variable must not migrate the workstation.
+  bool open(const std::string& path, FatalError& error);
+
+  // Whether the tree has an item of this path (relative, a last link not followed) that is not
+  // empty.
+  bool holds(const std::string& path) const;
+
+  // Keeps other hosts out until this process ends, however it ends. Without waiting.
+  bool lock(FatalError& error);
+
+  // Makes the directory the process's root and current directory: directly when privileged, else
+  // in a user and mount namespace of its own, in which the user keeps the rights that he has and
+  // gets no others. Only while the process has a single thread. On failure nothing on disk has
+  // been touched and the command must end.
+  bool enter(View view, FatalError& error);
+
+  // As messages show it.
+  const std::string& printable() const { return printable_; }
+
+ private:
+  UniqueDescriptor directory_;
+  std::string printable_;
+};
+
+}  // namespace quorvel::host

@@ -1,0 +1,59 @@
+#include "host/console/Output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <string>
+
+#include "host/console/Json.h"
+#include "platform/Error.h"
+
+namespace quorvel::host {
+
+void PrepareStandardStreams() {
+  std::signal(SIGPIPE, SIG_IGN);
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (::fcntl(stream, F_GETFD) < 0 && errno == EBADF) {
+      // The lowest free number is the closed one. The wrong direction makes its use an error.
+      (void)::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
+
+int WriteWhole(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(descriptor, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+int WriteResult(std::string_view text, int code) {
+  const int failure = WriteWhole(STDOUT_FILENO, text);
+  if (failure == 0) return code;
+  const std::string message = "migration-host: standard output: the result cannot be written: " +
+                              ErrnoDescription(failure) + "\n" +
+                              (code == ExitSucceeded ? "The command itself succeeded.\n"
+                                                     : "The command itself failed, too.\n");
+  (void)WriteWhole(STDERR_FILENO, message);
+  return ExitFailed;
+}
+
+int ReportFatal(const FatalError& error, bool json) {
+  std::string text = "migration-host: " + error.problem + "\n";
+  if (!error.remedy.empty()) text += error.remedy + "\n";
+  (void)WriteWhole(STDERR_FILENO, text);
+  if (json) {
+    Json object;
+    object["error"] = error.remedy.empty() ? error.problem : error.problem + ". " + error.remedy;
+    object["exitCode"] = error.exitCode;
+    (void)WriteWhole(STDOUT_FILENO, JsonLine(object));
+  }
+  return error.exitCode;
+}
+
+}  // namespace quorvel::host

@@ -1,0 +1,25 @@
+// The process's standard streams: what is written there arrives whole, or that is noticed.
+#pragma once
+
+#include <string_view>
+
+#include "host/console/ExitCode.h"
+
+namespace quorvel::host {
+
+// Called first in main: a closed standard stream is occupied, so that no file opened later is
+// mistaken for it (writing to it fails as it should), and a closed pipe becomes an error of the
+// write instead of the end of the process.
+void PrepareStandardStreams();
+
+// Writes everything; 0, or the error number. Any thread.
+int WriteWhole(int descriptor, std::string_view text);
+
+// Writes a command's result to standard output. `code`, or ExitFailed with a message on standard
+// error when the result could not be written.
+int WriteResult(std::string_view text, int code);
+
+// Tells the user, and with `json` the program that reads standard output. The error's exit code.
+int ReportFatal(const FatalError& error, bool json);
+
+}  // namespace quorvel::host

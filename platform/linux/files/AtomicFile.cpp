@@ -1,0 +1,214 @@
+#include "platform/linux/files/AtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "platform/linux/files/PosixFailure.h"
+
+namespace quorvel::onlinux {
+
+namespace {
+
+constexpr std::size_t ReadStep = 65'536;
+constexpr mode_t NewFileMode = 0644;
+
+// Calls until no signal interrupts.
+template <class Call>
+auto Uninterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+// Locks are a courtesy between writers. A file system without them has one writer at most, or
+// bears the risk: only a lock that another holds counts as a refusal.
+bool Lock(int descriptor, int operation) {
+  return Uninterrupted([&] { return ::flock(descriptor, operation); }) == 0 || errno != EWOULDBLOCK;
+}
+
+// Removes what stands under the temporary name, unless a living writer owns it: a writer holds
+// a lock on its file. Waits for such a writer. False with errno.
+bool RemoveStale(int directory, const char* name) {
+  struct stat found {};
+  if (::fstatat(directory, name, &found, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+  if (S_ISDIR(found.st_mode)) {
+    errno = EISDIR;
+    return false;
+  }
+  UniqueDescriptor file;
+  if (S_ISREG(found.st_mode)) {
+    file.reset(Uninterrupted(
+        [&] { return ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+    if (!file) return errno == ENOENT || errno == ELOOP;  // gone, or another: look again
+    Lock(file.get(), LOCK_EX);
+    struct stat held {};
+    if (::fstat(file.get(), &held) != 0) return false;
+    if (::fstatat(directory, name, &found, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+    // Its writer finished while this waited: the name is free or someone else's by now.
+    if (held.st_ino != found.st_ino || held.st_dev != found.st_dev) return true;
+  }
+  return ::unlinkat(directory, name, 0) == 0 || errno == ENOENT;
+}
+
+// A new file under the name, locked and still linked there. No descriptor with errno.
+UniqueDescriptor CreateTemporary(int directory, const char* name, mode_t mode) {
+  for (;;) {
+    UniqueDescriptor file(Uninterrupted([&] {
+      return ::openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    }));
+    if (!file && errno != EEXIST) return file;
+    if (!file) {
+      if (!RemoveStale(directory, name)) return file;
+      continue;
+    }
+    // Between creation and lock another writer may have taken the file for a stale one.
+    if (!Lock(file.get(), LOCK_EX | LOCK_NB)) continue;
+    struct stat status {};
+    const bool known = ::fstat(file.get(), &status) == 0;
+    if (known && status.st_nlink == 0) continue;
+    // The umask may have taken bits away.
+    if (known && ((status.st_mode & 07777U) == mode || ::fchmod(file.get(), mode) == 0)) {
+      return file;
+    }
+    const int failure = errno;
+    ::unlinkat(directory, name, 0);
+    errno = failure;
+    return UniqueDescriptor();
+  }
+}
+
+bool WriteAll(int file, std::span<const std::uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = Uninterrupted([&] { return ::write(file, bytes.data(), bytes.size()); });
+    if (count < 0) return false;
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+bool Flush(int file) {
+  return Uninterrupted([&] { return ::fsync(file); }) == 0;
+}
+
+// The step that failed; null with success.
+const char* Replace(int directory, const std::string& name, std::span<const std::uint8_t> bytes,
+                    Durability durability) {
+  const std::string temporary = TemporaryNameFor(name);
+  const UniqueDescriptor file = CreateTemporary(directory, temporary.c_str(), NewFileMode);
+  if (!file) return "Creating a temporary file";
+  const char* failed = nullptr;
+  if (!WriteAll(file.get(), bytes)) {
+    failed = "Writing";
+  } else if (durability == Durability::contentFirst && !Flush(file.get())) {
+    failed = "Flushing";
+  } else if (::renameat(directory, temporary.c_str(), directory, name.c_str()) != 0) {
+    failed = "Renaming";
+  }
+  if (failed != nullptr) {
+    const int failure = errno;
+    ::unlinkat(directory, temporary.c_str(), 0);
+    errno = failure;
+  }
+  return failed;
+}
+
+// A directory's kind is known only after opening it; nothing but a regular file is read.
+int KindFailure(mode_t mode) {
+  if (S_ISREG(mode)) return 0;
+  return S_ISDIR(mode) ? EISDIR : EINVAL;
+}
+
+// Reads to the end of the file, which need not be where it was when its size was asked.
+int ReadToEnd(int file, std::size_t expected, std::size_t limit, std::vector<std::uint8_t>& bytes) {
+  // One byte more than there should be: a read that gets exactly the expected ones has met the
+  // end, and no other read is needed to see it.
+  bytes.resize(expected + 1);
+  std::size_t filled = 0;
+  for (;;) {
+    if (filled == bytes.size()) bytes.resize(filled + ReadStep);
+    const ssize_t count =
+        Uninterrupted([&] { return ::read(file, bytes.data() + filled, bytes.size() - filled); });
+    if (count < 0) return errno;
+    filled += static_cast<std::size_t>(count);
+    if (filled > limit) return EFBIG;
+    if (count == 0 || filled == expected) break;
+  }
+  bytes.resize(filled);
+  return 0;
+}
+
+}  // namespace
+
+// Some file systems cannot flush a directory and say EINVAL: they need not.
+bool FlushDirectory(int directory) { return Flush(directory) || errno == EINVAL; }
+
+std::string TemporaryNameFor(const std::string& name) {
+  constexpr std::string_view suffix = ".tmp";
+  if (1 + name.size() + suffix.size() <= NAME_MAX) return "." + name + std::string(suffix);
+  // FNV-1a, 64 bits: stable between versions, unlike std::hash.
+  std::uint64_t hash = 0xCBF29CE484222325U;
+  for (const char byte : name) {
+    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, ".%016llx.tmp", static_cast<unsigned long long>(hash));
+  return text;
+}
+
+UniqueDescriptor OpenParentDirectory(const Path& file) {
+  const std::string name = BytesOfFileSystemRepresentation(file.string());
+  const auto slash = name.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : name.substr(0, slash + 1);
+  return UniqueDescriptor(
+      Uninterrupted([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+}
+
+bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
+                             std::span<const std::uint8_t> bytes, Durability durability,
+                             const Path& file, Error* error) {
+  const char* failed = Replace(directory, name, bytes, durability);
+  if (failed == nullptr) return true;
+  const int failure = errno;
+  return SetError(error, PosixFailure(failure, std::string(failed) + " for " + file.string()));
+}
+
+bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes,
+                           Durability durability, Error* error) {
+  const std::string name = BytesOfFileSystemRepresentation(std::string(file.lastPathComponent()));
+  if (name.empty() || name == "/" || name == "." || name == "..") {
+    return SetError(error, PosixFailure(EINVAL, "Writing " + file.string()));
+  }
+  const UniqueDescriptor directory = OpenParentDirectory(file);
+  if (!directory) {
+    const int failure = errno;
+    return SetError(error, PosixFailure(failure, "Opening the directory of " + file.string()));
+  }
+  return ReplaceFileAtomicallyAt(directory.get(), name, bytes, durability, file, error);
+}
+
+int ReadRegularFile(int directory, const char* name, std::size_t limit, bool pastCache,
+                    std::vector<std::uint8_t>& bytes) {
+  // Not blocking: a FIFO without a writer would hold up the opening for ever.
+  const UniqueDescriptor file(Uninterrupted(
+      [&] { return ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
+  if (!file) return errno;
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) return errno;
+  if (const int failure = KindFailure(status.st_mode)) return failure;
+  if (static_cast<std::uint64_t>(status.st_size) > limit) return EFBIG;
+  const int failure = ReadToEnd(file.get(), static_cast<std::size_t>(status.st_size), limit, bytes);
+  // Only advice: whether it is taken makes no difference to the result.
+  if (failure == 0 && pastCache) ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+  return failure;
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,78 @@
+#include "platform/linux/files/DirectoryMaker.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::onlinux {
+namespace {
+
+constexpr int kPin = O_PATH | O_DIRECTORY | O_CLOEXEC;
+
+int Made(int directory, const char* name, mode_t mode, const ModeChanger& modes) {
+  if (::mkdirat(directory, name, mode) != 0) return errno;
+  // Pinned as a directory: whoever may write here could have put another kind of item there.
+  const UniqueDescriptor made(::openat(directory, name, kPin | O_NOFOLLOW));
+  return made && modes.changePinned(made.get(), mode) == 0 ? 0 : errno;
+}
+
+// What EEXIST means for the last component.
+int Existing(int directory, const char* name) {
+  struct stat info;
+  if (::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  return S_ISDIR(info.st_mode) ? EEXIST : ENOTDIR;
+}
+
+// Goes into `name`, which is made when it is missing.
+int EnterOrMake(UniqueDescriptor* directory, const std::string& name, mode_t mode,
+                const ModeChanger& modes) {
+  UniqueDescriptor next(::openat(directory->get(), name.c_str(), kPin));
+  if (!next && errno == ENOENT) {
+    const int number = Made(directory->get(), name.c_str(), mode, modes);
+    // Another process was quicker, or a link leads nowhere: the next opening tells.
+    if (number != 0 && number != EEXIST) return number;
+    next.reset(::openat(directory->get(), name.c_str(), kPin));
+  }
+  if (!next) return errno;
+  *directory = std::move(next);
+  return 0;
+}
+
+}  // namespace
+
+int MakeDirectories(const char* path, mode_t mode, const ModeChanger& modes) {
+  if (path == nullptr) return EFAULT;
+  std::string_view rest(path);
+  if (rest.empty()) return ENOENT;
+  while (rest.size() > 1 && rest.back() == '/') rest.remove_suffix(1);
+
+  const std::string whole(rest);
+  // Mostly only the last component is missing, or nothing.
+  int number = Made(AT_FDCWD, whole.c_str(), mode, modes);
+  if (number == EEXIST) return Existing(AT_FDCWD, whole.c_str());
+  if (number != ENOENT && number != ENAMETOOLONG) return number;
+
+  UniqueDescriptor directory(::open(rest.front() == '/' ? "/" : ".", kPin));
+  if (!directory) return errno;
+  for (;;) {
+    rest.remove_prefix(std::min(rest.find_first_not_of('/'), rest.size()));
+    const std::size_t length = std::min(rest.find('/'), rest.size());
+    const std::string name(rest.substr(0, length));
+    rest.remove_prefix(length);
+    if (rest.empty()) {
+      number = Made(directory.get(), name.c_str(), mode, modes);
+      return number == EEXIST ? Existing(directory.get(), name.c_str()) : number;
+    }
+    number = EnterOrMake(&directory, name, mode, modes);
+    if (number != 0) return number;
+  }
+}
+
+}  // namespace quorvel::onlinux

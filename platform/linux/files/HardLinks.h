@@ -1,0 +1,51 @@
+// The items of one tree copy that have several names, and where their first copy went.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+#include <unordered_map>
+
+#include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/DirectoryStack.h"
+
+namespace quorvel::onlinux {
+
+// Remembers only items with more than one link, so that a tree without any costs nothing.
+class HardLinks {
+ public:
+  enum class Outcome {
+    linked,
+    copyAnew,  // not seen before, or its copy cannot be linked to (links full, none supported)
+    failed,    // errno is set; EEXIST when there is an item of that name
+  };
+
+  // Makes `name` in the directory that `target` is in another name of the copy of the source
+  // item. `base` holds the root of the copy, which paths of `target` begin below.
+  Outcome link(const struct stat& source, DirectoryStack& target, int base, int directory,
+               const char* name);
+  // The copy of the source item is `name` there. False with errno set.
+  bool remember(const struct stat& source, const DirectoryStack& target, int directory,
+                const char* name);
+
+ private:
+  struct Hash {
+    std::size_t operator()(const DirectoryIdentity& item) const {
+      return static_cast<std::size_t>(item.inode * 31 + item.device);
+    }
+  };
+  struct Copy {
+    std::string directory;  // from `base`
+    std::string name;
+    DirectoryIdentity identity;
+  };
+
+  int directoryOf(const Copy& copy, DirectoryStack& target, int base, int current);
+
+  std::unordered_map<DirectoryIdentity, Copy, Hash> copies_;
+  // The directory of the copy linked to last; links often come in groups.
+  std::string lastPath_;
+  UniqueDescriptor last_;
+};
+
+}  // namespace quorvel::onlinux

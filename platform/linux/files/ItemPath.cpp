@@ -1,0 +1,31 @@
+#include "platform/linux/files/ItemPath.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <string_view>
+
+namespace quorvel::onlinux {
+
+int OpenItemPath(const char* path, ItemPath* item) {
+  if (path == nullptr) return EFAULT;
+  std::string_view text(path);
+  if (text.empty()) return EINVAL;
+  const std::size_t last = text.find_last_not_of('/');
+  if (last == std::string_view::npos) return EBUSY;
+  text = text.substr(0, last + 1);
+
+  const std::size_t slash = text.rfind('/');
+  const std::string_view name = slash == std::string_view::npos ? text : text.substr(slash + 1);
+  if (name == "." || name == "..") return EINVAL;
+  const std::string parent =
+      slash == std::string_view::npos ? "." : std::string(text.substr(0, slash + 1));
+
+  item->parent.reset(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!item->parent) return errno;
+  item->name = name;
+  item->path = text;
+  return 0;
+}
+
+}  // namespace quorvel::onlinux

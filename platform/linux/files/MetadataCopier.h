@@ -1,0 +1,58 @@
+// Everything about an item but its data: attributes, access-control lists, owner, mode, times.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+#include "platform/linux/files/ModeChanger.h"
+
+namespace quorvel::onlinux {
+
+struct Ownership {
+  uid_t user = 0;
+  gid_t group = 0;
+};
+
+// What of the source's status a copy gets.
+struct ItemStatus {
+  explicit ItemStatus(const struct stat& info);
+  mode_t mode;
+  Ownership owner;
+  timespec times[2];  // access, modification
+};
+
+// One per tree copy. Belongs to one thread. Operations are false with errno set.
+class MetadataCopier {
+ public:
+  explicit MetadataCopier(const ModeChanger& modes) : modes_(modes) {}
+
+  // From one open file or directory to another, which nobody else can use yet. `inherits`: the
+  // output may have access-control lists that it got from its directory.
+  bool copy(int input, int output, const ItemStatus& status, const Ownership& current,
+            bool inherits);
+  // For items that are not to be opened: links, pipes, devices. `pinned` is open with O_PATH and
+  // is the item `name` of `directory`.
+  bool copyToPinned(int pinned, int directory, const char* name, const ItemStatus& status,
+                    const Ownership& current);
+
+  // Whether new items in the directory get an access-control list from it.
+  static bool HandsDownAccess(int directory);
+
+ private:
+  enum class Stage { beforeOwner, afterOwner };
+
+  bool listAttributes(int input, std::size_t* size);
+  bool copyAttributes(int input, int output, std::size_t listSize, Stage stage);
+  bool copyAttribute(int input, int output, const char* name);
+  bool removeInherited(int output, std::size_t listSize);
+  bool listed(std::string_view name, std::size_t listSize) const;
+
+  const ModeChanger& modes_;
+  std::unique_ptr<char[]> names_;
+  std::unique_ptr<char[]> value_;
+};
+
+}  // namespace quorvel::onlinux

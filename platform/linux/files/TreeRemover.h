@@ -1,0 +1,75 @@
+// The removal of one tree. FileSystemLinux.h has what it promises.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/FileSystem.h"
+#include "platform/linux/files/DirectoryStack.h"
+#include "platform/linux/files/ItemPath.h"
+
+namespace quorvel::onlinux {
+
+class WipeTreeStateLinux final : public WipeTreeState {
+ public:
+  bool setErrorCallback(ErrorCallback callback) override;
+  bool setErrorContext(void* context) override;
+  bool getErrorNumber(int* number) const override;
+
+  // Whether the removal goes on after an item failed with `number`.
+  bool report(const std::string& path, int number);
+  bool hasCallback() const { return callback_ != nullptr; }
+
+ private:
+  ErrorCallback callback_ = nullptr;
+  void* context_ = nullptr;
+  int number_ = 0;  // 0 outside of a callback
+};
+
+// Used once, by one thread.
+class TreeRemover {
+ public:
+  TreeRemover(ItemPath item, bool recursive, WipeTreeStateLinux& state);
+  // 0, or the number of the failure that ended the removal.
+  int run();
+
+ private:
+  // What a directory is remembered by beside its place in the stack.
+  struct Level {
+    std::uint64_t mount = 0;
+    int readError = 0;
+    unsigned passes = 1;      // over its entries
+    bool removed = false;     // something, during this pass
+    bool incomplete = false;  // something below could not be removed, and was reported
+  };
+
+  // Which entries of the root directory are visited.
+  enum class RootPass { files, directories, everything };
+
+  void visit(int directory, const char* name, unsigned char type);
+  bool isForOtherPass(int directory, const char* name, unsigned char type);
+  bool visitFile(int directory, const char* name, unsigned char type);
+  void visitDirectory(int directory, const char* name);
+  void removeUnreadable(int directory, const char* name, int openError);
+  void enter(UniqueDescriptor descriptor, const char* name);
+  void finishDirectory(int readError);
+  bool mayHoldMore() const;
+  void gone();
+  void vanished(const char* name);
+  void failed(const std::string& path, int number);
+
+  ItemPath item_;
+  bool recursive_;
+  WipeTreeStateLinux& state_;
+  DirectoryStack stack_;
+  std::vector<Level> levels_;  // as deep as the stack
+  std::uint64_t baseMount_ = 0;
+  dev_t baseDevice_ = 0;
+  RootPass rootPass_ = RootPass::files;
+  bool directoriesWait_ = false;  // the first pass passed over some
+  std::string firstVanished_;
+  int ended_ = 0;  // the number of the failure that ended the removal
+};
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,180 @@
+#include "platform/linux/files/TreeWalkerLinux.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+
+#include <cerrno>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/files/DirectoryStack.h"
+
+namespace quorvel::onlinux {
+namespace {
+
+// A slash after the name of a link would make every call on it follow the link.
+std::string WithoutTrailingSlashes(const std::string& path) {
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string::npos) return path.substr(0, 1);
+  return path.substr(0, last + 1);
+}
+
+class TreeWalkLinux final : public TreeWalk {
+ public:
+  TreeWalkLinux(std::string root, bool sameDevice)
+      : root_(std::move(root)), sameDevice_(sameDevice), stack_(AT_FDCWD, root_, root_) {}
+
+  const TreeWalkEntry* read() override;
+  bool close() override { return true; }  // nothing is written, and descriptors close themselves
+
+ private:
+  const TreeWalkEntry* readNext();
+  const TreeWalkEntry* deliver(TreeWalkKind kind, int parent, const char* name);
+  const TreeWalkEntry* deliverRoot();
+  const TreeWalkEntry* deliverEntry(const DirectoryEntry& listed);
+  const TreeWalkEntry* enterDelivered();
+  const TreeWalkEntry* finishDirectory();
+  const TreeWalkEntry* end(int number);
+
+  std::string root_;
+  bool sameDevice_;
+  DirectoryStack stack_;
+  std::vector<struct stat> directories_;  // of the levels of the stack
+  TreeWalkEntry entry_;
+  std::string entryPath_;
+  bool begun_ = false;
+  bool leave_ = false;  // the last entry was the deepest directory after its contents
+  bool ended_ = false;
+  int endNumber_ = 0;
+};
+
+TreeWalkKind KindOf(mode_t mode) {
+  if (S_ISDIR(mode)) return TreeWalkKind::directoryBefore;
+  if (S_ISREG(mode)) return TreeWalkKind::file;
+  return S_ISLNK(mode) ? TreeWalkKind::symbolicLink : TreeWalkKind::other;
+}
+
+const TreeWalkEntry* TreeWalkLinux::read() {
+  if (!ended_) {
+    try {
+      if (const TreeWalkEntry* entry = readNext()) return entry;
+    } catch (const std::bad_alloc&) {
+      end(ENOMEM);
+    }
+  }
+  errno = endNumber_;
+  return nullptr;
+}
+
+const TreeWalkEntry* TreeWalkLinux::readNext() {
+  if (!begun_) return deliverRoot();
+  if (entry_.kind == TreeWalkKind::directoryBefore) {
+    if (const TreeWalkEntry* entry = enterDelivered()) return entry;
+    if (ended_) return nullptr;
+  } else if (leave_) {
+    leave_ = false;
+    stack_.leave();
+    directories_.pop_back();
+  }
+  while (stack_.depth() > 0) {
+    const DirectoryEntry* listed = stack_.reader().next(stack_.descriptor());
+    if (listed == nullptr) return errno == 0 ? finishDirectory() : end(errno);
+    if (const TreeWalkEntry* entry = deliverEntry(*listed)) return entry;
+  }
+  return end(0);
+}
+
+const TreeWalkEntry* TreeWalkLinux::end(int number) {
+  ended_ = true;
+  endNumber_ = number;
+  return nullptr;
+}
+
+const TreeWalkEntry* TreeWalkLinux::deliver(TreeWalkKind kind, int parent, const char* name) {
+  entry_.kind = kind;
+  entry_.path = entryPath_.c_str();
+  entry_.parent = parent;
+  entry_.name = name;
+  return &entry_;
+}
+
+const TreeWalkEntry* TreeWalkLinux::deliverRoot() {
+  begun_ = true;
+  entryPath_ = root_;
+  const bool seen = ::fstatat(AT_FDCWD, root_.c_str(), &entry_.info, AT_SYMLINK_NOFOLLOW) == 0;
+  entry_.errorNumber = seen ? 0 : errno;
+  return deliver(seen ? KindOf(entry_.info.st_mode) : TreeWalkKind::noStat, AT_FDCWD,
+                 root_.c_str());
+}
+
+// Null when the entry is not there any more.
+const TreeWalkEntry* TreeWalkLinux::deliverEntry(const DirectoryEntry& listed) {
+  const int parent = stack_.descriptor();
+  entry_.errorNumber = 0;
+  const bool seen = ::fstatat(parent, listed.name, &entry_.info, AT_SYMLINK_NOFOLLOW) == 0;
+  if (!seen && errno == ENOENT) return nullptr;
+  if (!seen) entry_.errorNumber = errno;
+  const std::string& directory = stack_.path();
+  entryPath_ = directory;
+  if (directory.back() != '/') entryPath_ += '/';
+  entryPath_ += listed.name;
+  return deliver(seen ? KindOf(entry_.info.st_mode) : TreeWalkKind::noStat, parent, listed.name);
+}
+
+// Goes into the directory delivered last. Null when it was entered, or the walk has ended.
+const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
+  const bool root = stack_.depth() == 0;
+  if (sameDevice_ && !root && entry_.info.st_dev != directories_.front().st_dev) {
+    return deliver(TreeWalkKind::directoryAfter, entry_.parent, entry_.name);
+  }
+  UniqueDescriptor descriptor = stack_.openDirectoryAt(entry_.parent, entry_.name);
+  struct stat opened {};
+  int number = descriptor && ::fstat(descriptor.get(), &opened) == 0 ? 0 : errno;
+  // Exchanged meanwhile: the visitor has judged another directory.
+  if (number == 0 && IdentityOf(opened) != IdentityOf(entry_.info)) number = ESTALE;
+  if (number == EACCES || number == EPERM) {
+    entry_.errorNumber = number;
+    return deliver(TreeWalkKind::unreadableDirectory, entry_.parent, entry_.name);
+  }
+  entry_.kind = TreeWalkKind::directoryAfter;  // it is dealt with, whatever follows
+  if (number == ENOENT) return nullptr;
+  // Anything else would leave out entries without a word.
+  if (number != 0) return end(number);
+  directories_.push_back(entry_.info);
+  stack_.enter(std::move(descriptor), IdentityOf(opened), entry_.name);
+  return nullptr;
+}
+
+const TreeWalkEntry* TreeWalkLinux::finishDirectory() {
+  if (!stack_.openParent()) return end(errno);
+  leave_ = true;
+  entry_.info = directories_.back();
+  entry_.errorNumber = 0;
+  if (stack_.depth() == 1) {
+    entryPath_ = root_;
+    return deliver(TreeWalkKind::directoryAfter, AT_FDCWD, root_.c_str());
+  }
+  entryPath_ = stack_.path();
+  return deliver(TreeWalkKind::directoryAfter, stack_.parentDescriptor(), stack_.name());
+}
+
+}  // namespace
+
+std::unique_ptr<TreeWalk> TreeWalkerLinux::open(const char* root, int options) {
+  constexpr int kKnown = FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION | FTS_XDEV_OPTION;
+  if (root == nullptr || (options & FTS_PHYSICAL_OPTION) == 0 || (options & ~kKnown) != 0) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  try {
+    return std::make_unique<TreeWalkLinux>(WithoutTrailingSlashes(root),
+                                           (options & FTS_XDEV_OPTION) != 0);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+}
+
+}  // namespace quorvel::onlinux

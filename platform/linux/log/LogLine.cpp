@@ -1,0 +1,65 @@
+#include "platform/linux/log/LogLine.h"
+
+#include <cerrno>
+#include <charconv>
+
+namespace quorvel::onlinux {
+namespace {
+
+// `width` digits with leading zeros, for numbers that fit.
+void AppendPadded(std::string& line, long number, int width) {
+  char digits[20];
+  for (int i = width - 1; i >= 0; --i) {
+    digits[i] = static_cast<char>('0' + number % 10);
+    number /= 10;
+  }
+  line.append(digits, static_cast<std::size_t>(width));
+}
+
+}  // namespace
+
+void TimestampFormatter::appendNow(std::string& line) {
+  timespec now = {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  append(line, now);
+}
+
+void TimestampFormatter::append(std::string& line, const timespec& time) {
+  if (upToSecond_.empty() || time.tv_sec != second_) {
+    second_ = time.tv_sec;
+    std::tm calendar = {};
+    ::gmtime_r(&second_, &calendar);
+    char text[64];
+    upToSecond_.assign(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S.", &calendar));
+  }
+  line += upToSecond_;
+  AppendPadded(line, time.tv_nsec / 1000, 6);
+  line += 'Z';
+}
+
+void AppendNumber(std::string& line, long long number) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+  line.append(digits, end);
+}
+
+bool LineFile::append(std::string_view line) {
+  // Callers log between a failure and the use of its errno.
+  const int savedErrno = errno;
+  const bool done = (!torn_ || writeAll("\n")) && writeAll(line);
+  errno = savedErrno;
+  return done;
+}
+
+bool LineFile::writeAll(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(file_.get(), bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+    torn_ = !bytes.empty();
+  }
+  return true;
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,351 @@
+#include <bit>
+#include <utility>
+
+#include "platform/linux/plist/BinaryPropertyListFormat.h"
+#include "platform/linux/plist/PropertyListBudget.h"
+#include "platform/linux/plist/PropertyListEncodings.h"
+#include "platform/linux/plist/PropertyListText.h"
+
+namespace quorvel::onlinux {
+
+namespace {
+
+using namespace binary;
+
+// An object's marker taken apart. The content is known to lie within the objects' part.
+struct Object {
+  unsigned kind = 0;  // high nibble
+  unsigned low = 0;   // low nibble
+  const std::uint8_t* content = nullptr;
+  std::size_t count = 0;  // of bytes, characters or entries
+};
+
+void AppendUtf8(std::string& text, std::uint32_t point) {
+  const auto add = [&](std::uint32_t byte) { text += static_cast<char>(byte); };
+  if (point < 0x80) {
+    add(point);
+    return;
+  }
+  if (point < 0x800) {
+    add(0xC0U | point >> 6U);
+  } else if (point < 0x10000) {
+    add(0xE0U | point >> 12U);
+    add(0x80U | (point >> 6U & 0x3FU));
+  } else {
+    add(0xF0U | point >> 18U);
+    add(0x80U | (point >> 12U & 0x3FU));
+    add(0x80U | (point >> 6U & 0x3FU));
+  }
+  add(0x80U | (point & 0x3FU));
+}
+
+// False when a surrogate stands alone.
+bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& text) {
+  const auto unit = [&](std::size_t i) {
+    return static_cast<std::uint32_t>(units[2 * i] << 8U | units[2 * i + 1]);
+  };
+  text.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    std::uint32_t point = unit(i);
+    if ((point & 0xF800U) == 0xD800U) {
+      const std::uint32_t second = i + 1 < count ? unit(i + 1) : 0;
+      if (point >= 0xDC00U || (second & 0xFC00U) != 0xDC00U) return false;
+      point = 0x10000U + ((point & 0x3FFU) << 10U) + (second & 0x3FFU);
+      ++i;
+    }
+    AppendUtf8(text, point);
+  }
+  return true;
+}
+
+class BinaryReader {
+ public:
+  BinaryReader(std::span<const std::uint8_t> bytes, ForeignKeys policy)
+      : bytes_(bytes), policy_(policy), budget_(bytes.size()) {}
+
+  std::string read(PlistValue& out) {
+    if (!readTrailer() || !addObject(root_)) return reason_;
+    while (!frames_.empty()) {
+      if (!step()) return reason_;
+    }
+    out = std::move(result_);
+    return {};
+  }
+
+ private:
+  // A container whose entries before `next` are read, into the vector of its kind. An entry is
+  // appended with its key; its value follows.
+  struct Frame {
+    const std::uint8_t* references;
+    std::size_t count;
+    std::size_t next;
+    std::size_t foreignKeys;
+    bool dictionary;
+    PlistArray array;
+    std::vector<PlistEntry> entries;
+  };
+
+  bool fail(const char* reason) {
+    if (reason_.empty()) reason_ = reason;
+    return false;
+  }
+
+  bool readTrailer() {
+    if (bytes_.size() < HeaderSize + 1 + TrailerSize) return fail("it is too short");
+    const std::uint8_t* trailer = bytes_.data() + bytes_.size() - TrailerSize;
+    entryWidth_ = trailer[6];
+    referenceWidth_ = trailer[7];
+    objectCount_ = ReadNumber(trailer + 8, 8);
+    root_ = ReadNumber(trailer + 16, 8);
+    const std::uint64_t tableOffset = ReadNumber(trailer + 24, 8);
+    const std::size_t tableEnd = bytes_.size() - TrailerSize;
+    if (entryWidth_ < 1 || entryWidth_ > 8 || referenceWidth_ < 1 || referenceWidth_ > 8) {
+      return fail("impossible widths in the trailer");
+    }
+    if (tableOffset <= HeaderSize || tableOffset > tableEnd ||
+        objectCount_ > (tableEnd - tableOffset) / entryWidth_) {
+      return fail("the table of objects is not inside the file");
+    }
+    table_ = bytes_.data() + tableOffset;
+    return true;
+  }
+
+  // Reads the next entry of the innermost container, or closes it.
+  bool step() {
+    Frame& frame = frames_.back();
+    if (frame.next == frame.count) {
+      close();
+      return true;
+    }
+    const std::size_t at = frame.next++;
+    if (!frame.dictionary) return addObject(reference(frame, at));
+    bool foreign = false;
+    if (!addKey(frame, reference(frame, at), foreign)) return false;
+    if (!foreign) return addObject(reference(frame, frame.count + at));
+    ++frame.foreignKeys;
+    return true;
+  }
+
+  void close() {
+    Frame frame = std::move(frames_.back());
+    frames_.pop_back();
+    if (!frame.dictionary) return add(std::move(frame.array));
+    PlistDictionary dictionary = PlistDictionary::fromEntries(std::move(frame.entries));
+    dictionary.setForeignKeyCount(frame.foreignKeys);
+    add(std::move(dictionary));
+  }
+
+  // Puts a finished value where the innermost container, or the caller, waits for it.
+  template <class T>
+  void add(T&& value) {
+    if (frames_.empty()) {
+      result_ = PlistValue(std::forward<T>(value));
+    } else if (frames_.back().dictionary) {
+      frames_.back().entries.back().value = PlistValue(std::forward<T>(value));
+    } else {
+      frames_.back().array.emplace_back(std::forward<T>(value));
+    }
+  }
+
+  std::uint64_t reference(const Frame& frame, std::size_t at) const {
+    return number(frame.references + at * referenceWidth_, referenceWidth_);
+  }
+
+  // A number of the file that lies before its trailer: 8 bytes can be loaded whatever its width.
+  static std::uint64_t number(const std::uint8_t* bytes, std::size_t width) {
+    return ReadNumber(bytes, 8) >> (64 - 8 * width);
+  }
+
+  // Finds an object and checks that it is whole; does not look inside containers.
+  bool find(std::uint64_t index, Object& object) {
+    if (index >= objectCount_) return fail("a reference to no object");
+    const std::uint64_t offset = number(table_ + index * entryWidth_, entryWidth_);
+    const auto limit = static_cast<std::uint64_t>(table_ - bytes_.data());
+    if (offset < HeaderSize || offset >= limit) return fail("an object outside the file");
+    const std::uint8_t* at = bytes_.data() + offset;
+    object.kind = *at >> 4U;
+    object.low = *at & 15U;
+    object.content = at + 1;
+    std::uint64_t width = 0;
+    switch (object.kind) {
+      case Simple:
+        object.count = 0;
+        return true;
+      case Integer:
+      case Real:
+      case Date:
+        object.count = object.low <= 4 ? std::size_t{1} << object.low : SIZE_MAX;
+        return isWhole(object, 1);
+      case Data:
+      case AsciiString:
+        width = 1;
+        break;
+      case Utf16String:
+        width = 2;
+        break;
+      case Array:
+        width = referenceWidth_;
+        break;
+      case Dictionary:
+        width = 2 * referenceWidth_;
+        break;
+      default:
+        return fail("an object of an unknown kind");
+    }
+    return readCount(object) && isWhole(object, width);
+  }
+
+  bool readCount(Object& object) {
+    object.count = object.low;
+    if (object.low != CountFollows) return true;
+    if (object.content == table_) return fail("a count outside the file");
+    const unsigned marker = *object.content;
+    const std::size_t width = std::size_t{1} << (marker & 15U);
+    if (marker >> 4U != Integer || width > 8) return fail("a count that is no integer");
+    if (width > static_cast<std::size_t>(table_ - object.content - 1)) {
+      return fail("a count outside the file");
+    }
+    object.count = ReadNumber(object.content + 1, width);
+    object.content += 1 + width;
+    return true;
+  }
+
+  // Divides rather than multiplies: a count may be anything.
+  bool isWhole(const Object& object, std::uint64_t width) {
+    const auto left = static_cast<std::uint64_t>(table_ - object.content);
+    return object.count <= left / width || fail("an object that is not whole");
+  }
+
+  bool addKey(Frame& frame, std::uint64_t index, bool& foreign) {
+    Object object;
+    if (!find(index, object)) return false;
+    foreign = object.kind != AsciiString && object.kind != Utf16String;
+    if (foreign) {
+      return policy_ == ForeignKeys::count || fail("a key that is no string");
+    }
+    std::string& key = frame.entries.emplace_back().key;
+    return readString(object, key) && (budget_.take(0, key.size()) || fail("too much content"));
+  }
+
+  // Adds a value, or opens a container whose entries step() reads.
+  bool addObject(std::uint64_t index) {
+    Object object;
+    if (!find(index, object)) return false;
+    switch (object.kind) {
+      case Simple:
+        return addBoolean(object);
+      case Integer:
+        return addInteger(object);
+      case Real:
+        return addReal(object);
+      case Date:
+        return addDate(object);
+      case Data:
+        return addData(object);
+      case AsciiString:
+      case Utf16String:
+        return addString(object);
+      default:
+        return open(object);
+    }
+  }
+
+  bool addBoolean(const Object& object) {
+    if (object.low != True && object.low != False) return fail("an object of an unknown kind");
+    add(object.low == True);
+    return true;
+  }
+
+  // Up to 4 bytes are unsigned, 8 bytes are signed, and 16 bytes are signed but must fit.
+  bool addInteger(const Object& object) {
+    const std::uint64_t low = object.count == 16 ? ReadNumber(object.content + 8, 8)
+                                                 : ReadNumber(object.content, object.count);
+    if (object.count < 8) {
+      add(low);
+    } else if (object.count == 8) {
+      add(static_cast<std::int64_t>(low));
+    } else {
+      const std::uint64_t high = ReadNumber(object.content, 8);
+      const bool fitsSigned = high == UINT64_MAX && low >> 63U != 0;
+      if (high != 0 && !fitsSigned) return fail("an integer out of range");
+      if (high == 0) add(low);
+      if (high != 0) add(static_cast<std::int64_t>(low));
+    }
+    return true;
+  }
+
+  bool addReal(const Object& object) {
+    if (object.count == 4) {
+      const auto bits = static_cast<std::uint32_t>(ReadNumber(object.content, 4));
+      add(static_cast<double>(std::bit_cast<float>(bits)));
+    } else if (object.count == 8) {
+      add(std::bit_cast<double>(ReadNumber(object.content, 8)));
+    } else {
+      return fail("a real number of an unknown width");
+    }
+    return true;
+  }
+
+  bool addDate(const Object& object) {
+    if (object.count != 8) return fail("a date of an unknown width");
+    add(PlistDate{std::bit_cast<double>(ReadNumber(object.content, 8))});
+    return true;
+  }
+
+  bool addData(const Object& object) {
+    if (!budget_.take(0, object.count)) return fail("too much content");
+    add(PlistData(object.content, object.content + object.count));
+    return true;
+  }
+
+  bool addString(const Object& object) {
+    std::string text;
+    if (!readString(object, text)) return false;
+    if (!budget_.take(0, text.size())) return fail("too much content");
+    add(std::move(text));
+    return true;
+  }
+
+  bool readString(const Object& object, std::string& text) {
+    if (object.kind == Utf16String) {
+      return Utf8FromUtf16(object.content, object.count, text) || fail("a surrogate alone");
+    }
+    text.assign(reinterpret_cast<const char*>(object.content), object.count);
+    return IsAscii(text) || fail("a string that is not in ASCII");
+  }
+
+  // The depth limit also ends cycles. Its entries are accounted for before space is made for
+  // them, which a count that is shared by many parents could otherwise multiply.
+  bool open(const Object& object) {
+    if (frames_.size() == PropertyListDepthLimit) return fail("nested too deeply, or in a cycle");
+    if (!budget_.take(object.count, 0)) return fail("too many values");
+    Frame& frame = frames_.emplace_back();
+    frame.references = object.content;
+    frame.count = object.count;
+    frame.dictionary = object.kind == Dictionary;
+    if (frame.dictionary) frame.entries.reserve(object.count);
+    if (!frame.dictionary) frame.array.reserve(object.count);
+    return true;
+  }
+
+  std::span<const std::uint8_t> bytes_;
+  ForeignKeys policy_;
+  PropertyListBudget budget_;
+  PlistValue result_;
+  std::vector<Frame> frames_;
+  const std::uint8_t* table_ = nullptr;  // also the end of the objects
+  std::size_t entryWidth_ = 0;
+  std::size_t referenceWidth_ = 0;
+  std::uint64_t objectCount_ = 0;
+  std::uint64_t root_ = 0;
+  std::string reason_;
+};
+
+}  // namespace
+
+std::string ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, ForeignKeys policy,
+                                   PlistValue& out) {
+  return BinaryReader(bytes, policy).read(out);
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,33 @@
+// How large a value may become that is read from a file of a given size.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+
+#include "platform/linux/plist/PropertyList.h"
+
+namespace quorvel::onlinux {
+
+// What a file of a given size may become in memory. Every value of an honest file costs it at
+// least a byte, but objects may be shared by many parents: small files get some freedom.
+class PropertyListBudget {
+ public:
+  explicit PropertyListBudget(std::size_t encodedSize)
+      : nodes_(std::min(PropertyListNodeLimit, 65'536 + 4 * encodedSize)),
+        content_(std::min(ContentLimit, 1'048'576 + 64 * encodedSize)) {}
+
+  // Accounts for values and the bytes of text or data that they hold. False when it is too much.
+  bool take(std::size_t nodes, std::size_t contentBytes) {
+    if (nodes > nodes_ || contentBytes > content_) return false;
+    nodes_ -= nodes;
+    content_ -= contentBytes;
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t ContentLimit = 2 * PropertyListSizeLimit;
+  std::size_t nodes_;
+  std::size_t content_;
+};
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,259 @@
+#include "platform/linux/plist/PropertyListText.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "platform/FileSystemRepresentation.h"
+
+namespace quorvel::onlinux {
+
+namespace {
+
+constexpr std::chrono::sys_days ReferenceDay = std::chrono::year(2001) / 1 / 1;
+constexpr std::int64_t SecondsPerDay = 86400;
+// The first and last second whose text form others understand: years 1 to 9999.
+constexpr double FirstDateSeconds = -63'113'904'000.0;
+constexpr double LastDateSeconds = 252'423'993'599.0;
+
+constexpr std::uint64_t SignBit = std::uint64_t{1} << 63U;
+constexpr std::uint64_t FractionMask = (std::uint64_t{1} << 52U) - 1;
+constexpr std::uint64_t NotANumberExponent = std::uint64_t{0x7ff} << 52U;
+constexpr std::size_t FractionDigits = 13;  // 52 bits in hexadecimal
+constexpr std::string_view FractionPrefix = "nan(0x";
+
+std::string_view Trimmed(std::string_view text) {
+  while (!text.empty() && IsXmlSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsXmlSpace(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// Takes one sign off the front; whether it was a minus.
+bool TakeSign(std::string_view& text) {
+  if (text.empty() || (text.front() != '-' && text.front() != '+')) return false;
+  const bool negative = text.front() == '-';
+  text.remove_prefix(1);
+  return negative;
+}
+
+// The whole text as an unsigned number; none when it is empty, too large or anything else.
+template <class Number>
+std::optional<Number> Unsigned(std::string_view digits, int base) {
+  Number number = 0;
+  const char* end = digits.data() + digits.size();
+  const auto [stop, failure] = std::from_chars(digits.data(), end, number, base);
+  if (failure != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
+
+bool EqualsIgnoringCase(std::string_view text, std::string_view lowercase) {
+  return std::equal(text.begin(), text.end(), lowercase.begin(), lowercase.end(),
+                    [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a + 32 : a) == b; });
+}
+
+// The fraction bits in "nan(0x<13 digits>)"; none for infinity, whose fraction is zero.
+std::optional<std::uint64_t> NotANumberFraction(std::string_view text) {
+  if (text.size() != FractionPrefix.size() + FractionDigits + 1 ||
+      !text.starts_with(FractionPrefix) || text.back() != ')') {
+    return std::nullopt;
+  }
+  const auto fraction =
+      Unsigned<std::uint64_t>(text.substr(FractionPrefix.size(), FractionDigits), 16);
+  return fraction && *fraction != 0 ? fraction : std::nullopt;
+}
+
+std::optional<double> PositiveReal(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  if (text.front() == '.' || (text.front() >= '0' && text.front() <= '9')) {
+    double real = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, failure] = std::from_chars(text.data(), end, real);
+    if (failure != std::errc() || stop != end || !std::isfinite(real)) return std::nullopt;
+    return real;
+  }
+  if (EqualsIgnoringCase(text, "nan")) return std::numeric_limits<double>::quiet_NaN();
+  if (EqualsIgnoringCase(text, "inf") || EqualsIgnoringCase(text, "infinity")) {
+    return std::numeric_limits<double>::infinity();
+  }
+  if (const auto fraction = NotANumberFraction(text)) {
+    return std::bit_cast<double>(NotANumberExponent | *fraction);
+  }
+  return std::nullopt;
+}
+
+constexpr std::string_view Base64Alphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::uint8_t Base64Space = 64;
+constexpr std::uint8_t Base64Invalid = 65;
+
+constexpr std::array<std::uint8_t, 256> MakeBase64Values() {
+  std::array<std::uint8_t, 256> values{};
+  values.fill(Base64Invalid);
+  for (std::size_t i = 0; i < Base64Alphabet.size(); ++i) {
+    values[static_cast<std::uint8_t>(Base64Alphabet[i])] = static_cast<std::uint8_t>(i);
+  }
+  for (const char space : {' ', '\t', '\n', '\r'}) {
+    values[static_cast<std::uint8_t>(space)] = Base64Space;
+  }
+  return values;
+}
+constexpr std::array<std::uint8_t, 256> Base64Values = MakeBase64Values();
+
+// Takes the padding and white space off the end; the number of padding characters.
+std::size_t TakePadding(std::string_view& text) {
+  std::size_t padding = 0;
+  while (!text.empty() && (IsXmlSpace(text.back()) || text.back() == '=')) {
+    if (text.back() == '=') ++padding;
+    text.remove_suffix(1);
+  }
+  return padding;
+}
+
+}  // namespace
+
+bool IsXmlSpace(char character) {
+  return character == ' ' || character == '\t' || character == '\n' || character == '\r';
+}
+
+bool IsAscii(std::string_view text) {
+  std::size_t at = 0;
+  for (; at + 8 <= text.size(); at += 8) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + at, sizeof word);
+    if ((word & 0x8080808080808080U) != 0) return false;
+  }
+  return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool IsUtf8(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t length = encoding_detail::Utf8SequenceLength(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
+std::optional<PlistValue> IntegerFromText(std::string_view text) {
+  text = Trimmed(text);
+  const bool negative = TakeSign(text);
+  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (hexadecimal) text.remove_prefix(2);
+  const auto magnitude = Unsigned<std::uint64_t>(text, hexadecimal ? 16 : 10);
+  if (!magnitude || (negative && *magnitude > SignBit)) return std::nullopt;
+  if (!negative) return std::optional<PlistValue>(std::in_place, *magnitude);
+  // Unsigned negation wraps to the two's complement, which also -2^63 has.
+  return std::optional<PlistValue>(std::in_place, static_cast<std::int64_t>(0 - *magnitude));
+}
+
+std::optional<double> RealFromText(std::string_view text) {
+  text = Trimmed(text);
+  const bool negative = TakeSign(text);
+  const auto magnitude = PositiveReal(text);
+  if (!magnitude || !negative) return magnitude;
+  // Sets the sign of a not-a-number as well, which arithmetic need not do.
+  return std::bit_cast<double>(std::bit_cast<std::uint64_t>(*magnitude) | SignBit);
+}
+
+std::string TextFromReal(double real) {
+  const auto bits = std::bit_cast<std::uint64_t>(real);
+  const std::string sign = (bits & SignBit) != 0 ? "-" : "";
+  if (std::isnan(real)) {
+    const std::uint64_t fraction = bits & FractionMask;
+    if (fraction ==
+        (std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN()) & FractionMask)) {
+      return sign + "nan";
+    }
+    char text[FractionPrefix.size() + FractionDigits + 2];
+    std::snprintf(text, sizeof text, "nan(0x%013llx)", static_cast<unsigned long long>(fraction));
+    return sign + text;
+  }
+  if (std::isinf(real)) return sign + "inf";
+  char text[32];
+  return {text, std::to_chars(text, text + sizeof text, real).ptr};
+}
+
+std::optional<PlistDate> DateFromText(std::string_view text) {
+  text = Trimmed(text);
+  constexpr std::string_view shape = "YYYY-MM-DDThh:mm:ssZ";
+  if (text.size() != shape.size()) return std::nullopt;
+  for (const std::size_t at : {4U, 7U, 10U, 13U, 16U, 19U}) {
+    if (text[at] != shape[at]) return std::nullopt;
+  }
+  const auto field = [&](std::size_t at, std::size_t count) {
+    return Unsigned<unsigned>(text.substr(at, count), 10);
+  };
+  const auto year = field(0, 4), month = field(5, 2), day = field(8, 2);
+  const auto hour = field(11, 2), minute = field(14, 2), second = field(17, 2);
+  if (!year || !month || !day || !hour || !minute || !second) return std::nullopt;
+  const auto date = std::chrono::year_month_day(std::chrono::year(static_cast<int>(*year)),
+                                                std::chrono::month(*month), std::chrono::day(*day));
+  if (!date.ok() || *hour > 23 || *minute > 59 || *second > 59) return std::nullopt;
+  const std::int64_t days = (std::chrono::sys_days(date) - ReferenceDay).count();
+  return PlistDate{
+      static_cast<double>(days * SecondsPerDay + *hour * 3600 + *minute * 60 + *second)};
+}
+
+DateText TextFromDate(PlistDate date) {
+  const double wanted = std::isnan(date.seconds) ? 0.0 : std::floor(date.seconds);
+  const double kept = std::clamp(wanted, FirstDateSeconds, LastDateSeconds);
+  const auto seconds = static_cast<std::int64_t>(kept);
+  // Rounded towards the past, as remainders of a negative number of seconds need it.
+  const std::int64_t days = seconds / SecondsPerDay - (seconds % SecondsPerDay < 0 ? 1 : 0);
+  const auto inDay = static_cast<int>(seconds - days * SecondsPerDay);
+  const std::chrono::year_month_day civil(ReferenceDay + std::chrono::days(days));
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(civil.year()),
+                static_cast<unsigned>(civil.month()), static_cast<unsigned>(civil.day()),
+                inDay / 3600, inDay / 60 % 60, inDay % 60);
+  // Compared by the bits: -0 and everything that was rounded or clamped is not exact.
+  return {text, PlistDate{static_cast<double>(seconds)} == date};
+}
+
+std::optional<PlistData> DataFromText(std::string_view text) {
+  const std::size_t padding = TakePadding(text);
+  PlistData data;
+  data.reserve(text.size() / 4 * 3 + 3);
+  std::uint32_t group = 0;
+  unsigned digits = 0;
+  for (const char character : text) {
+    const std::uint8_t value = Base64Values[static_cast<std::uint8_t>(character)];
+    if (value == Base64Space) continue;
+    if (value == Base64Invalid) return std::nullopt;
+    group = group << 6U | value;
+    if (++digits < 4) continue;
+    data.push_back(static_cast<std::uint8_t>(group >> 16U));
+    data.push_back(static_cast<std::uint8_t>(group >> 8U));
+    data.push_back(static_cast<std::uint8_t>(group));
+    group = digits = 0;
+  }
+  // Two digits carry one byte and four spare bits, three carry two bytes and two.
+  if (digits == 1 || padding != (4 - digits) % 4) return std::nullopt;
+  if (digits == 0) return data;
+  group <<= 6 * (4 - digits);
+  if ((group & (digits == 2 ? 0xFFFFU : 0xFFU)) != 0) return std::nullopt;
+  data.push_back(static_cast<std::uint8_t>(group >> 16U));
+  if (digits == 3) data.push_back(static_cast<std::uint8_t>(group >> 8U));
+  return data;
+}
+
+void AppendBase64(std::vector<std::uint8_t>& out, const std::uint8_t* bytes, std::size_t count) {
+  for (std::size_t at = 0; at < count; at += 3) {
+    const std::size_t left = std::min<std::size_t>(count - at, 3);
+    std::uint32_t group = 0;
+    for (std::size_t i = 0; i < 3; ++i) group = group << 8U | (i < left ? bytes[at + i] : 0U);
+    for (unsigned i = 0; i < 4; ++i) {
+      const char digit = i <= left ? Base64Alphabet[group >> (18 - 6 * i) & 63U] : '=';
+      out.push_back(static_cast<std::uint8_t>(digit));
+    }
+  }
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,199 @@
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include "platform/FileSystemRepresentation.h"
+#include "platform/linux/plist/PropertyList.h"
+#include "platform/linux/plist/PropertyListEncodings.h"
+#include "platform/linux/plist/PropertyListText.h"
+
+namespace quorvel::onlinux {
+
+namespace {
+
+// Deeper lines are not indented further: the text stays in proportion to the value.
+constexpr std::size_t MaximalIndentation = 32;
+constexpr std::size_t DataBytesPerLine = 57;
+
+class XmlWriter {
+ public:
+  explicit XmlWriter(std::vector<std::uint8_t>& out) : out_(out) {}
+
+  std::string write(const PlistValue& root) {
+    append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
+    writeValue(root);
+    while (!frames_.empty() && reason_.empty()) step();
+    append("</plist>\n");
+    return reason_;
+  }
+
+ private:
+  // A container whose children before `next` are written.
+  struct Frame {
+    const PlistArray* array;
+    const PlistDictionary* dictionary;
+    std::size_t next;
+  };
+
+  // Writes the next child of the innermost container, or its end.
+  void step() {
+    Frame& frame = frames_.back();
+    const std::size_t at = frame.next++;
+    if (frame.array != nullptr && at < frame.array->size()) {
+      writeValue((*frame.array)[at]);
+    } else if (frame.dictionary != nullptr && at < frame.dictionary->size()) {
+      const PlistEntry& entry = frame.dictionary->entries()[at];
+      writeText("<key>", entry.key, "</key>\n");
+      writeValue(entry.value);
+    } else {
+      const bool array = frame.array != nullptr;
+      frames_.pop_back();
+      indent();
+      append(array ? "</array>\n" : "</dict>\n");
+    }
+  }
+
+  void writeValue(const PlistValue& value) {
+    if (++nodes_ > PropertyListNodeLimit) return fail("too many values");
+    if (out_.size() > PropertyListSizeLimit) return fail("it is too large");
+    switch (value.kind()) {
+      case PlistKind::boolean:
+        return writePlain(*value.boolean() ? "<true/>\n" : "<false/>\n");
+      case PlistKind::integer:
+        return writeInteger(value);
+      case PlistKind::real:
+        return writeText("<real>", TextFromReal(*value.real()), "</real>\n");
+      case PlistKind::string:
+        return writeText("<string>", *value.string(), "</string>\n");
+      case PlistKind::data:
+        return writeData(*value.data());
+      case PlistKind::date:
+        return writeDate(*value.date());
+      case PlistKind::array:
+        return open(value.array(), nullptr);
+      case PlistKind::dictionary:
+        return open(nullptr, value.dictionary());
+      case PlistKind::set:
+        return fail("a set");
+    }
+  }
+
+  void open(const PlistArray* array, const PlistDictionary* dictionary) {
+    if (frames_.size() == PropertyListDepthLimit) return fail("nested too deeply");
+    if (array != nullptr && array->empty()) return writePlain("<array/>\n");
+    if (dictionary != nullptr && dictionary->empty()) return writePlain("<dict/>\n");
+    writePlain(array != nullptr ? "<array>\n" : "<dict>\n");
+    frames_.push_back({array, dictionary, 0});
+  }
+
+  void writeInteger(const PlistValue& value) {
+    char text[24];
+    const std::int64_t* number = value.signedInteger();
+    const auto end = number != nullptr
+                         ? std::to_chars(text, text + sizeof text, *number)
+                         : std::to_chars(text, text + sizeof text, *value.largeInteger());
+    writeText("<integer>", {text, end.ptr}, "</integer>\n");
+  }
+
+  void writeDate(PlistDate date) {
+    const DateText text = TextFromDate(date);
+    const std::string exact = TextFromReal(date.seconds);
+    writeText(text.exact ? "<date>" : "<date seconds=\"" + exact + "\">", text.text, "</date>\n");
+  }
+
+  void writeData(const PlistData& data) {
+    if (data.size() > PropertyListSizeLimit) return fail("it is too large");
+    writePlain("<data>\n");
+    for (std::size_t at = 0; at < data.size(); at += DataBytesPerLine) {
+      indent();
+      AppendBase64(out_, data.data() + at, std::min(DataBytesPerLine, data.size() - at));
+      append("\n");
+    }
+    writePlain("</data>\n");
+  }
+
+  void writePlain(std::string_view markup) {
+    indent();
+    append(markup);
+  }
+
+  void writeText(std::string_view start, std::string_view text, std::string_view end) {
+    if (text.size() > PropertyListSizeLimit) return fail("it is too large");
+    indent();
+    append(start);
+    appendEscaped(text);
+    append(end);
+  }
+
+  void appendEscaped(std::string_view text) {
+    while (!text.empty()) {
+      const std::size_t plain = plainLength(text);
+      append(text.substr(0, plain));
+      text.remove_prefix(plain);
+      if (text.empty()) return;
+      switch (text.front()) {
+        case '&':
+          append("&amp;");
+          break;
+        case '<':
+          append("&lt;");
+          break;
+        case '>':
+          append("&gt;");
+          break;
+        // A reader takes a bare carriage return for a line feed.
+        case '\r':
+          append("&#13;");
+          break;
+        default:
+          return fail("a character that XML cannot hold");
+      }
+      text.remove_prefix(1);
+    }
+  }
+
+  // Length of the beginning of the text that may stand as it is.
+  static std::size_t plainLength(std::string_view text) {
+    std::size_t at = 0;
+    while (at < text.size()) {
+      const auto byte = static_cast<unsigned char>(text[at]);
+      if (byte < 0x80) {
+        const bool control = byte < 0x20 && byte != '\t' && byte != '\n';
+        if (control || byte == '&' || byte == '<' || byte == '>') break;
+        ++at;
+        continue;
+      }
+      const std::string_view rest = text.substr(at);
+      const std::size_t length = encoding_detail::Utf8SequenceLength(rest);
+      const bool nonCharacter =
+          rest.starts_with("\xEF\xBF\xBE") || rest.starts_with("\xEF\xBF\xBF");
+      if (length == 0 || nonCharacter) break;
+      at += length;
+    }
+    return at;
+  }
+
+  void indent() {
+    const std::size_t tabs = std::min(frames_.size(), MaximalIndentation);
+    out_.insert(out_.end(), tabs, static_cast<std::uint8_t>('\t'));
+  }
+
+  void append(std::string_view text) { out_.insert(out_.end(), text.begin(), text.end()); }
+
+  void fail(const char* reason) {
+    if (reason_.empty()) reason_ = reason;
+  }
+
+  std::vector<std::uint8_t>& out_;
+  std::vector<Frame> frames_;
+  std::size_t nodes_ = 0;
+  std::string reason_;
+};
+
+}  // namespace
+
+std::string WriteXmlPropertyList(const PlistValue& value, std::vector<std::uint8_t>& out) {
+  return XmlWriter(out).write(value);
+}
+
+}  // namespace quorvel::onlinux

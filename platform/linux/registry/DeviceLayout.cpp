@@ -1,0 +1,30 @@
+#include "platform/linux/registry/DeviceLayout.h"
+
+#include <sys/random.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+
+namespace quorvel::onlinux {
+
+std::string NewContainerName() {
+  std::array<std::uint8_t, 16> bytes{};
+  // Up to 256 bytes come whole or not at all.
+  while (::getrandom(bytes.data(), bytes.size(), 0) < 0) {
+    if (errno != EINTR) return {};
+  }
+  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);  // version 4: random
+  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);  // the standard variant
+  std::string name;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) name += '-';
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02X", bytes[i]);
+    name += digits;
+  }
+  return name;
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,104 @@
+#include "platform/linux/registry/InstallPlan.h"
+
+#include <cerrno>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/registry/IntentCodec.h"
+#include "platform/linux/registry/PackageInspection.h"
+
+namespace quorvel::onlinux {
+namespace {
+
+using Kind = InstallStep::Kind;
+
+bool ChooseName(std::string* name, Error* error) {
+  *name = NewContainerName();
+  return !name->empty() || SetError(error, PosixFailure(errno, "A new container's name"));
+}
+
+}  // namespace
+
+void InstallPlan::addStep(Kind kind, const std::string& identifier, const Path& source,
+                          const Path& target) {
+  const bool cleanup = kind == Kind::removeTree || kind == Kind::removeStaging;
+  intent_.steps.push_back({kind, cleanup, identifier, source.string(), target.string(), ""});
+}
+
+bool InstallPlan::giveDataContainer(AppRecord* record, Error* error) {
+  if (!record->dataContainer) {
+    std::string name;
+    if (!ChooseName(&name, error)) return false;
+    record->dataContainer = std::move(name);
+  }
+  const Path path = layout_.container(ContainerKind::data, *record->dataContainer);
+  if (!IsRealDirectory(path)) addStep(Kind::makeDirectory, record->identifier, {}, path);
+  return true;
+}
+
+// The groups belong to nobody: should the app be given up, they are kept for the next one.
+bool InstallPlan::giveGroupContainers(const AppRecord& record, Error* error) {
+  for (const std::string& group : record.groups) {
+    if (newGroups_.contains(group)) continue;
+    std::optional<std::string> name;
+    if (!store_.findGroup(group, &name)) return SetError(error, store_.failure());
+    if (!name) {
+      name.emplace();
+      if (!ChooseName(&*name, error)) return false;
+      newGroups_[group] = *name;
+    }
+    const Path path = layout_.container(ContainerKind::group, *name);
+    if (!IsRealDirectory(path)) addStep(Kind::makeDirectory, "", {}, path);
+  }
+  return true;
+}
+
+bool InstallPlan::moveBundle(AppRecord* record, const Path& bundle, Error* error) {
+  const bool replaces = record->bundleContainer.has_value();
+  const Path old = bundleContainer(*record);
+  std::string name;
+  if (!ChooseName(&name, error)) return false;
+  record->bundleContainer = std::move(name);
+  record->bundleName = bundle.lastPathComponent();
+  const Path container = bundleContainer(*record);
+  addStep(Kind::makeDirectory, record->identifier, {}, container);
+  addStep(Kind::moveBundle, record->identifier, bundle,
+          container.childDirectory(record->bundleName));
+  if (replaces) removeTree(*record, old);
+  return true;
+}
+
+void InstallPlan::moveMetadata(const AppRecord& record, const Path& item) {
+  addStep(Kind::moveItem, record.identifier, item,
+          bundleContainer(record).child(item.lastPathComponent()));
+}
+
+void InstallPlan::writeMetadata(const AppRecord& record, std::string data) {
+  addStep(Kind::writeFile, record.identifier, {},
+          bundleContainer(record).child("LorvixMetadata.plist"));
+  intent_.steps.back().data = std::move(data);
+}
+
+void InstallPlan::markPlaceholder(const AppRecord& record) {
+  addStep(Kind::markPlaceholder, record.identifier, {},
+          bundleContainer(record).childDirectory(record.bundleName));
+}
+
+void InstallPlan::removeTree(const AppRecord& record, const Path& path) {
+  addStep(Kind::removeTree, record.identifier, {}, path);
+}
+
+void InstallPlan::removeStaging(const AppRecord& record, const Path& staging) {
+  std::vector<std::string> moves;
+  for (const InstallStep& step : intent_.steps) {
+    if (step.kind != Kind::moveBundle && step.kind != Kind::moveItem) continue;
+    moves.push_back(step.source);
+    moves.push_back(step.target);
+  }
+  addStep(Kind::removeStaging, record.identifier, {}, staging);
+  intent_.steps.back().data = EncodeFields(moves);
+}
+
+}  // namespace quorvel::onlinux

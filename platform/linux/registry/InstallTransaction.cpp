@@ -1,0 +1,320 @@
+#include "platform/linux/registry/InstallTransaction.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "platform/FileSystemRepresentation.h"
+#include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/DurableDirectory.h"
+#include "platform/linux/files/MoveTree.h"
+#include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/registry/IntentCodec.h"
+
+namespace quorvel::onlinux {
+namespace {
+
+using Kind = InstallStep::Kind;
+
+constexpr const char* PlaceholderAttribute = "com.velto.quorveld.placeholder";
+constexpr unsigned char PlaceholderMark[4] = {1, 0, 0, 0};
+
+std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+bool Fail(const std::string& path, Error* error) {
+  return SetError(error, PosixFailure(errno, path));
+}
+
+// Whether certainly nothing has that name; a failure to tell is no.
+bool IsMissing(const std::string& path) {
+  struct stat info {};
+  return ::lstat(FileSystemRepresentation(path).c_str(), &info) != 0 &&
+         (errno == ENOENT || errno == ENOTDIR);
+}
+
+bool MakeDirectory(FileSystem& fileSystem, const std::string& path, Error* error) {
+  const FileSystemRepresentation bytes(path);
+  if (::mkdir(bytes.c_str(), 0755) != 0) {
+    if (errno != EEXIST && errno != ENOENT) return Fail(path, error);
+    if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error)) return false;
+  }
+  // The umask may have taken bits away, also in an attempt that was killed before it came here.
+  return ::chmod(bytes.c_str(), 0755) == 0 || Fail(path, error);
+}
+
+// A directory with something in it stays: that something was not understood.
+bool RemoveEmptyDirectory(const std::string& path, Error* error) {
+  if (::rmdir(FileSystemRepresentation(path).c_str()) == 0) return true;
+  static constexpr int harmless[] = {ENOENT, ENOTDIR, ENOTEMPTY, EEXIST, EBUSY};
+  if (std::find(std::begin(harmless), std::end(harmless), errno) != std::end(harmless)) return true;
+  return Fail(path, error);
+}
+
+bool WriteAll(int descriptor, const std::string& data) {
+  for (std::size_t written = 0; written < data.size();) {
+    const ssize_t count = ::write(descriptor, data.data() + written, data.size() - written);
+    if (count < 0 && errno != EINTR) return false;
+    if (count > 0) written += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+// Takes everything of the identifier out of the intent. Containers that were to be its own are
+// removed; the bundle's may hold the beginning of a copy.
+void GiveUp(InstallIntent* intent, const std::string& identifier) {
+  std::erase_if(intent->records,
+                [&](const AppRecord& record) { return record.identifier == identifier; });
+  std::set<std::string> bundleContainers;
+  for (const InstallStep& step : intent->steps) {
+    if (step.kind == Kind::moveBundle && step.identifier == identifier) {
+      bundleContainers.insert(ParentOf(step.target));
+    }
+  }
+  std::vector<InstallStep> kept;
+  for (InstallStep& step : intent->steps) {
+    if (step.identifier != identifier) {
+      kept.push_back(std::move(step));
+    } else if (step.kind == Kind::makeDirectory) {
+      const bool holdsCopy = bundleContainers.contains(step.target);
+      kept.push_back({holdsCopy ? Kind::removeTree : Kind::removeEmptyDirectory, true, "", "",
+                      step.target, ""});
+    }
+  }
+  intent->steps = std::move(kept);
+}
+
+bool HasOpenSteps(const InstallIntent& intent) {
+  return std::any_of(intent.steps.begin(), intent.steps.end(),
+                     [](const InstallStep& step) { return !step.cleanup; });
+}
+
+// Whether nothing of the identifier was moved yet: giving it up loses nothing.
+bool IsUntouched(const InstallIntent& intent, const std::string& identifier) {
+  bool makesDirectory = false;
+  for (const InstallStep& step : intent.steps) {
+    if (step.identifier != identifier) continue;
+    if (step.kind == Kind::moveBundle) return IsMissing(step.target);
+    makesDirectory = makesDirectory || step.kind == Kind::makeDirectory;
+  }
+  return makesDirectory;
+}
+
+// Whether a power cut that undoes the intent but not the steps would lose anything: a placeholder
+// is made anew, an unused container is only litter.
+bool TakesWhatIsNowhereElse(const InstallIntent& intent) {
+  const auto has = [&intent](Kind kind) {
+    return std::any_of(intent.steps.begin(), intent.steps.end(),
+                       [kind](const InstallStep& step) { return step.kind == kind; });
+  };
+  return !has(Kind::markPlaceholder) &&
+         (has(Kind::moveBundle) || has(Kind::moveItem) || has(Kind::removeTree));
+}
+
+}  // namespace
+
+bool InstallTransaction::run(InstallIntent intent,
+                             const std::map<std::string, std::string>& newGroups, Error* error) {
+  const Flush flushed = TakesWhatIsNowhereElse(intent) ? Flush::now : Flush::later;
+  if (!store_.begin(&intent, newGroups, flushed)) {
+    // Should the log hold the transaction in spite of its failure, a later open finds it.
+    mayHaveOpenIntents_ = true;
+    return SetError(error, store_.failure());
+  }
+  if (advance(&intent, Vanished::fails, error)) return true;
+  mayHaveOpenIntents_ = !withdraw(&intent) || mayHaveOpenIntents_;
+  return false;
+}
+
+bool InstallTransaction::finishOpenIntents(Error* error) {
+  if (!mayHaveOpenIntents_) return true;
+  std::vector<InstallIntent> intents;
+  if (!store_.openIntents(&intents)) return SetError(error, store_.failure());
+  mayHaveOpenIntents_ = false;
+  Error first;
+  for (InstallIntent& intent : intents) {
+    Error failure;
+    if (advance(&intent, Vanished::isGivenUp, &failure)) continue;
+    mayHaveOpenIntents_ = true;
+    if (!first) first = std::move(failure);
+  }
+  return first ? SetError(error, std::move(first)) : true;
+}
+
+bool InstallTransaction::advance(InstallIntent* intent, Vanished vanished, Error* error) {
+  if (!intent->committed) {
+    if (!performSteps(intent, vanished, error) || !flush(*intent, error)) return false;
+    if (!store_.commit(intent)) return SetError(error, store_.failure());
+  }
+  if (cleanUp(*intent, nullptr)) {
+    store_.finish(*intent);
+  } else {
+    mayHaveOpenIntents_ = true;
+  }
+  return true;
+}
+
+bool InstallTransaction::performSteps(InstallIntent* intent, Vanished vanished, Error* error) {
+  std::set<std::string> givenUp;
+  bool movedBundle = false;
+  for (const InstallStep& step : intent->steps) {
+    if (step.cleanup || givenUp.contains(step.identifier)) continue;
+    Error failure;
+    bool done = perform(step, &failure);
+    movedBundle =
+        movedBundle || (step.kind == Kind::moveBundle && (done || !IsMissing(step.target)));
+    // From the first moved bundle on each step is tried twice: that bundle does not go back, and a
+    // caller that is told of a failure may drop the package with all that was still to follow.
+    if (!done && movedBundle) done = perform(step, &failure);
+    if (done) continue;
+    const bool isGone = step.kind == Kind::moveBundle && vanished == Vanished::isGivenUp &&
+                        IsMissing(step.source) && IsMissing(step.target);
+    if (!isGone) return SetError(error, std::move(failure));
+    givenUp.insert(step.identifier);
+  }
+  for (const std::string& identifier : givenUp) GiveUp(intent, identifier);
+  return true;
+}
+
+bool InstallTransaction::perform(const InstallStep& step, Error* error) {
+  switch (step.kind) {
+    case Kind::makeDirectory:
+      return MakeDirectory(fileSystem_, step.target, error);
+    case Kind::moveBundle:
+      return move(step, error);
+    case Kind::moveItem:
+      return moveIfExists(step, error);
+    case Kind::writeFile:
+      return writeFile(step, error);
+    case Kind::markPlaceholder:
+      return markPlaceholder(step, error);
+    case Kind::removeTree:
+      return removeTree(step, error);
+    case Kind::removeEmptyDirectory:
+      return RemoveEmptyDirectory(step.target, error);
+    case Kind::removeStaging:
+      return removeStaging(step, error);
+  }
+  return false;
+}
+
+bool InstallTransaction::move(const InstallStep& step, Error* error) {
+  Error failure;
+  if (MoveItem(fileSystem_, FileSystemRepresentation(step.source).c_str(),
+               FileSystemRepresentation(step.target).c_str(), &failure)) {
+    return true;
+  }
+  // A target is never there but whole, from an earlier attempt; what has the source's name now is
+  // somebody else's.
+  const bool isDone =
+      failure.is(PosixErrorDomain, ENOTEMPTY) || failure.is(PosixErrorDomain, EEXIST);
+  return isDone || SetError(error, std::move(failure));
+}
+
+bool InstallTransaction::moveIfExists(const InstallStep& step, Error* error) {
+  Error failure;
+  if (move(step, &failure) || (IsMissing(step.source) && IsMissing(step.target))) return true;
+  return SetError(error, std::move(failure));
+}
+
+bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
+  // In a container of our own: what has the name is an earlier attempt.
+  const UniqueDescriptor file(::open(FileSystemRepresentation(step.target).c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+  const bool written = file && ::fchmod(file.get(), 0644) == 0 && WriteAll(file.get(), step.data);
+  return written || Fail(step.target, error);
+}
+
+bool InstallTransaction::markPlaceholder(const InstallStep& step, Error* error) {
+  if (fileSystem_.setxattr(FileSystemRepresentation(step.target).c_str(), PlaceholderAttribute,
+                           PlaceholderMark, sizeof PlaceholderMark, 0, XATTR_NOFOLLOW) == 0) {
+    return true;
+  }
+  // Without attributes in the file system the record alone says that it is a placeholder.
+  return errno == ENOTSUP || Fail(step.target, error);
+}
+
+bool InstallTransaction::removeTree(const InstallStep& step, Error* error) {
+  const auto state = fileSystem_.allocateWipeTreeState();
+  int first = 0;
+  const auto keepFirst = [](WipeTreeState& wipe, const char*, void* context) {
+    int number = EIO;
+    wipe.getErrorNumber(&number);
+    int& kept = *static_cast<int*>(context);
+    if (kept == 0 && number != ENOENT) kept = number;
+    return WIPETREE_PROCEED;
+  };
+  if (state == nullptr || !state->setErrorCallback(keepFirst) || !state->setErrorContext(&first)) {
+    return Fail(step.target, error);
+  }
+  const FileSystemRepresentation bytes(step.target);
+  if (fileSystem_.RemoveTree(bytes.c_str(), WIPETREE_RECURSIVE, *state) != 0 && errno != ENOENT) {
+    return Fail(step.target, error);
+  }
+  return first == 0 || SetError(error, PosixFailure(first, step.target));
+}
+
+// Across file systems a move may leave remains of its source, which a repeated one clears.
+bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
+  const std::string payload = step.target + "/Payload";
+  if (!RemoveEmptyDirectory(payload, error) || !RemoveEmptyDirectory(step.target, error)) {
+    return false;
+  }
+  if (IsMissing(step.target)) return true;
+  std::vector<std::string> moves;
+  DecodeFields(step.data, &moves);
+  for (std::size_t i = 0; i + 1 < moves.size(); i += 2) {
+    if (!IsMissing(moves[i])) continue;
+    MoveItem(fileSystem_, FileSystemRepresentation(moves[i]).c_str(),
+             FileSystemRepresentation(moves[i + 1]).c_str(), nullptr);
+  }
+  return RemoveEmptyDirectory(payload, error) && RemoveEmptyDirectory(step.target, error);
+}
+
+// One flush of the file system costs less than one for each of its directories.
+bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
+  std::set<dev_t> flushed;
+  for (const InstallStep& step : intent.steps) {
+    if (step.cleanup) continue;
+    const std::string directory = ParentOf(step.target);
+    const FileSystemRepresentation bytes(directory);
+    struct stat info {};
+    if (::lstat(bytes.c_str(), &info) != 0) return Fail(directory, error);
+    if (!flushed.insert(info.st_dev).second) continue;
+    if (fileSystem_.SyncFileSystem(bytes.c_str()) != 0) return Fail(directory, error);
+  }
+  return true;
+}
+
+bool InstallTransaction::cleanUp(const InstallIntent& intent, Error* error) {
+  bool done = true;
+  for (const InstallStep& step : intent.steps) {
+    done = (!step.cleanup || perform(step, done ? error : nullptr)) && done;
+  }
+  return done;
+}
+
+// After a failure: when no bundle was moved the intent is given up, so that the staging directory
+// stays as it is and nothing half-made stays behind. False when the intent is still open: once
+// one bundle was moved the others follow it, sooner or later.
+bool InstallTransaction::withdraw(InstallIntent* intent) {
+  const std::vector<AppRecord> records = intent->records;
+  const bool isUntouched =
+      std::all_of(records.begin(), records.end(),
+                  [&](const AppRecord& record) { return IsUntouched(*intent, record.identifier); });
+  if (!isUntouched) return false;
+  for (const AppRecord& record : records) GiveUp(intent, record.identifier);
+  if (HasOpenSteps(*intent)) {
+    store_.rewrite(*intent);
+    return false;
+  }
+  return advance(intent, Vanished::fails, nullptr);
+}
+
+}  // namespace quorvel::onlinux

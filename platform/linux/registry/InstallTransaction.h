@@ -1,0 +1,72 @@
+// Carries out intents so that neither a kill nor a power cut leaves anything in between.
+//
+// The order of writes and flushes, for every change of the registry:
+//
+//   1. The intent goes into the database in one transaction: every new name, so that whatever is
+//      made next has an owner, and the records as they will be. It is flushed when the steps take
+//      what exists nowhere else; a placeholder does not (undone by a power cut it is made anew).
+//   2. The steps: directories are made; bundles are moved (one rename; across file systems the
+//      copy is flushed before it takes its name, and the source goes after that), store metadata
+//      after its bundle. Nothing that exists elsewhere only is removed.
+//   3. The file system of the containers is flushed, once, so that the records of the next step
+//      never speak of what a power cut can undo.
+//   4. The records are replaced in one transaction, which is flushed. Before it the app is as it
+//      was, after it the app is as requested.
+//   5. Only now what was replaced is removed: the old bundle container, obsolete bundles, and the
+//      emptied staging directories (never one with something in it).
+//   6. The intent is forgotten with the next transaction. Lost, it repeats step 5 in vain.
+//
+// Whoever opens the registry next takes up each intent where it was left: steps and clean-up may
+// be repeated at any point. An intent is carried forward, with two exceptions that lose nothing.
+// A failure before the first bundle was moved gives the intent up, with the new and still unused
+// containers: everything is as it was. And a bundle that has vanished from the staging directory
+// before it could be moved is given up alone: its identifier is as it was.
+// From the first moved bundle on each step is tried twice, so that a failure that passes costs the
+// app none of its store metadata.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "platform/Error.h"
+#include "platform/FileSystem.h"
+#include "platform/linux/registry/RegistryStore.h"
+
+namespace quorvel::onlinux {
+
+class InstallTransaction {
+ public:
+  // Both must outlive the object.
+  InstallTransaction(FileSystem& fileSystem, RegistryStore& store)
+      : fileSystem_(fileSystem), store_(store) {}
+
+  // Steps 1 to 6. True once the records are replaced, whether or not the clean-up succeeded: what
+  // is left of it is tried again by finishOpenIntents(). False with an Error otherwise.
+  bool run(InstallIntent intent, const std::map<std::string, std::string>& newGroups, Error* error);
+
+  // Takes up what was left open, by this process or another one. Each intent is tried; false with
+  // the first failure. Costs nothing after a success until an intent is left open again.
+  bool finishOpenIntents(Error* error);
+
+ private:
+  enum class Vanished { fails, isGivenUp };  // a bundle that is nowhere
+
+  bool advance(InstallIntent* intent, Vanished vanished, Error* error);
+  bool performSteps(InstallIntent* intent, Vanished vanished, Error* error);
+  bool perform(const InstallStep& step, Error* error);
+  bool move(const InstallStep& step, Error* error);
+  bool moveIfExists(const InstallStep& step, Error* error);
+  bool writeFile(const InstallStep& step, Error* error);
+  bool markPlaceholder(const InstallStep& step, Error* error);
+  bool removeTree(const InstallStep& step, Error* error);
+  bool removeStaging(const InstallStep& step, Error* error);
+  bool flush(const InstallIntent& intent, Error* error);
+  bool cleanUp(const InstallIntent& intent, Error* error);
+  bool withdraw(InstallIntent* intent);
+
+  FileSystem& fileSystem_;
+  RegistryStore& store_;
+  bool mayHaveOpenIntents_ = true;
+};
+
+}  // namespace quorvel::onlinux

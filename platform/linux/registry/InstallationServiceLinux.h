@@ -1,0 +1,36 @@
+// The installation service's records, kept beside the registry's.
+#pragma once
+
+#include <string>
+
+#include "platform/InstallationService.h"
+#include "platform/linux/registry/RegistryCore.h"
+
+namespace quorvel::onlinux {
+
+class InstallationServiceLinux final : public InstallationService {
+ public:
+  explicit InstallationServiceLinux(RegistryCore& core) : core_(core) {}
+
+  int QuorvelRegisterSafeHarborForContainerType(const std::string& path,
+                                                const std::string& identifier, int containerType,
+                                                const PlistDictionary* options) override;
+
+  // Class 4 for every data container; those of built-in apps are left out when the option is the
+  // boolean false. A file system without attributes holds no classes: such containers are
+  // counted in the record of the run and are no failure. Nor is a container that is gone.
+  int QuorvelUpdateContainerDataProtectionForMigratorOnly(const PlistDictionary& options) override;
+
+ private:
+  enum class Outcome { done, unsupported, failed };
+  Outcome protect(const std::string& container);
+
+  RegistryCore& core_;
+};
+
+// Settings that the second operation leaves: that it ran (1), and how many containers could not
+// hold a class.
+inline constexpr const char* DataProtectionUpdatedSetting = "dataProtectionUpdated";
+inline constexpr const char* DataProtectionUnsupportedSetting = "dataProtectionUnsupported";
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,200 @@
+#include "platform/linux/registry/PackageInspection.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "platform/ApplicationRegistry.h"
+#include "platform/FileSystemRepresentation.h"
+#include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/registry/RegistryErrors.h"
+
+namespace quorvel::onlinux {
+namespace {
+
+constexpr const char* MetadataNames[] = {"Manifest.plist", "LorvixArtwork", "LorvixMetadata.plist",
+                                         "GeoJSON"};
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+// A directory, not a link to one; -1 with errno.
+UniqueDescriptor OpenDirectory(int parent, const char* name) {
+  return UniqueDescriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Errors that mean "there is no such directory".
+bool SaysAbsent(int number) { return number == ENOENT || number == ENOTDIR || number == ELOOP; }
+
+const char* TypeOfExtension(std::string_view extension) {
+  if (extension == "app") return BundleTypeApp;
+  return extension == "vpnplugin" ? BundleTypeVPNPlugin : nullptr;
+}
+
+bool IsDirectoryEntry(int parent, const dirent& entry) {
+  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+  struct stat info {};
+  return ::fstatat(parent, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The bundle directories in an open directory, sorted. False with errno.
+bool ListBundles(UniqueDescriptor directory, const Path& path, std::vector<Path>* bundles) {
+  const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(directory.get()));
+  if (stream == nullptr) return false;
+  const int descriptor = directory.release();
+  errno = 0;
+  while (const dirent* entry = ::readdir(stream.get())) {  // NOLINT(concurrency-mt-unsafe)
+    const Path child = path.childDirectory(StringFromFileSystemRepresentation(entry->d_name));
+    if (TypeOfExtension(child.pathExtension()) != nullptr && IsDirectoryEntry(descriptor, *entry)) {
+      bundles->push_back(child);
+    }
+    errno = 0;
+  }
+  const bool listed = errno == 0;
+  if (listed) std::sort(bundles->begin(), bundles->end());
+  return listed;
+}
+
+std::vector<std::string> GroupsOf(const PlistDictionary& info) {
+  std::set<std::string> groups;
+  const PlistValue* value = info.find(PKApplicationGroupsKey);
+  if (value == nullptr || value->array() == nullptr) return {};
+  for (const PlistValue& group : *value->array()) {
+    if (group.string() != nullptr) groups.insert(*group.string());
+  }
+  return {groups.begin(), groups.end()};
+}
+
+// Takes the number at the front of the text: its digits without leading zeros.
+std::string_view TakeNumber(std::string_view* text) {
+  const auto end = std::min(text->find_first_not_of("0123456789"), text->size());
+  std::string_view digits = text->substr(0, end);
+  text->remove_prefix(end);
+  digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
+  return digits;
+}
+
+// Takes the text up to the next dot, and the dot.
+std::string_view TakePart(std::string_view* text) {
+  const auto dot = std::min(text->find('.'), text->size());
+  const std::string_view part = text->substr(0, dot);
+  text->remove_prefix(std::min(dot + 1, text->size()));
+  return part;
+}
+
+// As strcmp: of any length, so numbers are compared as their digits.
+int ComparePart(std::string_view left, std::string_view right) {
+  const std::string_view a = TakeNumber(&left);
+  const std::string_view b = TakeNumber(&right);
+  if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
+  const int order = a.compare(b);
+  return order != 0 ? order : left.compare(right);
+}
+
+}  // namespace
+
+bool IsRealDirectory(const Path& path) {
+  struct stat info {};
+  return ::lstat(path.fileSystemRepresentation().c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool ReadBundle(BundleReader& reader, const Path& directory, const char* type,
+                BundleDescription* bundle, Error* error) {
+  const auto opened = reader.open(directory);
+  const std::string* identifier = opened != nullptr ? opened->identifier() : nullptr;
+  const PlistDictionary* info = opened != nullptr ? opened->infoDictionary() : nullptr;
+  if (identifier == nullptr || identifier->empty() || info == nullptr) {
+    return SetError(
+        error, RegistryFailure(RegistryErrorCode::unreadableInfo,
+                               directory.string() + ": has no readable info dictionary with an "
+                                                    "identifier"));
+  }
+  const std::string* version = info->findString(PKBundleVersionKey);
+  *bundle = {directory, type, *identifier, version != nullptr ? *version : std::string(),
+             GroupsOf(*info)};
+  return true;
+}
+
+bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* package,
+                    Error* error) {
+  *package = {};
+  const UniqueDescriptor directory =
+      OpenDirectory(AT_FDCWD, staging.fileSystemRepresentation().c_str());
+  if (!directory) {
+    return SaysAbsent(errno) || SetError(error, PosixFailure(errno, staging.string()));
+  }
+  package->isPresent = true;
+  for (const char* name : MetadataNames) {
+    struct stat info {};
+    if (::fstatat(directory.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
+      package->metadata.emplace_back(name);
+    }
+  }
+  const Path payload = staging.childDirectory("Payload");
+  UniqueDescriptor bundles = OpenDirectory(directory.get(), "Payload");
+  if (!bundles) {
+    return SaysAbsent(errno) || SetError(error, PosixFailure(errno, payload.string()));
+  }
+  std::vector<Path> paths;
+  if (!ListBundles(std::move(bundles), payload, &paths)) {
+    return SetError(error, PosixFailure(errno, payload.string()));
+  }
+  for (const Path& path : paths) {
+    BundleDescription bundle;
+    if (!ReadBundle(reader, path, TypeOfExtension(path.pathExtension()), &bundle, error)) {
+      return false;
+    }
+    package->bundles.push_back(std::move(bundle));
+  }
+  return true;
+}
+
+bool IsNewerVersion(std::string_view version, std::string_view than) {
+  if (version.empty() || than.empty()) return false;
+  while (!version.empty() || !than.empty()) {
+    const std::string_view left = TakePart(&version);
+    const std::string_view right = TakePart(&than);
+    const int order = ComparePart(left, right);
+    if (order != 0) return order > 0;
+  }
+  return false;
+}
+
+const BuiltInApps::Map* BuiltInApps::all(Error* error) {
+  if (isKnown_) return &apps_;
+  UniqueDescriptor directory =
+      OpenDirectory(AT_FDCWD, applications_.fileSystemRepresentation().c_str());
+  std::vector<Path> paths;
+  if (directory ? !ListBundles(std::move(directory), applications_, &paths) : !SaysAbsent(errno)) {
+    SetError(error, PosixFailure(errno, applications_.string()));
+    return nullptr;
+  }
+  for (const Path& path : paths) {
+    BundleDescription app;
+    if (path.pathExtension() != "app" || !ReadBundle(reader_, path, BundleTypeApp, &app, nullptr)) {
+      continue;
+    }
+    const auto [known, isFirst] = apps_.try_emplace(app.identifier, app);
+    if (!isFirst && IsNewerVersion(app.version, known->second.version)) known->second = app;
+  }
+  isKnown_ = true;
+  return &apps_;
+}
+
+const BundleDescription* BuiltInApps::find(const std::string& identifier) {
+  const Map* apps = all(nullptr);
+  if (apps == nullptr) return nullptr;
+  const auto found = apps->find(identifier);
+  return found != apps->end() ? &found->second : nullptr;
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,118 @@
+// The registry's records and intents, as the database holds them.
+//
+// Every lookup is one search in a tree by the whole key: its cost does not grow with the number
+// of apps. Operations answer false (or nothing) when the database failed; failure() says why.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Error.h"
+#include "platform/FileSystem.h"
+#include "platform/Path.h"
+#include "platform/linux/registry/ApplicationRegistryLinux.h"
+#include "platform/linux/registry/RegistryDatabase.h"
+
+namespace quorvel::onlinux {
+
+// One identifier. Containers are names (DeviceLayout.h), absent when there is none.
+struct AppRecord {
+  std::string identifier;
+  std::string type;
+  std::string version;
+  std::optional<std::string> bundleContainer;
+  std::string bundleName;  // of the bundle's directory in its container; a path text
+  std::optional<std::string> dataContainer;
+  std::vector<std::string> groups;
+  bool placeholder = false;
+  // The request that was last satisfied for the identifier: its staging directory, and whether
+  // the answer was that a newer copy is built in.
+  std::string staging;
+  bool obsolete = false;
+};
+
+// One step of an intent. Each may be repeated, whether or not it was done before.
+struct InstallStep {
+  enum class Kind {
+    makeDirectory,         // target
+    moveBundle,            // source to target
+    moveItem,              // the same for what may be missing
+    writeFile,             // data to target
+    markPlaceholder,       // target
+    removeTree,            // target
+    removeEmptyDirectory,  // target; one that is not empty stays
+    removeStaging,         // target, when only "Payload" and remains of the moves are in it; data
+                           // lists source and target of each move
+  };
+  Kind kind = Kind::makeDirectory;
+  bool cleanup = false;    // done after the records were replaced
+  std::string identifier;  // whose record depends on it; empty: nobody's
+  std::string source;
+  std::string target;
+  std::string data;
+};
+
+// What an operation set out to do, whole: steps, then records, then clean-up steps.
+struct InstallIntent {
+  std::int64_t id = 0;
+  bool committed = false;  // the records are replaced; only clean-up steps are left
+  std::vector<InstallStep> steps;
+  std::vector<AppRecord> records;
+};
+
+class RegistryStore {
+ public:
+  // Opens the database, making it when it is missing (not when `options.readOnly`: then an absent
+  // one is an empty registry). True at once when it is open.
+  bool open(FileSystem& fileSystem, const Path& directory, const RegistryOptions& options,
+            Error* error);
+  const Error& failure() const { return database_.failure(); }
+  std::uint64_t steps() const { return database_.steps(); }
+
+  // False when the database failed; the record is absent when there is none.
+  bool find(const std::string& identifier, std::optional<AppRecord>* record);
+  bool findGroup(const std::string& group, std::optional<std::string>* container);
+  bool forEachApp(const std::function<void(const AppRecord&)>& visit);
+
+  // Writes the intent and its new groups (identifier to container) in one transaction, forgets
+  // the finished ones, and sets the id. All other transactions are flushed at once.
+  bool begin(InstallIntent* intent, const std::map<std::string, std::string>& newGroups,
+             Flush flush);
+  // Replaces what is stored of an open intent.
+  bool rewrite(const InstallIntent& intent);
+  // Replaces the records by those of the intent; only its clean-up is left then.
+  bool commit(InstallIntent* intent);
+  // Forgets the intent with the next transaction, or when the store is closed: if that is lost,
+  // the clean-up is repeated and finds nothing to do.
+  void finish(const InstallIntent& intent) { finished_.push_back(intent.id); }
+  bool openIntents(std::vector<InstallIntent>* intents);
+
+  bool putSafeHarbor(const SafeHarborRecord& harbor);
+  bool safeHarbors(std::vector<SafeHarborRecord>* harbors);
+  // Settings of the service: a number by name, 0 when never set.
+  bool putSetting(const std::string& name, std::int64_t value);
+  bool setting(const std::string& name, std::int64_t* value);
+
+  ~RegistryStore();
+  RegistryStore() = default;
+  RegistryStore(const RegistryStore&) = delete;
+  RegistryStore& operator=(const RegistryStore&) = delete;
+
+ private:
+  bool beginIntent(InstallIntent* intent, const std::map<std::string, std::string>& newGroups);
+  bool putRecord(const AppRecord& record);
+  bool putIntent(const InstallIntent& intent);
+  bool forgetFinished();
+  bool end(bool done);
+
+  RegistryDatabase database_;
+  bool absent_ = false;  // read-only, and there is no database
+  bool waited_ = false;  // another process was waited for in vain: not again
+  std::vector<std::int64_t> finished_;
+};
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,97 @@
+#include "platform/linux/system/ProcessServicesLinux.h"
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+// "used" keeps it when nothing in the program reads it: its reader is another process.
+extern "C" {
+[[gnu::visibility("default"), gnu::section("quorvel_crash"),
+  gnu::used]] quorvel::onlinux::CrashReportRecord quorvel_crash_report_message = {"QUORVEL-CRASH-1",
+                                                                                  {0}};
+}
+
+namespace quorvel::onlinux {
+namespace {
+
+void WriteToStandardError(const char* bytes, std::size_t length) {
+  while (length != 0) {
+    const ssize_t count = ::write(STDERR_FILENO, bytes, length);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return;
+    bytes += count;
+    length -= static_cast<std::size_t>(count);
+  }
+}
+
+}  // namespace
+
+SerialTaskQueue::SerialTaskQueue() : thread_([this] { run(); }) {}
+
+SerialTaskQueue::~SerialTaskQueue() {
+  {
+    const std::lock_guard lock(mutex_);
+    closing_ = true;
+  }
+  changed_.notify_one();
+  thread_.join();
+}
+
+void SerialTaskQueue::submit(std::function<void()> job) {
+  {
+    const std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
+  }
+  changed_.notify_one();
+}
+
+void SerialTaskQueue::run() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    changed_.wait(lock, [this] { return closing_ || !jobs_.empty(); });
+    if (jobs_.empty()) return;
+    std::function<void()> job = std::move(jobs_.front());
+    jobs_.pop_front();
+    lock.unlock();
+    job();
+    job = nullptr;  // what it holds is released before the next job, and without the lock
+    lock.lock();
+  }
+}
+
+void CpuUsageMonitorLinux::switchOff(pid_t process) {
+  const std::lock_guard lock(mutex_);
+  switchedOff_.insert(process);
+}
+
+void CpuUsageMonitorLinux::restoreDefaults(pid_t process) {
+  const std::lock_guard lock(mutex_);
+  switchedOff_.erase(process);
+}
+
+bool CpuUsageMonitorLinux::isSwitchedOff(pid_t process) const {
+  const std::lock_guard lock(mutex_);
+  return switchedOff_.contains(process);
+}
+
+void CrashReportMessageLinux::set(const char* text) {
+  // The record first: it is complete even when standard error cannot be written.
+  quorvel_crash_report_message.message.store(reinterpret_cast<std::uintptr_t>(text));
+  const std::size_t length = std::strlen(text);
+  WriteToStandardError(text, length);
+  if (length == 0 || text[length - 1] != '\n') WriteToStandardError("\n", 1);
+}
+
+std::optional<std::string> CrashReportMessageLinux::currentThreadName() {
+  char name[16] = {};  // the kernel's size, NUL included
+  if (::prctl(PR_GET_NAME, name) != 0) return std::nullopt;
+  const std::string_view program = ::program_invocation_short_name;
+  if (name == program.substr(0, sizeof name - 1)) return std::nullopt;
+  return name;
+}
+
+}  // namespace quorvel::onlinux

@@ -1,0 +1,430 @@
+// CopyTree on real trees: everything kept, nothing opened up, nothing written through.
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <thread>
+#include <utility>
+
+#include "platform/linux/files/FileSystemLinux.h"
+#include "tests/support/TreeTools.h"
+
+namespace quorvel {
+namespace {
+
+using namespace quorvel::testing;  // NOLINT: the tests' own tools
+
+constexpr std::uint32_t kFlags = CLONETREE_DATA_STAT_XATTR_ACL | CLONETREE_RECURSIVE |
+                                 CLONETREE_NOFOLLOW_SRC | CLONETREE_NOFOLLOW_DST;
+static_assert(kFlags == 0xC800F);
+
+class CopyTreeTest : public ::testing::Test {
+ protected:
+  // 0, or the errno of the result.
+  int copy(const std::string& from, const std::string& to, std::uint32_t flags = kFlags) {
+    return files_.CopyTree(from.c_str(), to.c_str(), flags) == 0 ? 0 : errno;
+  }
+
+  ScratchTree tree_;
+  onlinux::FileSystemLinux files_;
+};
+
+void SetTimes(const std::string& path, timespec access, timespec modification) {
+  const timespec times[] = {access, modification};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+}
+
+// One of everything that a copy keeps.
+void MakeRichTree(const std::string& root) {
+  MakeDirectory(root);
+  MakeDirectory(root + "/sub");
+  MakeDirectory(root + "/sub/setgid");
+  MakeDirectory(root + "/sub/closed");
+  WriteFile(root + "/sub/closed/file", "below mode 0");
+  for (const unsigned mode : {0U, 0400U, 0604U, 0666U, 07777U}) {
+    WriteFile(root + "/mode" + std::to_string(mode), std::string(mode, 'm'));
+    if (::geteuid() == 0) {
+      ASSERT_EQ(::chown((root + "/mode" + std::to_string(mode)).c_str(), 1234, 4321), 0);
+    }
+    ASSERT_EQ(::chmod((root + "/mode" + std::to_string(mode)).c_str(), mode), 0);
+  }
+  WriteFile(root + "/" + std::string(255, '\xc3'), "long name");
+  WriteFile(root + "/-n\n%s", "odd name");
+  MakeLink("sub/../sub", root + "/link");
+  MakeLink(std::string(4000, 'x'), root + "/dangling");
+  ASSERT_EQ(::lchown((root + "/dangling").c_str(), ::getuid(), ::getgid()), 0);
+  ASSERT_EQ(::mkfifo((root + "/fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::chmod((root + "/fifo").c_str(), 0622), 0);
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::mknod((root + "/device").c_str(), S_IFCHR | 0640, makedev(1, 3)), 0);
+  }
+  ASSERT_EQ(::link((root + "/mode438").c_str(), (root + "/again").c_str()), 0);
+  ASSERT_EQ(::link((root + "/mode438").c_str(), (root + "/sub/again").c_str()), 0);
+  ASSERT_EQ(::linkat(AT_FDCWD, (root + "/link").c_str(), AT_FDCWD,
+                     (root + "/sub/setgid/same-link").c_str(), 0),
+            0);
+  ASSERT_TRUE(SetAttribute(root + "/again", "user.empty", ""));
+  ASSERT_TRUE(SetAttribute(root + "/mode0", "user.binary", std::string("\0\xff\n=", 4)));
+  ASSERT_TRUE(SetAttribute(root + "/mode256", "user." + std::string(250, 'n'), "read-only file"));
+  ASSERT_TRUE(SetAttribute(root + "/sub", "user.large", std::string(3000, 'v')));
+  ASSERT_TRUE(SetAttribute(root + "/mode388", "system.posix_acl_access", AccessListFor(77, 4, 4)));
+  ASSERT_TRUE(SetAttribute(root + "/sub", "system.posix_acl_default", AccessListFor(78, 6, 0)));
+  SetTimes(root + "/mode0", {1, 1}, {-86400, 123456789});
+  SetTimes(root + "/mode256", {5000000000, 999999999}, {4000000000, 1});
+  SetTimes(root + "/link", {7, 8}, {9, 10});
+  SetTimes(root + "/fifo", {7, 8}, {11, 12});
+  ASSERT_EQ(::chmod((root + "/sub/setgid").c_str(), 02751), 0);
+  ASSERT_EQ(::chmod((root + "/sub/closed").c_str(), 0), 0);
+  SetTimes(root + "/sub/setgid", {1, 2}, {3, 4});
+  SetTimes(root + "/sub", {1, 2}, {5, 6});
+  SetTimes(root, {1, 2}, {7, 8});
+}
+
+TEST_F(CopyTreeTest, KeepsEverythingWhateverTheUmask) {
+  if (::geteuid() != 0) GTEST_SKIP() << "makes devices and other people's files";
+  MakeRichTree(tree_ / "from");
+  const auto source = Snapshot(tree_ / "from");
+  ASSERT_GT(source.size(), 15U);
+  for (const mode_t mask : {0U, 022U, 077U}) {
+    const mode_t before = ::umask(mask);
+    const std::string to = tree_ / "to" + std::to_string(mask);
+    EXPECT_EQ(copy(tree_ / "from", to), 0);
+    EXPECT_EQ(Snapshot(to), source);
+    EXPECT_EQ(copy(tree_ / "from", to), 0) << "onto an earlier copy";
+    EXPECT_EQ(Snapshot(to), source);
+    ::umask(before);
+  }
+  EXPECT_EQ(Snapshot(tree_ / "from"), source);
+  ScratchTree other(OtherFileSystem());
+  EXPECT_EQ(copy(tree_ / "from", other / "to/"), 0);
+  EXPECT_EQ(Snapshot(other / "to"), source);
+}
+
+TEST_F(CopyTreeTest, CopiesSingleItems) {
+  WriteFile(tree_ / "file", "bytes", 04600);
+  MakeLink("file", tree_ / "link");
+  MakeDirectory(tree_ / "empty", 01700);
+  for (const char* name : {"file", "link", "empty"}) {
+    EXPECT_EQ(copy(tree_ / name, tree_ / std::string("copy-of-") + name), 0);
+    EXPECT_EQ(Describe(tree_ / std::string("copy-of-") + name), Describe(tree_ / name));
+  }
+  // The access times are those of before the copy.
+  EXPECT_EQ(StatOf(tree_ / "copy-of-link").st_mtim.tv_nsec, StatOf(tree_ / "link").st_mtim.tv_nsec);
+}
+
+TEST_F(CopyTreeTest, LeavesSocketsOut) {
+  MakeDirectory(tree_ / "from");
+  WriteFile(tree_ / "from/file", "x");
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{AF_UNIX, {}};
+  (tree_ / "from/socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::close(socket);
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+  EXPECT_FALSE(Exists(tree_ / "to/socket"));
+  EXPECT_EQ(ReadFile(tree_ / "to/file"), "x");
+}
+
+// Bytes that tell where they are.
+std::string Pattern(std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(1 + (i * 7 + i / 251) % 255);
+  return bytes;
+}
+
+void MakeSparse(const std::string& path, off_t size, const std::vector<off_t>& dataAt) {
+  const UniqueDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644));
+  ASSERT_EQ(::ftruncate(file.get(), size), 0);
+  for (const off_t at : dataAt) ASSERT_EQ(::pwrite(file.get(), "data", 4, at), 4);
+}
+
+TEST_F(CopyTreeTest, KeepsDataAndHolesHoweverTheKernelHelps) {
+  ScratchTree disk(OtherFileSystem());
+  for (const ScratchTree* place : {&tree_, &disk}) {
+    const std::string from = *place / "from";
+    MakeDirectory(from);
+    for (const std::size_t size :
+         {0U, 1U, 4095U, 65535U, 65536U, 65537U, 262144U, 262145U, 3000001U}) {
+      WriteFile(from + "/" + std::to_string(size), Pattern(size));
+    }
+    constexpr off_t kMiB = 1 << 20;
+    MakeSparse(from + "/hole", 1000 * kMiB, {});
+    MakeSparse(from + "/small-hole", 5000, {});
+    MakeSparse(from + "/holes", 30 * kMiB, {kMiB, 10 * kMiB + 17, 20 * kMiB});
+    MakeSparse(from + "/ends-with-data", 10 * kMiB, {0, 10 * kMiB - 4});
+    const UniqueDescriptor reserved(::open((from + "/reserved").c_str(), O_WRONLY | O_CREAT, 0600));
+    ::fallocate(reserved.get(), 0, 0, 4 * kMiB);
+
+    for (const long call : {-1L, long{SYS_copy_file_range}, long{SYS_ioctl}}) {
+      const std::string to = *place / "to" + std::to_string(call);
+      EXPECT_TRUE(InChild([&] {
+        if (call >= 0) FailSystemCall(call, call == SYS_ioctl ? ENOTTY : EXDEV);
+        EXPECT_EQ(copy(from, to), 0);
+      }));
+      for (const auto& entry : std::filesystem::directory_iterator(from)) {
+        const std::string name = "/" + entry.path().filename().string();
+        const auto source = StatOf(from + name);
+        const auto made = StatOf(to + name);
+        EXPECT_EQ(made.st_size, source.st_size) << name;
+        EXPECT_LE(made.st_blocks, source.st_blocks + 16) << name;
+        if (source.st_size < 40 * kMiB) {
+          EXPECT_TRUE(ReadFile(from + name) == ReadFile(to + name)) << name;
+        }
+      }
+      RemoveWithSystem(to);
+    }
+  }
+}
+
+TEST_F(CopyTreeTest, ReadsFilesThatDoNotKnowTheirSize) {
+  EXPECT_EQ(copy("/proc/version", tree_ / "version"), 0);
+  EXPECT_EQ(ReadFile(tree_ / "version"), ReadFile("/proc/version"));
+  EXPECT_FALSE(ReadFile(tree_ / "version").empty());
+}
+
+TEST_F(CopyTreeTest, AFileThatChangesMeanwhileEndsTheCopyInTime) {
+  const std::string path = tree_ / "changing";
+  WriteFile(path, Pattern(1 << 20));
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    const UniqueDescriptor file(::open(path.c_str(), O_WRONLY | O_APPEND));
+    const std::string block = Pattern(1 << 16);
+    for (int i = 0; !stop; ++i) {
+      if (::write(file.get(), block.data(), block.size()) < 0) return;
+      if (i % 64 == 63) ::ftruncate(file.get(), 1000);
+    }
+  });
+  for (int i = 0; i < 100; ++i) {
+    const int number = copy(path, tree_ / "copy");
+    EXPECT_EQ(number, 0);
+    EXPECT_LE(StatOf(tree_ / "copy").st_size, 16 << 20);
+  }
+  stop = true;
+  other.join();
+}
+
+TEST_F(CopyTreeTest, ReplacesFilesAndMergesDirectories) {
+  WriteFile(tree_ / "canary", "kept");
+  MakeDirectory(tree_ / "from", 0750);
+  MakeDirectory(tree_ / "from/sub", 0700);
+  WriteFile(tree_ / "from/sub/file", "new", 0600);
+  WriteFile(tree_ / "from/link", "new");
+  WriteFile(tree_ / "from/dangling", "new");
+  WriteFile(tree_ / "from/hard", "new");
+  MakeLink("sub", tree_ / "from/becomes-link");
+  MakeDirectory(tree_ / "to", 0777);
+  MakeDirectory(tree_ / "to/sub", 0777);
+  WriteFile(tree_ / "to/sub/file", "old and longer", 0666);
+  WriteFile(tree_ / "to/sub/other", "stays");
+  MakeLink(tree_ / "canary", tree_ / "to/link");
+  MakeLink(tree_ / "planted", tree_ / "to/dangling");
+  ASSERT_EQ(::link((tree_ / "canary").c_str(), (tree_ / "to/hard").c_str()), 0);
+  WriteFile(tree_ / "to/becomes-link", "old");
+
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+  EXPECT_EQ(ReadFile(tree_ / "to/sub/other"), "stays");
+  EXPECT_EQ(ReadFile(tree_ / "canary"), "kept");
+  EXPECT_FALSE(Exists(tree_ / "planted"));
+  ::unlink((tree_ / "to/sub/other").c_str());
+  SetTimes(tree_ / "to/sub", {}, StatOf(tree_ / "from/sub").st_mtim);
+  EXPECT_EQ(Snapshot(tree_ / "to"), Snapshot(tree_ / "from"));
+}
+
+TEST_F(CopyTreeTest, RefusesWhatCannotBeReplaced) {
+  MakeDirectory(tree_ / "from");
+  MakeDirectory(tree_ / "from/inner");
+  WriteFile(tree_ / "from/file", "file");
+  ASSERT_EQ(::link((tree_ / "from/file").c_str(), (tree_ / "hard").c_str()), 0);
+  MakeDirectory(tree_ / "dir");
+  WriteFile(tree_ / "dir/file", "stays");
+  MakeLink("dir", tree_ / "link");
+  MakeLink("from/inner", tree_ / "shortcut");
+  const auto before = Snapshot(tree_.path());
+  struct Case {
+    const char *from, *to;
+    int number;
+  };
+  const Case cases[] = {
+      {"from/file", "dir", EISDIR},     {"link", "dir", EISDIR},
+      {"from", "dir/file", ENOTDIR},    {"from", "link", ENOTDIR},
+      {"from", "from", EINVAL},         {"from", "from/inner", EINVAL},
+      {"from", "from/new", EINVAL},     {"from", "from/inner/new", EINVAL},
+      {"from", "shortcut/new", EINVAL}, {"from/file", "from/file", EINVAL},
+      {"from/file", "hard", EINVAL},    {"missing", "new", ENOENT},
+      {"from", "missing/new", ENOENT},  {"from", "dir/..", EINVAL},
+      {"from/file", ".", EINVAL},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(copy(tree_ / c.from, tree_ / c.to), c.number) << c.from << " to " << c.to;
+  }
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "new", kFlags & ~CLONETREE_RECURSIVE), EISDIR);
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "new", kFlags & ~CLONETREE_NOFOLLOW_SRC), EINVAL);
+  EXPECT_EQ(Snapshot(tree_.path()), before);
+}
+
+TEST_F(CopyTreeTest, AMountOfTheDestinationInTheSourceIsNotCopiedForEver) {
+  EXPECT_TRUE(InChild([&] {
+    if (::unshare(CLONE_NEWNS) != 0) return;
+    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    MakeDirectory(tree_ / "from");
+    MakeDirectory(tree_ / "from/mount");
+    MakeDirectory(tree_ / "to");
+    ASSERT_EQ(
+        ::mount((tree_ / "to").c_str(), (tree_ / "from/mount").c_str(), nullptr, MS_BIND, nullptr),
+        0);
+    EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), EINVAL);
+    EXPECT_EQ(::umount((tree_ / "from/mount").c_str()), 0);
+  }));
+}
+
+TEST_F(CopyTreeTest, DepthNeedsNeitherDescriptorsNorPaths) {
+  const std::pair<int, std::string> shapes[] = {{5000, std::string(200, 'd')}, {20000, "d"}};
+  for (const auto& [levels, name] : shapes) {
+    MakeDirectory(tree_ / "from");
+    MakeDeep(tree_ / "from", levels, name, true);
+    EXPECT_TRUE(InChild([&] {
+      LimitDescriptors(20);
+      EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+    }));
+    EXPECT_EQ(DepthOf(tree_ / "to", name), levels);
+    for (const char* root : {"from", "to"}) RemoveWithSystem(tree_ / root);
+  }
+}
+
+// Links to a first copy that no path can name.
+TEST_F(CopyTreeTest, HardLinksReachAcrossDeepTrees) {
+  const std::string name(200, 'd');
+  MakeDirectory(tree_ / "from");
+  MakeDeep(tree_ / "from", 60, name);
+  UniqueDescriptor deepest(::open((tree_ / "from").c_str(), O_RDONLY));
+  for (int i = 0; i < 60; ++i) deepest.reset(::openat(deepest.get(), name.c_str(), O_RDONLY));
+  ASSERT_EQ(::mknodat(deepest.get(), "one", S_IFREG | 0644, 0), 0);
+  for (const char* other : {"a", "z"}) {
+    ASSERT_EQ(::linkat(deepest.get(), "one", AT_FDCWD, (tree_ / "from/" + other).c_str(), 0), 0);
+  }
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+  EXPECT_EQ(StatOf(tree_ / "to/a").st_nlink, 3U);
+  EXPECT_EQ(StatOf(tree_ / "to/a").st_ino, StatOf(tree_ / "to/z").st_ino);
+}
+
+TEST_F(CopyTreeTest, TakesNoAccessListFromTheDestination) {
+  MakeDirectory(tree_ / "from", 0750);
+  MakeDirectory(tree_ / "from/sub", 0755);
+  WriteFile(tree_ / "from/sub/file", "x", 0640);
+  WriteFile(tree_ / "from/file", "x", 0666);
+  MakeDirectory(tree_ / "parent");
+  ASSERT_TRUE(SetAttribute(tree_ / "parent", "system.posix_acl_default", AccessListFor(99, 7, 7)));
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "parent/to"), 0);
+  EXPECT_EQ(Snapshot(tree_ / "parent/to"), Snapshot(tree_ / "from"));
+  // The same for a directory that is merged into.
+  MakeDirectory(tree_ / "merged");
+  ASSERT_TRUE(SetAttribute(tree_ / "merged", "system.posix_acl_default", AccessListFor(99, 7, 7)));
+  ASSERT_TRUE(SetAttribute(tree_ / "merged", "system.posix_acl_access", AccessListFor(99, 7, 7)));
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "merged"), 0);
+  EXPECT_EQ(Snapshot(tree_ / "merged"), Snapshot(tree_ / "from"));
+}
+
+// What an attribute's place holds differs: memory takes values that a disk refuses.
+TEST_F(CopyTreeTest, AnAttributeThatDoesNotFitFailsTheCopy) {
+  ScratchTree disk(OtherFileSystem());
+  const std::string large(60000, 'v');
+  WriteFile(tree_ / "file", "x");
+  if (!SetAttribute(tree_ / "file", "user.large", large)) GTEST_SKIP() << "no large attributes";
+  WriteFile(disk / "probe", "x");
+  if (SetAttribute(disk / "probe", "user.large", large)) GTEST_SKIP() << "no limit on disk";
+  const int limit = errno;
+  EXPECT_EQ(copy(tree_ / "file", disk / "file"), limit);
+  EXPECT_FALSE(Exists(disk / "file"));
+  EXPECT_EQ(copy(tree_ / "file", tree_ / "again"), 0);
+  EXPECT_EQ(AttributesOf(tree_ / "again").at("user.large"), large);
+}
+
+TEST_F(CopyTreeTest, ADestinationWithoutAttributesTakesOnlyItemsWithout) {
+  EXPECT_TRUE(InChild([&] {
+    WriteFile(tree_ / "plain", "x");
+    WriteFile(tree_ / "marked", "x");
+    ASSERT_TRUE(SetAttribute(tree_ / "marked", "user.mark", "x"));
+    FailSystemCall(SYS_fsetxattr, ENOTSUP);
+    EXPECT_EQ(copy(tree_ / "plain", tree_ / "plain2"), 0);
+    EXPECT_EQ(copy(tree_ / "marked", tree_ / "marked2"), ENOTSUP);
+  }));
+}
+
+TEST_F(CopyTreeTest, NoSpaceFailsTheCopyAndLeavesNoHalfFile) {
+  EXPECT_TRUE(InChild([&] {
+    if (::unshare(CLONE_NEWNS) != 0) return;
+    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    MakeDirectory(tree_ / "small");
+    ASSERT_EQ(::mount("tmpfs", (tree_ / "small").c_str(), "tmpfs", 0, "size=1m,nr_inodes=20"), 0);
+    WriteFile(tree_ / "big", Pattern(2 << 20));
+    EXPECT_EQ(copy(tree_ / "big", tree_ / "small/big"), ENOSPC);
+    EXPECT_FALSE(Exists(tree_ / "small/big"));
+    MakeDirectory(tree_ / "many");
+    MakeWide(tree_ / "many", 30);
+    EXPECT_EQ(copy(tree_ / "many", tree_ / "small/many"), ENOSPC);
+  }));
+}
+
+TEST_F(CopyTreeTest, AsNobodyKeepsWhatItMayAndLendsNothing) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs files of others";
+  MakeDirectory(tree_ / "from");
+  WriteFile(tree_ / "from/setuid", "x", 06755);
+  WriteFile(tree_ / "from/group", "x", 0664);
+  WriteFile(tree_ / "from/own", "x", 0640);
+  ASSERT_EQ(::chown((tree_ / "from/own").c_str(), kNobody, kNobody), 0);
+  ASSERT_EQ(::chmod((tree_ / "from/own").c_str(), 06760), 0);
+  ASSERT_EQ(::chmod(tree_.path().c_str(), 0777), 0);
+  EXPECT_TRUE(InChild([&] {
+    BecomeNobody();
+    EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+    EXPECT_EQ(StatOf(tree_ / "to/setuid").st_mode & 07777, 0755U);
+    EXPECT_EQ(StatOf(tree_ / "to/group").st_mode & 07777, 0644U);
+    EXPECT_EQ(StatOf(tree_ / "to/own").st_mode & 07777, 06760U);
+    EXPECT_EQ(StatOf(tree_ / "to/setuid").st_uid, kNobody);
+    // Its own directories without permissions, deeper than what stays open.
+    const std::string closed = tree_ / "to/closed";
+    MakeDirectory(closed);
+    MakeDeep(closed, 25, "d", true);
+    std::string path = closed;
+    std::vector<std::string> all;
+    for (int i = 0; i < 25; ++i) all.push_back(path += "/d");
+    for (auto at = all.rbegin(); at != all.rend(); ++at) ::chmod(at->c_str(), 0500);
+    EXPECT_EQ(copy(closed, tree_ / "to/closed2"), 0);
+    EXPECT_EQ(Snapshot(tree_ / "to/closed2"), Snapshot(closed));
+    ASSERT_EQ(::chmod((tree_ / "to/own").c_str(), 0), 0);
+    EXPECT_EQ(copy(tree_ / "to/own", tree_ / "to/unread"), EACCES);
+    EXPECT_EQ(copy(tree_ / "from", tree_ / "from/../from2/x"), ENOENT);
+  }));
+}
+
+// Another thread looks at the copy all the time.
+TEST_F(CopyTreeTest, IsNeverMoreAccessibleThanTheSource) {
+  MakeDirectory(tree_ / "from", 0711);
+  for (int i = 0; i < 300; ++i) {
+    WriteFile(tree_ / "from/" + std::to_string(i), Pattern(200000), i % 2 == 0 ? 0600 : 0640);
+  }
+  MakeDirectory(tree_ / "to", 0777);
+  std::atomic<bool> stop{false};
+  std::atomic<long> seen{0};
+  std::thread other([&] {
+    for (int i = 0; !stop; i = (i + 1) % 300) {
+      struct stat info;
+      const std::string path = tree_ / "to/" + std::to_string(i);
+      if (::lstat(path.c_str(), &info) != 0) continue;
+      ++seen;
+      EXPECT_EQ(info.st_mode & (i % 2 == 0 ? 0177 : 0137), 0U) << path;
+      EXPECT_EQ(StatOf(tree_ / "to").st_mode & 066, 0U);
+    }
+  });
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+  while (seen == 0) std::this_thread::yield();
+  stop = true;
+  other.join();
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,280 @@
+// Whole migrations: the built host and the real plug-in on made device trees.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <thread>
+
+#include "tests/support/HostProcess.h"
+#include "tests/support/MigrationDevice.h"
+#include "tests/support/TreeTools.h"
+
+namespace quorvel::testing {
+namespace {
+
+// Items of a snapshot below one directory, named by their place under another.
+void Carry(const Facts& before, const std::string& from, const std::string& to, Facts& out) {
+  for (const auto& [path, text] : before) {
+    if (path == from || path.starts_with(from + "/"))
+      out[to + path.substr(from.size())] = WithoutLinkNames(text);
+  }
+}
+
+// What a migration of Device::make() must leave of the users' and makers' items.
+Facts ExpectedItems(const Device& device) {
+  const Facts before = Snapshot(device.root());
+  const std::string legacy = std::string(Mobile).substr(1) + "/Applications/";
+  Facts expected;
+  const std::map<std::string, std::string> apps = {{"A 1", "com.example.one"},
+                                                   {"B\xff"
+                                                    "2",
+                                                    "com.example.two"},
+                                                   {"D4", "com.example.hollow"},
+                                                   {"E5", "com.example.begun"}};
+  for (const auto& [container, identifier] : apps) {
+    for (const char* item : {"/Documents", "/Library", "/tmp", "/Tillkit"}) {
+      Carry(before, legacy + container + item, "<data " + identifier + ">" + item, expected);
+    }
+  }
+  const auto bundle = [&](const char* from, const char* identifier) {
+    const std::string name = fs::path(from).filename();
+    Carry(before, legacy + from, std::string("<bundle ") + identifier + ">/" + name, expected);
+  };
+  bundle("A 1/Tool One.app", "com.example.one");
+  bundle("A 1/Manifest.plist", "com.example.one");
+  bundle("A 1/LorvixArtwork", "com.example.one");
+  bundle("A 1/LorvixMetadata.plist", "com.example.one");
+  bundle("A 1/Tunnel.vpnplugin", "com.example.one.tunnel");
+  bundle(
+      "B\xff"
+      "2/Two.app",
+      "com.example.two");
+  bundle("C3/Alone.vpnplugin", "com.example.alone");
+  bundle("E5/Begun.app", "com.example.begun");
+  Carry(before, std::string(Mobile).substr(1) + "/Groups/shared/Library",
+        "<group group.shared>/Library", expected);
+  return expected;
+}
+
+// That every expected item arrived as it was, and that nothing else lies in the containers.
+void ExpectArrived(const Facts& expected, const Facts& outcome) {
+  for (const auto& [name, text] : expected) {
+    const auto at = outcome.find(name);
+    if (at == outcome.end()) {
+      ADD_FAILURE() << "missing " << name;
+    } else {
+      EXPECT_EQ(text, at->second) << name;
+    }
+  }
+  for (const auto& [name, text] : outcome) {
+    const bool inContainer = name.starts_with("<") && name.find(">/") != std::string::npos;
+    if (!inContainer || name.starts_with("<placeholder")) continue;
+    EXPECT_TRUE(expected.contains(name)) << "unexpected " << name;
+  }
+}
+
+void ExpectLegacyGone(const Device& device) {
+  for (const char* path :
+       {"/Applications", "/Groups/shared", "/Library/Quorvel/SafeHarbor.plist"}) {
+    EXPECT_FALSE(Exists(device.root() + Mobile + path)) << path;
+  }
+  EXPECT_TRUE(Exists(device.root() + Mobile + "/Harbors/gone/Documents/kept"));
+}
+
+TEST(EndToEndTest, EverythingArrivesWhereItBelongs) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  const Facts expected = ExpectedItems(device);
+  ASSERT_EQ(device.registerTunnel(), 0);
+  const HostRun run = device.run({"migrate", "--json"});
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  const json result = json::parse(run.out);
+  EXPECT_EQ(result["items"], 8);
+  EXPECT_EQ(result["estimatedDuration"], 38.0);
+  EXPECT_EQ(result["progress"], 1.0);
+
+  const Facts outcome = Outcome(device);
+  ExpectArrived(expected, outcome);
+  ExpectLegacyGone(device);
+  EXPECT_FALSE(Exists(device.inside(InstallMap)));
+  const json registry = device.registry();
+  EXPECT_EQ(registry["bundles"].size(), 6U);
+  EXPECT_EQ(registry["dataProtectionUpdated"], true);
+  EXPECT_EQ(registry["safeHarbors"],
+            json::parse("[{\"identifier\":\"com.example.gone\",\"path\":\"" + std::string(Mobile) +
+                        "/Harbors/gone\",\"containerType\":2}]"));
+  for (const json& bundle : registry["bundles"]) {
+    EXPECT_EQ(bundle["placeholder"], bundle["identifier"] == "com.example.hollow");
+  }
+
+  // Nothing is left to do, and doing it changes nothing.
+  const HostRun again = device.run({"migrate", "--json"});
+  EXPECT_EQ(again.exitCode, 0);
+  EXPECT_EQ(again.err, "");
+  EXPECT_EQ(json::parse(again.out)["items"], 0);
+  EXPECT_EQ(json::parse(again.out)["progress"], 0.5);
+  ExpectSame(outcome, Outcome(device), "second run");
+}
+
+TEST(EndToEndTest, KilledAgainAndAgainItArrivesAllTheSame) {
+  const ScratchTree tree;
+  const Device pristine(tree / "pristine");
+  pristine.make();
+  ASSERT_EQ(pristine.registerTunnel(), 0);
+  const auto copy = [&](const char* name) {
+    const Device device(tree / name);
+    EXPECT_EQ(std::system(("cp -a '" + pristine.root() + "' '" + device.root() + "'").c_str()), 0);
+    return device;
+  };
+  const Device reference = copy("reference");
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(reference.run({"migrate"}).exitCode, 0);
+  const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - start);
+  const Facts expected = Outcome(reference);
+
+  const unsigned seed = std::random_device()();
+  std::mt19937 random(seed);
+  int kills = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  for (int round = 0;
+       round < 40 && !::testing::Test::HasFailure() && std::chrono::steady_clock::now() < deadline;
+       ++round) {
+    const Device device = copy("device");
+    for (int attempt = 0; attempt < 4; ++attempt) {
+      const pid_t host = StartHost({"migrate", "--root", device.root()});
+      std::uniform_int_distribution<long> delay(0, whole.count());
+      std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
+      ::kill(host, SIGKILL);
+      if (FinishHost(host) != -SIGKILL) break;
+      ++kills;
+      // Looking at what the killed host left is no second migration.
+      if (attempt == 0) {
+        const Facts before = Snapshot(device.root());
+        EXPECT_EQ(device.run({"inspect", "--json"}).exitCode, 0);
+        EXPECT_EQ(device.run({"registry", "--json"}).exitCode, 0);
+        ExpectSame(before, Snapshot(device.root()), "inspect after a kill");
+      }
+    }
+    const HostRun last = device.run({"migrate"});
+    EXPECT_EQ(last.exitCode, 0) << last.out << last.err;
+    Facts outcome = Outcome(device);
+    // Killed between its last two steps a host leaves the map of a directory that is gone: no later
+    // run reads it or misses it.
+    outcome.erase(InstallMap);
+    ExpectSame(expected, outcome, "round " + std::to_string(round));
+    ExpectLegacyGone(device);
+    if (!::testing::Test::HasFailure()) RemoveWithSystem(device.root());
+  }
+  RecordProperty("kills", kills);
+  EXPECT_GT(kills, 8) << "the runs were not hit while they ran";
+  if (::testing::Test::HasFailure()) std::cerr << "seed " << seed << "\n";
+}
+
+TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  PutBundle(device.container("G7/Linked.dir"), "com.example.linked");
+  fs::create_symlink("Linked.dir", device.container("G7/Linked.app"));
+  PutBundle(device.container("H8/Messy.app"), "com.example.messy");
+  Put(device.container("H8/.hidden"), "left behind");
+  fs::create_symlink("/", device.container("rootlink"));
+  const Facts expected = ExpectedItems(device);
+
+  const json inspected = json::parse(device.run({"inspect", "--json"}).out);
+  std::map<std::string, std::string> actions;
+  for (const json& item : inspected["items"]) {
+    actions[fs::path(item["path"].get<std::string>()).filename()] = item["action"];
+  }
+  const HostRun run = device.run({"migrate"});
+  EXPECT_EQ(run.exitCode, 1);
+  for (const auto& [name, action] : actions) {
+    const bool stays = action.starts_with("skip") || action.starts_with("fail");
+    std::string onDisk = name;
+    if (name.starts_with("B")) continue;  // its name is no UTF-8
+    EXPECT_EQ(Exists(device.container(onDisk)), stays) << name << ": " << action;
+  }
+  for (const char* name : {"C3", "G7", "H8", "rootlink"}) {
+    EXPECT_TRUE(Exists(device.container(name))) << name;
+    EXPECT_NE(run.out.find(name), std::string::npos) << run.out;
+  }
+  EXPECT_TRUE(Exists(device.container("C3/") + MarkerName));
+  EXPECT_EQ(ReadFile(device.container("H8/.hidden")), "left behind");
+  EXPECT_FALSE(Exists(device.container("A 1")));
+  EXPECT_TRUE(Exists(device.inside(InstallMap)));
+  for (const char* words : {"the registry has no record of it", "its app is a symbolic link",
+                            "it holds items that no step moves", "a symbolic link is not followed",
+                            "migration-host migrate --root"}) {
+    EXPECT_NE(run.out.find(words), std::string::npos) << words << "\n" << run.out;
+  }
+
+  ASSERT_EQ(device.registerTunnel(), 0);
+  fs::remove(device.container("H8/.hidden"));
+  fs::remove(device.container("rootlink"));
+  fs::remove_all(device.container("G7"));
+  const HostRun later = device.run({"migrate"});
+  EXPECT_EQ(later.exitCode, 0) << later.out;
+  Facts outcome = Outcome(device);
+  std::erase_if(outcome,
+                [](const auto& fact) { return fact.first.find("messy") != std::string::npos; });
+  ExpectArrived(expected, outcome);
+  ExpectLegacyGone(device);
+}
+
+TEST(EndToEndTest, ContainersOnAnotherFileSystemGetWholeCopies) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting needs privileges";
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  const Facts expected = ExpectedItems(device);
+  EXPECT_TRUE(InChild([&] {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    const std::string containers = device.root() + Mobile + "/Containers";
+    fs::create_directories(containers);
+    ASSERT_EQ(::mount("tmpfs", containers.c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_EQ(device.registerTunnel(), 0);
+    const HostRun run = device.run({"migrate"});
+    ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+    ExpectArrived(expected, Outcome(device));
+    ExpectLegacyGone(device);
+  }));
+}
+
+TEST(EndToEndTest, AnOrdinaryUserMigratesATreeOfHisOwn) {
+  if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
+  const ScratchTree tree("/tmp");  // programs may be copied to it and run
+  HostSetup setup;
+  setup.asNobody = true;
+  setup.program = CopyHostTo(tree / "bin");
+  setup.environment["LD_LIBRARY_PATH"] = tree / "bin";
+  const Device device(tree / "device");
+  MakeDirectory(device.root());
+  ASSERT_EQ(::chown(device.root().c_str(), NobodyUser, NobodyUser), 0);
+  ASSERT_TRUE(InChild([&] {
+    BecomeNobody();
+    device.make();
+  }));
+  const Facts expected = ExpectedItems(device);
+  ASSERT_EQ(device.registerTunnel(setup), 0);
+
+  ::chmod(device.container("E5").c_str(), 0);
+  const HostRun refused = device.run({"migrate"}, setup);
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.out.find("it cannot be read: "), std::string::npos) << refused.out;
+  ::chmod(device.container("E5").c_str(), 0755);
+
+  const HostRun run = device.run({"migrate"}, setup);
+  ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+  ExpectArrived(expected, Outcome(device, setup));
+  ExpectLegacyGone(device);
+}
+
+}  // namespace
+}  // namespace quorvel::testing

@@ -1,0 +1,437 @@
+// The migration host as a process, with a plug-in that does what a script says.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "host/FailureWords.h"
+#include "host/console/TerminalText.h"
+#include "tests/support/HostProcess.h"
+#include "tests/support/TemporaryTree.h"
+
+namespace quorvel::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using ::testing::Test;
+
+constexpr const char* Legacy = "private/var/mobile/Applications";
+
+std::string InfoPlist(const std::string& identifier) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+         "<key>PKBundleIdentifier</key><string>" +
+         identifier + "</string></dict></plist>";
+}
+
+class HostTest : public Test {
+ protected:
+  HostTest() { fs::create_directory(device()); }
+
+  std::string device() const { return tree_.at("device"); }
+  std::vector<std::string> migrate(std::vector<std::string> more = {}) const {
+    std::vector<std::string> arguments = {"migrate", "--root", device(), "--plugin",
+                                          SCRIPTED_PLUGIN};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+  static HostSetup script(const std::string& words) { return {.environment = {{"SCRIPT", words}}}; }
+  void legacy(const std::string& name, const std::string& bytes) const {
+    tree_.write("device/" + std::string(Legacy) + "/" + name, bytes);
+  }
+  bool deviceIsEmpty() const { return fs::is_empty(device()); }
+  bool waitFor(const std::string& name) const {
+    for (int i = 0; i < 2000; ++i) {
+      if (fs::exists(device() + "/" + name)) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+  }
+
+  TemporaryTree tree_;
+};
+
+long Lines(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
+
+// An error is at most three lines, and with --json one object on standard output besides.
+void ExpectFatal(const HostRun& run, int exitCode, const std::string& mentioned) {
+  EXPECT_EQ(run.exitCode, exitCode) << run.err;
+  EXPECT_LE(Lines(run.err), 3) << run.err;
+  EXPECT_NE(run.err.find(mentioned), std::string::npos) << run.err;
+}
+
+TEST_F(HostTest, UsageErrorsChangeNothing) {
+  const std::string log = tree_.at("log");
+  const std::vector<std::vector<std::string>> wrong = {
+      {},
+      {"immigrate"},
+      {"migrate"},
+      {"migrate", "--root"},
+      {"migrate", "--root", ""},
+      migrate({"--log"}),
+      migrate({"--log", log, "--frobnicate"}),
+      migrate({"--log", log, "--progress", "sometimes"}),
+      migrate({"--log", log, "--progress", "1"}),
+      migrate({"--log", log, "extra"}),
+      migrate({"--log", log, "--json=false"}),
+      migrate({"--log", log, "--root", "/elsewhere"}),
+      {"inspect", "--root", device(), "--log", log},
+      {"register", "--root", device()},
+      {"register", "--root", device(), "--identifier", ""},
+      {"register", "--root", device(), "--identifier", "a\nb"},
+      {"registry", "--root", device(), "--identifier", "a"},
+  };
+  for (const auto& arguments : wrong) {
+    const HostRun run = RunHost(arguments);
+    ExpectFatal(run, 2, "migration-host: ");
+    EXPECT_EQ(run.out, "");
+  }
+  EXPECT_FALSE(fs::exists(log));
+  EXPECT_TRUE(deviceIsEmpty());
+
+  const HostRun run = RunHost({"migrate", "--json"});
+  const json object = json::parse(run.out);
+  EXPECT_EQ(object.size(), 2U);
+  EXPECT_EQ(object["exitCode"], 2);
+  EXPECT_TRUE(object["error"].is_string());
+}
+
+TEST_F(HostTest, HelpAndVersionSucceedAndEveryExampleWorks) {
+  EXPECT_EQ(RunHost({"--version"}).exitCode, 0);
+  EXPECT_NE(RunHost({"--help"}).out.find("Exit codes"), std::string::npos);
+  const std::string path = fs::path(HOST_BINARY).parent_path().string() + ":" + ::getenv("PATH");
+  for (const char* command : {"migrate", "inspect", "registry", "register"}) {
+    const HostRun run = RunHost({command, "--help"});
+    EXPECT_EQ(run.exitCode, 0);
+    const auto at = run.out.find("Example:\n");
+    ASSERT_NE(at, std::string::npos) << command;
+    std::string example = run.out.substr(at + 9);
+    // The example's own directory, so that a developer's is left alone.
+    for (auto i = example.find("/tmp/device"); i != std::string::npos;
+         i = example.find("/tmp/device")) {
+      example.replace(i, 11, tree_.at("x"));
+    }
+    if (std::string_view(command) == "migrate" &&
+        !fs::exists(fs::path(HOST_BINARY).parent_path() / "Ravelle.so"))
+      continue;
+    EXPECT_EQ(std::system(("PATH=" + path + " TERM= ASAN_OPTIONS=detect_leaks=0 sh -c '" + example +
+                           "' >/dev/null")
+                              .c_str()),
+              0)
+        << example;
+  }
+}
+
+TEST_F(HostTest, MigratesInsideTheTreeAndReportsOneObject) {
+  const HostRun run = RunHost(migrate({"--json"}), script("touch"));
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_TRUE(fs::exists(device() + "/entered"));
+  EXPECT_FALSE(fs::exists("/entered"));
+  const json object = json::parse(run.out);
+  EXPECT_EQ(object["dataClassName"], "QVRavelle");
+  EXPECT_EQ(object["estimatedDuration"], 26.75);
+  EXPECT_EQ(object["items"], 3);
+  EXPECT_EQ(object["progress"], 1.0);
+  EXPECT_EQ(object["succeeded"], true);
+  EXPECT_TRUE(object["seconds"].is_number_float());
+  EXPECT_EQ(object.size(), 6U);
+  EXPECT_EQ(run.err, "");
+}
+
+TEST_F(HostTest, FailureIsReportedInWordsWithWhatToDo) {
+  legacy("com.example.two/com.velto.quorvel.container_migrator.plist", "");
+  legacy("misled/com.velto.quorvel.container_migrator.plist", "");
+  const HostRun run = RunHost(migrate(), script("fail"));
+  EXPECT_NE(run.out.find("its marker names another container"), std::string::npos) << run.out;
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_NE(run.out.find("estimated duration 27 s"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("failed"), std::string::npos);
+  EXPECT_NE(run.out.find("the registry has no record of it"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("/private/var/mobile/Applications/com.example.two, with its marker"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("migration-host migrate --root " + device()), std::string::npos);
+  EXPECT_NE(run.out.find("2 migrated, 1 failed"), std::string::npos) << run.out;
+
+  const HostRun asJson = RunHost(migrate({"--json"}), script("fail"));
+  EXPECT_EQ(asJson.exitCode, 1);
+  EXPECT_EQ(json::parse(asJson.out)["succeeded"], false);
+}
+
+TEST_F(HostTest, PluginsThatCannotBeUsedExitThree) {
+  const std::string garbage = tree_.write("garbage.so", "no object");
+  const std::string pipe = tree_.at("pipe.so");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0666), 0);
+  for (const std::string& file :
+       {tree_.at("absent.so"), garbage, pipe, std::string("/"), std::string(FOREIGN_LIBRARY)}) {
+    const HostRun run = RunHost({"migrate", "--root", device(), "--json", "--plugin", file});
+    ExpectFatal(run, 3, file);
+    EXPECT_EQ(json::parse(run.out)["exitCode"], 3);
+  }
+  ExpectFatal(RunHost(migrate(), script("refuse")), 3, "interface version");
+  EXPECT_TRUE(deviceIsEmpty());
+  ExpectFatal(RunHost(migrate(), script("init-fails")), 3, SCRIPTED_PLUGIN);
+}
+
+TEST_F(HostTest, RootsThatCannotBeEnteredExitFour) {
+  const std::string file = tree_.write("file", "");
+  const std::string link = tree_.at("link-to-root");
+  fs::create_directory_symlink("/", link);
+  const std::string log = tree_.at("log");
+  for (const std::string& root : {tree_.at("absent"), file, std::string("/"), link}) {
+    const HostRun run =
+        RunHost({"migrate", "--root", root, "--json", "--plugin", SCRIPTED_PLUGIN, "--log", log});
+    ExpectFatal(run, 4, root);
+    EXPECT_EQ(json::parse(run.out)["exitCode"], 4);
+    ExpectFatal(RunHost({"inspect", "--root", root}), 4, root);
+  }
+  EXPECT_FALSE(fs::exists(log));
+}
+
+TEST_F(HostTest, ASecondHostOnTheTreeLeavesItAlone) {
+  const pid_t first = StartHost(migrate(), script("hold"));
+  ASSERT_TRUE(waitFor("holding"));
+  ExpectFatal(RunHost(migrate(), script("touch")), 4, "another migration host is at work");
+  ExpectFatal(RunHost({"register", "--root", device(), "--identifier", "a.b"}), 4, "another");
+  EXPECT_FALSE(fs::exists(device() + "/entered"));
+  tree_.write("device/release", "");
+  EXPECT_EQ(FinishHost(first), 0);
+  EXPECT_EQ(RunHost(migrate(), script("touch")).exitCode, 0);
+}
+
+TEST_F(HostTest, WithoutPrivilegesANamespaceServes) {
+  if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
+  const std::string program = CopyHostTo(tree_.at("bin"));
+  const std::string plugin = tree_.at("bin/") + fs::path(SCRIPTED_PLUGIN).filename().string();
+  ::chmod(tree_.path().c_str(), 0755);
+  ASSERT_EQ(::chown(device().c_str(), NobodyUser, NobodyUser), 0);
+  HostSetup setup = script("touch");
+  setup.asNobody = true;
+  setup.program = program;
+  setup.environment["LD_LIBRARY_PATH"] = tree_.at("bin");
+  const HostRun run = RunHost({"migrate", "--root", device(), "--plugin", plugin}, setup);
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  struct stat made {};
+  ASSERT_EQ(::stat((device() + "/entered").c_str(), &made), 0);
+  EXPECT_EQ(made.st_uid, NobodyUser);
+  EXPECT_EQ(made.st_gid, NobodyUser);
+  EXPECT_EQ(made.st_mode & 0777U, 0644U);
+
+  // The namespace gives no rights that the user does not have.
+  ::unlink((device() + "/entered").c_str());
+  ::chmod(device().c_str(), 0555);
+  EXPECT_EQ(RunHost({"inspect", "--root", device()}, setup).exitCode, 0);
+  RunHost({"migrate", "--root", device(), "--plugin", plugin}, setup);
+  EXPECT_FALSE(fs::exists(device() + "/entered"));
+}
+
+TEST_F(HostTest, LogHoldsEveryCallInOrder) {
+  const std::string log = tree_.write("log", "{\"earlier\":true}\n");
+  ASSERT_EQ(RunHost(migrate({"--quiet", "--log", log}), script("fail nasty")).exitCode, 1);
+  std::ifstream stream(log);
+  std::vector<json> lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(json::parse(line));
+  ASSERT_GE(lines.size(), 7U);
+  EXPECT_TRUE(lines[0].contains("earlier"));
+  std::vector<std::string> messages;
+  for (const json& line : lines) {
+    if (line.value("facility", "") == "HostLog") messages.push_back(line["message"]);
+  }
+  ASSERT_EQ(messages.size(), 7U);
+  EXPECT_EQ(messages[0], "QVRavelle: 3 items to migrate");
+  EXPECT_EQ(messages[6], "QVRavelle: Returning migration failed.");
+  for (const json& line : lines) {
+    if (line.value("facility", "") != "HostLog") continue;
+    EXPECT_EQ(line["category"], "Corvennad");
+    EXPECT_TRUE(line["line"].is_number_integer());
+    EXPECT_TRUE(line["level"].is_number_integer());
+    for (const char* key : {"function", "file", "time"}) EXPECT_TRUE(line.contains(key)) << key;
+  }
+  ExpectFatal(RunHost(migrate({"--log", tree_.at("absent/log")})), 2, "absent/log");
+  ExpectFatal(RunHost(migrate({"--log", tree_.path()})), 2, tree_.path());
+}
+
+TEST_F(HostTest, QuietSaysNothingButErrors) {
+  const HostRun good = RunHost(migrate({"--quiet"}));
+  EXPECT_EQ(good.exitCode, 0);
+  EXPECT_EQ(good.out + good.err, "");
+  const HostRun bad = RunHost(migrate({"--quiet"}), script("fail"));
+  EXPECT_EQ(bad.exitCode, 1);
+  EXPECT_EQ(bad.out, "");
+  EXPECT_NE(bad.err.find("com.example.two"), std::string::npos);
+}
+
+TEST_F(HostTest, LostOutputIsAFailure) {
+  for (const char* output : {"/dev/full", "-"}) {
+    HostSetup setup;
+    setup.standardOutput = output;
+    for (const auto& arguments :
+         {migrate(), migrate({"--json"}), std::vector<std::string>{"registry", "--root", device()},
+          std::vector<std::string>{"--help"}}) {
+      ExpectFatal(RunHost(arguments, setup), 1, "standard output");
+    }
+  }
+  // A log is not the result, but nobody should trust one that has gaps.
+  const HostRun run = RunHost(migrate({"--log", "/dev/full", "--json"}), script("fail"));
+  EXPECT_NE(run.err.find("/dev/full: lines of the log could not be written"), std::string::npos);
+  EXPECT_EQ(run.exitCode, 1);
+}
+
+TEST_F(HostTest, TerminalShowsProgressAndCannotBePlayedWith) {
+  HostSetup setup = script("fail nasty");
+  setup.onTerminal = true;
+  const HostRun colored = RunHost(migrate(), setup);
+  EXPECT_EQ(colored.exitCode, 1);
+  EXPECT_NE(colored.out.find("\r\x1b[K["), std::string::npos) << "no bar";
+  EXPECT_NE(colored.out.find("\x1b[31m"), std::string::npos) << "no color";
+  EXPECT_EQ(colored.out.find("\x1b[2J"), std::string::npos) << "a name cleared the screen";
+  EXPECT_NE(colored.out.find("com.example.\\x1b[2J\\xff\\ntwo"), std::string::npos) << colored.out;
+
+  setup.environment["NO_COLOR"] = "1";
+  const HostRun plain = RunHost(migrate(), setup);
+  EXPECT_NE(plain.out.find("\r\x1b[K["), std::string::npos);
+  EXPECT_EQ(plain.out.find("\x1b[3"), std::string::npos) << "color in spite of NO_COLOR";
+
+  const HostRun none = RunHost(migrate({"--progress", "never"}), setup);
+  EXPECT_EQ(none.out.find('\x1b'), std::string::npos);
+  EXPECT_EQ(RunHost(migrate(), script("nasty")).err, "") << "progress without a terminal";
+  EXPECT_NE(RunHost(migrate({"--progress", "always", "--json"})).err.find("100%"),
+            std::string::npos);
+}
+
+TEST_F(HostTest, InspectTellsItemsApartAndChangesNothing) {
+  legacy("A/One.app/Info.plist", InfoPlist("com.example.one"));
+  legacy("A/Documents/file", "data");
+  legacy("B/Tun.vpnplugin/Info.plist", InfoPlist("com.example.tunnel"));
+  legacy("C/Documents/file", "data");
+  legacy("D/One.app/Info.plist", InfoPlist("com.example.stray"));
+  legacy("D/Stray items", "data");
+  legacy("E/com.velto.quorvel.container_migrator.plist",
+         "<plist version=\"1.0\"><dict><key>BundlePath</key><string>/x/Gone.app</string>"
+         "<key>ContainerPath</key><string>/private/var/mobile/Applications/E/</string>"
+         "<key>ContainerType</key><string>App</string>"
+         "<key>BundleIdentifier</key><string>com.example.begun</string></dict></plist>");
+  legacy("I/com.velto.quorvel.container_migrator.plist",
+         "<plist version=\"1.0\"><dict><key>BundlePath</key><string>/x/Gone.app</string>"
+         "<key>ContainerPath</key><string>/x</string><key>ContainerType</key><string>App</string>"
+         "<key>BundleIdentifier</key><string>com.example.misled</string></dict></plist>");
+  legacy("F", "a file");
+  legacy("H/keep", "");
+  fs::create_symlink("/", device() + "/" + Legacy + "/G");
+  fs::create_symlink("/", device() + "/" + Legacy + "/H/Bad.app");
+  legacy("../Library/Caches/com.velto.quorvel.plist",
+         "<plist version=\"1.0\"><dict><key>GroupContainers</key><dict><key>group.a</key><dict>"
+         "<key>Container</key><string>/private/var/mobile</string></dict><key>group.b</key>"
+         "<string>damaged</string></dict></dict></plist>");
+  legacy("../Library/Quorvel/SafeHarbor.plist",
+         "<plist version=\"1.0\"><dict><key>com.example.gone</key><dict>"
+         "<key>HarborPathKey</key><string>/absent</string></dict></dict></plist>");
+
+  const auto paths = PathsBelow(device());
+  ForgetAccesses(paths);
+  const auto before = FactsOf(paths);
+  const HostRun run = RunHost({"inspect", "--root", device(), "--json"});
+  EXPECT_EQ(FactsOf(paths), before);
+  EXPECT_EQ(PathsBelow(device()), paths);
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+
+  const json object = json::parse(run.out);
+  std::map<std::string, json> items;
+  for (const json& item : object["items"]) {
+    items[fs::path(item["path"].get<std::string>()).filename()] = item;
+  }
+  const auto expect = [&items](const char* name, const char* kind, const json& identifier,
+                               const std::string& action) {
+    EXPECT_EQ(items[name]["kind"], kind) << name;
+    EXPECT_EQ(items[name]["identifier"], identifier) << name;
+    EXPECT_EQ(items[name]["action"].get<std::string>().substr(0, action.size()), action) << name;
+  };
+  ASSERT_EQ(items.size(), 9U);
+  expect("A", "App", "com.example.one", "migrate");
+  EXPECT_EQ(items["A"]["bundlePath"], "/" + std::string(Legacy) + "/A/One.app");
+  expect("B", "VPNBundle", "com.example.tunnel", "fail: no record for VPN plug-in");
+  expect("C", "empty", nullptr, "remove: no bundle");
+  expect("D", "App", "com.example.stray", "fail: no step moves Stray items");
+  expect("E", "marker", "com.example.begun", "fail: its bundle is gone");
+  expect("I", "marker", "com.example.misled", "fail: its marker names another container, /x");
+  expect("F", "file", nullptr, "remove: regular file");
+  expect("G", "link", nullptr, "skip");
+  expect("H", "App", nullptr, "skip: its app is a symbolic link");
+  EXPECT_EQ(object["groups"][0]["exists"], true);
+  EXPECT_EQ(object["groups"][1]["path"], nullptr);
+  EXPECT_EQ(object["harbors"][0]["identifier"], "com.example.gone");
+  EXPECT_EQ(object["harbors"][0]["exists"], false);
+}
+
+TEST_F(HostTest, RegisteredRecordsAreShownAndChangeWhatInspectExpects) {
+  legacy("B/Tun.vpnplugin/Info.plist", InfoPlist("com.example.tunnel"));
+  const HostRun empty = RunHost({"registry", "--root", device(), "--json"});
+  EXPECT_EQ(json::parse(empty.out), json::parse("{\"bundles\":[],\"safeHarbors\":[],"
+                                                "\"dataProtectionUpdated\":false}"));
+  EXPECT_FALSE(fs::exists(device() + "/private/var/quorveld"));
+
+  const std::vector<std::string> add = {"register", "--root", device(), "--identifier",
+                                        "com.example.tunnel"};
+  ASSERT_EQ(RunHost(add).exitCode, 0);
+  EXPECT_EQ(RunHost(add).exitCode, 0) << "registering again is no failure";
+
+  const auto paths = PathsBelow(device());
+  ForgetAccesses(paths);
+  const auto before = FactsOf(paths);
+  const json inspected = json::parse(RunHost({"inspect", "--root", device(), "--json"}).out);
+  const json object = json::parse(RunHost({"registry", "--root", device(), "--json"}).out);
+  EXPECT_EQ(FactsOf(paths), before);
+  EXPECT_EQ(PathsBelow(device()), paths);
+
+  EXPECT_EQ(inspected["items"][0]["action"], "migrate");
+  ASSERT_EQ(object["bundles"].size(), 1U);
+  const json& bundle = object["bundles"][0];
+  EXPECT_EQ(bundle["identifier"], "com.example.tunnel");
+  EXPECT_EQ(bundle["bundleType"], "VPNPlugin");
+  EXPECT_EQ(bundle["version"], nullptr);
+  EXPECT_EQ(bundle["placeholder"], false);
+  EXPECT_EQ(bundle["foundBackingBundle"], false);
+  EXPECT_EQ(bundle["bundlePath"], nullptr);
+  EXPECT_EQ(bundle["groupContainers"], json::object());
+  const auto data = bundle["dataContainerPath"].get<std::string>();
+  EXPECT_TRUE(data.starts_with("/private/var/")) << data;
+  EXPECT_TRUE(fs::is_directory(device() + data));
+}
+
+TEST(TerminalTextTest, HarmlessAndMeasured) {
+  using namespace quorvel::host;
+  ::setlocale(LC_CTYPE, "C.UTF-8");
+  EXPECT_EQ(Printable("a\\b\x1b\x7f\n\xc2\x9b\xff"), "a\\\\b\\x1b\\x7f\\n\\xc2\\x9b\\xff");
+  EXPECT_EQ(Printable("\xe2\x80\xae"), "\\xe2\\x80\\xae");
+  EXPECT_EQ(Printable("\xf4\x8f\xbb\xbf"), "\\xff") << "the file-system encoding of byte 255";
+  EXPECT_EQ(DisplayWidth("\xe6\xbc\xa2\xc3\xa9"
+                         "e\xcc\x81"),
+            4U);
+  EXPECT_EQ(CutEnd("\xe6\xbc\xa2\xe6\xbc\xa2x", 4), "\xe6\xbc\xa2\xe2\x80\xa6");
+  EXPECT_EQ(CutStart("abcdef", 4),
+            "\xe2\x80\xa6"
+            "def");
+  EXPECT_EQ(CutEnd("abc", 0), "");
+}
+
+TEST(FailureWordsTest, ShowTheCauseAndKeepUnknownMessages) {
+  using quorvel::host::InWords;
+  EXPECT_EQ(InWords("Failed to move /a to /b migrating for x : PosixErrorDomain 13 {FunctionName = "
+                    "\"f\"; LocalizedDescription = \"rename of \\\"a\\\" failed: Permission "
+                    "denied\"; SourceFileLine = 3}")
+                .text,
+            "its data could not be moved: rename of \"a\" failed: Permission denied");
+  EXPECT_EQ(InWords("Failed to migrate safe harbor for identifier a.b at /h : (null)").text,
+            "a safe harbor could not be registered: identifier a.b at /h");
+  EXPECT_EQ(InWords("Something\nnew").text, "Something\\nnew");
+  EXPECT_EQ(InWords("Found missed items in /a for b: (file:///a/x)").text,
+            "it holds items that no step moves: (file:///a/x)");
+}
+
+}  // namespace
+}  // namespace quorvel::testing

@@ -1,0 +1,282 @@
+// Preferences: one contract for the store on disk and the one in memory, and for the one on disk
+// what several processes, kills and damaged files must not do to it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/plist/PreferencesPlist.h"
+#include "platform/linux/plist/PropertyListFiles.h"
+#include "tests/support/FakePreferencesStore.h"
+#include "tests/support/TemporaryTree.h"
+
+namespace quorvel {
+namespace {
+
+namespace fs = std::filesystem;
+using onlinux::PreferencesPlist;
+using testing::FakePreferencesStore;
+using testing::TemporaryTree;
+
+constexpr auto CurrentHost = PreferencesScope::currentUserCurrentHost;
+constexpr auto AnyHost = PreferencesScope::currentUserAnyHost;
+const std::string Domain = "com.example.service";
+
+bool Holds(PreferencesStore& store, const std::string& key, const PlistValue& value,
+           PreferencesScope scope = CurrentHost) {
+  const auto stored = store.copyValue(key, Domain, scope);
+  return stored && *stored == value;
+}
+
+// Makes stores that share what they keep.
+using Opener = std::function<std::unique_ptr<PreferencesStore>()>;
+
+class PreferencesContract : public ::testing::TestWithParam<bool> {
+ protected:
+  PreferencesContract() {
+    const Path directory = Path::directory(tree_.at("mobile/Preferences"));
+    const auto storage = std::make_shared<FakePreferencesStore::Storage>();
+    if (GetParam()) {
+      open = [directory] { return std::make_unique<PreferencesPlist>(directory); };
+    } else {
+      open = [storage] { return std::make_unique<FakePreferencesStore>(storage); };
+    }
+  }
+
+  TemporaryTree tree_;
+  Opener open;
+};
+
+TEST_P(PreferencesContract, PendingValuesAreTheOwnersUntilSynchronized) {
+  const auto store = open();
+  EXPECT_FALSE(store->copyValue("a", Domain, CurrentHost));
+  store->setValue("a", true, Domain, CurrentHost);
+  store->setValue("b", PlistArray{1, 2.0, "x\x01"}, Domain, CurrentHost);
+  EXPECT_TRUE(Holds(*store, "a", true));
+  EXPECT_FALSE(open()->copyValue("a", Domain, CurrentHost));
+  EXPECT_TRUE(store->synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(Holds(*open(), "a", true));
+  EXPECT_TRUE(Holds(*open(), "b", PlistArray{1, 2.0, "x\x01"}));
+  store->setValue("a", false, Domain, CurrentHost);
+  EXPECT_TRUE(Holds(*store, "a", false));
+  EXPECT_TRUE(Holds(*open(), "a", true));
+  EXPECT_TRUE(store->synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(store->synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(Holds(*open(), "a", false));
+  EXPECT_FALSE(open()->copyValue("a", Domain, AnyHost));
+  EXPECT_FALSE(open()->copyValue("a", "com.example.other", CurrentHost));
+}
+
+TEST_P(PreferencesContract, KeysOfOthersStay) {
+  const auto first = open(), second = open();
+  first->setValue("first", 1, Domain, AnyHost);
+  second->setValue("second", 2, Domain, AnyHost);
+  first->setValue("both", "first", Domain, AnyHost);
+  second->setValue("both", "second", Domain, AnyHost);
+  EXPECT_TRUE(second->synchronize(Domain, AnyHost));
+  EXPECT_TRUE(first->synchronize(Domain, AnyHost));
+  const auto third = open();
+  for (PreferencesStore* store : {first.get(), second.get(), third.get()}) {
+    EXPECT_TRUE(Holds(*store, "first", 1, AnyHost));
+    EXPECT_TRUE(Holds(*store, "second", 2, AnyHost));
+    EXPECT_TRUE(Holds(*store, "both", "first", AnyHost));
+  }
+}
+
+TEST_P(PreferencesContract, UserDefaultsAskTheCurrentHostFirst) {
+  const auto store = open();
+  EXPECT_FALSE(store->stringFromUserDefaults("k", Domain));
+  store->setValue("k", "any", Domain, AnyHost);
+  EXPECT_EQ(store->stringFromUserDefaults("k", Domain), "any");
+  store->setValue("k", "current", Domain, CurrentHost);
+  EXPECT_EQ(store->stringFromUserDefaults("k", Domain), "current");
+  store->setValue("k", 7, Domain, CurrentHost);
+  EXPECT_FALSE(store->stringFromUserDefaults("k", Domain));
+}
+
+TEST_P(PreferencesContract, DomainsArePlainNames) {
+  const auto store = open();
+  for (const char* domain : {"", ".", "..", "a/b", "/", "../escape"}) {
+    store->setValue("k", 1, domain, AnyHost);
+    EXPECT_FALSE(store->copyValue("k", domain, AnyHost)) << domain;
+    EXPECT_FALSE(store->synchronize(domain, AnyHost)) << domain;
+  }
+  EXPECT_FALSE(fs::exists(tree_.at("mobile")));
+}
+
+TEST_P(PreferencesContract, ThreadsLoseNothing) {
+  const auto store = open();
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i <= 20; ++i) {
+        store->setValue(std::to_string(thread), i, Domain, CurrentHost);
+        EXPECT_TRUE(store->synchronize(Domain, CurrentHost));
+        EXPECT_TRUE(Holds(*store, std::to_string(thread), i));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int thread = 0; thread < 4; ++thread) {
+    EXPECT_TRUE(Holds(*open(), std::to_string(thread), 20));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, PreferencesContract, ::testing::Bool(), [](const auto& suite) {
+  return suite.param ? std::string("OnDisk") : std::string("InMemory");
+});
+
+class PreferencesOnDisk : public ::testing::Test {
+ protected:
+  std::string file(const std::string& suffix = "") const {
+    return tree_.at("Preferences/ByHost/" + Domain + ".plist" + suffix);
+  }
+  void writeFile(const std::string& bytes) const {
+    tree_.write("Preferences/ByHost/" + Domain + ".plist", bytes);
+  }
+  // Forks a process that sets the key to 1, 2 and so on up to the last and synchronizes each.
+  pid_t startWriter(const std::string& key, int last) const {
+    const pid_t child = ::fork();
+    if (child != 0) return child;
+    PreferencesPlist store(directory_);
+    for (int i = 1; i <= last; ++i) {
+      store.setValue(key, i, Domain, CurrentHost);
+      if (!store.synchronize(Domain, CurrentHost)) ::_exit(1);
+    }
+    ::_exit(0);
+  }
+
+  TemporaryTree tree_{"/dev/shm"};  // these tests flush a thousand times
+  const Path directory_ = Path::directory(tree_.at("Preferences"));
+  PreferencesPlist store_{directory_};
+};
+
+TEST_F(PreferencesOnDisk, FilesStandWhereOthersLookForThem) {
+  const mode_t previous = ::umask(077);
+  store_.setValue("k", 1, Domain, CurrentHost);
+  store_.setValue("k", 2, Domain, AnyHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(store_.synchronize(Domain, AnyHost));
+  ::umask(previous);
+  onlinux::PropertyListFiles lists;
+  const auto read = [&](const std::string& name) {
+    return lists.readDictionary(Path::file(name), ForeignKeys::refuse, nullptr);
+  };
+  ASSERT_TRUE(read(file()) != nullptr);
+  EXPECT_TRUE(*read(file()) == PlistDictionary({{"k", 1}}));
+  EXPECT_TRUE(*read(tree_.at("Preferences/" + Domain + ".plist")) == PlistDictionary({{"k", 2}}));
+  struct stat status {};
+  ASSERT_EQ(::stat(tree_.at("Preferences/ByHost").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0755U);
+  ASSERT_EQ(::stat(file().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0644U);
+  // What other software writes is read, and kept.
+  writeFile("<plist><dict><key>theirs</key><date>2001-01-01T00:00:00Z</date></dict></plist>");
+  EXPECT_TRUE(Holds(store_, "theirs", PlistDate{0}));
+  store_.setValue("ours", 1, Domain, CurrentHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(*read(file()) == PlistDictionary({{"ours", 1}, {"theirs", PlistDate{0}}}));
+}
+
+TEST_F(PreferencesOnDisk, ProcessesLoseNothing) {
+  std::vector<pid_t> writers;
+  for (const char* key : {"a", "b", "c"}) writers.push_back(startWriter(key, 100));
+  for (const pid_t writer : writers) {
+    int status = -1;
+    EXPECT_EQ(::waitpid(writer, &status, 0), writer);
+    EXPECT_EQ(status, 0);
+  }
+  for (const char* key : {"a", "b", "c"}) EXPECT_TRUE(Holds(store_, key, 100)) << key;
+}
+
+TEST_F(PreferencesOnDisk, KilledProcessesLoseNothing) {
+  store_.setValue("kept", "value", Domain, CurrentHost);
+  ASSERT_TRUE(store_.synchronize(Domain, CurrentHost));
+  std::int64_t last = 0;
+  for (int round = 0; round < 40; ++round) {
+    const pid_t writer = startWriter("count", 1'000'000);
+    ::usleep(static_cast<useconds_t>(2000 + round * 173));
+    ::kill(writer, SIGKILL);
+    ::waitpid(writer, nullptr, 0);
+    EXPECT_TRUE(Holds(store_, "kept", "value"));
+    if (const auto count = store_.copyValue("count", Domain, CurrentHost)) {
+      last = *count->signedInteger();
+    }
+  }
+  EXPECT_GT(last, 0);  // the writers got somewhere
+  store_.setValue("end", 1, Domain, CurrentHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  for (const auto& entry : fs::directory_iterator(tree_.at("Preferences/ByHost"))) {
+    EXPECT_FALSE(entry.path().string().ends_with(".tmp")) << entry.path();
+  }
+}
+
+TEST_F(PreferencesOnDisk, DamagedFilesAreSetAside) {
+  store_.setValue("k", 1, Domain, CurrentHost);
+  ASSERT_TRUE(store_.synchronize(Domain, CurrentHost));
+  const std::string whole = tree_.read("Preferences/ByHost/" + Domain + ".plist");
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    writeFile(whole.substr(0, size));
+    EXPECT_FALSE(store_.copyValue("k", Domain, CurrentHost));
+    store_.setValue("k", 2, Domain, CurrentHost);
+    EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+    EXPECT_TRUE(Holds(store_, "k", 2));
+    const std::string aside = size == 0 ? ".damaged" : ".damaged." + std::to_string(size + 1);
+    EXPECT_EQ(tree_.read("Preferences/ByHost/" + Domain + ".plist" + aside), whole.substr(0, size));
+  }
+}
+
+TEST_F(PreferencesOnDisk, WhatCannotBeReadIsNotReplaced) {
+  fs::create_directories(file());
+  store_.setValue("k", 1, Domain, CurrentHost);
+  EXPECT_FALSE(store_.synchronize(Domain, CurrentHost));
+  fs::remove(file());
+  tree_.write("elsewhere", "<plist><dict/></plist>");
+  fs::create_symlink(tree_.at("elsewhere"), file());
+  EXPECT_FALSE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(fs::is_symlink(file()));
+  EXPECT_EQ(tree_.read("elsewhere"), "<plist><dict/></plist>");
+  fs::remove(file());
+  // What was pending still is.
+  EXPECT_TRUE(Holds(store_, "k", 1));
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(Holds(*std::make_unique<PreferencesPlist>(directory_), "k", 1));
+  // A value that no file can hold.
+  store_.setValue("set", PlistSet{}, Domain, CurrentHost);
+  EXPECT_FALSE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(Holds(*std::make_unique<PreferencesPlist>(directory_), "k", 1));
+}
+
+TEST_F(PreferencesOnDisk, AFileOfAnotherUserIsLeftAlone) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs a second user";
+  writeFile("<plist><dict><key>k</key><integer>1</integer></dict></plist>");
+  ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
+  for (const char* name : {"", "Preferences", "Preferences/ByHost"}) {
+    ASSERT_EQ(::chmod(tree_.at(name).c_str(), 0777), 0);
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    PreferencesPlist store(directory_);
+    store.setValue("mine", 1, Domain, CurrentHost);
+    const bool dropped = ::setgid(65534) == 0 && ::setuid(65534) == 0;
+    const bool refused = dropped && !store.copyValue("k", Domain, CurrentHost) &&
+                         !store.synchronize(Domain, CurrentHost);
+    ::_exit(refused ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(Holds(store_, "k", 1));
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,417 @@
+// The host's protocol and introspection: what is found, in which order it is worked off, what is
+// removed, and every message on the way.
+#include <atomic>
+#include <thread>
+
+#include "tests/ravelle/RavelleFixture.h"
+#include "tests/support/FaultWrappers.h"
+
+namespace quorvel::tests {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr const char* kInit = "-[QVRavelle init] ";
+constexpr const char* kPerform = "-[QVRavelle performMigration] ";
+constexpr const char* kIntrospect = "-[QVRavelle _introspectContainer:orderResultEarly:] ";
+constexpr const char* kMarker = "-[QVRavelle _loadAndValidateMigrationMarkerAtURL:] ";
+constexpr const char* kFinal =
+    "3 -[QVRavelle performMigration] QVRavelle: Returning migration failed. Please include the "
+    "contents of /var/mobile/Library/Logs/Quorvel and /var/Mobile/Library/Logs/Corvenna in a bug "
+    "report.";
+
+class DriverTest : public RavelleFixture {
+ protected:
+  std::string installMap() const {
+    return root_ + "/private/var/mobile/Library/Caches/com.velto.quorvel.plist";
+  }
+  std::string harborMap() const {
+    return root_ + "/private/var/mobile/Library/Quorvel/SafeHarbor.plist";
+  }
+};
+
+TEST_F(DriverTest, WithoutLegacyDirectoryTheClosingStepsStillRun) {
+  const auto plugin = makePlugin();
+  ASSERT_EQ(plugin->init(), plugin.get());
+  EXPECT_STREQ(plugin->dataClassName(), "QVRavelle");
+  EXPECT_EQ(plugin->estimatedDuration(), 20.0F);
+  EXPECT_EQ(plugin->migrationProgress(), 0.5F);
+  EXPECT_TRUE(plugin->performMigration());
+  EXPECT_EQ(log_.take(), Lines{});
+  const PlistDictionary expected{{"UpdateSystemAppDataContainerDataProtection", true}};
+  ASSERT_EQ(service_.dataProtectionRequests.size(), 1U);
+  EXPECT_EQ(service_.dataProtectionRequests[0], expected);
+}
+
+TEST_F(DriverTest, EmptyLegacyDirectoryGoesWithItsInstallMap) {
+  std::filesystem::create_directories(legacy());
+  writePlist(installMap(), {});
+  const auto plugin = makePlugin();
+  ASSERT_NE(plugin->init(), nullptr);
+  EXPECT_FALSE(exists(legacy()));
+  EXPECT_FALSE(exists(installMap()));
+  EXPECT_EQ(plugin->migrationProgress(), 0.5F);
+  EXPECT_EQ(log_.take(), Lines{});
+}
+
+TEST_F(DriverTest, LegacyDirectoryThatCannotBeListedMakesNoInstance) {
+  writeFile(legacy(), "a file");
+  EXPECT_EQ(makePlugin()->init(), nullptr);
+  const Lines lines = log_.take();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_THAT(lines[0], HasSubstr(std::string("3 ") + kInit +
+                                  "QVRavelle: Failed to get items at file://" + legacy() +
+                                  "/ : "
+                                  "PosixErrorDomain 20 {"));
+  EXPECT_TRUE(exists(legacy()));
+}
+
+TEST_F(DriverTest, InstallMapAndHarborMapAreLoadedOrMissed) {
+  makeApp("A", "com.example.a");
+  const auto initLines = [this] {
+    EXPECT_NE(makePlugin()->init(), nullptr);
+    return log_.take();
+  };
+  const std::string items = std::string("5 ") + kInit + "QVRavelle: 1 items to migrate";
+  EXPECT_THAT(initLines(),
+              ElementsAre(items, std::string("5 ") + kInit +
+                                     "QVRavelle: Old install map not found at " + installMap()));
+  writePlist(installMap(), {{"GroupContainers", "none"}});
+  writeFile(harborMap(), "no property list");
+  EXPECT_THAT(initLines(),
+              ElementsAre(items,
+                          std::string("5 ") + kInit +
+                              "QVRavelle: No group container map found in install map",
+                          std::string("3 ") + kInit +
+                              "QVRavelle: Failed to load existing harbor map from " + harborMap()));
+  writePlist(installMap(), {{"GroupContainers", PlistDictionary{}}}, PropertyListFormat::binary);
+  writePlist(harborMap(), {});
+  EXPECT_THAT(initLines(), ElementsAre(items));
+}
+
+TEST_F(DriverTest, EstimateGrowsWithTheEntries) {
+  for (int i = 0; i < 4; ++i) writeFile(legacy(std::to_string(i)), "");
+  const auto four = makePlugin();
+  ASSERT_NE(four->init(), nullptr);
+  EXPECT_EQ(four->estimatedDuration(), 29.0F);
+  EXPECT_EQ(four->migrationProgress(), 0.0F);
+  for (int i = 4; i < 10; ++i) writeFile(legacy(std::to_string(i)), "");
+  const auto ten = makePlugin();
+  ASSERT_NE(ten->init(), nullptr);
+  EXPECT_EQ(ten->estimatedDuration(), 42.5F);
+}
+
+TEST_F(DriverTest, AppsComeFirstInReverseOrderOfDiscovery) {
+  for (const char* name : {"1", "2", "3", "4", "5", "6"}) {
+    const bool app = name[0] % 2 == 1;
+    const std::string identifier = std::string("id.") + name;
+    makeBundle(name, app ? "Foo.app" : "Tun.vpnplugin", identifier);
+    workspace_.registerIdentifier(identifier);
+  }
+  EXPECT_TRUE(migrate());
+  Lines apps;
+  Lines plugins;
+  Lines migrated;
+  for (const std::string& line : log_.take()) {
+    if (line.find("Introspecting") != std::string::npos) {
+      const std::string identifier = "id." + line.substr(line.size() - 1);
+      (line.back() % 2 == 1) ? void(apps.insert(apps.begin(), identifier))
+                             : plugins.push_back(identifier);
+    }
+    const std::string prefix = std::string("5 ") + kPerform + "QVRavelle: Migrating ";
+    if (line.starts_with(prefix)) migrated.push_back(line.substr(prefix.size(), 4));
+  }
+  apps.insert(apps.end(), plugins.begin(), plugins.end());
+  EXPECT_EQ(migrated, apps);
+  EXPECT_EQ(migrated.size(), 6U);
+}
+
+TEST_F(DriverTest, NoticeFileIsRemovedUnseenAndItsLookalikeIntrospected) {
+  writeFile(legacy("WhereDidMyApplicationsGo.txt"), "moved");
+  EXPECT_TRUE(migrate());
+  EXPECT_THAT(log_.take(),
+              ElementsAre(HasSubstr("1 items to migrate"), HasSubstr("Old install map not found"),
+                          HasSubstr("Introspecting")));
+  writeFile(legacy("wheredidmyapplicationsgo.txt"), "moved");
+  EXPECT_TRUE(migrate());
+  EXPECT_THAT(log_.takeErrors(),
+              ElementsAre(std::string("3 ") + kIntrospect + "QVRavelle: Found regular file at " +
+                          legacy("wheredidmyapplicationsgo.txt") + " ; removing"));
+  EXPECT_FALSE(exists(legacy()));
+}
+
+TEST_F(DriverTest, LinkInTheLegacyDirectoryIsNoItemButRemains) {
+  makeApp("A", "com.example.a");
+  std::filesystem::create_symlink("A", legacy("link"));
+  writePlist(installMap(), {});
+  const auto plugin = makePlugin();
+  ASSERT_NE(plugin->init(), nullptr);
+  EXPECT_EQ(plugin->estimatedDuration(), 22.25F);
+  log_.take();
+  EXPECT_FALSE(plugin->performMigration());
+  EXPECT_EQ(plugin->migrationProgress(), 1.0F);
+  EXPECT_THAT(withoutIconLines(log_.takeErrors()),
+              ElementsAre(std::string("3 ") + kPerform + "QVRavelle: Not removing " + installMap() +
+                              " because 1 items remain unmigrated.",
+                          kFinal));
+  EXPECT_TRUE(exists(legacy("link")));
+  EXPECT_TRUE(exists(installMap()));
+}
+
+TEST_F(DriverTest, FailedProtectionUpdateAndFailedHarborFailTheRunButNotTheRest) {
+  makeApp("A", "com.example.a");
+  service_.refuseDataProtection = true;
+  EXPECT_FALSE(migrate());
+  EXPECT_THAT(withoutIconLines(log_.takeErrors()),
+              ElementsAre(std::string("3 ") + kPerform +
+                              "QVRavelle: Failed to update container data protection",
+                          kFinal));
+  EXPECT_FALSE(exists(legacy()));
+  EXPECT_EQ(readFile(dataOf("com.example.a") + "/Documents/letter"), "letter of com.example.a");
+}
+
+TEST_F(DriverTest, LegacyDirectoryThatCannotBeListedAtTheEndIsOnlyLogged) {
+  class Saboteur : public FakeInstallationService {
+   public:
+    explicit Saboteur(std::string directory) : directory_(std::move(directory)) {}
+    int QuorvelUpdateContainerDataProtectionForMigratorOnly(const PlistDictionary&) override {
+      std::filesystem::remove_all(directory_);
+      std::ofstream(directory_) << "now a file";
+      return 1;
+    }
+
+   private:
+    std::string directory_;
+  } saboteur(legacy());
+  platform_.set.installationService = &saboteur;
+  makeApp("A", "com.example.a");
+  EXPECT_TRUE(migrate());
+  EXPECT_THAT(withoutIconLines(log_.takeErrors()),
+              ElementsAre(HasSubstr(std::string("3 ") + kPerform +
+                                    "QVRavelle: Failed to determine if any items were remaining "
+                                    "to migrate: PosixErrorDomain 20 {")));
+}
+
+TEST_F(DriverTest, ProgressIsReadWholeFromAnotherThread) {
+  for (int i = 0; i < 60; ++i) makeApp(std::to_string(i), "com.example.a" + std::to_string(i));
+  const auto plugin = makePlugin();
+  ASSERT_NE(plugin->init(), nullptr);
+  std::atomic<bool> done{false};
+  bool monotonous = true;
+  std::thread reader([&] {
+    for (float last = 0; !done;) {
+      const float now = plugin->migrationProgress();
+      monotonous = monotonous && now >= last && now <= 1.0F;
+      last = now;
+    }
+  });
+  EXPECT_TRUE(plugin->performMigration());
+  done = true;
+  reader.join();
+  EXPECT_TRUE(monotonous);
+  EXPECT_EQ(plugin->migrationProgress(), 1.0F);
+}
+
+// --- Introspection -----------------------------------------------------------------------------
+
+class IntrospectionTest : public RavelleFixture {
+ protected:
+  std::optional<ContainerRecord> introspect(const std::string& name) {
+    early_ = false;
+    return makePlugin()->_introspectContainer(legacyPath(name), &early_);
+  }
+  static std::string field(const std::optional<ContainerRecord>& record, const char* key) {
+    const std::string* text = record ? record->findString(key) : nullptr;
+    return text != nullptr ? *text : "(none)";
+  }
+  ContainerRecord marker(const std::string& container, const std::string& type = "App") {
+    return {{"ContainerPath", legacy(container)},
+            {"BundlePath", legacy(container) + "/Foo.app"},
+            {"ContainerType", type},
+            {"BundleIdentifier", "com.example.marked"}};
+  }
+  std::string markerFile(const std::string& container) {
+    return legacy(container) + "/" + MigrationMarkerName;
+  }
+  bool early_ = false;
+};
+
+TEST_F(IntrospectionTest, AppWinsOverPluginWhateverTheOrder) {
+  makeApp("A", "com.example.a");
+  EXPECT_EQ(*introspect("A"), (ContainerRecord{{"ContainerPath", legacy("A")},
+                                               {"BundlePath", legacy("A") + "/Foo.app"},
+                                               {"ContainerType", "App"},
+                                               {"BundleIdentifier", "com.example.a"}}));
+  EXPECT_TRUE(early_);
+  makeBundle("V", "Tun.vpnplugin", "com.example.v");
+  EXPECT_EQ(field(introspect("V"), "ContainerType"), "VPNBundle");
+  EXPECT_FALSE(early_);
+  // Names chosen so that file systems that sort or hash list them in both orders.
+  for (const char* name : {"Aaa.app", "Zzz.app", "0.app", "q.app"}) {
+    const std::string container = std::string("B") + name;
+    makeBundle(container, "Tun.vpnplugin", "com.example.v");
+    makeBundle(container, name, "com.example.b");
+    const auto record = introspect(container);
+    EXPECT_EQ(field(record, "ContainerType"), "App");
+    EXPECT_EQ(field(record, "BundleIdentifier"), "com.example.b");
+    EXPECT_EQ(field(record, "SecondBundlePath"), legacy(container) + "/Tun.vpnplugin");
+    EXPECT_TRUE(early_);
+  }
+}
+
+TEST_F(IntrospectionTest, WhatCannotBeReadForAMomentIsNotRemoved) {
+  makeBundle("A", "Foo.app", "com.example.a");
+  for (const char* operation : {"open", "identifier"}) {
+    Fault once(operation, 1, EIO);
+    FaultyBundleReader reader(platform_.bundles, once);
+    platform_.set.bundles = &reader;
+    EXPECT_EQ(field(introspect("A"), "BundleIdentifier"), "com.example.a") << operation;
+    EXPECT_TRUE(once.fired());
+    platform_.set.bundles = &platform_.bundles;
+  }
+  // For longer: it stays as it is for a later run.
+  Fault always("open", 0, EACCES);
+  Fault barred("readWholeFile", 0, EACCES);
+  FaultyBundleReader reader(platform_.bundles, always);
+  FaultyFileData data(platform_.fileData, barred);
+  platform_.set.bundles = &reader;
+  platform_.set.fileData = &data;
+  EXPECT_FALSE(introspect("A").has_value());
+  EXPECT_TRUE(exists(legacy("A") + "/Foo.app/executable"));
+}
+
+TEST_F(IntrospectionTest, UnusableBundlesAreNotRemembered) {
+  makeBundle("A", "Foo.APP", "com.example.a");
+  writeFile(legacy("B") + "/Bar.app/Info.plist", "garbage");
+  writePlist(legacy("B") + "/Tun.vpnplugin/Info.plist", {{"PKBundleIdentifier", 5}});
+  writeFile(legacy("C") + "/Documents/letter", "user data");
+  for (const char* name : {"A", "B", "C"}) {
+    log_.take();
+    EXPECT_FALSE(introspect(name).has_value());
+    EXPECT_FALSE(exists(legacy(name)));
+    EXPECT_EQ(log_.takeErrors().back(), std::string("3 ") + kIntrospect +
+                                            "QVRavelle: No app or vpn bundle found in "
+                                            "container " +
+                                            legacy(name) + " ; removing it");
+  }
+  makeBundle("D", "Tun.vpnplugin", "com.example.v");
+  writeFile(legacy("D") + "/Bar.app/Info.plist", "garbage");
+  EXPECT_EQ(field(introspect("D"), "ContainerType"), "VPNBundle");
+  EXPECT_THAT(log_.takeErrors(), ElementsAre(std::string("3 ") + kIntrospect +
+                                             "QVRavelle: Could not get identifier for bundle at " +
+                                             legacy("D") + "/Bar.app"));
+}
+
+TEST_F(IntrospectionTest, LinksMakeTheContainerBeLeftAlone) {
+  const struct {
+    const char* container;
+    std::string link;
+    std::string message;
+  } cases[] = {
+      {"A", "Foo.app", "QVRavelle: Skipping container with app symlink at "},
+      {"V", "Tun.vpnplugin", "QVRavelle: VPN plugin was symlink; skipping container "},
+      {"M", MigrationMarkerName, "QVRavelle: Migration marker was symlink; skipping container "},
+  };
+  for (const auto& [container, link, message] : cases) {
+    makeBundle(container, "Real.app", "com.example.real");
+    const std::string path = legacy(container) + "/" + link;
+    std::filesystem::create_symlink("Real.app", path);
+    EXPECT_FALSE(introspect(container).has_value());
+    EXPECT_THAT(log_.takeErrors(), ElementsAre(std::string("3 ") + kIntrospect + message + path));
+    EXPECT_TRUE(exists(legacy(container) + "/Real.app/Info.plist"));
+  }
+}
+
+TEST_F(IntrospectionTest, ContainersThatAreNoDirectories) {
+  writeFile(legacy("file"), "stray");
+  EXPECT_FALSE(introspect("file").has_value());
+  EXPECT_FALSE(exists(legacy("file")));
+  log_.take();
+  EXPECT_FALSE(introspect("gone").has_value());
+  EXPECT_THAT(
+      log_.take(),
+      ElementsAre(std::string("5 ") + kIntrospect + "QVRavelle: Got ENOENT when introspecting " +
+                  legacy("gone") + " ; ignoring (likely raced with quorveld)"));
+  std::filesystem::create_directory_symlink(".", legacy("loop"));
+  EXPECT_FALSE(introspect("loop").has_value());
+  EXPECT_THAT(log_.take(), ElementsAre(HasSubstr("QVRavelle: Found regular file at")))
+      << "a link to a directory is refused as no directory";
+}
+
+TEST_F(IntrospectionTest, ValidMarkerIsReturnedWholeAndDecidesThePlace) {
+  makeBundle("A", "Bar.app", "com.example.other");
+  ContainerRecord record = marker("A");
+  record.set("Note", PlistDictionary{{"by", "someone"}, {"n", 7}});
+  writePlist(markerFile("A"), record, PropertyListFormat::binary);
+  EXPECT_EQ(introspect("A"), record);
+  EXPECT_TRUE(early_);
+  writePlist(markerFile("A"), marker("A", "Other"));
+  EXPECT_EQ(field(introspect("A"), "ContainerType"), "Other");
+  EXPECT_FALSE(early_);
+}
+
+TEST_F(IntrospectionTest, InvalidMarkersYieldOneMessageEachAndAFreshRecord) {
+  makeBundle("A", "Foo.app", "com.example.a");
+  const std::string file = markerFile("A");
+  const auto without = [&](std::initializer_list<const char*> keys) {
+    ContainerRecord record = marker("A");
+    for (const char* key : keys) record.erase(key);
+    return record;
+  };
+  ContainerRecord number = marker("A");
+  number.set("SecondBundlePath", 42);
+  const struct {
+    ContainerRecord record;
+    std::string message;
+  } cases[] = {
+      {without({"BundlePath", "ContainerType"}),
+       "Failed to get bundle path from migration marker "
+       "file " +
+           file},
+      {without({"ContainerType", "ContainerPath"}),
+       "Failed to get container type from migration "
+       "marker file " +
+           file},
+      {without({"ContainerPath"}),
+       "Failed to get container path from migration marker file " + file},
+      {without({"BundleIdentifier"}),
+       "Failed to get container bundle ID from migration marker "
+       "file " +
+           file},
+      {number, "Second bundle path was not a string: 42"},
+  };
+  for (const auto& [record, message] : cases) {
+    writePlist(file, record);
+    EXPECT_EQ(field(introspect("A"), "BundleIdentifier"), "com.example.a");
+    EXPECT_THAT(
+        log_.takeErrors(),
+        ElementsAre(std::string("3 ") + kMarker + "QVRavelle: " + message,
+                    std::string("3 ") + kIntrospect +
+                        "QVRavelle: Failed to load migration marker file from file://" + file));
+  }
+}
+
+TEST_F(IntrospectionTest, MarkerCutAtAnyLengthNeverHidesTheBundle) {
+  makeBundle("A", "Foo.app", "com.example.a");
+  const std::string file = markerFile("A");
+  for (const PropertyListFormat format : {PropertyListFormat::xml, PropertyListFormat::binary}) {
+    writePlist(file, marker("A"), format);
+    const std::string whole = readFile(file);
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+      writeFile(file, whole.substr(0, length));
+      const std::string identifier = field(introspect("A"), "BundleIdentifier");
+      // Cut in the white space after the root a marker is still whole.
+      if (identifier != "com.example.marked") {
+        EXPECT_EQ(identifier, "com.example.a") << length;
+        EXPECT_EQ(log_.takeErrors().size(), 2U) << length;
+      } else {
+        EXPECT_GE(length + 1, whole.size());
+      }
+      log_.take();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quorvel::tests

@@ -1,0 +1,135 @@
+// A legacy device on a temporary root, with the plug-in on it: real files, real property lists,
+// an application registry and an installation service in memory, and the host's log recorded.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Ravelle/Ravelle.h"
+#include "tests/support/FakeApplicationWorkspace.h"
+#include "tests/support/FakeInstallationService.h"
+#include "tests/support/TestPlatform.h"
+
+namespace quorvel::tests {
+
+// Collects the host's log as "<level> <function> <message>".
+class HostLogRecorder : public HostLogWriter {
+ public:
+  void write(const char* /*sourceFile*/, const char* function, int line, const char* category,
+             int level, std::string_view message) override {
+    const std::lock_guard<std::mutex> lock(lock_);
+    EXPECT_GT(line, 0);
+    EXPECT_STREQ(category, "Corvennad");
+    lines_.push_back(std::to_string(level) + " " + function + " " + std::string(message));
+  }
+  std::vector<std::string> take() {
+    const std::lock_guard<std::mutex> lock(lock_);
+    return std::exchange(lines_, {});
+  }
+  // Only the failures.
+  std::vector<std::string> takeErrors() {
+    std::vector<std::string> lines = take();
+    std::erase_if(lines, [](const std::string& line) { return !line.starts_with("3 "); });
+    return lines;
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<std::string> lines_;
+};
+
+class RavelleFixture : public ::testing::Test {
+ protected:
+  RavelleFixture()
+      : root_(platform_.tree.path() + "/device"), workspace_(root_, platform_.bundles) {
+    platform_.set.hostLog = &log_;
+    platform_.set.workspace = &workspace_;
+    platform_.set.installationService = &service_;
+    configuration_ = std::make_unique<QVGlobalConfiguration>(Path::directory(root_));
+  }
+
+  std::unique_ptr<QVRavelle> makePlugin() { return std::make_unique<QVRavelle>(*configuration_); }
+  // init and performMigration of a fresh instance.
+  bool migrate() {
+    const auto plugin = makePlugin();
+    return plugin->init() != nullptr && plugin->performMigration();
+  }
+
+  std::string legacy(const std::string& name = "") const {
+    return root_ + "/private/var/mobile/Applications" + (name.empty() ? "" : "/" + name);
+  }
+  Path legacyPath(const std::string& name) const { return Path::directory(legacy(name)); }
+
+  void writePlist(const std::string& file, const PlistDictionary& dictionary,
+                  PropertyListFormat format = PropertyListFormat::xml) {
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path());
+    Error error;
+    ASSERT_TRUE(
+        platform_.propertyLists.writeDictionary(dictionary, Path::file(file), format, &error))
+        << error.description();
+  }
+  void writeFile(const std::string& file, std::string_view bytes) {
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path());
+    std::ofstream(file, std::ios::binary) << bytes;
+  }
+  static std::string readFile(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  static bool exists(const std::string& path) {
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+  }
+
+  // A bundle without an icon, with the given further keys.
+  std::string makeBundle(const std::string& container, const std::string& name,
+                         const std::string& identifier, PlistDictionary info = {}) {
+    const std::string bundle = legacy(container) + "/" + name;
+    info.set("PKBundleIdentifier", identifier);
+    if (info.find("PKBundleVersion") == nullptr) info.set("PKBundleVersion", "1.0");
+    writePlist(bundle + "/Info.plist", info);
+    writeFile(bundle + "/executable", "code of " + identifier);
+    return bundle;
+  }
+  // An app container with all kinds of data.
+  void makeApp(const std::string& container, const std::string& identifier,
+               PlistDictionary info = {}) {
+    makeBundle(container, "Foo.app", identifier, std::move(info));
+    writeFile(legacy(container) + "/Documents/letter", "letter of " + identifier);
+    writeFile(legacy(container) + "/Library/Preferences/p", "preferences");
+    std::filesystem::create_directories(legacy(container) + "/tmp");
+  }
+
+  std::string dataOf(const std::string& identifier) {
+    const auto proxy = workspace_.bundleProxyForIdentifier(identifier);
+    return proxy && proxy->dataContainerPath ? proxy->dataContainerPath->string() : "(none)";
+  }
+  std::string groupOf(const std::string& identifier, const std::string& group) {
+    return workspace_.bundleProxyForIdentifier(identifier)->groupContainerPaths->at(group).string();
+  }
+
+  // What a line says about an absent icon comes with every placeholder here; tests of other
+  // things leave it out.
+  static std::vector<std::string> withoutIconLines(std::vector<std::string> lines) {
+    std::erase_if(lines,
+                  [](const std::string& line) { return line.find("icon") != std::string::npos; });
+    return lines;
+  }
+
+  TestPlatform platform_;
+  std::string root_;
+  HostLogRecorder log_;
+  FakeApplicationWorkspace workspace_;
+  FakeInstallationService service_;
+  std::unique_ptr<QVGlobalConfiguration> configuration_;
+};
+
+using Lines = std::vector<std::string>;
+
+}  // namespace quorvel::tests

@@ -1,0 +1,259 @@
+// Group containers and safe harbors.
+#include "tests/ravelle/RavelleFixture.h"
+
+namespace quorvel::tests {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+constexpr const char* kGroups = "-[QVRavelle _migrateGroupContainersForIdentifier:] ";
+constexpr const char* kOneGroup =
+    "__50-[QVRavelle _migrateGroupContainersForIdentifier:]_block_invoke ";
+constexpr const char* kItems =
+    "-[QVRavelle _moveAllItemsInGroupContainerURL:toGroupContainerURL:] ";
+constexpr const char* kHarbors = "-[QVRavelle _migrateSafeHarbors] ";
+
+class GroupsTest : public RavelleFixture {
+ protected:
+  std::string oldGroup(const std::string& name) const {
+    return root_ + "/private/var/mobile/Groups/" + name;
+  }
+  void writeInstallMap(PlistDictionary groups) {
+    writePlist(root_ + "/private/var/mobile/Library/Caches/com.velto.quorvel.plist",
+               {{"GroupContainers", std::move(groups)}});
+  }
+  PlistValue entry(const std::string& name) {
+    return PlistDictionary{{"Container", oldGroup(name)}, {"Ignored", 1}};
+  }
+  // A plug-in that has loaded the install map, and an installed app with the groups.
+  std::unique_ptr<QVRavelle> pluginWithApp(const PlistArray& groups) {
+    makeApp("A", "com.example.a", {{PKApplicationGroupsKey, groups}});
+    auto plugin = makePlugin();
+    EXPECT_NE(plugin->init(), nullptr);
+    EXPECT_TRUE(plugin->_stageAndInstallBundleAtURL(
+        Path::directory(legacy("A") + "/Foo.app"), "com.example.a", std::nullopt, legacyPath("A")));
+    log_.take();
+    return plugin;
+  }
+};
+
+TEST_F(GroupsTest, SharedGroupGoesWithTheFirstAppThatListsIt) {
+  writeInstallMap({{"group.shared", entry("S")}, {"group.empty", entry("E")}});
+  writeFile(oldGroup("S") + "/db/file", "shared data");
+  std::filesystem::create_symlink("db", oldGroup("S") + "/link");
+  std::filesystem::create_directories(oldGroup("E"));
+  const PlistArray groups{"group.shared", "group.empty"};
+  makeApp("A", "com.example.a", {{PKApplicationGroupsKey, groups}});
+  makeApp("B", "com.example.b", {{PKApplicationGroupsKey, groups}});
+  EXPECT_TRUE(migrate());
+  const std::string container = groupOf("com.example.a", "group.shared");
+  EXPECT_EQ(container, groupOf("com.example.b", "group.shared"));
+  EXPECT_EQ(readFile(container + "/db/file"), "shared data");
+  EXPECT_EQ(std::filesystem::read_symlink(container + "/link"), "db");
+  EXPECT_FALSE(exists(oldGroup("S")));
+  EXPECT_FALSE(exists(oldGroup("E")));
+  // The map is empty after the first app, so the second one says nothing.
+  const Lines lines = log_.take();
+  EXPECT_THAT(lines, ::testing::Contains(std::string("5 ") + kOneGroup +
+                                         "QVRavelle: Migrating group container group.shared at " +
+                                         oldGroup("S") + " to " + container));
+}
+
+TEST_F(GroupsTest, EveryRowOfOneGroupsFailures) {
+  writeInstallMap({{"group.broken", "no dictionary"},
+                   {"group.gone", entry("gone")},
+                   {"group.number", PlistDictionary{{"Container", 5}}},
+                   {"group.file", entry("file")},
+                   {"group.other", entry("other")}});
+  writeFile(oldGroup("file"), "no directory");
+  const auto plugin =
+      pluginWithApp({"group.broken", "group.gone", "group.number", "group.file", "group.unknown"});
+  EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  const std::string five = std::string("5 ") + kOneGroup + "QVRavelle: ";
+  const std::string three = std::string("3 ") + kOneGroup + "QVRavelle: ";
+  EXPECT_THAT(
+      log_.take(),
+      ElementsAre(five + "No group container entry to migrate for com.example.a[group.broken]",
+                  five + "Migrating group container group.file at " + oldGroup("file") + " to " +
+                      groupOf("com.example.a", "group.file"),
+                  StartsWith(std::string("3 ") + kItems +
+                             "QVRavelle: Failed to get all urls in source group container " +
+                             oldGroup("file") + " : PosixErrorDomain 20 {"),
+                  three + "Missing source group container at " + oldGroup("gone"),
+                  five + "Failed to get path to group container for com.example.a[group.number]",
+                  five + "No group container entry to migrate for com.example.a[group.unknown]"));
+  EXPECT_TRUE(exists(oldGroup("file")));
+}
+
+TEST_F(GroupsTest, RegistryThatCannotTellStopsTheApp) {
+  const auto without = makePlugin();
+  EXPECT_TRUE(without->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_THAT(workspace_.proxyQueries, IsEmpty()) << "without a map nobody is asked";
+  writeInstallMap({{"group.g", entry("G")}});
+  const auto plugin = pluginWithApp({});
+  EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_FALSE(plugin->_migrateGroupContainersForIdentifier("com.example.unknown"));
+  workspace_.withoutGroupContainers = {"com.example.a"};
+  EXPECT_FALSE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_THAT(
+      log_.take(),
+      ElementsAre(std::string("5 ") + kGroups +
+                      "QVRavelle: No group containers to migrate for com.example.a",
+                  std::string("3 ") + kGroups +
+                      "QVRavelle: Failed to get bundle proxy for com.example.unknown",
+                  std::string("3 ") + kGroups +
+                      "QVRavelle: Failed to get group container URLs for installed com.example.a"));
+}
+
+TEST_F(GroupsTest, ItemThatCannotBeMovedKeepsDirectoryAndEntry) {
+  writeInstallMap({{"group.g", entry("G")}});
+  const auto plugin = pluginWithApp({"group.g"});
+  const std::string container = groupOf("com.example.a", "group.g");
+  // The old directory lies inside the new one's item of the same name as one of its own items.
+  std::filesystem::create_directories(container + "/nested/old/nested");
+  writeFile(container + "/nested/old/nested/file", "would be deleted with its destination");
+  writeFile(container + "/nested/old/other", "moves");
+  bool allMoved = true;
+  EXPECT_TRUE(plugin->_moveAllItemsInGroupContainerURL(Path::directory(container + "/nested/old"),
+                                                       Path::directory(container), &allMoved));
+  EXPECT_FALSE(allMoved);
+  EXPECT_EQ(readFile(container + "/nested/old/nested/file"),
+            "would be deleted with its destination");
+  EXPECT_EQ(readFile(container + "/other"), "moves");
+  EXPECT_THAT(log_.takeErrors(),
+              ElementsAre(StartsWith(
+                  std::string("3 ") + kItems + "QVRavelle: Failed to move item " + container +
+                  "/nested/old/nested to " + container + "/nested : PosixErrorDomain 22 {")));
+}
+
+TEST_F(GroupsTest, GroupWhoseOldAndNewContainerAreOneIsLeftAlone) {
+  makeApp("A", "com.example.a", {{PKApplicationGroupsKey, PlistArray{"group.g"}}});
+  makeApp("B", "com.example.b");
+  auto first = makePlugin();
+  ASSERT_TRUE(first->_stageAndInstallBundleAtURL(Path::directory(legacy("A") + "/Foo.app"),
+                                                 "com.example.a", std::nullopt, legacyPath("A")));
+  const std::string container = groupOf("com.example.a", "group.g");
+  writeFile(container + "/file", "alive");
+  writeFile(container + "/dir/file", "alive");
+  // Recorded through a link, so that the texts differ.
+  std::filesystem::create_directory_symlink(std::filesystem::path(container).parent_path(),
+                                            root_ + "/alias");
+  writeInstallMap(
+      {{"group.g",
+        PlistDictionary{{"Container", root_ + "/alias/" +
+                                          std::filesystem::path(container).filename().string()}}}});
+  const auto plugin = makePlugin();
+  ASSERT_NE(plugin->init(), nullptr);
+  EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_EQ(readFile(container + "/file"), "alive");
+  EXPECT_EQ(readFile(container + "/dir/file"), "alive");
+}
+
+// Moving what such a path holds would take the device apart.
+TEST_F(GroupsTest, GroupRecordedAtADirectoryThatAllUseIsLeftAlone) {
+  std::filesystem::create_directories(root_);
+  std::filesystem::create_directory_symlink(root_ + "/private/var", root_ + "/alias");
+  writeInstallMap({{"group.root", PlistDictionary{{"Container", root_}}},
+                   {"group.home", PlistDictionary{{"Container", root_ + "/alias/mobile/"}}},
+                   {"group.apps", PlistDictionary{{"Container", legacy()}}}});
+  const PlistArray groups{"group.root", "group.home", "group.apps"};
+  makeApp("A", "com.example.a", {{PKApplicationGroupsKey, groups}});
+  makeApp("B", "com.example.b");
+  writeFile(root_ + "/System/file", "of the device");
+  EXPECT_TRUE(migrate()) << "of both apps";
+  EXPECT_EQ(readFile(dataOf("com.example.b") + "/Documents/letter"), "letter of com.example.b");
+  EXPECT_EQ(readFile(root_ + "/System/file"), "of the device");
+  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.root")));
+  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.home")));
+  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.apps")));
+  EXPECT_EQ(withoutIconLines(log_.takeErrors()).size(), 3U);
+}
+
+// --- Safe harbors -------------------------------------------------------------------------------
+
+class HarborsTest : public RavelleFixture {
+ protected:
+  std::string file() const {
+    return root_ + "/private/var/mobile/Library/Quorvel/SafeHarbor.plist";
+  }
+  std::string harbor(const std::string& name) {
+    const std::string path = root_ + "/harbors/" + name;
+    std::filesystem::create_directories(path);
+    return path;
+  }
+};
+
+TEST_F(HarborsTest, EveryEntryIsRegisteredAndTheMapGoes) {
+  writePlist(file(), {{"com.example.a", PlistDictionary{{"HarborPathKey", harbor("a")}}},
+                      {"com.example.b", PlistDictionary{{"HarborPathKey", harbor("b")}}}});
+  EXPECT_TRUE(migrate());
+  EXPECT_EQ(service_.safeHarbors(),
+            (std::vector<FakeInstallationService::SafeHarbor>{{"com.example.a", harbor("a"), 2},
+                                                              {"com.example.b", harbor("b"), 2}}));
+  EXPECT_TRUE(service_.everyReservedArgumentWasNull);
+  EXPECT_FALSE(exists(file()));
+  EXPECT_THAT(
+      log_.take(),
+      ElementsAre(std::string("5 ") + kHarbors +
+                      "QVRavelle: Migrating safe harbor for com.example.a at " + harbor("a"),
+                  HasSubstr("com.example.b")));
+  writePlist(file(), {});
+  EXPECT_TRUE(migrate());
+  EXPECT_FALSE(exists(file())) << "an empty map is done with at once";
+}
+
+TEST_F(HarborsTest, DamagedEntriesAreSkippedAndFailedOnesKeepTheMap) {
+  const PlistDictionary map = {{"a", "no dictionary"},
+                               {"b", PlistDictionary{{"HarborPathKey", 5}}},
+                               {"c", PlistDictionary{{"HarborPathKey", harbor("c")}}},
+                               {"d", PlistDictionary{{"HarborPathKey", root_ + "/missing"}}}};
+  writePlist(file(), map);
+  EXPECT_FALSE(migrate());
+  EXPECT_TRUE(exists(file()));
+  EXPECT_EQ(service_.safeHarbors().size(), 1U);
+  const std::string prefix = std::string("3 ") + kHarbors + "QVRavelle: ";
+  EXPECT_THAT(log_.takeErrors(),
+              ElementsAre(prefix + "Failed to get harbor info for identifier a",
+                          prefix + "Failed to get harbor path from harbor entry for b : "
+                                   "{HarborPathKey = 5}",
+                          prefix + "Failed to migrate safe harbor for identifier d at " + root_ +
+                              "/missing : (null)",
+                          HasSubstr("Returning migration failed")));
+  std::filesystem::create_directories(root_ + "/missing");
+  EXPECT_TRUE(migrate()) << "all are registered again";
+  EXPECT_EQ(service_.safeHarbors().size(), 2U);
+  EXPECT_FALSE(exists(file()));
+}
+
+TEST_F(HarborsTest, KeyThatIsNoStringIsSkippedAndTheOthersServe) {
+  // A binary property list: {5: {}, "a": {"HarborPathKey": "/"}}.
+  const std::string bytes(
+      "bplist00"
+      "\xD2\x01\x02\x03\x04"  // 0: dictionary, keys 1 2, values 3 4
+      "\x10\x05"              // 1: 5
+      "\x51"
+      "a"             // 2: "a"
+      "\xD0"          // 3: {}
+      "\xD1\x05\x06"  // 4: {5: 6}
+      "\x5D"
+      "HarborPathKey"                 // 5
+      "\x51/"                         // 6
+      "\x08\x0D\x0F\x11\x12\x15\x23"  // offsets
+      "\0\0\0\0\0\0\x01\x01"
+      "\0\0\0\0\0\0\0\x07"
+      "\0\0\0\0\0\0\0\0"
+      "\0\0\0\0\0\0\0\x25",
+      8 + 29 + 7 + 8 + 24);
+  writeFile(file(), bytes.substr(0, bytes.size()));
+  EXPECT_TRUE(migrate());
+  EXPECT_THAT(log_.takeErrors(),
+              ElementsAre(std::string("3 ") + kHarbors +
+                          "QVRavelle: Identifier in harbor map was not string; skipping"));
+  EXPECT_EQ(service_.safeHarbors().size(), 1U);
+}
+
+}  // namespace
+}  // namespace quorvel::tests

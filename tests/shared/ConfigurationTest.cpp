@@ -1,0 +1,552 @@
+// The configuration: preferences, directories, catalogs, disk images, persisted flags and threads.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <thread>
+
+#include "shared/configuration/QVGlobalConfiguration.h"
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Errors.h"
+#include "shared/support/InfoPlist.h"
+#include "tests/support/FakeHardwareRegistry.h"
+#include "tests/support/FakePreferencesStore.h"
+#include "tests/support/FaultWrappers.h"
+#include "tests/support/TestPlatform.h"
+
+namespace quorvel::tests {
+namespace {
+
+using quorvel::testing::FakeHardwareRegistry;
+using quorvel::testing::FakeMountTable;
+using quorvel::testing::FakePreferencesStore;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+constexpr PreferencesScope kScope = PreferencesScope::currentUserCurrentHost;
+
+class Configuration : public ::testing::Test {
+ protected:
+  Configuration() {
+    platform_.set.preferences = &preferences_;
+    platform_.set.hardware = &hardware_;
+    platform_.set.mounts = &mounts_;
+  }
+  std::string at(const std::string& name) const { return platform_.tree.at(name); }
+  Path root() const { return Path::directory(platform_.tree.path()); }
+  void bundle(const std::string& name, const PlistDictionary& info) {
+    std::filesystem::create_directories(at(name));
+    EXPECT_TRUE(platform_.propertyLists.writeDictionary(info, Path(at(name + "/Info.plist")),
+                                                        PropertyListFormat::xml, nullptr));
+  }
+  void app(const std::string& name, const std::string& identifier) {
+    bundle(name, {{"PKBundleIdentifier", identifier}, {"Other", 1}});
+  }
+  static std::vector<std::string> keys(const QVBundleMap* map) {
+    std::vector<std::string> found;
+    if (map == nullptr) return {"(none)"};
+    for (const auto& [key, info] : *map) found.push_back(key);
+    return found;
+  }
+
+  TestPlatform platform_;
+  FakePreferencesStore preferences_;
+  FakeHardwareRegistry hardware_;
+  FakeMountTable mounts_;
+};
+
+// --- Preferences and fixed values -------------------------------------------------------------
+
+TEST_F(Configuration, PreferencesCountOnlyInTheirOwnKind) {
+  struct Row {
+    const char* key;
+    PlistValue value;
+    bool priority, family, thinning;
+    long installs;
+    std::vector<std::string> lines;
+  };
+  const std::string installs = "Setting simultaneous installations allowed to ";
+  const Row rows[] = {
+      {"None", 1, true, false, false, 4, {}},
+      {"LowerInstallPriority",
+       false,
+       false,
+       false,
+       false,
+       4,
+       {"Not running installation at background priority because of a set default"}},
+      {"LowerInstallPriority", true, true, false, false, 4, {}},
+      {"LowerInstallPriority", 0, true, false, false, 4, {}},
+      {"LowerInstallPriority", "false", true, false, false, 4, {}},
+      {"SkipDeviceFamilyCheck",
+       true,
+       true,
+       true,
+       false,
+       4,
+       {"Skipping device family check because of a set default"}},
+      {"SkipDeviceFamilyCheck", 1, true, false, false, 4, {}},
+      {"SkipDeviceFamilyCheck", "true", true, false, false, 4, {}},
+      {"SkipThinningCheck",
+       true,
+       true,
+       false,
+       true,
+       4,
+       {"Skipping device thinning check because of a set default"}},
+      {"SkipThinningCheck", false, true, false, false, 4, {}},
+      {"SimultaneousInstallsNumber", 0, true, false, false, 0, {installs + "0"}},
+      {"SimultaneousInstallsNumber", -7, true, false, false, -7, {installs + "-7"}},
+      {"SimultaneousInstallsNumber", 2.9, true, false, false, 2, {installs + "2"}},
+      {"SimultaneousInstallsNumber", true, true, false, false, 1, {installs + "1"}},
+      {"SimultaneousInstallsNumber",
+       UINT64_MAX,
+       true,
+       false,
+       false,
+       LONG_MAX,
+       {installs + std::to_string(LONG_MAX)}},
+      {"SimultaneousInstallsNumber",
+       -HUGE_VAL,
+       true,
+       false,
+       false,
+       LONG_MIN,
+       {installs + std::to_string(LONG_MIN)}},
+      {"SimultaneousInstallsNumber", "8", true, false, false, 4, {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::Message() << row.key << ' ' << DescribeValue(row.value));
+    FakePreferencesStore preferences;
+    preferences.setValue(row.key, row.value, "com.velto.quorvel", kScope);
+    // Another scope is not asked.
+    preferences.setValue("SkipThinningCheck", true, "com.velto.quorvel",
+                         PreferencesScope::currentUserAnyHost);
+    platform_.set.preferences = &preferences;
+    platform_.log.clear();
+    const QVGlobalConfiguration configuration(root());
+    EXPECT_EQ(configuration.lowerInstallPriority(), row.priority);
+    EXPECT_EQ(configuration.skipDeviceFamilyCheck(), row.family);
+    EXPECT_EQ(configuration.skipThinningCheck(), row.thinning);
+    EXPECT_EQ(configuration.nSimultaneousInstallations(), row.installs);
+    EXPECT_EQ(platform_.log.messages(5), row.lines);
+    for (const LogLine& line : platform_.log.lines()) {
+      EXPECT_EQ(line.function, "-[QVGlobalConfiguration init]");
+    }
+  }
+}
+
+TEST_F(Configuration, LaterChangesOfPreferencesDoNothing) {
+  const QVGlobalConfiguration configuration(root());
+  preferences_.setValue("SkipThinningCheck", true, "com.velto.quorvel", kScope);
+  EXPECT_FALSE(configuration.skipThinningCheck());
+}
+
+TEST_F(Configuration, TheDevicesLayout) {
+  QVGlobalConfiguration device;
+  const std::pair<Path, std::string> paths[] = {
+      {device.oldContainerPath(), "file:///private/var/mobile/Applications/"},
+      {device.oldInstallMapPath(),
+       "file:///private/var/mobile/Library/Caches/com.velto.quorvel.plist"},
+      {device.oldDataDirectoryPath(), "file:///private/var/mobile/Library/Quorvel/"},
+      {device.oldLoggingPath(), "file:///private/var/mobile/Library/Logs/Quorvel/"},
+      {device.oldArchiveDirectory(), "file:///private/var/mobile/Media/ApplicationArchives/"},
+      {device.dataDirectoryPath(), "file:///private/var/quorveld/Library/Quorvel/"},
+      {device.roleUserMigrationMarkerFilePath(),
+       "file:///private/var/quorveld/Library/Quorvel/RoleUserMigration.plist"},
+      {device.coreServicesDirectory(), "file:///System/Library/CoreServices/"},
+      {device.systemAppsDirectory(), "file:///Applications/"},
+      {device.internalAppsDirectory(), "file:///VeltoInternal/Applications/"},
+      {device.developerAppsDirectory(), "file:///Developer/Applications/"},
+      {device.factoryMountDirectory(), "file:///private/var/factory_mount/"},
+      {device.systemFrameworksRootDirectory(), "file:///System/Library/"},
+      {device.internalFrameworksRootDirectory(), "file:///VeltoInternal/"},
+      {device.developerFrameworksRootDirectory(), "file:///Developer/"},
+  };
+  for (const auto& [path, url] : paths) EXPECT_EQ(FormatMessage("%@", path), url);
+  EXPECT_EQ(device.allFrameworksDirectories(),
+            (std::set<Path>{Path::directory("/System/Library/Frameworks"),
+                            Path::directory("/System/Library/PrivateFrameworks"),
+                            Path::directory("/VeltoInternal/Frameworks"),
+                            Path::directory("/VeltoInternal/PrivateFrameworks")}));
+  EXPECT_THAT(device.appBundleMetadataItemNames(),
+              ElementsAre("Manifest.plist", "LorvixArtwork", "LorvixMetadata.plist", "GeoJSON"));
+  EXPECT_THAT(device.appUserDataItemNames(), ElementsAre("Documents", "Library", "tmp", "Tillkit"));
+  EXPECT_THAT(device.installationBlacklist(), ElementsAre("com.velto.Kyo6Updater"));
+  EXPECT_EQ(device.uid() + 1000 * device.gid(), 33033U);
+}
+
+// --- Working directories ----------------------------------------------------------------------
+
+TEST_F(Configuration, WorkingDirectoriesAreMadeOnEveryCall) {
+  QVGlobalConfiguration configuration(root());
+  struct Row {
+    Path (QVGlobalConfiguration::*directory)();
+    const char* path;
+    int protectionClass;
+  };
+  const Row rows[] = {
+      {&QVGlobalConfiguration::stagingRoot,
+       "private/var/quorveld/Library/Caches/com.velto.mobile.quorveld.staging", 4},
+      {&QVGlobalConfiguration::cachesDirectory, "private/var/quorveld/Library/Caches", 0},
+      {&QVGlobalConfiguration::carrierBundlesDirectory,
+       "private/var/mobile/Library/Carrier Bundles", 0},
+      {&QVGlobalConfiguration::logDirectory, "private/var/quorveld/Library/Logs/Quorvel", 4},
+      {&QVGlobalConfiguration::dataDirectory, "private/var/quorveld/Library/Quorvel", 4},
+  };
+  QVFileManager& manager = QVFileManager::defaultManager();
+  const auto classOf = [&](const Path& path) {
+    std::int32_t number = -1;
+    Error error;
+    EXPECT_TRUE(manager.dataProtectionClassOfItemAtURL(path, &number, &error))
+        << FormatMessage("%@", error);
+    return number;
+  };
+  for (const Row& row : rows) {
+    const Path expected = Path::directory(at(row.path));
+    EXPECT_EQ((configuration.*row.directory)(), expected);
+    EXPECT_EQ(classOf(expected), row.protectionClass) << row.path;
+    EXPECT_EQ(std::filesystem::status(expected.string()).permissions(),
+              std::filesystem::perms(0755));
+    // Again, although the path is known by now; and with the class on what exists.
+    ASSERT_TRUE(manager.setDataProtectionClassOfItemAtURL(expected, 1, nullptr));
+    EXPECT_EQ((configuration.*row.directory)(), expected);
+    EXPECT_EQ(classOf(expected), row.protectionClass == 4 ? 4 : 1) << row.path;
+    ASSERT_TRUE(manager.removeItemAtURL(expected));
+    EXPECT_EQ((configuration.*row.directory)(), expected);
+    EXPECT_TRUE(std::filesystem::is_directory(expected.string()));
+  }
+  EXPECT_THAT(platform_.log.messages(), IsEmpty());
+}
+
+TEST_F(Configuration, DirectoriesThatCannotBeMadeAreNamedInTheLog) {
+  platform_.tree.write("private/var/quorveld/Library", "a file");
+  platform_.tree.write("private/var/mobile/Library", "a file");
+  QVGlobalConfiguration configuration(root());
+  const auto expect = [&](const Path& path, const char* name, const std::string& message) {
+    const auto lines = platform_.log.lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().level, 3);
+    EXPECT_EQ(lines.back().function, std::string("-[QVGlobalConfiguration ") + name + "]");
+    EXPECT_THAT(lines.back().message,
+                StartsWith(message + " at \"" + path.string() + "\": PosixErrorDomain 20 {"));
+  };
+  expect(configuration.carrierBundlesDirectory(), "carrierBundlesDirectory",
+         "Failed to create carrier bundles directory");
+  expect(configuration.logDirectory(), "logDirectory", "Failed to create log directory");
+  expect(configuration.dataDirectory(), "dataDirectory", "Failed to create data dir");
+  expect(configuration.cachesDirectory(), "cachesDirectory", "Failed to create data dir");
+  platform_.log.clear();
+  expect(configuration.stagingRoot(), "stagingRoot", "Failed to create staging root");
+}
+
+// --- Catalogs ---------------------------------------------------------------------------------
+
+TEST_F(Configuration, ACatalogHoldsWhatHasAnIdentifier) {
+  const LogHandleScope everything(7);
+  bundle("Applications/A.app",
+         {{"PKBundleIdentifier", "I"}, {"PKBundleVersion", "1.2"}, {"Other", 1}});
+  bundle("Applications/B.app", {{"PKBundleVersion", "1"}});
+  bundle("Applications/N.app", {{"PKBundleIdentifier", 5}});
+  app("Applications/X.APP", "capitals");
+  app("elsewhere/L.app", "linked");
+  std::filesystem::create_symlink("../elsewhere/L.app", at("Applications/L.app"));
+  platform_.tree.write("Applications/F.app", "a file");
+  platform_.tree.write("Applications/plain", "");
+  platform_.tree.write("Applications/D.app/Info.plist", "damaged");
+  QVGlobalConfiguration configuration(root());
+  const auto map = configuration.systemAppBundleIDToInfoMap();
+  ASSERT_NE(map, nullptr);
+  const std::string url = at("Applications/A.app");
+  const QVBundleMap expected = {{"I",
+                                 {{"PKBundleIdentifier", "I"},
+                                  {"PKBundleVersion", "1.2"},
+                                  {"com.velto.Quorvel.bundleURL", url}}}};
+  EXPECT_EQ(*map, expected);
+  std::vector<std::string> mine;
+  for (const LogLine& line : platform_.log.lines()) {
+    if (line.level != 7 || line.function == "QVLoadInfoPlist") continue;
+    EXPECT_EQ(line.function,
+              "-[QVGlobalConfiguration _bundleIDMapForBundlesInDirectory:withExtension:]");
+    mine.push_back(line.message);
+  }
+  EXPECT_THAT(mine, ::testing::UnorderedElementsAre(
+                        "Failed to get PKBundleIdentifier from bundle " + at("Applications/B.app"),
+                        "Failed to get PKBundleIdentifier from bundle " + at("Applications/N.app"),
+                        "Failed to load Info.plist from bundle " + at("Applications/F.app"),
+                        "Failed to load Info.plist from bundle " + at("Applications/D.app")));
+}
+
+TEST_F(Configuration, CatalogsAreScannedOnceUntilDiscarded) {
+  QVGlobalConfiguration configuration(root());
+  EXPECT_EQ(configuration.systemAppBundleIDToInfoMap(), nullptr);
+  EXPECT_THAT(platform_.log.messages(), IsEmpty());  // a missing directory is nothing to tell
+  app("Applications/A.app", "a");
+  app("VeltoInternal/Applications/I.app", "i");
+  app("System/Library/CoreServices/C.app", "c");
+  app("System/Library/Frameworks/F.framework", "f");
+  app("VeltoInternal/PrivateFrameworks/P.framework", "p");
+  app("Developer/Frameworks/D.framework", "d");
+  const auto first = configuration.systemAppBundleIDToInfoMap();
+  EXPECT_THAT(keys(first.get()), ElementsAre("a"));
+  EXPECT_THAT(configuration.builtInFrameworkBundleIDs(), ElementsAre("f", "p"));
+  EXPECT_THAT(keys(configuration.coreServicesAppBundleIDToInfoMap().get()), ElementsAre("c"));
+  EXPECT_THAT(configuration.builtInApplicationBundleIDs(), ElementsAre("a", "i"));
+
+  app("Applications/B.app", "b");
+  app("VeltoInternal/Applications/J.app", "j");
+  app("System/Library/CoreServices/E.app", "e");
+  app("System/Library/Frameworks/G.framework", "g");
+  EXPECT_EQ(configuration.systemAppBundleIDToInfoMap(), first);
+  configuration.reScanCoreServicesApps();
+  EXPECT_THAT(keys(configuration.coreServicesAppBundleIDToInfoMap().get()), ElementsAre("c", "e"));
+  EXPECT_THAT(configuration.builtInFrameworkBundleIDs(), ElementsAre("f", "p"));
+  configuration.reScanInternalApps();
+  EXPECT_THAT(configuration.builtInFrameworkBundleIDs(), ElementsAre("f", "g", "p"));
+  EXPECT_THAT(configuration.builtInApplicationBundleIDs(), ElementsAre("a", "i", "j"));
+  app("System/Library/Frameworks/H.framework", "h");
+  configuration.reScanSystemApps();
+  EXPECT_THAT(configuration.builtInApplicationBundleIDs(), ElementsAre("a", "b", "i", "j"));
+  EXPECT_THAT(configuration.builtInFrameworkBundleIDs(), ElementsAre("f", "g", "h", "p"));
+  EXPECT_THAT(keys(first.get()), ElementsAre("a"));  // a map given out stays as it was
+}
+
+TEST_F(Configuration, ADirectoryThatCannotBeListedIsToldOnce) {
+  platform_.tree.write("Applications", "a file");
+  QVGlobalConfiguration configuration(root());
+  EXPECT_EQ(configuration.systemAppBundleIDToInfoMap(), nullptr);
+  ASSERT_EQ(platform_.log.lines().size(), 1U);
+  EXPECT_EQ(platform_.log.lines()[0].level, 3);
+  EXPECT_THAT(platform_.log.messages()[0],
+              StartsWith("Failed to search for apps in file://" + at("Applications") +
+                         "/ : PosixErrorDomain 20 {"));
+  EXPECT_EQ(configuration.systemAppBundleIDToInfoMap(), nullptr);
+  EXPECT_EQ(platform_.log.lines().size(), 2U);  // it looked again
+}
+
+// --- Disk images ------------------------------------------------------------------------------
+
+class DiskImages : public Configuration {
+ protected:
+  HardwareEntry controller() { return hardware_.addService(HRVDKXControllerClass); }
+  // A drive with a whole medium and its partitions.
+  HardwareEntry drive(HardwareEntry parent, const std::vector<std::string>& media) {
+    const HardwareEntry entry = hardware_.addChild(parent, HRVDKXHDDriveClass);
+    HardwareEntry above = hardware_.addChild(entry, "Scheme");
+    for (const std::string& name : media) above = hardware_.addChild(above, HRMediaClass, name);
+    return entry;
+  }
+  void TearDown() override {
+    EXPECT_EQ(hardware_.outstandingReferences(), 0U);
+    EXPECT_EQ(hardware_.misuses(), 0U);
+  }
+  QVGlobalConfiguration configuration_{root()};
+};
+
+TEST_F(DiskImages, NoneIsSilence) {
+  const LogHandleScope everything(7);
+  EXPECT_THAT(configuration_.diskImageApplicationsDirectories(),
+              ElementsAre(Path::directory(at("Developer/Applications"))));
+  EXPECT_THAT(platform_.log.lines(),
+              ElementsAre(LogLine{7, "-[QVGlobalConfiguration diskImageApplicationsDirectories]",
+                                  "returning: (file://" + at("Developer/Applications") + "/)",
+                                  gLogHandle}));
+}
+
+TEST_F(DiskImages, EachMountedDriveOnceInRegistryOrder) {
+  const HardwareEntry top = controller();
+  drive(top, {"disk1", "disk1s1", "disk1s2"});  // two mounted partitions: the first found
+  drive(top, {"disk2"});                        // not mounted
+  const HardwareEntry hub = hardware_.addChild(top, "Hub");
+  drive(hardware_.addChild(hub, "Port"), {"disk3"});  // not mounted
+  drive(hardware_.addChild(hub, "Port"), {"disk4s1"});
+  drive(hub, {"disk5s1"});  // behind the first of its hub
+  hardware_.addChild(top, "Other");
+  drive(top, {"disk6"});
+  hardware_.addClass("HRSpecialMedia", HRMediaClass);
+  hardware_.addClass("HRSpecialDrive", HRVDKXHDDriveClass);
+  const HardwareEntry special = hardware_.addChild(top, "HRSpecialDrive");
+  hardware_.addChild(special, "Unrelated", "disk6");
+  hardware_.addChild(special, HRMediaClass);  // no name
+  hardware_.addChild(special, "HRSpecialMedia", "disk7");
+  mounts_.table = {{"/dev/vda", "/"},        {"/dev/disk1s2", "/two"}, {"/dev/disk1s1", "/one"},
+                   {"/dev/disk4s1", "/m4"},  {"/dev/disk5s1", "/m5"},  {"/dev/disk6", "/six"},
+                   {"/dev/disk6", "/later"}, {"/dev/disk7", "/s\xFF"}, {"/dev/disk", "/no"}};
+  EXPECT_THAT(configuration_.diskImageMountPoints(),
+              ElementsAre("/one", "/m4", "/six", StringFromFileSystemRepresentation("/s\xFF")));
+  EXPECT_THAT(platform_.log.messages(), IsEmpty());
+}
+
+TEST_F(DiskImages, FailuresCostWhatTheyConcern) {
+  const HardwareEntry top = controller();
+  const HardwareEntry broken = drive(top, {"disk1"});
+  const HardwareEntry hub = hardware_.addChild(top, "Hub");
+  drive(hub, {"disk2"});
+  drive(top, {"disk3"});
+  mounts_.table = {{"/dev/disk1", "/1"}, {"/dev/disk2", "/2"}, {"/dev/disk3", "/3"}};
+  hardware_.failIterators(broken, 5);
+  hardware_.failIterators(hub, 5);  // skipped without a word
+  EXPECT_THAT(configuration_.diskImageMountPoints(), ElementsAre("/3"));
+  EXPECT_THAT(platform_.log.lines(),
+              ElementsAre(LogLine{3, "-[QVGlobalConfiguration mountPointForDevice:]",
+                                  "HRRegistryEntryCreateIterator failed for deviceObj (" +
+                                      std::to_string(broken) + ")"}));
+  platform_.log.clear();
+  hardware_.failIterators(broken, 0);
+  mounts_.table.clear();
+  mounts_.failure = EMFILE;
+  EXPECT_THAT(configuration_.diskImageMountPoints(), IsEmpty());
+  EXPECT_THAT(platform_.log.messages(3), ElementsAre("getmntinfo failed: Too many open files",
+                                                     "getmntinfo failed: Too many open files"));
+  platform_.log.clear();
+  hardware_.failIterators(top, std::int32_t{-536870206});
+  EXPECT_THAT(configuration_.diskImageMountPoints(), IsEmpty());
+  EXPECT_THAT(platform_.log.lines(),
+              ElementsAre(LogLine{3, "-[QVGlobalConfiguration diskImageMountPoints]",
+                                  "unable to create controller child iterator: error 0xE00002C2 "
+                                  "(-536870206)"}));
+}
+
+TEST_F(DiskImages, DirectoriesAndTheirAppsTheLaterOnesWinning) {
+  const HardwareEntry top = controller();
+  for (const char* disk : {"disk1", "disk2", "disk3", "disk4"}) drive(top, {disk});
+  mounts_.table = {{"/dev/disk1", at("one")},
+                   {"/dev/disk2", "/private/var/debug_mount2/x"},
+                   {"/dev/disk3", at("Developer")},
+                   {"/dev/disk4", at("four")}};
+  EXPECT_THAT(configuration_.diskImageApplicationsDirectories(),
+              ElementsAre(Path::directory(at("one/Applications")),
+                          Path::directory(at("Developer/Applications")),
+                          Path::directory(at("four/Applications"))));
+  app("one/Applications/A.app", "a");
+  app("four/Applications/Other.app", "a");
+  app("Developer/Applications/D.app", "d");
+  app("Applications/S.app", "s");
+  const QVBundleMap apps = configuration_.diskImageAppBundleIDToInfoMap();
+  EXPECT_THAT(keys(&apps), ElementsAre("a", "d"));
+  EXPECT_EQ(*apps.at("a").findString(QVBundleURLKey), at("four/Applications/Other.app"));
+  EXPECT_THAT(configuration_.builtInApplicationBundleIDs(), ElementsAre("a", "d", "s"));
+}
+
+// --- Persisted flags --------------------------------------------------------------------------
+
+TEST_F(Configuration, FlagsLiveInTheStoreAlone) {
+  constexpr const char* key = "UpdatedPluginContainersWithParentIDWithSafeHarborFix";
+  auto storage = std::make_shared<FakePreferencesStore::Storage>();
+  FakePreferencesStore mine(storage), other(storage);
+  platform_.set.preferences = &mine;
+  QVGlobalConfiguration configuration(root());
+  EXPECT_FALSE(configuration.haveUpdatedPluginContainersWithParentID());
+  for (const bool flag : {true, false}) {
+    configuration.setHaveUpdatedPluginContainersWithParentID(flag);
+    // Synchronized at once: another process sees it, as a boolean.
+    EXPECT_EQ(other.copyValue(key, "com.velto.quorvel", kScope), PlistValue(flag));
+    EXPECT_EQ(configuration.haveUpdatedPluginContainersWithParentID(), flag);
+  }
+  for (const PlistValue& value : {PlistValue("false"), PlistValue(0)}) {
+    other.setValue(key, value, "com.velto.quorvel", kScope);
+    other.synchronize("com.velto.quorvel", kScope);
+    EXPECT_TRUE(configuration.haveUpdatedPluginContainersWithParentID());
+  }
+  EXPECT_EQ(configuration.alternateThinningModelIdentifier(), std::nullopt);
+  other.setValue("ThinnedAppVariantID", 7, "com.velto.lorvixstored", kScope);
+  other.synchronize("com.velto.lorvixstored", kScope);
+  EXPECT_EQ(configuration.alternateThinningModelIdentifier(), std::nullopt);
+  other.setValue("ThinnedAppVariantID", "variant", "com.velto.lorvixstored", kScope);
+  other.synchronize("com.velto.lorvixstored", kScope);
+  EXPECT_EQ(configuration.alternateThinningModelIdentifier(), "variant");
+  EXPECT_THAT(platform_.log.messages(), IsEmpty());
+}
+
+// --- Threads ----------------------------------------------------------------------------------
+
+// Runs the work on many threads that start together.
+void OnManyThreads(const std::function<void(int thread)>& work) {
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 12; ++i) {
+    threads.emplace_back([&, i] {
+      while (!go) std::this_thread::yield();
+      work(i);
+    });
+  }
+  go = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+// Counts how often a key is read.
+class CountingPreferences final : public PreferencesStore {
+ public:
+  std::atomic<int> reads{0};
+  std::optional<PlistValue> copyValue(const std::string&, const std::string&,
+                                      PreferencesScope) override {
+    ++reads;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return std::nullopt;
+  }
+  void setValue(const std::string&, const PlistValue&, const std::string&,
+                PreferencesScope) override {}
+  bool synchronize(const std::string&, PreferencesScope) override { return true; }
+  std::optional<std::string> stringFromUserDefaults(const std::string&,
+                                                    const std::string&) override {
+    return std::nullopt;
+  }
+};
+
+TEST_F(Configuration, TheSharedInstanceIsMadeOnce) {
+  CountingPreferences counting;
+  platform_.set.preferences = &counting;
+  std::array<const QVGlobalConfiguration*, 12> seen{};
+  std::array<const std::set<std::string>*, 12> blacklists{};
+  OnManyThreads([&](int i) {
+    const auto at = static_cast<std::size_t>(i);
+    seen[at] = &QVGlobalConfiguration::sharedInstance();
+    blacklists[at] = &seen[at]->installationBlacklist();
+  });
+  EXPECT_THAT(seen, ::testing::Each(seen[0]));
+  EXPECT_THAT(blacklists, ::testing::Each(blacklists[0]));
+  EXPECT_EQ(counting.reads, 4);
+}
+
+TEST_F(Configuration, LazyMembersRescansAndTheBundleLockFromManyThreads) {
+  for (const char* name : {"A", "B", "C"}) {
+    app(std::string("Applications/") + name + ".app", name);
+    app(std::string("VeltoInternal/Applications/i") + name + ".app", std::string("i") + name);
+    app(std::string("System/Library/Frameworks/") + name + ".framework", name);
+  }
+  QVGlobalConfiguration configuration(root());
+  std::atomic<int> wrong{0};
+  OnManyThreads([&](int thread) {
+    for (int round = 0; round < 8; ++round) {
+      switch ((thread + round) % 6) {
+        case 0:
+          configuration.reScanSystemApps();
+          configuration.reScanInternalApps();
+          break;
+        case 1:
+          wrong += configuration.systemAppBundleIDToInfoMap()->size() == 3 ? 0 : 1;
+          break;
+        case 2:
+          wrong += configuration.builtInFrameworkBundleIDs().size() == 3 ? 0 : 1;
+          break;
+        case 3:
+          // The bundle lock alone, against those who hold the instance's.
+          wrong += QVLoadInfoPlist(Path::directory(at("Applications/A.app")), std::nullopt) ? 0 : 1;
+          break;
+        case 4:
+          wrong += configuration.builtInApplicationBundleIDs().size() == 6 ? 0 : 1;
+          break;
+        default:
+          wrong += configuration.stagingRoot() == configuration.stagingRoot() ? 0 : 1;
+          wrong += configuration.allFrameworksDirectories().size() == 4 ? 0 : 1;
+          configuration.logDirectory();
+      }
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace quorvel::tests

@@ -1,0 +1,174 @@
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/linux/plist/PropertyList.h"
+#include "tests/support/TreeTools.h"
+
+namespace quorvel {
+namespace {
+
+using testing::ReadFile;
+using testing::ScratchTree;
+using testing::Snapshot;
+using testing::WriteFile;
+
+struct Outcome {
+  int exitCode = -1;
+  std::string output;  // standard output; with "2>&1" in the command also standard error
+};
+
+Outcome Shell(const std::string& command) {
+  Outcome run;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) return run;
+  char buffer[4096];
+  while (const std::size_t count = ::fread(buffer, 1, sizeof buffer, pipe)) {
+    run.output.append(buffer, count);
+  }
+  const int status = ::pclose(pipe);
+  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+Outcome Make(const std::string& arguments) { return Shell(LEGACY_IMAGE " " + arguments); }
+// A confined process has no /proc, without which a leak checker ends it as failed.
+constexpr const char* NoLeakCheck = "ASAN_OPTIONS=detect_leaks=0 ";
+
+Outcome Migrate(const std::string& root) {
+  return Shell(std::string(NoLeakCheck) + MIGRATION_HOST " migrate --quiet --root " + root +
+               " 2>&1");
+}
+
+// Runs the printed commands with the host of this build.
+void Register(const Outcome& made) {
+  const std::string directory = std::filesystem::path(MIGRATION_HOST).parent_path();
+  std::size_t at = 0;
+  while (at < made.output.size()) {
+    const std::size_t end = made.output.find('\n', at);
+    const std::string environment = NoLeakCheck + ("PATH=" + directory) + ":$PATH ";
+    EXPECT_EQ(Shell(environment + made.output.substr(at, end - at)).exitCode, 0);
+    at = end + 1;
+  }
+}
+
+std::set<std::string> NamesIn(const std::string& directory) {
+  std::set<std::string> names;
+  if (!std::filesystem::exists(directory)) return names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    names.insert(entry.path().filename().string());
+  }
+  return names;
+}
+
+constexpr const char* Applications = "/private/var/mobile/Applications";
+
+TEST(LegacyImage, TheSameArgumentsMakeTheSameTree) {
+  const ScratchTree scratch;
+  for (const char* options : {"--apps 17 --failing", "--plain --apps 3 --data-bytes 70000"}) {
+    ASSERT_EQ(Make(scratch / "one " + options).exitCode, 0);
+    ASSERT_EQ(Make("--seed 1 " + (scratch / "two ") + options).exitCode, 0);
+    ASSERT_EQ(Make("--seed 2 " + (scratch / "three ") + options).exitCode, 0);
+    const auto one = Snapshot(scratch / "one");
+    EXPECT_GT(one.size(), 20U);
+    EXPECT_TRUE(one == Snapshot(scratch / "two")) << options;
+    EXPECT_FALSE(one == Snapshot(scratch / "three")) << options;
+    for (const char* tree : {"one", "two", "three"}) testing::RemoveWithSystem(scratch / tree);
+  }
+}
+
+TEST(LegacyImage, NothingIsWrittenIntoWhatExistsAndWrongUsageTouchesNothing) {
+  const ScratchTree scratch;
+  std::filesystem::create_directory(scratch / "full");
+  WriteFile(scratch / "full/precious", "data");
+  WriteFile(scratch / "file", "data");
+  const auto before = Snapshot(scratch.path());
+  for (const char* target : {"full", "file", "missing/below"}) {
+    const Outcome run = Make((scratch / target) + " 2>&1");
+    EXPECT_EQ(run.exitCode, 1) << target;
+    EXPECT_NE(run.output.find(scratch / target), std::string::npos) << run.output;
+  }
+  const std::string target = scratch / "new";
+  for (const std::string& arguments :
+       {std::string(), target + " --apps", target + " --apps x", target + " --apps -1",
+        target + " --unknown", target + " extra", target + " --plain --failing"}) {
+    EXPECT_EQ(Make(arguments + " >/dev/null 2>&1").exitCode, 2) << arguments;
+  }
+  EXPECT_EQ(Make("--help >/dev/null").exitCode, 0);
+  EXPECT_TRUE(Snapshot(scratch.path()) == before);
+  std::filesystem::create_directory(target);
+  EXPECT_EQ(Make(target + " --apps 0").exitCode, 0) << "an empty directory will do";
+}
+
+TEST(LegacyImage, AFullFileSystemIsReported) {
+  const ScratchTree scratch;
+  const Outcome run = Shell("ulimit -f 128; trap '' XFSZ; " LEGACY_IMAGE " " + (scratch / "new") +
+                            " --plain --data-bytes 100000 2>&1");
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_NE(run.output.find("data.bin: "), std::string::npos) << run.output;
+}
+
+TEST(LegacyImage, HoldsWhatItPromises) {
+  const ScratchTree scratch;
+  const Outcome made = Make(scratch / "device --registered-list " + (scratch / "list"));
+  ASSERT_EQ(made.exitCode, 0);
+  EXPECT_GE(NamesIn(scratch / "device" + Applications).size(), 40U);
+  std::size_t binary = 0;
+  std::size_t xml = 0;
+  std::size_t placeholders = 0;
+  for (const auto& [path, text] : Snapshot(scratch / "device")) {
+    placeholders += text.find("[user.com.velto.quorveld.placeholder=" +
+                              std::string("\1\0\0\0]", 5)) != std::string::npos
+                        ? 1U
+                        : 0U;
+    if (!path.ends_with("/Info.plist")) continue;
+    const std::string bytes = ReadFile(scratch / "device/" + path);
+    (bytes.starts_with("bplist00") ? binary : xml) += 1;
+    const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    const auto info =
+        onlinux::ParsePropertyList({data, bytes.size()}, ForeignKeys::refuse, nullptr);
+    ASSERT_TRUE(info != nullptr && info->dictionary() != nullptr) << path;
+    EXPECT_NE(info->dictionary()->findString("PKBundleIdentifier"), nullptr) << path;
+  }
+  EXPECT_GT(binary, 5U);
+  EXPECT_GT(xml, 5U);
+  if (testing::SetAttribute(scratch.path(), "user.probe", "")) {
+    EXPECT_EQ(placeholders, 4U);
+  }
+  std::string listed;
+  const std::string list = ReadFile(scratch / "list");
+  for (std::size_t at = 0, end = 0; (end = list.find('\n', at)) != std::string::npos;
+       at = end + 1) {
+    listed += "migration-host register --root " + (scratch / "device") + " --identifier " +
+              list.substr(at, end - at) + "\n";
+  }
+  EXPECT_FALSE(listed.empty());
+  EXPECT_EQ(made.output, listed);
+}
+
+TEST(LegacyImage, ASoundDeviceMigratesAndEachFailingCaseIsLeft) {
+  const ScratchTree scratch;
+  Register(Make(scratch / "sound"));
+  const Outcome sound = Migrate(scratch / "sound");
+  EXPECT_EQ(sound.exitCode, 0) << sound.output;
+  EXPECT_FALSE(std::filesystem::exists(scratch / "sound" + Applications));
+
+  Register(Make(scratch / "failing --failing --apps 3"));
+  std::set<std::string> failing;
+  for (const std::string& name : NamesIn(scratch / "failing" + Applications)) {
+    if (name.starts_with("failing-")) failing.insert(name);
+  }
+  EXPECT_EQ(failing.size(), 10U);
+  EXPECT_EQ(Migrate(scratch / "failing").exitCode, 1);
+  EXPECT_EQ(NamesIn(scratch / "failing" + Applications), failing);
+  EXPECT_TRUE(std::filesystem::exists(scratch / "failing/private/var/mobile/Library/Quorvel/"
+                                                "SafeHarbor.plist"));
+}
+
+}  // namespace
+}  // namespace quorvel

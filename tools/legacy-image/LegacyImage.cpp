@@ -1,0 +1,120 @@
+// legacy-image: makes a device tree as the former installation service left it.
+//
+// Exit codes: 0 made, 1 could not be made, 2 usage.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "tools/legacy-image/LegacyImageDevice.h"
+
+namespace {
+
+using quorvel::tools::FailingCases;
+using quorvel::tools::LegacyImageOptions;
+using quorvel::tools::LegacyImageResult;
+using quorvel::tools::LegacyImageWriter;
+
+constexpr int ExitFailed = 1;
+constexpr int ExitUsage = 2;
+
+// The text as one word for a shell.
+std::string ShellWord(const std::string& text) {
+  if (!text.empty() && text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                              "0123456789_./+-") == std::string::npos) {
+    return text;
+  }
+  std::string word = "'";
+  for (const char byte : text) word += byte == '\'' ? std::string("'\\''") : std::string(1, byte);
+  return word + "'";
+}
+
+std::string Footer() {
+  std::string text =
+      "\nStandard output has the commands that make the registry know the VPN plug-ins that stand\n"
+      "alone; without them their containers fail. The same arguments write the same bytes, names,\n"
+      "modes and times.\n"
+      "\n--failing adds, each of which must make a migration report failure:\n";
+  for (const auto& one : FailingCases()) {
+    text += std::string("  ") + one.name + "\n      " + one.why + "\n";
+  }
+  return text +
+         "\nExample, a device with 40 apps in a new directory, made ready and migrated:\n"
+         "  legacy-image /tmp/device --apps 40 | sh && migration-host migrate --root /tmp/device";
+}
+
+int Complain(const std::string& problem) {
+  std::cerr << "legacy-image: " << problem << "\n";
+  return ExitFailed;
+}
+
+// One identifier per line.
+bool WriteList(const std::string& path, const LegacyImageResult& result) {
+  std::ofstream list(path);
+  for (const std::string& identifier : result.registered) list << identifier << "\n";
+  list.close();
+  return !list.fail();
+}
+
+int Run(const std::string& directory, const LegacyImageOptions& options,
+        const std::string& listPath) {
+  LegacyImageWriter writer;
+  if (!writer.open(directory)) return Complain(writer.problem());
+  const LegacyImageResult result = WriteDevice(writer, options);
+  if (!writer.finish()) return Complain(writer.problem());
+  for (const std::string& note : result.notes) std::cerr << "legacy-image: note: " << note << "\n";
+  if (!listPath.empty() && !WriteList(listPath, result)) {
+    return Complain(listPath + ": cannot be written");
+  }
+  for (const std::string& identifier : result.registered) {
+    std::cout << "migration-host register --root " << ShellWord(directory) << " --identifier "
+              << ShellWord(identifier) << "\n";
+  }
+  std::cout.flush();
+  return std::cout ? 0 : Complain("standard output cannot be written");
+}
+
+int ParseAndRun(int argc, char** argv) {
+  CLI::App app("Makes a device tree in the legacy layout, to try migrations on.", "legacy-image");
+  std::string directory;
+  std::string listPath;
+  LegacyImageOptions options;
+  bool withoutIcons = false;
+  app.set_version_flag("--version", "legacy-image 1.0.0");
+  app.add_option("DIR", directory, "where to make it: a new or empty directory")->required();
+  app.add_option("--apps", options.apps, "number of apps")
+      ->check(CLI::Range(0U, 1000000U))
+      ->capture_default_str();
+  app.add_option("--seed", options.seed, "chooses names, colours and data")->capture_default_str();
+  app.add_option("--data-bytes", options.dataBytes, "user data of each container, in bytes")
+      ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{1} << 40U))
+      ->capture_default_str();
+  auto* failing = app.add_flag("--failing", options.failing, "add containers that must fail");
+  app.add_flag("--plain", options.plain, "nothing but apps that are all alike, for measurements")
+      ->excludes(failing);
+  app.add_flag("--no-icons", withoutIcons, "apps without icons");
+  app.add_option("--registered-list", listPath,
+                 "also write the identifiers to be registered to this file, one per line");
+  app.footer(Footer());
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& problem) {
+    return app.exit(problem) == 0 ? 0 : ExitUsage;
+  }
+  options.icons = !withoutIcons;
+  return Run(directory, options, listPath);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return ParseAndRun(argc, argv);
+  } catch (const std::exception& problem) {  // no memory; nothing else throws
+    std::fprintf(stderr, "legacy-image: %s\n", problem.what());
+    return ExitFailed;
+  }
+}

@@ -1,0 +1,30 @@
+#include "tools/quorvelctl/CtlErrorLines.h"
+
+#include <unistd.h>
+
+#include <utility>
+
+#include "host/console/Output.h"
+#include "host/console/TerminalText.h"
+
+namespace quorvel::ctl {
+
+void ErrorLines::write(const LogHandle* /*handle*/, int level, const char* /*function*/,
+                       std::string_view message) {
+  if (level > LogLevelError) return;
+  flush();
+  held_ = std::string(message);
+  ++count_;
+}
+
+void ErrorLines::flush() {
+  const std::optional<std::string> line = take();
+  if (line) {
+    (void)host::WriteWhole(STDERR_FILENO,
+                           "quorvelctl: " + command_ + ": " + host::Printable(*line) + "\n");
+  }
+}
+
+std::optional<std::string> ErrorLines::take() { return std::exchange(held_, std::nullopt); }
+
+}  // namespace quorvel::ctl

@@ -1,0 +1,128 @@
+#include "tools/quorvelctl/CtlJson.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "platform/linux/plist/PropertyListText.h"
+
+namespace quorvel::ctl {
+
+namespace {
+
+constexpr std::array<std::string_view, 5> Wrappers = {"$data", "$date", "$real", "$dictionary",
+                                                      "$set"};
+
+Json Wrapped(const char* kind, Json content) {
+  Json object = Json::object();
+  object[kind] = std::move(content);
+  return object;
+}
+
+Json DataAsJson(const PlistData& data) {
+  constexpr std::size_t line = 57;  // a multiple of three: lines join without padding between them
+  std::vector<std::uint8_t> text;
+  for (std::size_t at = 0; at < data.size(); at += line) {
+    onlinux::AppendBase64(text, data.data() + at, std::min(line, data.size() - at));
+  }
+  return Wrapped("$data", std::string(text.begin(), text.end()));
+}
+
+Json RealAsJson(double real) {
+  if (std::isfinite(real)) return real;
+  return Wrapped("$real", onlinux::TextFromReal(real));
+}
+
+Json DateAsJson(PlistDate date) {
+  const onlinux::DateText text = onlinux::TextFromDate(date);
+  return Wrapped("$date", text.exact ? Json(text.text) : RealAsJson(date.seconds));
+}
+
+Json ArrayAsJson(const PlistArray& array) {
+  Json list = Json::array();
+  for (const PlistValue& element : array) list.push_back(PlistAsJson(element));
+  return list;
+}
+
+Json DictionaryAsJson(const PlistDictionary& dictionary) {
+  Json object = Json::object();
+  for (const PlistEntry& entry : dictionary) {
+    AddMember(object, entry.key, PlistAsJson(entry.value));
+  }
+  const bool ambiguous =
+      dictionary.size() == 1 &&
+      std::find(Wrappers.begin(), Wrappers.end(), dictionary.begin()->key) != Wrappers.end();
+  return ambiguous ? Wrapped("$dictionary", std::move(object)) : object;
+}
+
+Json IntegerAsJson(const PlistValue& value) {
+  if (const std::uint64_t* large = value.largeInteger()) return *large;
+  return *value.signedInteger();
+}
+
+}  // namespace
+
+Json PlistAsJson(const PlistValue& value) {
+  switch (value.kind()) {
+    case PlistKind::boolean:
+      return *value.boolean();
+    case PlistKind::integer:
+      return IntegerAsJson(value);
+    case PlistKind::real:
+      return RealAsJson(*value.real());
+    case PlistKind::string:
+      return *value.string();
+    case PlistKind::data:
+      return DataAsJson(*value.data());
+    case PlistKind::date:
+      return DateAsJson(*value.date());
+    case PlistKind::array:
+      return ArrayAsJson(*value.array());
+    case PlistKind::dictionary:
+      return DictionaryAsJson(*value.dictionary());
+    case PlistKind::set:
+      return Wrapped("$set", ArrayAsJson(value.set()->members));
+  }
+  return nullptr;
+}
+
+void AddMember(Json& object, const std::string& key, Json value) {
+  object.get_ref<Json::object_t&>().push_back({key, std::move(value)});
+}
+
+Json ErrorAsJson(const Error& error) {
+  Json object;
+  object["domain"] = error.domain();
+  object["code"] = error.code();
+  const bool silent = error.description().empty() && error.domain() == PosixErrorDomain;
+  object["message"] =
+      silent ? ErrnoDescription(static_cast<int>(error.code())) : error.description();
+  if (const Error cause = error.underlying()) object["underlying"] = ErrorAsJson(cause);
+  return object;
+}
+
+std::string JsonAsText(const Json& json, const std::function<std::string(const std::string&)>& show,
+                       unsigned indentation) {
+  const std::string margin(indentation, ' ');
+  if (json.is_string()) return margin + show(json.get_ref<const std::string&>()) + "\n";
+  if (json.is_null()) return margin + "none\n";
+  if (json.is_primitive()) return margin + json.dump() + "\n";
+  std::string text;
+  for (const auto& [key, value] : json.items()) {
+    const bool isEmpty = value.is_structured() && value.empty();
+    if (json.is_array()) {
+      text += JsonAsText(value, show, indentation);
+    } else if (isEmpty) {
+      text += margin + show(key) + ": none\n";
+    } else if (value.is_structured()) {
+      text += margin + show(key) + ":\n" + JsonAsText(value, show, indentation + 2);
+    } else {
+      text += margin + show(key) + ": " + JsonAsText(value, show);
+    }
+  }
+  return text;
+}
+
+}  // namespace quorvel::ctl

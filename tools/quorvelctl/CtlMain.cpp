@@ -1,0 +1,144 @@
+// quorvelctl: the shared code's public operations, from a shell.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <clocale>
+#include <string_view>
+#include <vector>
+
+#include "host/console/Output.h"
+#include "host/console/TerminalText.h"
+#include "tools/quorvelctl/CtlCommand.h"
+#include "tools/quorvelctl/CtlOptions.h"
+#include "tools/quorvelctl/CtlSession.h"
+
+namespace quorvel::ctl {
+
+namespace {
+
+using host::ExitSucceeded;
+using host::ExitUsage;
+using host::Printable;
+
+constexpr const char* GeneralHelp =
+    "Relative paths are below the current directory, or with --root below DIR, which the process\n"
+    "is then confined to. \"directories\" and \"flags set\" write to places of the device's own "
+    "and\n"
+    "refuse to run without --root; --root / means this machine.\n"
+    "Exit codes: 0 done, or yes; 1 failed, or no; 2 usage; 4 the tree cannot be entered.";
+
+struct Declared {
+  CLI::App* parser = nullptr;
+  std::unique_ptr<Command> command;
+};
+
+std::vector<CommandEntry> AllCommands() {
+  std::vector<CommandEntry> all;
+  for (const auto family :
+       {ConfigurationCommands(), TreeCommands(), ItemCommands(), FileCommands()}) {
+    all.insert(all.end(), family.begin(), family.end());
+  }
+  return all;
+}
+
+Declared Declare(CLI::App& parser, const CommandEntry& entry, CommonOptions& common) {
+  Declared declared;
+  declared.parser = parser.add_subcommand(entry.name, entry.summary);
+  declared.command = entry.declare(*declared.parser);
+  AddFlag(*declared.parser, "--json", common.json, "One JSON object on standard output");
+  AddText(*declared.parser, "--log", common.logFile, "Append every log call as a JSON line")
+      ->type_name("FILE");
+  AddText(*declared.parser, "--root", common.root, "Work in this device tree, confined to it")
+      ->type_name("DIR");
+  declared.parser->footer(std::string("Example:\n  ") + entry.example);
+  return declared;
+}
+
+// What the command line asks for, or what to print instead.
+class CommandLine {
+ public:
+  CommandLine() : parser_("Calls the installation service's shared operations.", "quorvelctl") {
+    parser_.set_version_flag("--version", "quorvelctl " QUORVEL_VERSION);
+    parser_.require_subcommand(1);
+    parser_.footer(GeneralHelp);
+    for (const CommandEntry& entry : AllCommands()) {
+      commands_.push_back(Declare(parser_, entry, common_));
+    }
+  }
+
+  int run(int argc, const char* const* argv) {
+    // The parser takes words from the back.
+    std::vector<std::string> words;
+    for (int i = argc - 1; i > 0; --i) words.push_back(Guarded(argv[i]));
+    asksForJson_ = std::any_of(words.begin(), words.end(),
+                               [](const std::string& word) { return word == "--json"; });
+    const std::string unknown = unknownCommand(words.empty() ? "" : words.back());
+    try {
+      parser_.parse(std::move(words));
+    } catch (const CLI::CallForHelp&) {
+      return print(helpText());
+    } catch (const CLI::CallForVersion& version) {
+      return print(std::string(version.what()) + "\n");
+    } catch (const CLI::ParseError& error) {
+      return complain(unknown.empty() ? Printable(error.what()) : unknown);
+    }
+    return runCommand();
+  }
+
+ private:
+  std::string helpText() const {
+    const auto chosen = parser_.get_subcommands();
+    std::string text = chosen.empty() ? parser_.help() : chosen.front()->help(parser_.get_name());
+    if (!text.ends_with('\n')) text += '\n';
+    return text;
+  }
+
+  // The parser's own complaint about a first word that names no command does not show it.
+  std::string unknownCommand(const std::string& word) const {
+    const bool known = std::any_of(commands_.begin(), commands_.end(), [&](const Declared& one) {
+      return one.parser->get_name() == word;
+    });
+    if (known || word.empty() || word.starts_with('-')) return {};
+    return Printable(word) + ": unknown command";
+  }
+
+  int runCommand() {
+    const auto chosen = std::find_if(commands_.begin(), commands_.end(),
+                                     [](const Declared& one) { return one.parser->parsed(); });
+    common_.command = chosen->parser->get_name();
+    const Access access = chosen->command->access();
+    std::string complaint = chosen->command->complaint();
+    if (complaint.empty() && access == Access::changeDevice && common_.root.empty()) {
+      complaint = "--root is missing: name the device tree, or \"/\" for this machine";
+    }
+    if (!complaint.empty()) return complain(common_.command + ": " + complaint);
+    Session session(common_);
+    host::FatalError error;
+    if (!session.open(access, error)) return session.failFatally(error);
+    return chosen->command->run(session);
+  }
+
+  int print(const std::string& text) { return Session(common_).finishBytes(text); }
+
+  int complain(const std::string& problem) {
+    // The parser may have stopped before it came to the flag.
+    common_.json = asksForJson_;
+    return Session(common_).failFatally({ExitUsage, problem, "See quorvelctl --help"});
+  }
+
+  CLI::App parser_;
+  CommonOptions common_;
+  bool asksForJson_ = false;
+  std::vector<Declared> commands_;
+};
+
+}  // namespace
+
+}  // namespace quorvel::ctl
+
+int main(int argc, char** argv) {
+  quorvel::host::PrepareStandardStreams();
+  // Part of the C library itself, so that it is there in every environment.
+  (void)std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe): one thread
+  return quorvel::ctl::CommandLine().run(argc, argv);
+}

@@ -1,0 +1,260 @@
+#include "tools/quorvelctl/CtlSession.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "host/console/DeviceRoot.h"
+#include "host/console/Output.h"
+#include "host/console/Terminal.h"
+#include "host/console/TerminalText.h"
+#include "platform/Services.h"
+#include "platform/linux/files/FileDataLinux.h"
+#include "platform/linux/files/FileSystemLinux.h"
+#include "platform/linux/files/TreeWalkerLinux.h"
+#include "platform/linux/log/JsonLineLog.h"
+#include "platform/linux/log/TeeLog.h"
+#include "platform/linux/plist/BundleReaderLinux.h"
+#include "platform/linux/plist/PreferencesPlist.h"
+#include "platform/linux/plist/PropertyListFiles.h"
+#include "platform/linux/system/HardwareRegistryLinux.h"
+#include "platform/linux/system/MountTableLinux.h"
+#include "platform/linux/system/Sha256Linux.h"
+#include "shared/support/Platform.h"
+#include "tools/quorvelctl/CtlMountTable.h"
+
+namespace quorvel::ctl {
+
+using host::ExitFailed;
+using host::ExitSucceeded;
+using host::ExitUsage;
+using host::Fail;
+using host::FatalError;
+using host::Printable;
+
+// Made before the process is confined: what they need from outside is opened then. The services
+// that no public operation of the shared code reaches are absent.
+struct Session::Services {
+  onlinux::FileSystemLinux fileSystem;
+  onlinux::TreeWalkerLinux treeWalker;
+  onlinux::BundleReaderLinux bundles;
+  onlinux::PropertyListFiles propertyLists;
+  onlinux::FileDataLinux fileData;
+  onlinux::PreferencesPlist preferences;
+  onlinux::HardwareRegistryLinux hardware;
+  onlinux::MountTableLinux mounts;
+  onlinux::Sha256ProviderLinux sha256;
+  std::optional<ConfinedMountTable> mountsInside;
+  std::optional<onlinux::JsonLineLog> jsonLog;
+  std::optional<onlinux::TeeLog> log;
+  PlatformServices set;
+
+  void install(LogWriter& errorLines) {
+    std::vector<LogWriter*> sinks = {&errorLines};
+    if (jsonLog) sinks.push_back(&*jsonLog);
+    log.emplace(std::move(sinks));
+    set.log = &*log;
+    set.bundles = &bundles;
+    set.propertyLists = &propertyLists;
+    set.fileData = &fileData;
+    set.fileSystem = &fileSystem;
+    set.treeWalker = &treeWalker;
+    set.preferences = &preferences;
+    set.hardware = &hardware;
+    set.mounts = &mounts;
+    if (mountsInside) set.mounts = &*mountsInside;
+    set.sha256 = &sha256;
+    QVInstallPlatformServices(&set);
+  }
+};
+
+namespace {
+
+// "a//./b" as "a/b". A "." at the end stays: what it says about a link is meant.
+std::string WithoutEmptySteps(std::string_view path) {
+  std::string result;
+  while (!path.empty()) {
+    const auto slash = path.find('/');
+    const std::string_view step = path.substr(0, slash);
+    const bool isLast = slash == std::string_view::npos;
+    path.remove_prefix(isLast ? path.size() : slash + 1);
+    if (step.empty() || (step == "." && !isLast)) continue;
+    result += '/';
+    result += step;
+  }
+  return result;
+}
+
+std::string ErrorLine(const Json& error) {
+  return error["domain"].get<std::string>() + " " + std::to_string(error["code"].get<long>()) +
+         ": " + Printable(error["message"].get<std::string>()) + "\n";
+}
+
+std::string ErrorText(const std::string& command, const Error& error) {
+  std::string text = "quorvelctl: " + command + ": " + ErrorLine(ErrorAsJson(error));
+  for (Error cause = error.underlying(); cause; cause = cause.underlying()) {
+    text += "  caused by " + ErrorLine(ErrorAsJson(cause));
+  }
+  return text;
+}
+
+std::string ReasonText(const std::string& command, const std::string& reason) {
+  return "quorvelctl: " + command + ": " + Printable(reason) + "\n";
+}
+
+}  // namespace
+
+Session::Session(CommonOptions options)
+    : options_(std::move(options)),
+      toTerminal_(host::DescribeTerminal(STDOUT_FILENO).isTerminal),
+      errorLines_(options_.command),
+      services_(std::make_unique<Services>()) {}
+
+Session::~Session() { QVInstallPlatformServices(nullptr); }
+
+bool Session::open(Access access, FatalError& error) {
+  // The log is last to be opened: it is made when it is missing, which a command that cannot
+  // begin must not do.
+  if (options_.root.empty() && !findCurrentDirectory(error)) return false;
+  const bool isConfined = !options_.root.empty() && options_.root != "/";
+  if (isConfined ? !confine(access, error) : !openLog(error)) return false;
+  services_->install(errorLines_);
+  return true;
+}
+
+bool Session::openLog(FatalError& error) {
+  if (options_.logFile.empty()) return true;
+  // Not blocking, so that a pipe without a reader is refused at once.
+  UniqueDescriptor file(::open(options_.logFile.c_str(),
+                               O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+                               0644));
+  if (!file) {
+    return Fail(error, ExitUsage, Printable(options_.logFile) + ": " + ErrnoDescription(errno),
+                "Name a file that can be written with --log");
+  }
+  (void)::fcntl(file.get(), F_SETFL, O_APPEND);
+  services_->jsonLog.emplace(std::move(file));
+  return true;
+}
+
+bool Session::confine(Access access, FatalError& error) {
+  host::DeviceRoot root;
+  if (!root.open(options_.root, error)) return false;
+  std::error_code failure;
+  const std::filesystem::path real = std::filesystem::canonical(options_.root, failure);
+  if (failure) {
+    return Fail(error, host::ExitRootUnusable, root.printable() + ": " + failure.message(),
+                "Name a directory that you may read with --root");
+  }
+  services_->mountsInside.emplace(services_->mounts, real.string());
+  using View = host::DeviceRoot::View;
+  return openLog(error) &&
+         root.enter(access == Access::look ? View::readOnly : View::writable, error);
+}
+
+bool Session::findCurrentDirectory(FatalError& error) {
+  std::error_code failure;
+  currentDirectory_ = std::filesystem::current_path(failure).string();
+  return !failure || Fail(error, ExitFailed, "the current directory: " + failure.message(),
+                          "Change to a directory that exists");
+}
+
+Path Session::path(const std::string& argument) const {
+  std::string bytes = argument;
+  if (!argument.starts_with('/')) {
+    // "." alone is the directory itself, under its name.
+    bytes = currentDirectory_ + "/" + (argument == "." || argument == "./" ? "" : argument);
+  }
+  const std::string clean = WithoutEmptySteps(bytes);
+  return Path(StringFromFileSystemRepresentation(clean.empty() ? "/" : clean));
+}
+
+std::string Session::shown(const std::string& text) const {
+  return toTerminal_ ? Printable(text) : BytesOfFileSystemRepresentation(text);
+}
+
+int Session::finish(const Json& object, std::string_view plain, int code) {
+  return finishBytes(options_.json ? host::JsonLine(object) : plain, code);
+}
+
+int Session::finish(const Json& object, int code) {
+  const auto show = [this](const std::string& text) { return shown(text); };
+  return finish(object, options_.json ? std::string() : JsonAsText(object, show), code);
+}
+
+int Session::finishBytes(std::string_view bytes, int code) {
+  errorLines_.flush();
+  const int failure = host::WriteWhole(STDOUT_FILENO, bytes);
+  if (failure == 0) return code;
+  (void)host::WriteWhole(STDERR_FILENO,
+                         "quorvelctl: " + options_.command +
+                             ": standard output: " + ErrnoDescription(failure) + "\n" +
+                             (code == ExitSucceeded ? "The command itself succeeded.\n"
+                                                    : "The command itself failed, too.\n"));
+  return ExitFailed;
+}
+
+int Session::succeed() {
+  Json object;
+  object["succeeded"] = true;
+  object["errorLines"] = errorLines();
+  return finish(object, "");
+}
+
+int Session::failWith(Json object, const std::string& lines) {
+  (void)host::WriteWhole(STDERR_FILENO, lines);
+  if (options_.json) (void)host::WriteWhole(STDOUT_FILENO, host::JsonLine(object));
+  return object["exitCode"].get<int>();
+}
+
+int Session::fail(const Error& error) {
+  const Json record = ErrorAsJson(error);
+  Json object;
+  object["error"] = record["message"];
+  object["exitCode"] = static_cast<int>(ExitFailed);
+  object["domain"] = record["domain"];
+  object["code"] = record["code"];
+  if (record.contains("underlying")) object["underlying"] = record["underlying"];
+  dropLineOf(error);
+  return failWith(std::move(object), ErrorText(options_.command, error));
+}
+
+int Session::failAsLogged(const std::string& otherwise) {
+  const std::string reason = loggedReason(otherwise);
+  Json object;
+  object["error"] = reason;
+  object["exitCode"] = static_cast<int>(ExitFailed);
+  return failWith(std::move(object), ReasonText(options_.command, reason));
+}
+
+int Session::failFatally(const FatalError& error) {
+  Json object;
+  object["error"] = error.remedy.empty() ? error.problem : error.problem + ". " + error.remedy;
+  object["exitCode"] = error.exitCode;
+  return failWith(std::move(object), "quorvelctl: " + error.problem + "\n" +
+                                         (error.remedy.empty() ? "" : error.remedy + "\n"));
+}
+
+void Session::dropLineOf(const Error& error) {
+  if (!errorLines_.holds(error.description())) errorLines_.flush();
+  (void)errorLines_.take();
+}
+
+void Session::note(const Error& error) {
+  dropLineOf(error);
+  (void)host::WriteWhole(STDERR_FILENO, ErrorText(options_.command, error));
+}
+
+void Session::note(const std::string& reason) {
+  (void)host::WriteWhole(STDERR_FILENO, ReasonText(options_.command, reason));
+}
+
+std::string Session::loggedReason(const std::string& otherwise) {
+  return errorLines_.take().value_or(otherwise);
+}
+
+}  // namespace quorvel::ctl

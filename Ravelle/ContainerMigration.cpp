@@ -158,8 +158,6 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
 }
 
 bool QVRavelle::_containerHasMissedItems(const Path& container, const std::string& identifier) {
-  static constexpr std::array<std::string_view, 3> kNeverMissed = {
-      MigrationMarkerName, "com.velto.quorvel.migration_marker", "com.velto.quorvel.placeholder"};
   Error error;
   auto items = files_.urlsForItemsInDirectoryAtURL(container, false, &error);
   if (!items) {
@@ -168,8 +166,8 @@ bool QVRavelle::_containerHasMissedItems(const Path& container, const std::strin
     return true;
   }
   std::erase_if(*items, [](const Path& item) {
-    return std::find(kNeverMissed.begin(), kNeverMissed.end(), item.lastPathComponent()) !=
-           kNeverMissed.end();
+    return std::find(NeverMissedNames.begin(), NeverMissedNames.end(), item.lastPathComponent()) !=
+           NeverMissedNames.end();
   });
   if (items->empty()) return false;
   RAVELLE_LOG(LogLevelError, kMissed, "QVRavelle: Found missed items in %@ for %@: %@",

@@ -112,7 +112,7 @@ void QVRavelle::migrateGroup(const std::string& identifier, const std::string& g
                 "QVRavelle: No group container entry to migrate for %@[%@]", identifier, group);
     return;
   }
-  const std::string* container = entry->second.dictionary()->findString("Container");
+  const std::string* container = entry->second.dictionary()->findString(InstallMapContainerKey);
   if (container == nullptr) {
     RAVELLE_LOG(LogLevelNotice, kOneGroup,
                 "QVRavelle: Failed to get path to group container for %@[%@]", identifier, group);
@@ -186,7 +186,7 @@ bool QVRavelle::_migrateSafeHarbors() {
                   identifier);
       continue;
     }
-    const std::string* path = entry.dictionary()->findString("HarborPathKey");
+    const std::string* path = entry.dictionary()->findString(HarborPathKey);
     if (path == nullptr) {
       RAVELLE_LOG(LogLevelError, kHarbors,
                   "QVRavelle: Failed to get harbor path from harbor entry for %@ : %@", identifier,
@@ -203,7 +203,7 @@ bool QVRavelle::_migrateSafeHarbors() {
       ok = false;
     }
   }
-  if (ok) files_.removeItemAtURL(configuration_.oldDataDirectoryPath().child("SafeHarbor.plist"));
+  if (ok) files_.removeItemAtURL(configuration_.oldDataDirectoryPath().child(HarborMapName));
   return ok;
 }
 

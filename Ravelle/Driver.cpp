@@ -12,9 +12,6 @@ namespace {
 constexpr const char* kInit = "-[QVRavelle init]";
 constexpr const char* kPerform = "-[QVRavelle performMigration]";
 
-// Left by the former service to tell whoever looks where the apps went.
-constexpr const char* kNoticeFileName = "WhereDidMyApplicationsGo.txt";
-
 // The host's unit, per plug-in and per container.
 constexpr float kBaseDuration = 20.0F;
 constexpr float kDurationPerItem = 2.25F;
@@ -74,7 +71,7 @@ void QVRavelle::loadInstallMap() {
     return;
   }
   _installMap = std::move(*map);
-  const PlistValue* groups = _installMap->find("GroupContainers");
+  const PlistValue* groups = _installMap->find(InstallMapGroupsKey);
   if (groups == nullptr || groups->dictionary() == nullptr) {
     RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: No group container map found in install map");
     return;
@@ -86,7 +83,7 @@ void QVRavelle::loadInstallMap() {
 }
 
 void QVRavelle::loadHarborMap() {
-  const Path file = configuration_.oldDataDirectoryPath().child("SafeHarbor.plist");
+  const Path file = configuration_.oldDataDirectoryPath().child(HarborMapName);
   if (files_.itemDoesNotExistAtURL(file)) return;
   const auto map = Platform().propertyLists->readDictionary(file, ForeignKeys::count, nullptr);
   if (map) {
@@ -136,7 +133,7 @@ std::deque<ContainerRecord> QVRavelle::buildWorkList() {
   std::deque<ContainerRecord> workList;
   for (const Path& item : *_itemsToMigrate) {
     RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Introspecting %@", item.string());
-    if (item.lastPathComponent() == kNoticeFileName) {
+    if (item.lastPathComponent() == FarewellName) {
       files_.removeItemAtURL(item);
       countItem();
       continue;

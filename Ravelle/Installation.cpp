@@ -22,7 +22,6 @@ constexpr const char* kIcon = "-[QVRavelle _writeIconForBundle:toURL:]";
 
 // The registry's number for an install on behalf of a migration.
 constexpr std::uint64_t kMigrationInstallType = 6;
-constexpr const char* kIconFileName = "Icon.png";
 
 // What a placeholder takes over from the app's info dictionary.
 constexpr const char* kIdentityKeys[] = {"PKBundleIdentifier", "PKBundleDisplayName",
@@ -73,8 +72,8 @@ bool MoveIntoPayload(QVFileManager& files, const Path& bundle, const Path& paylo
 // Builds the staging directory in the container.
 bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& vpnPlugin,
            const Path& container) {
-  const Path staging = container.childDirectory("Staging");
-  const Path payload = staging.childDirectory("Payload");
+  const Path staging = container.childDirectory(StagingName);
+  const Path payload = staging.childDirectory(PayloadName);
   Error error;
   if (!files.createDirectoryAtURL(payload, {.withIntermediateDirectories = true}, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to create %@ : %@", payload, error);
@@ -118,13 +117,13 @@ std::string PlaceholderName(const std::string& identifier) {
 Path PlaceholderDirectory(const std::string& identifier) {
   return Platform()
       .fileData->temporaryDirectory()
-      .childDirectory("com.velto.quorvel.migrator")
+      .childDirectory(PlaceholderParentName)
       .childDirectory(PlaceholderName(identifier) + ".app");
 }
 
 // The raw store metadata, which goes into the request; absent when there is none.
 std::unique_ptr<PlistData> ReadStoreMetadata(const Path& container) {
-  const Path file = container.child("LorvixMetadata.plist");
+  const Path file = container.child(StoreMetadataName);
   Error error;
   std::unique_ptr<PlistData> bytes = Platform().fileData->readWholeFile(file, &error);
   if (!bytes && !error.is(PlatformErrorDomain, PlatformFileReadNoSuchFileError)) {
@@ -160,16 +159,16 @@ bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::stri
   const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(bundlePath);
   std::optional<PlistDictionary> info = ReadIdentity(bundle.get(), bundlePath);
   if (!info) return false;
-  const Path icon = directory.child(kIconFileName);
+  const Path icon = directory.child(UsualIconName);
   if (plugin._writeIconForBundle(*bundle, icon)) {
-    info->set("PKBundleIconFile", kIconFileName);
+    info->set("PKBundleIconFile", UsualIconName);
   } else {
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Writing placeholder icon for app %@ to %@ failed", identifier,
                 icon.string());
   }
   // Binary: unlike XML it holds every string that an app may have put into its dictionary.
-  const Path file = directory.child("Info.plist");
+  const Path file = directory.child(InfoPlistName);
   if (!Platform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary,
                                                  nullptr)) {
     RAVELLE_LOG(LogLevelError, kPlaceholder,
@@ -203,7 +202,7 @@ bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::strin
   if (!Stage(files_, bundle, vpnPlugin, container)) return false;
   PlistDictionary options = InstallOptions(RXPackageTypeCustomer, identifier);
   options.set("VerifyForMigrator", true);
-  const Path staging = container.childDirectory("Staging");
+  const Path staging = container.childDirectory(StagingName);
   InstallProgress progress(bundle);
   Error error;
   if (Platform().workspace->installApplication(

@@ -66,7 +66,7 @@ bool IsBarred(const Path& file) {
 std::optional<std::string> ContainerScan::identifierOf(const Path& bundle) {
   std::optional<std::string> identifier = plugin_._bundleIdentifierForBundle(bundle);
   if (!identifier) identifier = plugin_._bundleIdentifierForBundle(bundle);
-  if (!identifier) barred_ = barred_ || IsBarred(bundle.child("Info.plist"));
+  if (!identifier) barred_ = barred_ || IsBarred(bundle.child(InfoPlistName));
   return identifier;
 }
 
@@ -81,8 +81,8 @@ Scan ContainerScan::look(const Path& entry) {
   }
   const bool isLink = S_ISLNK(info.st_mode);
   const std::string_view extension = entry.pathExtension();
-  if (extension == "app") return lookAtApp(entry, isLink);
-  if (extension == "vpnplugin") return lookAtVPNPlugin(entry, isLink);
+  if (extension == AppExtension) return lookAtApp(entry, isLink);
+  if (extension == VPNPluginExtension) return lookAtVPNPlugin(entry, isLink);
   if (entry.lastPathComponent() == MigrationMarkerName) return lookAtMarker(entry, isLink);
   return Scan::goOn;
 }

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/DeviceNames.h"
 #include "platform/MigrationHost.h"
 #include "platform/Path.h"
 #include "platform/PlistValue.h"
@@ -39,10 +40,6 @@ inline constexpr const char* RecordSecondBundlePathKey = "SecondBundlePath";  //
 
 inline constexpr const char* ContainerTypeApp = "App";
 inline constexpr const char* ContainerTypeVPNBundle = "VPNBundle";
-
-// The record of a container whose migration was begun lies in it under this name, as an XML
-// property list.
-inline constexpr const char* MigrationMarkerName = "com.velto.quorvel.container_migrator.plist";
 
 class QVRavelle final : public MigratorPlugin {
  public:

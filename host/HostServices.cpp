@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/console/TerminalText.h"
+#include "platform/DeviceNames.h"
 #include "platform/linux/files/FileDataLinux.h"
 #include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/files/TreeWalkerLinux.h"
@@ -30,14 +31,15 @@ constexpr const char* HostLogDirectory = "/private/var/mobile/Library/Logs/Corve
 constexpr const char* ServiceLogDirectory = "/private/var/mobile/Library/Logs/Quorvel";
 
 // What the registry's database leaves beside itself when its process is killed.
-constexpr const char* RegistryLog = "private/var/quorveld/Library/Registry/registry.db-wal";
+const std::string kRegistryLog =
+    std::string(DaemonDirectory) + RegistryDirectoryPath + "/" + RegistryFileName + "-wal";
 
 }  // namespace
 
 DeviceRoot::View ViewForLooking(const DeviceRoot& root) {
   // Such a log is read under a writer's locks, which a read-only file system refuses. Reading it
   // changes nothing all the same.
-  return root.holds(RegistryLog) ? DeviceRoot::View::writable : DeviceRoot::View::readOnly;
+  return root.holds(kRegistryLog) ? DeviceRoot::View::writable : DeviceRoot::View::readOnly;
 }
 
 struct HostServices::Services {
@@ -124,7 +126,7 @@ onlinux::ApplicationRegistryLinux& HostServices::registry() { return *services_-
 LegacyLayout LegacyLayoutOfDevice() {
   const QVGlobalConfiguration& configuration = QVGlobalConfiguration::sharedInstance();
   return {configuration.oldContainerPath(), configuration.oldInstallMapPath(),
-          configuration.oldDataDirectoryPath().child("SafeHarbor.plist")};
+          configuration.oldDataDirectoryPath().child(HarborMapName)};
 }
 
 }  // namespace quorvel::host

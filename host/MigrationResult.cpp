@@ -12,12 +12,12 @@
 #include "host/FailureWords.h"
 #include "host/console/Json.h"
 #include "host/console/TerminalText.h"
+#include "platform/DeviceNames.h"
 
 namespace quorvel::host {
 
 namespace {
 
-constexpr std::string_view MarkerName = "com.velto.quorvel.container_migrator.plist";
 constexpr std::size_t OutcomeColumns = 10;
 constexpr std::size_t WidestIdentifier = 48;
 
@@ -115,7 +115,7 @@ class Table {
 
   void whatIsLeft(const ContainerOutcome& outcome, const Path& path, bool kept) {
     if (kept) {
-      const bool marked = ItemType(path.child(MarkerName)) == S_IFREG;
+      const bool marked = ItemType(path.child(MigrationMarkerName)) == S_IFREG;
       detail("kept", Printable(path.string()) +
                          (marked ? ", with its marker: a later run takes it up again" : ""));
     } else {
@@ -144,7 +144,7 @@ class Table {
       row("\x1b[31m", "left", "-", Printable(name));
       if (ItemType(path) == S_IFLNK) {
         detail("why", "a symbolic link is not followed; remove it if nothing needs it");
-      } else if (ItemType(path.child(MarkerName)) == S_IFREG) {
+      } else if (ItemType(path.child(MigrationMarkerName)) == S_IFREG) {
         detail("why", "its marker names another container; without it, it is looked at afresh");
       } else {
         detail("why", "nothing took it up");

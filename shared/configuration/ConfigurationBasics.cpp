@@ -2,6 +2,7 @@
 #include <climits>
 #include <cmath>
 
+#include "platform/DeviceNames.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
@@ -44,26 +45,26 @@ QVGlobalConfiguration& QVGlobalConfiguration::sharedInstance() {
 
 QVGlobalConfiguration::QVGlobalConfiguration(const Path& root) {
   readPreferences();
-  _quorveldPath = root.childDirectory("private/var/quorveld/");
-  _mobilePath = root.childDirectory("private/var/mobile/");
+  _quorveldPath = root.childDirectory(DaemonDirectory);
+  _mobilePath = root.childDirectory(MobileHomeDirectory);
   _rootPath = root;
 }
 
 void QVGlobalConfiguration::readPreferences() {
-  if (Preference("LowerInstallPriority") == PlistValue(false)) {
+  if (Preference(LowerInstallPriorityKey) == PlistValue(false)) {
     _lowerInstallPriority = false;
     QV_LOG(LogLevelNotice, kInit,
            "Not running installation at background priority because of a set default");
   }
-  if (Preference("SkipDeviceFamilyCheck") == PlistValue(true)) {
+  if (Preference(SkipDeviceFamilyCheckKey) == PlistValue(true)) {
     _skipDeviceFamilyCheck = true;
     QV_LOG(LogLevelNotice, kInit, "Skipping device family check because of a set default");
   }
-  if (Preference("SkipThinningCheck") == PlistValue(true)) {
+  if (Preference(SkipThinningCheckKey) == PlistValue(true)) {
     _skipThinningCheck = true;
     QV_LOG(LogLevelNotice, kInit, "Skipping device thinning check because of a set default");
   }
-  const std::optional<PlistValue> installs = Preference("SimultaneousInstallsNumber");
+  const std::optional<PlistValue> installs = Preference(SimultaneousInstallsNumberKey);
   const std::optional<long> number = installs ? IntegerValue(*installs) : std::nullopt;
   if (number) {
     _nSimultaneousInstallations = *number;
@@ -72,11 +73,11 @@ void QVGlobalConfiguration::readPreferences() {
 }
 
 Path QVGlobalConfiguration::oldContainerPath() const {
-  return _mobilePath.childDirectory("Applications");
+  return _mobilePath.childDirectory(LegacyApplicationsName);
 }
 
 Path QVGlobalConfiguration::oldInstallMapPath() const {
-  return _mobilePath.child("Library/Caches/com.velto.quorvel.plist");
+  return _mobilePath.child(LegacyInstallMapPath);
 }
 
 Path QVGlobalConfiguration::oldDataDirectoryPath() const {
@@ -100,11 +101,11 @@ Path QVGlobalConfiguration::roleUserMigrationMarkerFilePath() const {
 }
 
 std::vector<std::string> QVGlobalConfiguration::appBundleMetadataItemNames() const {
-  return {"Manifest.plist", "LorvixArtwork", "LorvixMetadata.plist", "GeoJSON"};
+  return {StoreMetadataItemNames.begin(), StoreMetadataItemNames.end()};
 }
 
 std::vector<std::string> QVGlobalConfiguration::appUserDataItemNames() const {
-  return {"Documents", "Library", "tmp", "Tillkit"};
+  return {UserDataItemNames.begin(), UserDataItemNames.end()};
 }
 
 const std::set<std::string>& QVGlobalConfiguration::installationBlacklist() const {

@@ -1,4 +1,5 @@
 // Values that live in preferences and survive the process. Nothing is cached, nothing is logged.
+#include "platform/DeviceNames.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/support/Platform.h"
 
@@ -6,26 +7,25 @@ namespace quorvel {
 
 namespace {
 
-constexpr const char* kUpdatedKey = "UpdatedPluginContainersWithParentIDWithSafeHarborFix";
-// Kept by the media-store daemon in its own domain.
-constexpr const char* kStoreDomain = "com.velto.lorvixstored";
-constexpr const char* kVariantKey = "ThinnedAppVariantID";
 constexpr PreferencesScope kScope = PreferencesScope::currentUserCurrentHost;
 
 }  // namespace
 
 bool QVGlobalConfiguration::haveUpdatedPluginContainersWithParentID() {
-  const auto value = Platform().preferences->copyValue(kUpdatedKey, QVPreferencesDomain, kScope);
+  const auto value =
+      Platform().preferences->copyValue(UpdatedPluginContainersKey, QVPreferencesDomain, kScope);
   return value && *value != PlistValue(false);
 }
 
 void QVGlobalConfiguration::setHaveUpdatedPluginContainersWithParentID(bool flag) {
-  Platform().preferences->setValue(kUpdatedKey, PlistValue(flag), QVPreferencesDomain, kScope);
+  Platform().preferences->setValue(UpdatedPluginContainersKey, PlistValue(flag),
+                                   QVPreferencesDomain, kScope);
   Platform().preferences->synchronize(QVPreferencesDomain, kScope);
 }
 
 std::optional<std::string> QVGlobalConfiguration::alternateThinningModelIdentifier() {
-  return Platform().preferences->stringFromUserDefaults(kVariantKey, kStoreDomain);
+  return Platform().preferences->stringFromUserDefaults(ThinnedAppVariantKey,
+                                                        StorePreferencesDomain);
 }
 
 }  // namespace quorvel

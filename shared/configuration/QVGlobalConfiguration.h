@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/DeviceNames.h"
 #include "platform/HardwareRegistry.h"
 #include "platform/Path.h"
 #include "platform/PlistValue.h"
@@ -32,9 +33,6 @@ namespace quorvel {
 // bundle has them, and under QVBundleURLKey the bundle's path (string).
 using QVBundleMap = std::map<std::string, PlistDictionary, std::less<>>;
 inline constexpr const char* QVBundleURLKey = "com.velto.Quorvel.bundleURL";
-
-// The service's preferences domain.
-inline constexpr const char* QVPreferencesDomain = "com.velto.quorvel";
 
 class QV_EXPORT QVGlobalConfiguration {
  public:

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
@@ -29,9 +30,6 @@ constexpr const char* kSetClass =
 constexpr const char* kMark = "-[QVFileManager markBundleAsPlaceholder:withError:]";
 constexpr const char* kSetType = "-[QVFileManager setInstallType:onBundle:error:]";
 constexpr const char* kGetType = "-[QVFileManager installTypeForBundle:error:]";
-
-constexpr const char* kPlaceholderAttribute = "com.velto.quorveld.placeholder";
-constexpr const char* kInstallTypeAttribute = "com.velto.quorveld.installType";
 
 // Both marks are stored in the order of this processor's bytes.
 static_assert(std::endian::native == std::endian::little);
@@ -138,8 +136,8 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
 bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) {
   const std::uint32_t value = 1;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  if (Platform().fileSystem->setxattr(path.c_str(), kPlaceholderAttribute, &value, sizeof value, 0,
-                                      XATTR_NOFOLLOW) == 0) {
+  if (Platform().fileSystem->setxattr(path.c_str(), PlaceholderAttributeName, &value, sizeof value,
+                                      0, XATTR_NOFOLLOW) == 0) {
     return true;
   }
   const int number = errno;
@@ -152,13 +150,13 @@ bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) {
 bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) {
   std::uint32_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  return Platform().fileSystem->getxattr(path.c_str(), kPlaceholderAttribute, &value, sizeof value,
-                                         0, XATTR_NOFOLLOW) == sizeof value;
+  return Platform().fileSystem->getxattr(path.c_str(), PlaceholderAttributeName, &value,
+                                         sizeof value, 0, XATTR_NOFOLLOW) == sizeof value;
 }
 
 bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle, Error* error) {
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  if (Platform().fileSystem->setxattr(path.c_str(), kInstallTypeAttribute, &installType,
+  if (Platform().fileSystem->setxattr(path.c_str(), InstallTypeAttributeName, &installType,
                                       sizeof installType, 0, XATTR_NOFOLLOW) == 0) {
     return true;
   }
@@ -172,8 +170,8 @@ bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle
 std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bundle, Error* error) {
   std::uint64_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  const ssize_t size = Platform().fileSystem->getxattr(path.c_str(), kInstallTypeAttribute, &value,
-                                                       sizeof value, 0, XATTR_NOFOLLOW);
+  const ssize_t size = Platform().fileSystem->getxattr(path.c_str(), InstallTypeAttributeName,
+                                                       &value, sizeof value, 0, XATTR_NOFOLLOW);
   if (size == sizeof value) return value;
   if (size < 0) {
     const int number = errno;

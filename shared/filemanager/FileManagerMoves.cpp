@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "platform/DeviceNames.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
@@ -19,10 +20,6 @@ constexpr const char* kMove = "-[QVFileManager _moveItemAtURL:toURL:failIfSrcMis
 constexpr const char* kRemains = "-[QVFileManager removeRemainsOfMovesInDirectory:]";
 constexpr const char* kCapture =
     "-[QVFileManager captureStoreDataFromDirectory:toDirectory:doCopy:failureIsFatal:withError:]";
-
-// A directory that was moved to another file system gets this before its name while it is being
-// removed.
-constexpr std::string_view kRemainPrefix = ".com.velto.quorvel.moved.";
 
 enum class Presence { present, missing, unknown };
 
@@ -70,7 +67,7 @@ bool IsDirectory(const FileSystemRepresentation& path) {
 // The name under which a directory is removed: the prefix and as much of its own name as a file
 // name can hold. Two names that become one do no harm, for remains only wait for their removal.
 Path RemainFor(const Path& parent, const Path& source) {
-  std::string name(kRemainPrefix);
+  std::string name(MoveRemainPrefix);
   name += BytesOfFileSystemRepresentation(source.lastPathComponent());
   if (name.size() > NAME_MAX) name.resize(NAME_MAX);
   return parent.childDirectory(StringFromFileSystemRepresentation(name));
@@ -113,10 +110,10 @@ struct StoreItem {
   const char* failureKey;
 };
 constexpr StoreItem kStoreItems[] = {
-    {"Manifest.plist", "ManifestCaptureFailed"},
-    {"LorvixArtwork", "LorvixArtworkCaptureFailed"},
-    {"LorvixMetadata.plist", "LorvixMetadataCaptureFailed"},
-    {"GeoJSON", "GeoJSONCaptureFailed"},
+    {StoreManifestName, "ManifestCaptureFailed"},
+    {StoreArtworkName, "LorvixArtworkCaptureFailed"},
+    {StoreMetadataName, "LorvixMetadataCaptureFailed"},
+    {StoreGeoName, "GeoJSONCaptureFailed"},
 };
 
 Error CaptureError(const Path& source, const Path& destination, bool copied, ErrorContext context) {
@@ -172,7 +169,7 @@ bool QVFileManager::moveItemIfExistsAtURL(const Path& source, const Path& destin
 }
 
 bool QVFileManager::isRemainOfMove(const Path& item) {
-  return item.lastPathComponent().starts_with(kRemainPrefix);
+  return item.lastPathComponent().starts_with(MoveRemainPrefix);
 }
 
 void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "platform/DeviceNames.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
@@ -76,7 +77,7 @@ std::unique_ptr<PlistDictionary> ReadWhole(PKBundle& bundle, const Path& path) {
 
 std::unique_ptr<PlistDictionary> QVLoadInfoPlist(const Path& path,
                                                  const std::optional<std::set<std::string>>& keys) {
-  const Path file = path.child("Info.plist");
+  const Path file = path.child(InfoPlistName);
   if (QVFileManager::defaultManager().itemDoesNotExistAtURL(file)) {
     QV_LOG(LogLevelDebug, kLoad, "Missing Info.plist at %@", file);
     return nullptr;

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 
+#include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/linux/plist/PropertyList.h"
 
 namespace quorvel::tools {
 namespace {
-
-constexpr const char* PlaceholderAttribute = "user.com.velto.quorveld.placeholder";
 
 std::string StemOf(const std::string& bundleName) {
   return bundleName.substr(0, bundleName.rfind('.'));
@@ -76,7 +75,8 @@ void WriteBundle(LegacyImageWriter& writer, LegacyImageRandom& random, const std
               plan.infoIsDamaged ? std::string_view(info).substr(0, info.size() / 2) : info);
   if (!plan.iconFile.empty()) writer.file(directory + "/" + plan.iconFile, plan.iconBytes);
   if (plan.isPlaceholder) {
-    if (!writer.attribute(directory, PlaceholderAttribute, std::string_view("\1\0\0\0", 4))) {
+    if (!writer.attribute(directory, (std::string("user.") + PlaceholderAttributeName).c_str(),
+                          std::string_view("\1\0\0\0", 4))) {
       notes.push_back(directory +
                       ": the file system keeps no extended attributes, so that the "
                       "bundle is not marked as a placeholder");
@@ -133,7 +133,7 @@ PlistDictionary MarkerOf(const ContainerPlan& plan) {
 }
 
 void WriteMarker(LegacyImageWriter& writer, const ContainerPlan& plan, std::string_view bytes) {
-  writer.file(std::string(LegacyApplications) + "/" + plan.name + "/" + MarkerName, bytes);
+  writer.file(std::string(LegacyApplications) + "/" + plan.name + "/" + MigrationMarkerName, bytes);
 }
 
 void WriteOddData(LegacyImageWriter& writer, LegacyImageRandom& random,

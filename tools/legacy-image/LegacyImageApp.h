@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/DeviceNames.h"
 #include "platform/PlistValue.h"
 #include "platform/PropertyListStore.h"
 #include "tools/legacy-image/LegacyImageRandom.h"
@@ -13,7 +14,6 @@
 namespace quorvel::tools {
 
 inline constexpr const char* LegacyApplications = "private/var/mobile/Applications";
-inline constexpr const char* MarkerName = "com.velto.quorvel.container_migrator.plist";
 
 // A bundle directory. Names are bytes, identifiers and other texts UTF-8.
 struct BundlePlan {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 
+#include "platform/DeviceNames.h"
 #include "tools/legacy-image/LegacyImageIcon.h"
 
 namespace quorvel::tools {
@@ -33,8 +34,6 @@ constexpr std::array<const char*, 5> OddContainers = {"Old Container ", "50% don
                                                       "\xC3\xBC"
                                                       "ber ",
                                                       "raw\xF0\x28 "};
-constexpr std::array<const char*, 4> Metadata = {"Manifest.plist", "LorvixArtwork",
-                                                 "LorvixMetadata.plist", "GeoJSON"};
 
 std::string Numbered(const char* prefix, unsigned number) {
   char text[64];
@@ -91,7 +90,7 @@ class DeviceMaker {
   const LegacyImageOptions& options_;
   LegacyImageRandom random_;
   LegacyImageResult result_;
-  PlistDictionary groups_;  // "GroupContainers" of the install map
+  PlistDictionary groups_;  // the groups of the install map
   std::string plainIcon_;
 };
 
@@ -203,8 +202,9 @@ void DeviceMaker::writeApp(unsigned number) {
     plan.plugin.identifier = plan.app.identifier + ".vpn";
     plan.plugin.infoFormat = PropertyListFormat::binary;
   }
-  for (std::size_t i = 0; i < Metadata.size() && !plan.app.isPlaceholder; ++i) {
-    if (number % 2 == 0 || number % Metadata.size() == i) plan.metadata.emplace_back(Metadata[i]);
+  for (std::size_t i = 0; i < StoreMetadataItemNames.size() && !plan.app.isPlaceholder; ++i) {
+    if (number % 2 == 0 || number % StoreMetadataItemNames.size() == i)
+      plan.metadata.emplace_back(StoreMetadataItemNames[i]);
   }
   plan.dataBytes = options_.dataBytes;
   plan.hasTillkit = number % 3 == 0;
@@ -266,7 +266,7 @@ void DeviceMaker::writeStaged() {
   app.appIsStaged = true;
   app.plugin.name = "Beat.vpnplugin";  // not staged yet: stopped between the two moves
   app.plugin.identifier = "com.velto.Metronome.vpn";
-  app.metadata = {"Manifest.plist", "GeoJSON"};
+  app.metadata = {StoreManifestName, StoreGeoName};
   PlistDictionary marker = MarkerOf(app);
   marker.set("Note", "a key that the migration does not know");
   write(app);
@@ -307,12 +307,12 @@ void DeviceMaker::writeInstallMap() {
   groups_.set("group.com.example.nopath", PlistDictionary());
   groups_.set("group.com.example.unknown", 7);
   PlistDictionary map;
-  map.set("GroupContainers", groups_);
+  map.set(InstallMapGroupsKey, groups_);
   map.set("Version", 3);
   writer_.file(InstallMap, PlistBytes(map, PropertyListFormat::binary));
   PlistDictionary preferences;
   preferences.set("LowerInstallPriority", false);
-  preferences.set("SimultaneousInstallsNumber", 2);
+  preferences.set(SimultaneousInstallsNumberKey, 2);
   writer_.file(Preferences, PlistBytes(preferences, PropertyListFormat::binary));
 }
 
@@ -328,15 +328,15 @@ void WriteHarbors(LegacyImageWriter& writer, LegacyImageRandom& random, bool fai
     const std::string directory = "private/var/mobile/Library/SafeHarbors/" + random.uuid();
     writer.file(directory + "/Documents/kept.bin", random.bytes(200));
     PlistDictionary entry;
-    entry.set("HarborPathKey", "/" + directory);
+    entry.set(HarborPathKey, "/" + directory);
     harbors.set(Numbered("com.example.uninstalled", i), entry);
   }
   if (failing) {
     PlistDictionary missing;
-    missing.set("HarborPathKey", "/private/var/mobile/Library/SafeHarbors/missing");
+    missing.set(HarborPathKey, "/private/var/mobile/Library/SafeHarbors/missing");
     harbors.set("com.example.harbor.missing", missing);
     PlistDictionary wrong;
-    wrong.set("HarborPathKey", 42);
+    wrong.set(HarborPathKey, 42);
     harbors.set("com.example.harbor.wrong", wrong);
     harbors.set("com.example.harbor.number", 7);
   }

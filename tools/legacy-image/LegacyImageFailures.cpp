@@ -1,5 +1,6 @@
 // The containers that --failing adds. Each is sound but for one thing.
 
+#include "platform/DeviceNames.h"
 #include "tools/legacy-image/LegacyImageDevice.h"
 
 namespace quorvel::tools {
@@ -44,7 +45,7 @@ void WriteLinkedMarker(LegacyImageWriter& writer, LegacyImageRandom& random,
   const ContainerPlan plan = SoundContainer(self);
   WriteContainer(writer, random, plan, notes);
   writer.file(PlaceOf(self) + "/marker", PlistBytes(MarkerOf(plan), PropertyListFormat::xml));
-  writer.symbolicLink(PlaceOf(self) + "/" + MarkerName, "marker");
+  writer.symbolicLink(PlaceOf(self) + "/" + MigrationMarkerName, "marker");
 }
 
 void WriteLeftOver(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,

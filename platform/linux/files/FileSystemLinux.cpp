@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/DeviceNames.h"
 #include "platform/linux/files/DirectoryMaker.h"
 #include "platform/linux/files/ItemPath.h"
 #include "platform/linux/files/TreeCopier.h"
@@ -18,7 +19,6 @@
 namespace quorvel::onlinux {
 namespace {
 
-constexpr const char* kProtectionClassName = "user.com.velto.quorveld.protectionclass";
 constexpr std::size_t kProtectionClassSize = 4;
 
 int Fail(int number) {
@@ -105,7 +105,7 @@ int FileSystemLinux::MakePath(const char* path, mode_t mode) {
 
 int FileSystemLinux::GetProtectionClass(int descriptor) {
   unsigned char value[kProtectionClassSize];
-  const ssize_t size = ::fgetxattr(descriptor, kProtectionClassName, value, sizeof value);
+  const ssize_t size = ::fgetxattr(descriptor, ProtectionClassAttributeName, value, sizeof value);
   if (size < 0 && (errno == ENODATA || errno == ENOTSUP)) return 0;
   if (size < 0 && errno != ERANGE) return -1;
   if (size != ssize_t{kProtectionClassSize}) return Fail(EINVAL);
@@ -124,7 +124,7 @@ int FileSystemLinux::SetProtectionClass(int descriptor, int protectionClass) {
   for (std::size_t i = 0; i < sizeof value; ++i) {
     value[i] = static_cast<unsigned char>(static_cast<unsigned>(protectionClass) >> (8 * i));
   }
-  return ::fsetxattr(descriptor, kProtectionClassName, value, sizeof value, 0);
+  return ::fsetxattr(descriptor, ProtectionClassAttributeName, value, sizeof value, 0);
 }
 
 ssize_t FileSystemLinux::getxattr(const char* path, const char* name, void* value, std::size_t size,

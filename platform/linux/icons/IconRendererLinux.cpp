@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/icons/IconScaler.h"
 #include "platform/linux/icons/PngCodec.h"
@@ -15,7 +16,6 @@ namespace quorvel::onlinux {
 namespace {
 
 constexpr const char* IconFileKey = "PKBundleIconFile";
-constexpr const char* UsualIconName = "Icon.png";
 
 // Splits a name into the components below the bundle; false when it leaves the bundle or names
 // nothing. No link is followed later, so that ".." may be resolved in the text.

@@ -5,14 +5,13 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/plist/PropertyListFiles.h"
 
 namespace quorvel::onlinux {
 
 namespace {
-
-constexpr const char* InfoFileName = "Info.plist";
 
 class BundleLinux : public PKBundle {
  public:
@@ -50,8 +49,8 @@ class BundleLinux : public PKBundle {
   // Once only: a bundle does not change its mind between two questions.
   void read() {
     wasRead_ = true;
-    const Path file = path_.child(InfoFileName);
-    info_ = ReadDictionaryAt(directory_.get(), InfoFileName, file, ForeignKeys::refuse, nullptr);
+    const Path file = path_.child(InfoPlistName);
+    info_ = ReadDictionaryAt(directory_.get(), InfoPlistName, file, ForeignKeys::refuse, nullptr);
     // A plain path: a property list has no kind for locations.
     if (info_ != nullptr) info_->set(PKBundleInfoPlistURLKey, file.string());
     directory_.reset();

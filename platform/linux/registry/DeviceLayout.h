@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/DeviceNames.h"
 #include "platform/Path.h"
 
 namespace quorvel::onlinux {
@@ -17,13 +18,13 @@ class DeviceLayout {
   explicit DeviceLayout(std::string root) : root_(std::move(root)) {}
 
   Path registryDirectory() const {
-    return Path::directory(root_ + "/private/var/quorveld/Library/Registry");
+    return Path::directory(root_ + "/" + DaemonDirectory + RegistryDirectoryPath);
   }
   // Built-in apps.
   Path applications() const { return Path::directory(root_ + "/Applications"); }
   Path containers(ContainerKind kind) const {
     static constexpr const char* names[] = {"Bundle", "Data", "Group"};
-    return Path::directory(root_ + "/private/var/mobile/Containers/" +
+    return Path::directory(root_ + "/" + MobileHomeDirectory + ContainersPath + "/" +
                            names[static_cast<int>(kind)]);
   }
   Path container(ContainerKind kind, std::string_view name) const {

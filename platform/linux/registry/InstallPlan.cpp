@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/DeviceNames.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/registry/IntentCodec.h"
 #include "platform/linux/registry/PackageInspection.h"
@@ -76,8 +77,7 @@ void InstallPlan::moveMetadata(const AppRecord& record, const Path& item) {
 }
 
 void InstallPlan::writeMetadata(const AppRecord& record, std::string data) {
-  addStep(Kind::writeFile, record.identifier, {},
-          bundleContainer(record).child("LorvixMetadata.plist"));
+  addStep(Kind::writeFile, record.identifier, {}, bundleContainer(record).child(StoreMetadataName));
   intent_.steps.back().data = std::move(data);
 }
 

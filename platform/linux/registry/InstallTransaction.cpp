@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/DurableDirectory.h"
@@ -23,7 +24,6 @@ namespace {
 
 using Kind = InstallStep::Kind;
 
-constexpr const char* PlaceholderAttribute = "com.velto.quorveld.placeholder";
 constexpr unsigned char PlaceholderMark[4] = {1, 0, 0, 0};
 
 std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
@@ -232,7 +232,7 @@ bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
 }
 
 bool InstallTransaction::markPlaceholder(const InstallStep& step, Error* error) {
-  if (fileSystem_.setxattr(FileSystemRepresentation(step.target).c_str(), PlaceholderAttribute,
+  if (fileSystem_.setxattr(FileSystemRepresentation(step.target).c_str(), PlaceholderAttributeName,
                            PlaceholderMark, sizeof PlaceholderMark, 0, XATTR_NOFOLLOW) == 0) {
     return true;
   }

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "platform/ApplicationRegistry.h"
+#include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/PosixFailure.h"
@@ -19,9 +20,6 @@
 
 namespace quorvel::onlinux {
 namespace {
-
-constexpr const char* MetadataNames[] = {"Manifest.plist", "LorvixArtwork", "LorvixMetadata.plist",
-                                         "GeoJSON"};
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }
@@ -133,14 +131,14 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
     return SaysAbsent(errno) || SetError(error, PosixFailure(errno, staging.string()));
   }
   package->isPresent = true;
-  for (const char* name : MetadataNames) {
+  for (const char* name : StoreMetadataItemNames) {
     struct stat info {};
     if (::fstatat(directory.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
       package->metadata.emplace_back(name);
     }
   }
-  const Path payload = staging.childDirectory("Payload");
-  UniqueDescriptor bundles = OpenDirectory(directory.get(), "Payload");
+  const Path payload = staging.childDirectory(PayloadName);
+  UniqueDescriptor bundles = OpenDirectory(directory.get(), PayloadName);
   if (!bundles) {
     return SaysAbsent(errno) || SetError(error, PosixFailure(errno, payload.string()));
   }

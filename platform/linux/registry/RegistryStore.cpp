@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/DeviceNames.h"
 #include "platform/linux/files/DurableDirectory.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/registry/IntentCodec.h"
@@ -14,7 +15,6 @@
 namespace quorvel::onlinux {
 namespace {
 
-constexpr const char* DatabaseName = "registry.db";
 constexpr std::int32_t ApplicationId = 0x51565247;  // "QVRG"
 constexpr int SchemaVersion = 1;
 
@@ -67,18 +67,18 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
   const DatabaseOptions database{Schema, ApplicationId, SchemaVersion, options.readOnly,
                                  waited_ ? 0 : options.busyTimeoutMilliseconds};
   struct stat info {};
-  const std::string file = std::string(bytes.c_str()) + "/" + DatabaseName;
+  const std::string file = std::string(bytes.c_str()) + "/" + RegistryFileName;
   if (::lstat(file.c_str(), &info) != 0) {
     if (errno != ENOENT) return SetError(error, PosixFailure(errno, file));
     absent_ = options.readOnly;
     if (absent_) return true;
     if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error) ||
-        !RegistryDatabase::create(bytes.c_str(), DatabaseName, database, error)) {
+        !RegistryDatabase::create(bytes.c_str(), RegistryFileName, database, error)) {
       return false;
     }
   }
   Error failure;
-  if (database_.open(bytes.c_str(), DatabaseName, database, &failure)) return true;
+  if (database_.open(bytes.c_str(), RegistryFileName, database, &failure)) return true;
   waited_ = failure.is(PosixErrorDomain, EBUSY);
   return SetError(error, std::move(failure));
 }

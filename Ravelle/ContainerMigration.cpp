@@ -16,32 +16,6 @@ namespace {
 constexpr const char* kMigrate = "-[QVRavelle _migrateContainerWithInfo:]";
 constexpr const char* kMissed = "-[QVRavelle _containerHasMissedItems:withIdentifier:]";
 
-// A record, with its strings as paths.
-struct Container {
-  Path legacy;
-  Path bundle;
-  std::optional<Path> second;
-  std::string identifier;
-  std::string type;
-};
-
-std::string StringOf(const ContainerRecord& record, const char* key) {
-  const std::string* text = record.findString(key);
-  return text != nullptr ? *text : std::string();
-}
-
-Container ReadRecord(const ContainerRecord& record) {
-  Container container;
-  container.legacy = Path::directory(StringOf(record, RecordContainerPathKey));
-  container.bundle = Path::directory(StringOf(record, RecordBundlePathKey));
-  if (const std::string* second = record.findString(RecordSecondBundlePathKey)) {
-    container.second = Path::directory(*second);
-  }
-  container.identifier = StringOf(record, RecordBundleIdentifierKey);
-  container.type = StringOf(record, RecordContainerTypeKey);
-  return container;
-}
-
 void WriteMarker(const ContainerRecord& record, const Path& legacy) {
   if (!Platform().propertyLists->writeDictionary(record, legacy.child(MigrationMarkerName),
                                                  PropertyListFormat::xml, nullptr)) {
@@ -78,34 +52,34 @@ std::optional<Path> FindDataContainer(const std::string& identifier) {
 }
 
 // Makes sure that the registry knows the app.
-bool RegisterApp(QVRavelle& plugin, const Container& container) {
-  if (Platform().workspace->applicationIsInstalled(container.identifier)) {
+bool RegisterApp(QVRavelle& plugin, const RecordFields& fields) {
+  if (Platform().workspace->applicationIsInstalled(fields.identifier)) {
     RAVELLE_LOG(LogLevelNotice, kMigrate,
                 "QVRavelle: App %@ is already installed, so not creating placeholder.",
-                container.identifier);
+                fields.identifier);
     return true;
   }
-  return plugin._stageAndInstallPlaceholderForBundleAtURL(container.bundle, container.identifier,
-                                                          container.legacy);
+  return plugin._stageAndInstallPlaceholderForBundleAtURL(fields.bundle, fields.identifier,
+                                                          fields.container);
 }
 
 enum class Outcome { migrated, notInstalled, keptBack };
 
 // From the bundle on: everything that a bundle which is itself a placeholder does not have.
-Outcome InstallAndCheck(QVRavelle& plugin, const Container& container) {
+Outcome InstallAndCheck(QVRavelle& plugin, const RecordFields& fields) {
   std::optional<std::string> secondPath;
-  if (container.second) secondPath = container.second->string();
+  if (fields.secondBundle) secondPath = fields.secondBundle->string();
   RAVELLE_LOG(LogLevelNotice, kMigrate,
               "QVRavelle: Staging and installing app %@ at %@ (and secondary %@)",
-              container.identifier, container.bundle.string(), secondPath);
-  if (!plugin._stageAndInstallBundleAtURL(container.bundle, container.identifier, container.second,
-                                          container.legacy)) {
+              fields.identifier, fields.bundle.string(), secondPath);
+  if (!plugin._stageAndInstallBundleAtURL(fields.bundle, fields.identifier, fields.secondBundle,
+                                          fields.container)) {
     return Outcome::notInstalled;
   }
-  if (!plugin._migrateGroupContainersForIdentifier(container.identifier)) {
+  if (!plugin._migrateGroupContainersForIdentifier(fields.identifier)) {
     return Outcome::keptBack;
   }
-  if (plugin._containerHasMissedItems(container.legacy, container.identifier)) {
+  if (plugin._containerHasMissedItems(fields.container, fields.identifier)) {
     return Outcome::keptBack;
   }
   return Outcome::migrated;
@@ -132,27 +106,27 @@ bool RemoveContainer(QVFileManager& files, const Path& legacy, bool isPlaceholde
 }  // namespace
 
 bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
-  const Container container = ReadRecord(record);
+  const RecordFields fields = FieldsOf(record);
   // Before anything on disk changes: the bundle will be moved.
-  const bool isPlaceholder = files_.bundleAtURLIsPlaceholder(container.bundle);
-  WriteMarker(record, container.legacy);
-  if (container.type == ContainerTypeApp && !RegisterApp(*this, container)) return false;
-  const std::optional<Path> dataContainer = FindDataContainer(container.identifier);
+  const bool isPlaceholder = files_.bundleAtURLIsPlaceholder(fields.bundle);
+  WriteMarker(record, fields.container);
+  if (fields.isApp() && !RegisterApp(*this, fields)) return false;
+  const std::optional<Path> dataContainer = FindDataContainer(fields.identifier);
   if (!dataContainer) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Moving data from container %@ to %@",
-              container.legacy.string(), dataContainer->string());
-  if (!_migrateDataContainerForIdentifier(container.identifier, container.legacy, *dataContainer)) {
+              fields.container.string(), dataContainer->string());
+  if (!_migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer)) {
     return false;
   }
-  const Outcome outcome = isPlaceholder ? Outcome::migrated : InstallAndCheck(*this, container);
+  const Outcome outcome = isPlaceholder ? Outcome::migrated : InstallAndCheck(*this, fields);
   if (outcome == Outcome::keptBack) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Removing container for %@ at %@",
-              container.identifier, container.legacy.string());
+              fields.identifier, fields.container.string());
   Error error;
-  if (!IsLegacyContainer(files_, container.legacy, configuration_.oldContainerPath(), &error) ||
-      !RemoveContainer(files_, container.legacy, isPlaceholder, &error)) {
+  if (!IsLegacyContainer(files_, fields.container, configuration_.oldContainerPath(), &error) ||
+      !RemoveContainer(files_, fields.container, isPlaceholder, &error)) {
     RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to remove container %@ : %@",
-                container.legacy.string(), error);
+                fields.container.string(), error);
   }
   return outcome == Outcome::migrated;
 }

@@ -16,12 +16,6 @@ constexpr const char* kPerform = "-[QVRavelle performMigration]";
 constexpr float kBaseDuration = 20.0F;
 constexpr float kDurationPerItem = 2.25F;
 
-// A record was validated or built with its strings; an empty one only stands in for a fault.
-std::string_view RecordString(const ContainerRecord& record, const char* key) {
-  const std::string* text = record.findString(key);
-  return text != nullptr ? std::string_view(*text) : std::string_view();
-}
-
 }  // namespace
 
 QVRavelle::QVRavelle(const QVGlobalConfiguration& configuration)
@@ -154,8 +148,9 @@ std::deque<ContainerRecord> QVRavelle::buildWorkList() {
 bool QVRavelle::migrateRecords(const std::deque<ContainerRecord>& workList) {
   bool allMigrated = true;
   for (const ContainerRecord& record : workList) {
-    const std::string_view identifier = RecordString(record, RecordBundleIdentifierKey);
-    const std::string_view bundle = RecordString(record, RecordBundlePathKey);
+    const RecordFields fields = FieldsOf(record);
+    const std::string& identifier = fields.identifier;
+    const std::string& bundle = fields.bundle.string();
     RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Migrating %@ at %@", identifier, bundle);
     if (!_migrateContainerWithInfo(record)) {
       RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Migration of %@ at %@ failed", identifier,

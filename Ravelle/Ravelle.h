@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "Ravelle/ContainerRecord.h"
 #include "platform/DeviceNames.h"
 #include "platform/MigrationHost.h"
 #include "platform/Path.h"
@@ -28,18 +29,6 @@
 #include "shared/filemanager/QVFileManager.h"
 
 namespace quorvel {
-
-// What one legacy container is: the keys below, and any others that its marker held.
-using ContainerRecord = PlistDictionary;
-
-inline constexpr const char* RecordContainerPathKey = "ContainerPath";
-inline constexpr const char* RecordBundlePathKey = "BundlePath";
-inline constexpr const char* RecordContainerTypeKey = "ContainerType";
-inline constexpr const char* RecordBundleIdentifierKey = "BundleIdentifier";
-inline constexpr const char* RecordSecondBundlePathKey = "SecondBundlePath";  // optional
-
-inline constexpr const char* ContainerTypeApp = "App";
-inline constexpr const char* ContainerTypeVPNBundle = "VPNBundle";
 
 class QVRavelle final : public MigratorPlugin {
  public:

@@ -14,6 +14,7 @@
 #include "platform/Icon.h"
 #include "platform/InstallationService.h"
 #include "platform/Log.h"
+#include "platform/MigrationAccount.h"
 #include "platform/MigrationHost.h"
 #include "platform/MountTable.h"
 #include "platform/PreferencesStore.h"
@@ -27,6 +28,7 @@ namespace quorvel {
 struct PlatformServices {
   LogWriter* log = nullptr;
   HostLogWriter* hostLog = nullptr;
+  MigrationAccount* account = nullptr;  // may be null in every program
   ApplicationWorkspace* workspace = nullptr;
   InstallationService* installationService = nullptr;
   BundleReader* bundles = nullptr;

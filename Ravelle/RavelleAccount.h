@@ -1,0 +1,41 @@
+// The plug-in's facts in the host's account.
+#pragma once
+
+#include <utility>
+
+#include "platform/MigrationAccount.h"
+#include "platform/Path.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+// The host's account, or one that nobody reads.
+inline MigrationAccount& Account() {
+  static MigrationAccount unread;
+  MigrationAccount* account = Platform().account;
+  return account != nullptr ? *account : unread;
+}
+
+// What ends the container's migration, or makes the run fail.
+inline void TellProblem(MigrationStep step, MigrationReason reason, const Path& path,
+                        const Error& error = {}) {
+  Account().problem({.step = step, .reason = reason, .path = path.string(), .error = error});
+}
+
+// What is worth knowing, and ends nothing.
+inline void TellNote(MigrationStep step, MigrationReason reason, const Path& path,
+                     const Error& error = {}) {
+  Account().problem(
+      {.step = step, .reason = reason, .path = path.string(), .error = error, .stops = false});
+}
+
+// Runs one step, and hands back what it hands back: whether it succeeded, or what it found.
+template <class Step>
+auto InStep(MigrationStep step, Step&& run) {
+  Account().stepBegan(step);
+  auto result = std::forward<Step>(run)();
+  Account().stepEnded(step, static_cast<bool>(result));
+  return result;
+}
+
+}  // namespace quorvel

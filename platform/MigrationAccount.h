@@ -1,0 +1,204 @@
+// What a migration tells its host while it runs: facts, where the log has lines for people.
+//
+// Why a service: whoever reports a migration, to a person or a program, needs to know what became
+// of each container and why. A host that reports nothing installs none.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/Error.h"
+
+namespace quorvel {
+
+// The steps of one container, in their order.
+enum class MigrationStep {
+  introspect,   // what is it
+  marker,       // its record is written into it
+  placeholder,  // the registry gets to know the app, and tells its data container
+  data,
+  stage,
+  install,
+  groups,
+  missedItems,
+  removal,
+};
+
+// What became of an entry of the legacy applications directory.
+enum class MigrationOutcome {
+  migrated,  // all of it arrived, and the entry is gone
+  resumed,   // the same, begun by an earlier run
+  removed,   // nothing could be made of it, and it is gone
+  left,      // it was not begun and stays as it is
+  failed,    // it was begun; whether it stays is told with it
+};
+
+// Why something did not go as it should. Each code means one thing at whatever step it occurs; the
+// errno or the registry's code is in the Error that comes with it.
+enum class MigrationReason {
+  none,
+  // Of the container itself.
+  strayFile,         // no directory
+  farewellFile,      // left by the former service
+  vanished,          // gone before it was looked at
+  link,              // a symbolic link where none is followed
+  cannotBeListed,    // the container
+  cannotBeExamined,  // one of its items
+  bundleUnreadable,  // what is in the bundle is not known
+  bundleUnusable,    // it is certain that the bundle has no identifier
+  markerUnreadable,  // what is in the marker is not known
+  markerDamaged,     // it is certain that the marker is no record
+  noBundle,          // nothing that could be migrated
+  markerNotWritten,  // the record is not in the container
+  foreignMarker,     // its marker names another container
+  // Of the app and its data.
+  placeholderFailed,   // could not be put together
+  placeholderRefused,  // by the registry
+  iconFailed,
+  metadataUnreadable,
+  noRecord,  // the registry does not know the identifier
+  noDataContainer,
+  notMoved,  // an item, and where it should have gone
+  notFlushed,
+  stagingFailed,
+  installRefused,
+  newerBuiltIn,   // the system carries a newer copy: the bundle is obsolete
+  groupsUnknown,  // the registry cannot tell the app's groups
+  missedItems,    // items that no step moves
+  notRemoved,
+  // Of groups, harbors and the run.
+  entryDamaged,  // of a map
+  notThere,      // what a map names
+  mapUnreadable,
+  harborRefused,
+  protectionRefused,  // the update of data protection
+  unclaimed,          // a group of no migrated app
+  inUse,              // a group's directory that is, holds or lies in what the system uses
+};
+
+// The words for these in results, the same everywhere.
+inline constexpr std::array<const char*, 9> MigrationStepNames = {
+    "introspect", "marker", "placeholder",  "data",   "stage",
+    "install",    "groups", "missed-items", "removal"};
+inline constexpr std::array<const char*, 5> MigrationOutcomeNames = {"migrated", "resumed",
+                                                                     "removed", "left", "failed"};
+inline constexpr std::array<const char*, 35> MigrationReasonNames = {"none",
+                                                                     "stray-file",
+                                                                     "farewell-file",
+                                                                     "vanished",
+                                                                     "link",
+                                                                     "cannot-be-listed",
+                                                                     "cannot-be-examined",
+                                                                     "bundle-unreadable",
+                                                                     "bundle-unusable",
+                                                                     "marker-unreadable",
+                                                                     "marker-damaged",
+                                                                     "no-bundle",
+                                                                     "marker-not-written",
+                                                                     "foreign-marker",
+                                                                     "placeholder-failed",
+                                                                     "placeholder-refused",
+                                                                     "icon-failed",
+                                                                     "metadata-unreadable",
+                                                                     "no-record",
+                                                                     "no-data-container",
+                                                                     "not-moved",
+                                                                     "not-flushed",
+                                                                     "staging-failed",
+                                                                     "install-refused",
+                                                                     "newer-built-in",
+                                                                     "groups-unknown",
+                                                                     "missed-items",
+                                                                     "not-removed",
+                                                                     "entry-damaged",
+                                                                     "not-there",
+                                                                     "map-unreadable",
+                                                                     "harbor-refused",
+                                                                     "protection-refused",
+                                                                     "unclaimed",
+                                                                     "in-use"};
+
+constexpr const char* NameOf(MigrationStep step) {
+  return MigrationStepNames[static_cast<std::size_t>(step)];
+}
+constexpr const char* NameOf(MigrationOutcome outcome) {
+  return MigrationOutcomeNames[static_cast<std::size_t>(outcome)];
+}
+constexpr const char* NameOf(MigrationReason reason) {
+  return MigrationReasonNames[static_cast<std::size_t>(reason)];
+}
+
+// An entry of the legacy applications directory.
+struct AccountedContainer {
+  std::size_t index = 0;     // from 0, in the order in which they were found
+  std::string path{};        // the entry's own, whatever its marker says
+  std::string identifier{};  // empty while it is not known
+  bool resumed = false;      // its record comes from a marker
+};
+
+// Something that did not go as it should.
+struct MigrationProblem {
+  MigrationStep step = MigrationStep::introspect;
+  MigrationReason reason = MigrationReason::none;
+  std::string path{};                // what it is about; empty when that is no item on disk
+  Error error{};                     // without a record where nothing more is known
+  std::vector<std::string> items{};  // names, where the reason is about several
+  bool stops = true;                 // the container goes no further, or the run fails
+};
+
+// What went with something that was removed although not all of it had arrived elsewhere.
+struct MigrationLoss {
+  std::string path{};
+  std::uint64_t files = 0;                   // links and special files included
+  std::uint64_t bytes = 0;                   // of regular files
+  std::vector<std::string> userDataItems{};  // those of the user data items that were in it
+  bool complete = true;                      // false: the tree could not be counted whole
+};
+
+// What became of one group container or safe harbor.
+struct MigratedDirectory {
+  std::string identifier{};
+  std::string path{};         // where it was; empty when its map does not say
+  std::string destination{};  // where a group's items went; empty when that was not reached
+  MigrationOutcome outcome = MigrationOutcome::migrated;  // migrated, left or failed
+  MigrationReason reason = MigrationReason::none;
+  Error error{};
+};
+
+// Something that stays on the device and that no later run takes care of by itself.
+struct LeftBehind {
+  std::string path{};
+  MigrationReason why = MigrationReason::none;
+};
+
+// Told in the order in which things happen, on the thread that drives the plug-in. A container
+// that is looked at begins; one that is to be migrated begins again, with its identifier, when its
+// turn comes, and every other one ends at once. Everything told in between belongs to it, and
+// everything else to the run. What an implementation does not care for it leaves out. Nothing is
+// thrown; nothing here calls back into the plug-in.
+class MigrationAccount {
+ public:
+  virtual ~MigrationAccount() = default;
+
+  // Once, by the plug-in's initialisation, when there is anything: entries found, links left out.
+  virtual void itemsFound(std::size_t /*count*/) {}
+
+  virtual void containerBegan(const AccountedContainer& /*container*/) {}
+  // Also around what a step does not get to do: a step that was begun ends.
+  virtual void stepBegan(MigrationStep /*step*/) {}
+  virtual void stepEnded(MigrationStep /*step*/, bool /*succeeded*/) {}
+  // Where the container's data goes.
+  virtual void dataContainerFound(const std::string& /*path*/) {}
+  virtual void problem(const MigrationProblem& /*problem*/) {}
+  virtual void lost(const MigrationLoss& /*loss*/) {}
+  virtual void containerEnded(MigrationOutcome /*outcome*/) {}
+
+  // Each once for every attempt to move a group, and for every entry of the harbor map.
+  virtual void groupEnded(const MigratedDirectory& /*group*/) {}
+  virtual void harborEnded(const MigratedDirectory& /*harbor*/) {}
+  virtual void leftBehind(const LeftBehind& /*item*/) {}
+};
+
+}  // namespace quorvel

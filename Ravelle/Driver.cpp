@@ -59,7 +59,7 @@ void QVRavelle::removeEmptyLegacyDirectory() {
 
 void QVRavelle::loadInstallMap() {
   const Path file = configuration_.oldInstallMapPath();
-  const auto map = Platform().propertyLists->readDictionary(file, ForeignKeys::count, nullptr);
+  const auto map = Platform().propertyLists->readDictionary(file, nullptr);
   if (!map) {
     RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: Old install map not found at %@", file.string());
     return;
@@ -79,7 +79,7 @@ void QVRavelle::loadInstallMap() {
 void QVRavelle::loadHarborMap() {
   const Path file = configuration_.oldDataDirectoryPath().child(HarborMapName);
   if (files_.itemDoesNotExistAtURL(file)) return;
-  const auto map = Platform().propertyLists->readDictionary(file, ForeignKeys::count, nullptr);
+  const auto map = Platform().propertyLists->readDictionary(file, nullptr);
   if (map) {
     _harborMap = std::move(*map);
   } else {

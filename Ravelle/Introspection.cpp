@@ -211,7 +211,7 @@ std::optional<std::string> QVRavelle::_bundleIdentifierForBundle(const Path& bun
 
 std::optional<ContainerRecord> QVRavelle::_loadAndValidateMigrationMarkerAtURL(const Path& marker) {
   std::unique_ptr<PlistDictionary> record =
-      Platform().propertyLists->readDictionary(marker, ForeignKeys::refuse, nullptr);
+      Platform().propertyLists->readDictionary(marker, nullptr);
   if (!record) {
     RAVELLE_LOG(LogLevelError, kLoadMarker,
                 "QVRavelle: Failed to load migration marker file from %@", marker);

@@ -22,7 +22,7 @@ inline void RequireRoundTrip(const PlistValue& value) {
     std::vector<std::uint8_t> written;
     Error error;
     if (onlinux::SerializePropertyList(value, format, written, &error)) {
-      const auto again = onlinux::ParsePropertyList(written, ForeignKeys::refuse, &error);
+      const auto again = onlinux::ParsePropertyList(written, &error);
       Require(again != nullptr && *again == value);
     } else {
       Require(format == PropertyListFormat::xml &&
@@ -31,14 +31,12 @@ inline void RequireRoundTrip(const PlistValue& value) {
   }
 }
 
-// Reads the bytes under both policies: each gives a value that survives writing, or an error.
+// Reads the bytes: this gives a value that survives writing, or an error.
 inline void RequireReadable(std::span<const std::uint8_t> bytes) {
-  for (const auto policy : {ForeignKeys::refuse, ForeignKeys::count}) {
-    Error error;
-    const std::unique_ptr<PlistValue> value = onlinux::ParsePropertyList(bytes, policy, &error);
-    Require((value == nullptr) == static_cast<bool>(error));
-    if (value != nullptr) RequireRoundTrip(*value);
-  }
+  Error error;
+  const std::unique_ptr<PlistValue> value = onlinux::ParsePropertyList(bytes, &error);
+  Require((value == nullptr) == static_cast<bool>(error));
+  if (value != nullptr) RequireRoundTrip(*value);
 }
 
 }  // namespace quorvel::fuzzing

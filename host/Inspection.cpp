@@ -169,7 +169,7 @@ std::string Inspector::vpnAction(const std::string& identifier, const Path& bund
 
 // The record of a migration that was begun, when the marker can be used.
 std::optional<PlistDictionary> Inspector::marker(const Path& file) {
-  auto dictionary = services_.propertyLists->readDictionary(file, ForeignKeys::refuse, nullptr);
+  auto dictionary = services_.propertyLists->readDictionary(file, nullptr);
   if (dictionary == nullptr) return std::nullopt;
   for (const char* key : {"BundlePath", "ContainerType", "ContainerPath", "BundleIdentifier"}) {
     if (dictionary->findString(key) == nullptr) return std::nullopt;
@@ -204,7 +204,7 @@ const BundleProxy* Inspector::record(const std::string& identifier) const {
 // Reads a map of identifiers to dictionaries that hold a path: the file's root, or a section of it.
 void Inspector::readMap(const Path& file, const char* section, const char* pathKey,
                         std::vector<InspectedDirectory>& out) {
-  const auto root = services_.propertyLists->readDictionary(file, ForeignKeys::count, nullptr);
+  const auto root = services_.propertyLists->readDictionary(file, nullptr);
   if (root == nullptr) return;
   const PlistDictionary* map = root.get();
   if (section != nullptr) {

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "platform/Error.h"
 #include "platform/Path.h"
 #include "platform/PlistValue.h"
 
@@ -22,22 +23,28 @@ class PKBundle {
  public:
   virtual ~PKBundle() = default;
   virtual const Path& path() const = 0;
-  // The value of PKBundleIdentifierKey when it is a string; null otherwise. Owned by the bundle.
-  virtual const std::string* identifier() = 0;
-  // The whole dictionary, with PKBundleInfoPlistURLKey added; null when there is none or it
-  // cannot be read. Owned by the bundle.
-  virtual const PlistDictionary* infoDictionary() = 0;
-  // A new value holding those of the keys that the dictionary has; null when it cannot be read.
-  // A dictionary, unless the platform misbehaves.
-  virtual std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>& keys) = 0;
+  // The three below give null with an Error whose meaning is that of
+  // PropertyListStore::readDictionary(). The file is read once, at the first question; a failure
+  // is remembered and told again.
+
+  // The string under PKBundleIdentifierKey, which may be empty. A dictionary that was read and has
+  // no string there is PlatformPropertyListReadCorruptError. Owned by the bundle.
+  virtual const std::string* identifier(Error* error = nullptr) = 0;
+  // The whole dictionary, with PKBundleInfoPlistURLKey added. Owned by the bundle.
+  virtual const PlistDictionary* infoDictionary(Error* error = nullptr) = 0;
+  // A new value holding those of the keys that the dictionary has. A dictionary, unless the
+  // platform misbehaves.
+  virtual std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>& keys,
+                                                   Error* error = nullptr) = 0;
 };
 
 class BundleReader {
  public:
   virtual ~BundleReader() = default;
-  // A new bundle object for the directory, or null when the path is no directory that can be
-  // opened. A link is not followed. The info dictionary is read when first asked for.
-  virtual std::unique_ptr<PKBundle> open(const Path& directory) = 0;
+  // A new bundle object for the directory. A link is not followed. The info dictionary is read
+  // when first asked for. Null with PosixErrorDomain: ENOENT or ENOTDIR when there is no such
+  // directory, anything else (ELOOP for a link) when it is not known what there is.
+  virtual std::unique_ptr<PKBundle> open(const Path& directory, Error* error = nullptr) = 0;
 };
 
 }  // namespace quorvel

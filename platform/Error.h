@@ -6,6 +6,7 @@
 // add where the failure was reported; platform implementations build theirs here.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -119,6 +120,14 @@ inline const char* ErrnoText(int result, const char* buffer) {
 inline std::string ErrnoDescription(int number) {
   char buffer[256] = "";
   return error_detail::ErrnoText(::strerror_r(number, buffer, sizeof buffer), buffer);
+}
+
+// Whether a file or directory whose reading failed is certain to be of no use: it is absent, or it
+// was read whole and is not what it should be. Only then may anything be removed on account of
+// the failure. Every other Error, one without a record included, says that nothing is known.
+inline bool IsCertainlyUnusable(const Error& error) {
+  return error.is(PosixErrorDomain, ENOENT) || error.is(PosixErrorDomain, ENOTDIR) ||
+         error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError);
 }
 
 // Fills an optional out-parameter. Returns false, so that a failing operation can end with it.

@@ -13,22 +13,22 @@ namespace quorvel {
 
 enum class PropertyListFormat { xml, binary };
 
-// What a reader does with dictionary keys that are no strings.
-enum class ForeignKeys {
-  refuse,  // the file is damaged: fail
-  count,   // pass over the entry and count it in PlistDictionary::foreignKeyCount()
-};
-
 // Any thread may call; no state is kept between calls.
 class PropertyListStore {
  public:
   virtual ~PropertyListStore() = default;
 
-  // Reads a file of either encoding whose root is a dictionary. Null with an Error when the file
-  // cannot be read (PosixErrorDomain), or is no property list, is not whole, is unreasonably deep
-  // or large, or has another root (PlatformPropertyListReadCorruptError). A link is not followed.
-  virtual std::unique_ptr<PlistDictionary> readDictionary(const Path& file, ForeignKeys policy,
-                                                          Error* error) = 0;
+  // Reads a file of either encoding whose root is a dictionary. A link is not followed. Dictionary
+  // keys that are no strings are passed over and counted (PlistDictionary::foreignKeyCount()).
+  // Null with an Error, which is that of the one attempt to read and says what is known
+  // (IsCertainlyUnusable()):
+  //   - PosixErrorDomain ENOENT or ENOTDIR: there is no such file
+  //   - PlatformPropertyListReadCorruptError: the file was read whole and is no property list, is
+  //     damaged, or has another root
+  //   - anything else in PosixErrorDomain: not known. The file could not be read, is no regular
+  //     file, memory ran out (ENOMEM), it is larger (EFBIG) or holds more or deeper values (E2BIG)
+  //     than this reader takes, or uses what this reader does not support (ENOTSUP)
+  virtual std::unique_ptr<PlistDictionary> readDictionary(const Path& file, Error* error) = 0;
 
   // Writes the dictionary, replacing the file in one rename: a reader sees the old file or the
   // new one whole. The new content is on stable storage before the rename; the rename itself once

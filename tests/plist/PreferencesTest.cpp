@@ -169,7 +169,7 @@ TEST_F(PreferencesOnDisk, FilesStandWhereOthersLookForThem) {
   ::umask(previous);
   onlinux::PropertyListFiles lists;
   const auto read = [&](const std::string& name) {
-    return lists.readDictionary(Path::file(name), ForeignKeys::refuse, nullptr);
+    return lists.readDictionary(Path::file(name), nullptr);
   };
   ASSERT_TRUE(read(file()) != nullptr);
   EXPECT_TRUE(*read(file()) == PlistDictionary({{"k", 1}}));

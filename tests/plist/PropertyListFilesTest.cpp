@@ -86,7 +86,7 @@ TEST_F(FilesTest, WritesReadsAndReplaces) {
     Error error;
     EXPECT_TRUE(lists_.writeDictionary(dictionary, file_, format, &error));
     EXPECT_FALSE(error);
-    const auto read = lists_.readDictionary(file_, ForeignKeys::refuse, &error);
+    const auto read = lists_.readDictionary(file_, &error);
     ASSERT_TRUE(read != nullptr) << error.description();
     EXPECT_TRUE(*read == dictionary);
     EXPECT_EQ(ModeOf(file_.string()), 0644U);
@@ -98,23 +98,22 @@ TEST_F(FilesTest, WritesReadsAndReplaces) {
 TEST_F(FilesTest, SaysWhyAFileCannotBeRead) {
   Error error;
   for (const auto& [name, failure] : makeForeignKinds()) {
-    EXPECT_EQ(lists_.readDictionary(Path::file(tree_.at(name)), ForeignKeys::count, &error),
-              nullptr);
+    EXPECT_EQ(lists_.readDictionary(Path::file(tree_.at(name)), &error), nullptr);
     EXPECT_TRUE(error.is(PosixErrorDomain, failure)) << name << ": " << error.description();
     EXPECT_EQ(data_.readWholeFile(Path::file(tree_.at(name)), &error), nullptr);
     EXPECT_TRUE(error.is(PosixErrorDomain, failure)) << name << ": " << error.description();
   }
-  EXPECT_EQ(lists_.readDictionary(file_, ForeignKeys::refuse, &error), nullptr);
+  EXPECT_EQ(lists_.readDictionary(file_, &error), nullptr);
   EXPECT_TRUE(error.is(PosixErrorDomain, ENOENT));
   for (const char* text : {"", "garbage", "<plist><array/></plist>", "<plist><dict>", "bplist00"}) {
     tree_.write("list.plist", text);
-    EXPECT_EQ(lists_.readDictionary(file_, ForeignKeys::refuse, &error), nullptr);
+    EXPECT_EQ(lists_.readDictionary(file_, &error), nullptr);
     EXPECT_TRUE(error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError)) << text;
   }
   // Sparse: refused by its size, without being read.
   ASSERT_EQ(::truncate(file_.string().c_str(), off_t{1} << 40U), 0);
-  EXPECT_EQ(lists_.readDictionary(file_, ForeignKeys::refuse, &error), nullptr);
-  EXPECT_TRUE(error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError));
+  EXPECT_EQ(lists_.readDictionary(file_, &error), nullptr);
+  EXPECT_TRUE(error.is(PosixErrorDomain, EFBIG));
   EXPECT_EQ(data_.readWholeFile(file_, &error), nullptr);
   EXPECT_TRUE(error.is(PosixErrorDomain, EFBIG));
 }
@@ -222,7 +221,7 @@ TEST_F(FilesTest, PermissionsAreRespected) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs a second user";
   EXPECT_TRUE(AsNobody([&] {
     Error read, whole, write;
-    return lists_.readDictionary(file_, ForeignKeys::refuse, &read) == nullptr &&
+    return lists_.readDictionary(file_, &read) == nullptr &&
            data_.readWholeFile(file_, &whole) == nullptr &&
            !data_.writeAtomically({}, file_, &write) && read.is(PosixErrorDomain, EACCES) &&
            whole.is(PosixErrorDomain, EACCES) && write.is(PosixErrorDomain, EACCES);
@@ -312,7 +311,7 @@ TEST_F(FilesTest, BundlesReadTheirInfoOnceAndKeepIt) {
   const Path info = directory.child("Info.plist");
   ASSERT_TRUE(lists_.writeDictionary({{"PKBundleIdentifier", "com.example.a"}, {"b", 2}, {"c", 3}},
                                      info, PropertyListFormat::binary, nullptr));
-  const auto bundle = reader.open(directory);
+  const auto bundle = reader.open(directory, nullptr);
   ASSERT_TRUE(bundle != nullptr);
   EXPECT_EQ(bundle->path(), directory);
   // The bundle goes on with the directory that it opened.
@@ -328,31 +327,57 @@ TEST_F(FilesTest, BundlesReadTheirInfoOnceAndKeepIt) {
   EXPECT_TRUE(*filtered == PlistValue(PlistDictionary{{"b", 2}}));
 }
 
+// A container is removed on what these answers say.
 TEST_F(FilesTest, BundlesThatAreNone) {
   BundleReaderLinux reader;
-  for (const auto& [name, failure] : makeForeignKinds()) {
-    if (name == "directory") continue;
-    EXPECT_EQ(reader.open(Path::directory(tree_.at(name))), nullptr) << name;
-  }
-  fs::create_directory_symlink("directory", tree_.at("link to directory"));
-  EXPECT_EQ(reader.open(Path::directory(tree_.at("link to directory"))), nullptr);
-  const auto answers = [&](const char* info) {
-    if (info != nullptr) tree_.write("directory/Info.plist", info);
-    const auto bundle = reader.open(Path::directory(tree_.at("directory")));
-    return std::pair(bundle->identifier() != nullptr,
-                     bundle->infoDictionary() != nullptr && bundle->filteredInfo({}) != nullptr);
+  Error error;
+  const auto opens = [&](const std::string& name) {
+    error = {};
+    return reader.open(Path::directory(tree_.at(name)), &error) != nullptr;
   };
-  EXPECT_EQ(answers(nullptr), std::pair(false, false));
-  EXPECT_EQ(answers(""), std::pair(false, false));
-  EXPECT_EQ(answers("<plist><array/></plist>"), std::pair(false, false));
-  EXPECT_EQ(answers("<plist><dict/></plist>"), std::pair(false, true));
+  makeForeignKinds();
+  fs::create_directory_symlink("directory", tree_.at("link to directory"));
+  for (const char* name : {"real", "fifo", "real/child", "nothing"}) {
+    EXPECT_FALSE(opens(name)) << name;
+    EXPECT_TRUE(IsCertainlyUnusable(error)) << name << ": " << error.description();
+  }
+  for (const char* name : {"link", "link to directory"}) {
+    EXPECT_FALSE(opens(name)) << name;
+    EXPECT_TRUE(error.is(PosixErrorDomain, ELOOP)) << name << ": " << error.description();
+    EXPECT_FALSE(IsCertainlyUnusable(error));
+  }
+  EXPECT_FALSE(IsCertainlyUnusable(Error()));
+
+  // 'i' when the identifier could be read, 'd' when only the dictionary could; when neither, '!'
+  // for what is certainly no info dictionary, '?' otherwise.
+  const auto answer = [&](const char* info) {
+    if (info != nullptr) tree_.write("directory/Info.plist", info);
+    const auto bundle = reader.open(Path::directory(tree_.at("directory")), nullptr);
+    Error whole, filtered, none;
+    const bool read = bundle->infoDictionary(&whole) != nullptr;
+    EXPECT_EQ(bundle->filteredInfo({}, &filtered) != nullptr, read);
+    EXPECT_EQ(whole.code(), filtered.code());
+    if (bundle->identifier(&none) != nullptr) return 'i';
+    EXPECT_TRUE(!read || none.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError));
+    EXPECT_TRUE(read || none.code() == whole.code());
+    if (read) return 'd';
+    return IsCertainlyUnusable(whole) ? '!' : '?';
+  };
+  EXPECT_EQ(answer(nullptr), '!');
+  EXPECT_EQ(answer(""), '!');
+  EXPECT_EQ(answer("<plist><array/></plist>"), '!');
+  EXPECT_EQ(answer("<plist><dict/></plist>"), 'd');
   const std::string start = "<plist><dict><key>PKBundleIdentifier</key>", end = "</dict></plist>";
-  EXPECT_EQ(answers((start + "<integer>1</integer>" + end).c_str()), std::pair(false, true));
-  EXPECT_EQ(answers((start + "<string></string>" + end).c_str()), std::pair(false, true));
-  EXPECT_EQ(answers((start + "<string>a</string>" + end).c_str()), std::pair(true, true));
-  fs::remove(tree_.at("directory/Info.plist"));
-  fs::create_symlink("../real", tree_.at("directory/Info.plist"));
-  EXPECT_EQ(answers(nullptr), std::pair(false, false));
+  EXPECT_EQ(answer((start + "<integer>1</integer>" + end).c_str()), 'd');
+  EXPECT_EQ(answer((start + "<string></string>" + end).c_str()), 'i');
+  EXPECT_EQ(answer((start + "<string>a</string>" + end).c_str()), 'i');
+  const std::string info = tree_.at("directory/Info.plist");
+  fs::remove(info);
+  fs::create_symlink("../real", info);
+  EXPECT_EQ(answer(nullptr), '?');
+  fs::remove(info);
+  fs::create_directory(info);
+  EXPECT_EQ(answer(nullptr), '?');
 }
 
 }  // namespace

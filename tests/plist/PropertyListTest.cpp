@@ -355,7 +355,7 @@ TEST(PropertyList, EveryChangedByteIsRefusedOrRead) {
       for (int byte = 0; byte < 256; byte += format == PropertyListFormat::xml ? 5 : 1) {
         std::string changed = whole;
         changed[at] = static_cast<char>(byte);
-        const auto value = Read(changed, ForeignKeys::count);
+        const auto value = Read(changed);
         if (value) {
           EXPECT_TRUE(Read(Written(*value, PropertyListFormat::binary)) == *value);
         } else {

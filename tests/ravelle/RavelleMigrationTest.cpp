@@ -354,8 +354,8 @@ TEST_F(MigrationTest, PlaceholderHoldsOnlyTheIdentityThatTheAppHas) {
   markAsPlaceholder(legacy("A") + "/Foo.app");
   EXPECT_TRUE(migrateContainer("A"));
   const auto proxy = workspace_.bundleProxyForIdentifier("com.example.a");
-  const auto info = platform_.propertyLists.readDictionary(proxy->bundlePath->child("Info.plist"),
-                                                           ForeignKeys::refuse, nullptr);
+  const auto info =
+      platform_.propertyLists.readDictionary(proxy->bundlePath->child("Info.plist"), nullptr);
   ASSERT_NE(info, nullptr);
   EXPECT_EQ(*info, (PlistDictionary{{"PKBundleIdentifier", "com.example.a"},
                                     {"PKBundleExecutable", "Foo"},

@@ -383,7 +383,7 @@ TEST_F(InfoDictionaries, EachFailureIsOneLine) {
 // A reader that notices when two bundles are open at the same time.
 class ExclusiveReader final : public BundleReader {
  public:
-  std::unique_ptr<PKBundle> open(const Path& directory) override {
+  std::unique_ptr<PKBundle> open(const Path& directory, Error*) override {
     return std::make_unique<Bundle>(*this, directory);
   }
   std::atomic<int> open_{0};
@@ -398,9 +398,9 @@ class ExclusiveReader final : public BundleReader {
     }
     ~Bundle() override { reader_.open_.fetch_sub(1); }
     const Path& path() const override { return path_; }
-    const std::string* identifier() override { return nullptr; }
-    const PlistDictionary* infoDictionary() override { return &info_; }
-    std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>&) override {
+    const std::string* identifier(Error*) override { return nullptr; }
+    const PlistDictionary* infoDictionary(Error*) override { return &info_; }
+    std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>&, Error*) override {
       std::this_thread::sleep_for(std::chrono::microseconds(50));
       return std::make_unique<PlistValue>(info_);
     }

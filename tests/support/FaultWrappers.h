@@ -190,9 +190,8 @@ class FaultyTreeWalker final : public TreeWalker {
 class FaultyPropertyListStore final : public PropertyListStore {
  public:
   FaultyPropertyListStore(PropertyListStore& real, Fault& fault) : real_(real), fault_(fault) {}
-  std::unique_ptr<PlistDictionary> readDictionary(const Path& file, ForeignKeys policy,
-                                                  Error* error) override {
-    if (!fault_.strikes("readDictionary")) return real_.readDictionary(file, policy, error);
+  std::unique_ptr<PlistDictionary> readDictionary(const Path& file, Error* error) override {
+    if (!fault_.strikes("readDictionary")) return real_.readDictionary(file, error);
     SetError(error, onlinux::PosixFailure(fault_.errorNumber(), file.string()));
     return nullptr;
   }
@@ -230,14 +229,15 @@ class FaultyFileData final : public FileData {
   Fault& fault_;
 };
 
-// Operations: "open", "identifier", "infoDictionary", "filteredInfo" (no value), and
-// "filteredInfo type" (a value that is no dictionary).
+// Operations: "open", "identifier", "infoDictionary", "filteredInfo" (no value, and a
+// PosixErrorDomain record of the fault's number), and "filteredInfo type" (a value that is no
+// dictionary).
 class FaultyBundleReader final : public BundleReader {
  public:
   FaultyBundleReader(BundleReader& real, Fault& fault) : real_(real), fault_(fault) {}
-  std::unique_ptr<PKBundle> open(const Path& directory) override {
-    if (fault_.strikes("open")) return nullptr;
-    auto bundle = real_.open(directory);
+  std::unique_ptr<PKBundle> open(const Path& directory, Error* error) override {
+    if (strikes(fault_, "open", error)) return nullptr;
+    auto bundle = real_.open(directory, error);
     return bundle ? std::make_unique<Bundle>(std::move(bundle), fault_) : nullptr;
   }
 
@@ -246,22 +246,29 @@ class FaultyBundleReader final : public BundleReader {
    public:
     Bundle(std::unique_ptr<PKBundle> real, Fault& fault) : real_(std::move(real)), fault_(fault) {}
     const Path& path() const override { return real_->path(); }
-    const std::string* identifier() override {
-      return fault_.strikes("identifier") ? nullptr : real_->identifier();
+    const std::string* identifier(Error* error) override {
+      return strikes(fault_, "identifier", error) ? nullptr : real_->identifier(error);
     }
-    const PlistDictionary* infoDictionary() override {
-      return fault_.strikes("infoDictionary") ? nullptr : real_->infoDictionary();
+    const PlistDictionary* infoDictionary(Error* error) override {
+      return strikes(fault_, "infoDictionary", error) ? nullptr : real_->infoDictionary(error);
     }
-    std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>& keys) override {
-      if (fault_.strikes("filteredInfo")) return nullptr;
+    std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>& keys,
+                                             Error* error) override {
+      if (strikes(fault_, "filteredInfo", error)) return nullptr;
       if (fault_.strikes("filteredInfo type")) return std::make_unique<PlistValue>("no dictionary");
-      return real_->filteredInfo(keys);
+      return real_->filteredInfo(keys, error);
     }
 
    private:
     std::unique_ptr<PKBundle> real_;
     Fault& fault_;
   };
+
+  static bool strikes(Fault& fault, const char* operation, Error* error) {
+    if (!fault.strikes(operation)) return false;
+    SetError(error, onlinux::PosixFailure(fault.errorNumber(), operation));
+    return true;
+  }
 
   BundleReader& real_;
   Fault& fault_;

@@ -358,9 +358,9 @@ class GivenBundle final : public PKBundle {
     if (iconName != nullptr) info_.set("PKBundleIconFile", iconName);
   }
   const Path& path() const override { return path_; }
-  const std::string* identifier() override { return nullptr; }
-  const PlistDictionary* infoDictionary() override { return &info_; }
-  std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>&) override {
+  const std::string* identifier(Error*) override { return nullptr; }
+  const PlistDictionary* infoDictionary(Error*) override { return &info_; }
+  std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>&, Error*) override {
     return nullptr;
   }
 

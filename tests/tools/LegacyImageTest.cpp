@@ -130,8 +130,7 @@ TEST(LegacyImage, HoldsWhatItPromises) {
     const std::string bytes = ReadFile(scratch / "device/" + path);
     (bytes.starts_with("bplist00") ? binary : xml) += 1;
     const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
-    const auto info =
-        onlinux::ParsePropertyList({data, bytes.size()}, ForeignKeys::refuse, nullptr);
+    const auto info = onlinux::ParsePropertyList({data, bytes.size()}, nullptr);
     ASSERT_TRUE(info != nullptr && info->dictionary() != nullptr) << path;
     EXPECT_NE(info->dictionary()->findString("PKBundleIdentifier"), nullptr) << path;
   }

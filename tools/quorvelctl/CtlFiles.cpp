@@ -143,7 +143,7 @@ bool Read(const Path& path, PropertyListFile& file, Error* error) {
     file.format = PropertyListFormat::binary;
   }
   Error failure;
-  file.value = onlinux::ParsePropertyList(bytes, ForeignKeys::refuse, &failure);
+  file.value = onlinux::ParsePropertyList(bytes, &failure);
   return file.value != nullptr || SetError(error, WithPath(path, failure));
 }
 

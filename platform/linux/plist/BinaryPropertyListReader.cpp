@@ -1,4 +1,5 @@
 #include <bit>
+#include <cerrno>
 #include <utility>
 
 #include "platform/linux/plist/BinaryPropertyListFormat.h"
@@ -60,13 +61,13 @@ bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& te
 
 class BinaryReader {
  public:
-  BinaryReader(std::span<const std::uint8_t> bytes, ForeignKeys policy)
-      : bytes_(bytes), policy_(policy), budget_(bytes.size()) {}
+  explicit BinaryReader(std::span<const std::uint8_t> bytes)
+      : bytes_(bytes), budget_(bytes.size()) {}
 
-  std::string read(PlistValue& out) {
-    if (!readTrailer() || !addObject(root_)) return reason_;
+  Error read(PlistValue& out) {
+    if (!readTrailer() || !addObject(root_)) return failure_;
     while (!frames_.empty()) {
-      if (!step()) return reason_;
+      if (!step()) return failure_;
     }
     out = std::move(result_);
     return {};
@@ -86,7 +87,13 @@ class BinaryReader {
   };
 
   bool fail(const char* reason) {
-    if (reason_.empty()) reason_ = reason;
+    if (!failure_) failure_ = Damage(reason);
+    return false;
+  }
+
+  // For what is beyond the limits: it may well be sound.
+  bool refuse(int number, const char* reason) {
+    if (!failure_) failure_ = Refusal(number, reason);
     return false;
   }
 
@@ -220,11 +227,10 @@ class BinaryReader {
     Object object;
     if (!find(index, object)) return false;
     foreign = object.kind != AsciiString && object.kind != Utf16String;
-    if (foreign) {
-      return policy_ == ForeignKeys::count || fail("a key that is no string");
-    }
+    if (foreign) return true;
     std::string& key = frame.entries.emplace_back().key;
-    return readString(object, key) && (budget_.take(0, key.size()) || fail("too much content"));
+    return readString(object, key) &&
+           (budget_.take(0, key.size()) || refuse(EFBIG, "too much content"));
   }
 
   // Adds a value, or opens a container whose entries step() reads.
@@ -293,7 +299,7 @@ class BinaryReader {
   }
 
   bool addData(const Object& object) {
-    if (!budget_.take(0, object.count)) return fail("too much content");
+    if (!budget_.take(0, object.count)) return refuse(EFBIG, "too much content");
     add(PlistData(object.content, object.content + object.count));
     return true;
   }
@@ -301,7 +307,7 @@ class BinaryReader {
   bool addString(const Object& object) {
     std::string text;
     if (!readString(object, text)) return false;
-    if (!budget_.take(0, text.size())) return fail("too much content");
+    if (!budget_.take(0, text.size())) return refuse(EFBIG, "too much content");
     add(std::move(text));
     return true;
   }
@@ -317,8 +323,10 @@ class BinaryReader {
   // The depth limit also ends cycles. Its entries are accounted for before space is made for
   // them, which a count that is shared by many parents could otherwise multiply.
   bool open(const Object& object) {
-    if (frames_.size() == PropertyListDepthLimit) return fail("nested too deeply, or in a cycle");
-    if (!budget_.take(object.count, 0)) return fail("too many values");
+    if (frames_.size() == PropertyListDepthLimit) {
+      return refuse(E2BIG, "nested too deeply, or in a cycle");
+    }
+    if (!budget_.take(object.count, 0)) return refuse(E2BIG, "too many values");
     Frame& frame = frames_.emplace_back();
     frame.references = object.content;
     frame.count = object.count;
@@ -329,7 +337,6 @@ class BinaryReader {
   }
 
   std::span<const std::uint8_t> bytes_;
-  ForeignKeys policy_;
   PropertyListBudget budget_;
   PlistValue result_;
   std::vector<Frame> frames_;
@@ -338,14 +345,13 @@ class BinaryReader {
   std::size_t referenceWidth_ = 0;
   std::uint64_t objectCount_ = 0;
   std::uint64_t root_ = 0;
-  std::string reason_;
+  Error failure_;
 };
 
 }  // namespace
 
-std::string ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, ForeignKeys policy,
-                                   PlistValue& out) {
-  return BinaryReader(bytes, policy).read(out);
+Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out) {
+  return BinaryReader(bytes).read(out);
 }
 
 }  // namespace quorvel::onlinux

@@ -105,7 +105,7 @@ bool SetAside(int directory, const std::string& fileName) {
 std::unique_ptr<PlistDictionary> ReadToChange(int directory, const std::string& fileName,
                                               const Path& file) {
   Error error;
-  auto stored = ReadDictionaryAt(directory, fileName.c_str(), file, ForeignKeys::refuse, &error);
+  auto stored = ReadDictionaryAt(directory, fileName.c_str(), file, &error);
   if (stored != nullptr) return stored;
   const bool missing = error.is(PosixErrorDomain, ENOENT);
   const bool damaged = error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError);
@@ -132,8 +132,8 @@ std::optional<PlistValue> PreferencesPlist::copyValue(const std::string& key,
     }
   }
   const Path file = directoryFor(scope).child(domain + ".plist");
-  const auto stored = ReadDictionaryAt(AT_FDCWD, file.fileSystemRepresentation().c_str(), file,
-                                       ForeignKeys::refuse, nullptr);
+  const auto stored =
+      ReadDictionaryAt(AT_FDCWD, file.fileSystemRepresentation().c_str(), file, nullptr);
   const PlistValue* value = stored != nullptr ? stored->find(key) : nullptr;
   return value != nullptr ? std::optional<PlistValue>(*value) : std::nullopt;
 }

@@ -1,6 +1,7 @@
 #include "platform/linux/plist/PropertyList.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,22 +11,20 @@
 
 namespace quorvel::onlinux {
 
-std::unique_ptr<PlistValue> ParsePropertyList(std::span<const std::uint8_t> bytes,
-                                              ForeignKeys policy, Error* error) {
+std::unique_ptr<PlistValue> ParsePropertyList(std::span<const std::uint8_t> bytes, Error* error) {
   constexpr std::string_view magic = "bplist00";
   auto value = std::make_unique<PlistValue>();
-  std::string reason;
+  Error failure;
   if (bytes.size() > PropertyListSizeLimit) {
-    reason = "it is too large";
+    failure = Refusal(EFBIG, "it is too large");
   } else if (bytes.size() >= magic.size() &&
              std::equal(magic.begin(), magic.end(), bytes.begin())) {
-    reason = ReadBinaryPropertyList(bytes, policy, *value);
+    failure = ReadBinaryPropertyList(bytes, *value);
   } else {
-    reason = ReadXmlPropertyList(bytes, *value);
+    failure = ReadXmlPropertyList(bytes, *value);
   }
-  if (reason.empty()) return value;
-  SetError(error, PlatformFailure(PlatformPropertyListReadCorruptError,
-                                  "This is no property list: " + reason));
+  if (!failure) return value;
+  SetError(error, std::move(failure));
   return nullptr;
 }
 

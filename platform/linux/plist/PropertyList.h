@@ -41,11 +41,9 @@ inline constexpr std::size_t PropertyListDepthLimit = 512;                     /
 inline constexpr std::size_t PropertyListNodeLimit = std::size_t{4} << 20U;    // values
 
 // The value that the bytes hold: binary when they begin with "bplist00", XML otherwise. Of equal
-// keys in one dictionary the last wins. Null with PlatformErrorDomain
-// PlatformPropertyListReadCorruptError, whose description says what is wrong and where. Any
-// thread may call.
-std::unique_ptr<PlistValue> ParsePropertyList(std::span<const std::uint8_t> bytes,
-                                              ForeignKeys policy, Error* error);
+// keys in one dictionary the last wins. Null with an Error as PropertyListStore::readDictionary()
+// tells it, whose description says what is wrong and where. Any thread may call.
+std::unique_ptr<PlistValue> ParsePropertyList(std::span<const std::uint8_t> bytes, Error* error);
 
 // Replaces `out` by the value in the wanted encoding; reading it gives an equal value. False with
 // PlatformErrorDomain PlatformPropertyListWriteInvalidError, and `out` empty, when the encoding

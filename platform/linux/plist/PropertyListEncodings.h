@@ -1,6 +1,7 @@
 // The readers and writers of the two encodings; PropertyList.h is their public face.
 //
-// Each returns the reason of a failure, empty on success.
+// A reader returns the failure, an Error without a record on success; a writer the reason of a
+// failure, empty on success.
 #pragma once
 
 #include <cstdint>
@@ -8,14 +9,28 @@
 #include <string>
 #include <vector>
 
+#include "platform/Error.h"
 #include "platform/PlistValue.h"
 #include "platform/PropertyListStore.h"
+#include "platform/linux/files/PosixFailure.h"
 
 namespace quorvel::onlinux {
 
-std::string ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out);
-std::string ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, ForeignKeys policy,
-                                   PlistValue& out);
+// The bytes are certainly no property list.
+inline Error Damage(const std::string& reason) {
+  return PlatformFailure(PlatformPropertyListReadCorruptError,
+                         "This is no property list: " + reason);
+}
+
+// Another reader might read the bytes; this one does not. Says nothing about the file.
+inline Error Refusal(int number, const std::string& reason) {
+  return Error(
+      PosixErrorDomain, number,
+      {{LocalizedDescriptionKey, PlistValue("This property list is not read: " + reason)}});
+}
+
+Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out);
+Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out);
 
 // Appended to `out`, which on failure holds some of it.
 std::string WriteXmlPropertyList(const PlistValue& value, std::vector<std::uint8_t>& out);

@@ -8,45 +8,45 @@
 #include "platform/linux/files/AtomicFile.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/plist/PropertyList.h"
+#include "platform/linux/plist/PropertyListEncodings.h"
 
 namespace quorvel::onlinux {
 
 namespace {
 
-Error CorruptFile(const Path& file, const std::string& reason) {
-  return PlatformFailure(PlatformPropertyListReadCorruptError,
-                         "Reading " + file.string() + ": " + reason);
+// The error with the file's name in front of its description.
+Error InFile(const Path& file, const Error& cause) {
+  return Error(cause.domain(), cause.code(),
+               {{LocalizedDescriptionKey,
+                 PlistValue("Reading " + file.string() + ": " + cause.description())}});
 }
 
 }  // namespace
 
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
-                                                  ForeignKeys policy, Error* error) {
+                                                  Error* error) {
   std::vector<std::uint8_t> bytes;
   const int failure = ReadRegularFile(directory, name, PropertyListSizeLimit, false, bytes);
   if (failure != 0) {
-    SetError(error, failure == EFBIG ? CorruptFile(file, "It is too large")
-                                     : PosixFailure(failure, "Reading " + file.string()));
+    SetError(error, PosixFailure(failure, "Reading " + file.string()));
     return nullptr;
   }
   Error cause;
-  const std::unique_ptr<PlistValue> root = ParsePropertyList(bytes, policy, &cause);
+  const std::unique_ptr<PlistValue> root = ParsePropertyList(bytes, &cause);
   if (root == nullptr) {
-    SetError(error, CorruptFile(file, cause.description()));
+    SetError(error, InFile(file, cause));
     return nullptr;
   }
   PlistDictionary* dictionary = root->dictionary();
   if (dictionary == nullptr) {
-    SetError(error, CorruptFile(file, "The root is no dictionary"));
+    SetError(error, InFile(file, Damage("the root is no dictionary")));
     return nullptr;
   }
   return std::make_unique<PlistDictionary>(std::move(*dictionary));
 }
 
-std::unique_ptr<PlistDictionary> PropertyListFiles::readDictionary(const Path& file,
-                                                                   ForeignKeys policy,
-                                                                   Error* error) {
-  return ReadDictionaryAt(AT_FDCWD, file.fileSystemRepresentation().c_str(), file, policy, error);
+std::unique_ptr<PlistDictionary> PropertyListFiles::readDictionary(const Path& file, Error* error) {
+  return ReadDictionaryAt(AT_FDCWD, file.fileSystemRepresentation().c_str(), file, error);
 }
 
 bool PropertyListFiles::writeDictionary(const PlistDictionary& dictionary, const Path& file,

@@ -9,8 +9,7 @@ namespace quorvel::onlinux {
 // is replaced. Stateless: any number of threads may use one.
 class PropertyListFiles : public PropertyListStore {
  public:
-  std::unique_ptr<PlistDictionary> readDictionary(const Path& file, ForeignKeys policy,
-                                                  Error* error) override;
+  std::unique_ptr<PlistDictionary> readDictionary(const Path& file, Error* error) override;
   bool writeDictionary(const PlistDictionary& dictionary, const Path& file,
                        PropertyListFormat format, Error* error) override;
 };
@@ -18,6 +17,6 @@ class PropertyListFiles : public PropertyListStore {
 // readDictionary for a file named relative to an open directory. `name` is as a system call
 // takes it; `file` is what messages call it.
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
-                                                  ForeignKeys policy, Error* error);
+                                                  Error* error);
 
 }  // namespace quorvel::onlinux

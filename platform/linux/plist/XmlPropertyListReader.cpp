@@ -1,6 +1,7 @@
 #include <expat.h>
 #include <sys/random.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -78,33 +79,47 @@ class XmlReader {
       static_cast<XmlReader*>(self)->characters({text, static_cast<std::size_t>(length)});
     });
     XML_SetEntityDeclHandler(parser_, [](void* self, auto...) {
-      static_cast<XmlReader*>(self)->fail("an entity is declared");
+      static_cast<XmlReader*>(self)->refuse(ENOTSUP, "an entity is declared");
     });
     // With an external subset that is not read an unknown entity is no error to expat.
     XML_SetSkippedEntityHandler(parser_, [](void* self, const XML_Char*, int) {
-      static_cast<XmlReader*>(self)->fail("an unknown entity");
+      static_cast<XmlReader*>(self)->refuse(ENOTSUP, "an unknown entity");
     });
   }
 
   // One call: expat then works on the caller's bytes in place. The size limit is far below what
   // an int holds.
-  std::string read(std::span<const std::uint8_t> bytes, PlistValue& out) {
-    if (parser_ == nullptr) return "out of memory";
+  Error read(std::span<const std::uint8_t> bytes, PlistValue& out) {
+    if (parser_ == nullptr) return Refusal(ENOMEM, "out of memory");
     const auto* text = reinterpret_cast<const char*>(bytes.data());
     if (XML_Parse(parser_, text, static_cast<int>(bytes.size()), XML_TRUE) != XML_STATUS_OK) {
-      if (reason_.empty()) fail(XML_ErrorString(XML_GetErrorCode(parser_)));
-      return reason_;
+      const XML_Error code = XML_GetErrorCode(parser_);
+      if (code == XML_ERROR_NO_MEMORY) refuse(ENOMEM, "out of memory");
+      fail(XML_ErrorString(code));
+      return failure_;
     }
     out = builder_.takeRoot();
     return {};
   }
 
  private:
-  bool failed() const { return !reason_.empty(); }
+  bool failed() const { return static_cast<bool>(failure_); }
 
   void fail(const char* what) {
-    if (failed()) return;
-    reason_ = "line " + std::to_string(XML_GetCurrentLineNumber(parser_)) + ": " + what;
+    if (!failed()) stop(Damage(line() + what));
+  }
+
+  // For what another reader might read.
+  void refuse(int number, const char* what) {
+    if (!failed()) stop(Refusal(number, line() + what));
+  }
+
+  std::string line() const {
+    return "line " + std::to_string(XML_GetCurrentLineNumber(parser_)) + ": ";
+  }
+
+  void stop(Error failure) {
+    failure_ = std::move(failure);
     XML_StopParser(parser_, XML_FALSE);
   }
 
@@ -140,9 +155,11 @@ class XmlReader {
   }
 
   void begin(Element element, const char** attributes) {
-    if (element != Element::key && !budget_.take(1, 0)) return fail("too many values");
+    if (element != Element::key && !budget_.take(1, 0)) return refuse(E2BIG, "too many values");
     if (element == Element::dict || element == Element::array) {
-      if (builder_.depth() == PropertyListDepthLimit) return fail("nested too deeply");
+      if (builder_.depth() == PropertyListDepthLimit) {
+        return refuse(E2BIG, "nested too deeply");
+      }
       builder_.open(element == Element::dict);
       return;
     }
@@ -226,12 +243,12 @@ class XmlReader {
   Element scalar_ = Element::none;   // the element being read, when it is no container
   std::string text_;                 // its text so far
   std::optional<double> exactDate_;  // for a date: what its attribute says
-  std::string reason_;               // of the first failure
+  Error failure_;                    // the first
 };
 
 }  // namespace
 
-std::string ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out) {
+Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out) {
   return XmlReader(bytes.size()).read(bytes, out);
 }
 

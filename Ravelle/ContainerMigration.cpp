@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleAccount.h"
 #include "Ravelle/RavelleLog.h"
 #include "Ravelle/ReplaceItem.h"
 #include "shared/support/Errors.h"
@@ -17,12 +18,15 @@ constexpr const char* kMigrate = "-[QVRavelle _migrateContainerWithInfo:]";
 constexpr const char* kMissed = "-[QVRavelle _containerHasMissedItems:withIdentifier:]";
 
 void WriteMarker(const ContainerRecord& record, const Path& legacy) {
-  if (!Platform().propertyLists->writeDictionary(record, legacy.child(MigrationMarkerName),
-                                                 PropertyListFormat::xml, nullptr)) {
-    RAVELLE_LOG(LogLevelError, kMigrate,
-                "QVRavelle: Failed to write out container marker dictionary... hopefully we don't "
-                "need it to recover.");
+  const Path marker = legacy.child(MigrationMarkerName);
+  Error error;
+  if (Platform().propertyLists->writeDictionary(record, marker, PropertyListFormat::xml, &error)) {
+    return;
   }
+  RAVELLE_LOG(LogLevelError, kMigrate,
+              "QVRavelle: Failed to write out container marker dictionary... hopefully we don't "
+              "need it to recover.");
+  TellNote(MigrationStep::marker, MigrationReason::markerNotWritten, marker, error);
 }
 
 // The six lines about a record that has no data container.
@@ -45,9 +49,15 @@ std::optional<Path> FindDataContainer(const std::string& identifier) {
   if (!proxy) {
     RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to get bundle proxy for identifier %@",
                 identifier);
+    TellProblem(MigrationStep::placeholder, MigrationReason::noRecord, {});
     return std::nullopt;
   }
-  if (!proxy->dataContainerPath) LogProxyWithoutDataContainer(*proxy, identifier);
+  if (proxy->dataContainerPath) {
+    Account().dataContainerFound(proxy->dataContainerPath->string());
+  } else {
+    LogProxyWithoutDataContainer(*proxy, identifier);
+    TellProblem(MigrationStep::placeholder, MigrationReason::noDataContainer, {});
+  }
   return proxy->dataContainerPath;
 }
 
@@ -76,13 +86,12 @@ Outcome InstallAndCheck(QVRavelle& plugin, const RecordFields& fields) {
                                           fields.container)) {
     return Outcome::notInstalled;
   }
-  if (!plugin._migrateGroupContainersForIdentifier(fields.identifier)) {
-    return Outcome::keptBack;
-  }
-  if (plugin._containerHasMissedItems(fields.container, fields.identifier)) {
-    return Outcome::keptBack;
-  }
-  return Outcome::migrated;
+  const bool complete =
+      InStep(MigrationStep::groups,
+             [&] { return plugin._migrateGroupContainersForIdentifier(fields.identifier); }) &&
+      InStep(MigrationStep::missedItems,
+             [&] { return !plugin._containerHasMissedItems(fields.container, fields.identifier); });
+  return complete ? Outcome::migrated : Outcome::keptBack;
 }
 
 // A marker is believed in all that it names, but not as far as to delete what is no container. What
@@ -96,11 +105,14 @@ bool IsLegacyContainer(QVFileManager& files, const Path& legacy, const Path& leg
 
 // A placeholder's container loses its marker first: were the marker left over by a removal that
 // fails halfway, the next run would look for a bundle to install that was none.
-bool RemoveContainer(QVFileManager& files, const Path& legacy, bool isPlaceholder, Error* error) {
-  if (isPlaceholder && !files.removeItemAtURL(legacy.child(MigrationMarkerName), error)) {
+bool RemoveContainer(QVFileManager& files, const RecordFields& fields, bool isPlaceholder,
+                     bool installed, Error* error) {
+  if (isPlaceholder && !files.removeItemAtURL(fields.container.child(MigrationMarkerName), error)) {
     return false;
   }
-  return files.removeItemAtURL(legacy, error);
+  // Only a container that was looked through to its end holds nothing that would be lost.
+  if (installed && !isPlaceholder) return files.removeItemAtURL(fields.container, error);
+  return RemoveAndTellLoss(files, fields.container, isPlaceholder ? fields.bundle : Path(), error);
 }
 
 }  // namespace
@@ -110,21 +122,29 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   // Before anything on disk changes: the bundle will be moved.
   const bool isPlaceholder = files_.bundleAtURLIsPlaceholder(fields.bundle);
   WriteMarker(record, fields.container);
-  if (fields.isApp() && !RegisterApp(*this, fields)) return false;
-  const std::optional<Path> dataContainer = FindDataContainer(fields.identifier);
+  const std::optional<Path> dataContainer =
+      InStep(MigrationStep::placeholder, [&]() -> std::optional<Path> {
+        if (fields.isApp() && !RegisterApp(*this, fields)) return std::nullopt;
+        return FindDataContainer(fields.identifier);
+      });
   if (!dataContainer) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Moving data from container %@ to %@",
               fields.container.string(), dataContainer->string());
-  if (!_migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer)) {
-    return false;
-  }
+  const bool dataMoved = InStep(MigrationStep::data, [&] {
+    return _migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer);
+  });
+  if (!dataMoved) return false;
   const Outcome outcome = isPlaceholder ? Outcome::migrated : InstallAndCheck(*this, fields);
   if (outcome == Outcome::keptBack) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Removing container for %@ at %@",
               fields.identifier, fields.container.string());
   Error error;
-  if (!IsLegacyContainer(files_, fields.container, configuration_.oldContainerPath(), &error) ||
-      !RemoveContainer(files_, fields.container, isPlaceholder, &error)) {
+  const bool removed = InStep(MigrationStep::removal, [&] {
+    return IsLegacyContainer(files_, fields.container, configuration_.oldContainerPath(), &error) &&
+           RemoveContainer(files_, fields, isPlaceholder, outcome == Outcome::migrated, &error);
+  });
+  if (!removed) {
+    TellProblem(MigrationStep::removal, MigrationReason::notRemoved, fields.container, error);
     RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to remove container %@ : %@",
                 fields.container.string(), error);
   }
@@ -137,6 +157,7 @@ bool QVRavelle::_containerHasMissedItems(const Path& container, const std::strin
   if (!items) {
     RAVELLE_LOG(LogLevelError, kMissed, "QVRavelle: Failed to enumerate container %@ for %@ : %@",
                 container.string(), identifier, error);
+    TellProblem(MigrationStep::missedItems, MigrationReason::cannotBeListed, container, error);
     return true;
   }
   std::erase_if(*items, [](const Path& item) {
@@ -146,6 +167,11 @@ bool QVRavelle::_containerHasMissedItems(const Path& container, const std::strin
   if (items->empty()) return false;
   RAVELLE_LOG(LogLevelError, kMissed, "QVRavelle: Found missed items in %@ for %@: %@",
               container.string(), identifier, *items);
+  MigrationProblem problem{.step = MigrationStep::missedItems,
+                           .reason = MigrationReason::missedItems,
+                           .path = container.string()};
+  for (const Path& item : *items) problem.items.emplace_back(item.lastPathComponent());
+  Account().problem(problem);
   return true;
 }
 

@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleAccount.h"
 #include "Ravelle/RavelleLog.h"
 #include "Ravelle/ReplaceItem.h"
 #include "shared/support/Errors.h"
@@ -27,6 +28,7 @@ void LogFailedDataMove(const Path& from, const Path& to, const std::string& iden
                        const Error& error) {
   RAVELLE_LOG(LogLevelError, kData, "QVRavelle: Failed to move %@ to %@ migrating for %@ : %@",
               from, to, identifier, error);
+  TellProblem(MigrationStep::data, MigrationReason::notMoved, from, error);
 }
 
 // Whether an item that was not found is certainly not there. One that only could not be looked at
@@ -85,11 +87,13 @@ bool QVRavelle::_migrateGroupContainersForIdentifier(const std::string& identifi
       Platform().workspace->bundleProxyForIdentifier(identifier);
   if (!proxy) {
     RAVELLE_LOG(LogLevelError, kGroups, "QVRavelle: Failed to get bundle proxy for %@", identifier);
+    TellProblem(MigrationStep::groups, MigrationReason::noRecord, {});
     return false;
   }
   if (!proxy->groupContainerPaths) {
     RAVELLE_LOG(LogLevelError, kGroups,
                 "QVRavelle: Failed to get group container URLs for installed %@", identifier);
+    TellProblem(MigrationStep::groups, MigrationReason::groupsUnknown, {});
     return false;
   }
   if (proxy->groupContainerPaths->empty()) {
@@ -106,6 +110,7 @@ bool QVRavelle::_migrateGroupContainersForIdentifier(const std::string& identifi
 // One group of one app. Its failures are logged and never those of the app.
 void QVRavelle::migrateGroup(const std::string& identifier, const std::string& group,
                              const Path& newContainer) {
+  _claimedGroups.insert(group);
   const auto entry = _groupContainerMap->find(group);
   if (entry == _groupContainerMap->end() || entry->second.dictionary() == nullptr) {
     RAVELLE_LOG(LogLevelNotice, kOneGroup,
@@ -116,26 +121,62 @@ void QVRavelle::migrateGroup(const std::string& identifier, const std::string& g
   if (container == nullptr) {
     RAVELLE_LOG(LogLevelNotice, kOneGroup,
                 "QVRavelle: Failed to get path to group container for %@[%@]", identifier, group);
+    Account().groupEnded({.identifier = group,
+                          .outcome = MigrationOutcome::left,
+                          .reason = MigrationReason::entryDamaged});
     return;
   }
   const Path oldContainer = Path::directory(*container);
   if (!files_.itemExistsAtURL(oldContainer)) {
     RAVELLE_LOG(LogLevelError, kOneGroup, "QVRavelle: Missing source group container at %@",
                 oldContainer.string());
+    Account().groupEnded({.identifier = group,
+                          .path = oldContainer.string(),
+                          .outcome = MigrationOutcome::left,
+                          .reason = MigrationReason::notThere});
     return;
   }
   RAVELLE_LOG(LogLevelNotice, kOneGroup, "QVRavelle: Migrating group container %@ at %@ to %@",
               group, oldContainer.string(), newContainer.string());
+  MigratedDirectory told{
+      .identifier = group, .path = oldContainer.string(), .destination = newContainer.string()};
   bool allMoved = false;
-  if (!_moveAllItemsInGroupContainerURL(oldContainer, newContainer, &allMoved)) return;
   // What could not be moved is still in the old directory: it and its entry are kept.
-  if (!allMoved) return;
+  if (!_moveAllItemsInGroupContainerURL(oldContainer, newContainer, &allMoved) || !allMoved) {
+    told.outcome = MigrationOutcome::failed;
+    told.reason = MigrationReason::notMoved;
+    Account().groupEnded(told);
+    Account().leftBehind({oldContainer.string(), MigrationReason::notMoved});
+    return;
+  }
   _groupContainerMap->erase(entry);
-  Error error;
-  if (!files_.removeItemAtURL(oldContainer, &error)) {
+  if (!files_.removeItemAtURL(oldContainer, &told.error)) {
     RAVELLE_LOG(LogLevelError, kOneGroup,
                 "QVRavelle: Failed to remove old group container at %@ : %@", oldContainer.string(),
-                error);
+                told.error);
+    told.reason = MigrationReason::notRemoved;
+    Account().leftBehind({oldContainer.string(), MigrationReason::notRemoved});
+  }
+  Account().groupEnded(told);
+}
+
+// Groups that the install map names and no migrated app has.
+void QVRavelle::tellUnclaimedGroups() {
+  if (!_groupContainerMap) return;
+  for (const auto& [group, record] : *_groupContainerMap) {
+    if (_claimedGroups.contains(group)) continue;
+    const std::string* path = record.dictionary() != nullptr
+                                  ? record.dictionary()->findString(InstallMapContainerKey)
+                                  : nullptr;
+    MigratedDirectory told{.identifier = group,
+                           .path = path != nullptr ? *path : std::string(),
+                           .outcome = MigrationOutcome::left,
+                           .reason = MigrationReason::unclaimed};
+    if (path == nullptr) told.reason = MigrationReason::entryDamaged;
+    const bool isThere = path != nullptr && files_.itemExistsAtURL(Path::directory(*path));
+    if (path != nullptr && !isThere) told.reason = MigrationReason::notThere;
+    Account().groupEnded(told);
+    if (isThere) Account().leftBehind({*path, MigrationReason::unclaimed});
   }
 }
 
@@ -151,6 +192,7 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
     RAVELLE_LOG(LogLevelError, kGroupItems,
                 "QVRavelle: Failed to get all urls in source group container %@ : %@",
                 oldContainer.string(), error);
+    TellNote(MigrationStep::groups, MigrationReason::cannotBeListed, oldContainer, error);
     return false;
   }
   bool everyItem = true;
@@ -161,12 +203,14 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
     if (!ReplaceByMove(files_, item, destination, &error)) {
       RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
                   item.string(), destination.string(), error);
+      TellNote(MigrationStep::groups, MigrationReason::notMoved, item, error);
       everyItem = false;
     }
   }
   if (everyItem && !files_.syncDirectoryAtURL(newContainer, &error)) {
     RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
                 oldContainer.string(), newContainer.string(), error);
+    TellNote(MigrationStep::groups, MigrationReason::notFlushed, newContainer, error);
     everyItem = false;
   }
   *allMoved = everyItem;
@@ -184,6 +228,9 @@ bool QVRavelle::_migrateSafeHarbors() {
     if (entry.dictionary() == nullptr) {
       RAVELLE_LOG(LogLevelError, kHarbors, "QVRavelle: Failed to get harbor info for identifier %@",
                   identifier);
+      Account().harborEnded({.identifier = identifier,
+                             .outcome = MigrationOutcome::left,
+                             .reason = MigrationReason::entryDamaged});
       continue;
     }
     const std::string* path = entry.dictionary()->findString(HarborPathKey);
@@ -191,8 +238,12 @@ bool QVRavelle::_migrateSafeHarbors() {
       RAVELLE_LOG(LogLevelError, kHarbors,
                   "QVRavelle: Failed to get harbor path from harbor entry for %@ : %@", identifier,
                   entry);
+      Account().harborEnded({.identifier = identifier,
+                             .outcome = MigrationOutcome::left,
+                             .reason = MigrationReason::entryDamaged});
       continue;
     }
+    MigratedDirectory told{.identifier = identifier, .path = *path};
     RAVELLE_LOG(LogLevelNotice, kHarbors, "QVRavelle: Migrating safe harbor for %@ at %@",
                 identifier, *path);
     if (Platform().installationService->QuorvelRegisterSafeHarborForContainerType(
@@ -200,8 +251,11 @@ bool QVRavelle::_migrateSafeHarbors() {
       RAVELLE_LOG(LogLevelError, kHarbors,
                   "QVRavelle: Failed to migrate safe harbor for identifier %@ at %@ : %@",
                   identifier, *path, nullptr);
+      told.outcome = MigrationOutcome::failed;
+      told.reason = MigrationReason::harborRefused;
       ok = false;
     }
+    Account().harborEnded(told);
   }
   if (ok) files_.removeItemAtURL(configuration_.oldDataDirectoryPath().child(HarborMapName));
   return ok;

@@ -1,7 +1,11 @@
 // The host's protocol: what there is to migrate, the loop over it, and the closing steps.
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <unordered_set>
 
 #include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleAccount.h"
 #include "Ravelle/RavelleLog.h"
 #include "shared/support/Platform.h"
 
@@ -28,6 +32,7 @@ MigratorPlugin* QVRavelle::init() {
     Error error;
     _itemsToMigrate = files_.urlsForItemsInDirectoryAtURL(legacy, true, &error);
     if (!_itemsToMigrate) {
+      TellProblem(MigrationStep::run, MigrationReason::cannotBeListed, legacy, error);
       RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to get items at %@ : %@", legacy, error);
       return nullptr;
     }
@@ -37,6 +42,7 @@ MigratorPlugin* QVRavelle::init() {
     } else {
       RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: %ld items to migrate",
                   static_cast<long>(_itemsToMigrate->size()));
+      Account().itemsFound(_itemsToMigrate->size());
       loadInstallMap();
     }
   }
@@ -59,8 +65,12 @@ void QVRavelle::removeEmptyLegacyDirectory() {
 
 void QVRavelle::loadInstallMap() {
   const Path file = configuration_.oldInstallMapPath();
-  const auto map = Platform().propertyLists->readDictionary(file, nullptr);
+  Error error;
+  const auto map = Platform().propertyLists->readDictionary(file, &error);
   if (!map) {
+    if (!error.is(PosixErrorDomain, ENOENT)) {
+      TellNote(MigrationStep::run, MigrationReason::mapUnreadable, file, error);
+    }
     RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: Old install map not found at %@", file.string());
     return;
   }
@@ -79,10 +89,12 @@ void QVRavelle::loadInstallMap() {
 void QVRavelle::loadHarborMap() {
   const Path file = configuration_.oldDataDirectoryPath().child(HarborMapName);
   if (files_.itemDoesNotExistAtURL(file)) return;
-  const auto map = Platform().propertyLists->readDictionary(file, nullptr);
+  Error error;
+  const auto map = Platform().propertyLists->readDictionary(file, &error);
   if (map) {
     _harborMap = std::move(*map);
   } else {
+    TellNote(MigrationStep::run, MigrationReason::mapUnreadable, file, error);
     RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to load existing harbor map from %@",
                 file.string());
   }
@@ -105,11 +117,13 @@ float QVRavelle::migrationProgress() const {
 bool QVRavelle::performMigration() {
   bool result = true;
   if (_itemsToMigrate) result = migrateRecords(buildWorkList());
+  tellUnclaimedGroups();
   const bool harborsMigrated = _migrateSafeHarbors();
   const PlistDictionary options = {{kQVUpdateSystemAppDataContainerDataProtection, true}};
   if (Platform().installationService->QuorvelUpdateContainerDataProtectionForMigratorOnly(
           options) == 0) {
     RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to update container data protection");
+    TellProblem(MigrationStep::run, MigrationReason::protectionRefused, {});
     result = false;
   }
   if (!harborsMigrated) result = false;
@@ -123,43 +137,82 @@ bool QVRavelle::performMigration() {
   return result;
 }
 
-std::deque<ContainerRecord> QVRavelle::buildWorkList() {
-  std::deque<ContainerRecord> workList;
-  for (const Path& item : *_itemsToMigrate) {
+std::deque<QVRavelle::WorkItem> QVRavelle::buildWorkList() {
+  std::deque<WorkItem> workList;
+  for (std::size_t index = 0; index < _itemsToMigrate->size(); ++index) {
+    const Path& item = (*_itemsToMigrate)[index];
     RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Introspecting %@", item.string());
-    if (item.lastPathComponent() == FarewellName) {
-      files_.removeItemAtURL(item);
+    Account().containerBegan(index, item.string());
+    if (IsFarewell(item)) {
+      Account().containerClassified({.kind = LegacyItemKind::file});
+      TellProblem(MigrationStep::introspect, MigrationReason::farewellFile, item);
+      RemoveWithAccount(files_, item);
       countItem();
       continue;
     }
     bool early = false;
-    std::optional<ContainerRecord> record = _introspectContainer(item, &early);
+    std::optional<ContainerRecord> record =
+        InStep(MigrationStep::introspect, [&] { return _introspectContainer(item, &early); });
     if (!record) {
       countItem();
     } else if (early) {
-      workList.push_front(std::move(*record));
+      workList.push_front({index, std::move(*record)});
     } else {
-      workList.push_back(std::move(*record));
+      workList.push_back({index, std::move(*record)});
     }
   }
   return workList;
 }
 
-bool QVRavelle::migrateRecords(const std::deque<ContainerRecord>& workList) {
+bool QVRavelle::migrateRecords(const std::deque<WorkItem>& workList) {
   bool allMigrated = true;
-  for (const ContainerRecord& record : workList) {
+  for (const auto& [index, record] : workList) {
     const RecordFields fields = FieldsOf(record);
-    const std::string& identifier = fields.identifier;
     const std::string& bundle = fields.bundle.string();
-    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Migrating %@ at %@", identifier, bundle);
-    if (!_migrateContainerWithInfo(record)) {
-      RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Migration of %@ at %@ failed", identifier,
-                  bundle);
+    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Migrating %@ at %@", fields.identifier,
+                bundle);
+    const Path& entry = (*_itemsToMigrate)[index];
+    Account().containerBegan(index, entry.string());
+    const bool migrated = _migrateContainerWithInfo(record);
+    if (!migrated) {
+      RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Migration of %@ at %@ failed",
+                  fields.identifier, bundle);
       allMigrated = false;
     }
+    endContainer(entry, fields, migrated);
     countItem();
   }
   return allMigrated;
+}
+
+// A container that is still there has not been migrated, whatever the sequence says: the run will
+// fail on its account.
+void QVRavelle::endContainer(const Path& entry, const RecordFields& fields, bool migrated) {
+  if (Platform().account == nullptr) return;
+  const bool stays = !files_.itemDoesNotExistAtURL(entry);
+  if (migrated && stays && entry.string() != fields.container.string()) {
+    TellProblem(MigrationStep::removal, MigrationReason::foreignMarker, fields.container);
+  }
+  Account().containerEnded(
+      migrated && !stays ? MigrationOutcome::migrated : MigrationOutcome::failed, stays);
+}
+
+// Of what is left: that which was no entry to begin with. Links are not, and something may have
+// been added meanwhile.
+void QVRavelle::tellRemaining(const std::vector<Path>& remaining) {
+  if (Platform().account == nullptr) return;
+  std::unordered_set<std::string_view> entries;
+  if (_itemsToMigrate) {
+    for (const Path& item : *_itemsToMigrate) entries.insert(item.lastPathComponent());
+  }
+  for (const Path& item : remaining) {
+    if (entries.contains(item.lastPathComponent())) continue;
+    struct stat info {};
+    const bool isLink =
+        ::lstat(item.fileSystemRepresentation().c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+    Account().leftBehind(
+        {item.string(), isLink ? MigrationReason::link : MigrationReason::unclaimed});
+  }
 }
 
 // Removes the legacy directory and install map once nothing is left in the directory. False when
@@ -181,6 +234,7 @@ bool QVRavelle::finishLegacyDirectory() {
     RAVELLE_LOG(LogLevelError, kPerform,
                 "QVRavelle: Not removing %@ because %lu items remain unmigrated.",
                 installMap.string(), static_cast<unsigned long>(remaining->size()));
+    tellRemaining(*remaining);
     return false;
   }
   for (const Path& item : {legacy, installMap}) {

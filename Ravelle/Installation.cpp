@@ -2,6 +2,7 @@
 #include <functional>
 
 #include "Ravelle/Ravelle.h"
+#include "Ravelle/RavelleAccount.h"
 #include "Ravelle/RavelleLog.h"
 #include "shared/support/Platform.h"
 #include "shared/support/Values.h"
@@ -49,6 +50,7 @@ class InstallProgress {
                   "QVRavelle: Installation of %@ failed because it's older than what's built into "
                   "the system. Data migration already happened so we're done here.",
                   bundle_.string());
+      TellNote(MigrationStep::install, MigrationReason::newerBuiltIn, bundle_);
       alreadyInstalled_ = true;
       return;
     }
@@ -77,22 +79,26 @@ bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& 
   Error error;
   if (!files.createDirectoryAtURL(payload, {.withIntermediateDirectories = true}, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to create %@ : %@", payload, error);
+    TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, payload, error);
     return false;
   }
   Path destination;
   if (!MoveIntoPayload(files, bundle, payload, &destination, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move bundle from %@ to %@: %@", bundle,
                 destination, error);
+    TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, bundle, error);
     return false;
   }
   if (vpnPlugin && !MoveIntoPayload(files, *vpnPlugin, payload, &destination, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move vpn bundle from %@ to %@: %@",
                 *vpnPlugin, destination, error);
+    TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, *vpnPlugin, error);
     return false;
   }
   if (!files.captureStoreDataFromDirectory(container, staging, {}, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move app metadata from %@ to %@: %@",
                 container, staging, error);
+    TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, staging, error);
     return false;
   }
   return true;
@@ -129,18 +135,19 @@ std::unique_ptr<PlistData> ReadStoreMetadata(const Path& container) {
   if (!bytes && !error.is(PlatformErrorDomain, PlatformFileReadNoSuchFileError)) {
     RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to read %@ : %@", file.string(),
                 error);
+    TellNote(MigrationStep::placeholder, MigrationReason::metadataUnreadable, file, error);
   }
   return bytes;
 }
 
-// The bundle's identity keys, those that it has; absent when the bundle cannot be read.
-std::optional<PlistDictionary> ReadIdentity(PKBundle* bundle, const Path& path) {
+// The bundle's identity keys, those that it has; absent with the Error when it cannot be read.
+std::optional<PlistDictionary> ReadIdentity(PKBundle* bundle, const Path& path, Error* error) {
   if (bundle == nullptr) {
     RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to create PKBundle for %@",
                 path.string());
     return std::nullopt;
   }
-  const PlistDictionary* info = bundle->infoDictionary();
+  const PlistDictionary* info = bundle->infoDictionary(error);
   if (info == nullptr) {
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Failed to get bundle info dictionary for bundle %@", path.string());
@@ -156,9 +163,13 @@ std::optional<PlistDictionary> ReadIdentity(PKBundle* bundle, const Path& path) 
 // Fills the placeholder's directory from the legacy bundle.
 bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::string& identifier,
                       const Path& directory) {
-  const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(bundlePath);
-  std::optional<PlistDictionary> info = ReadIdentity(bundle.get(), bundlePath);
-  if (!info) return false;
+  Error error;
+  const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(bundlePath, &error);
+  std::optional<PlistDictionary> info = ReadIdentity(bundle.get(), bundlePath, &error);
+  if (!info) {
+    TellProblem(MigrationStep::placeholder, MigrationReason::bundleUnreadable, bundlePath, error);
+    return false;
+  }
   const Path icon = directory.child(UsualIconName);
   if (plugin._writeIconForBundle(*bundle, icon)) {
     info->set("PKBundleIconFile", UsualIconName);
@@ -166,11 +177,12 @@ bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::stri
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Writing placeholder icon for app %@ to %@ failed", identifier,
                 icon.string());
+    TellNote(MigrationStep::placeholder, MigrationReason::iconFailed, icon);
   }
   // Binary: unlike XML it holds every string that an app may have put into its dictionary.
   const Path file = directory.child(InfoPlistName);
-  if (!Platform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary,
-                                                 nullptr)) {
+  if (!Platform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary, &error)) {
+    TellProblem(MigrationStep::placeholder, MigrationReason::placeholderFailed, file, error);
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Failed to write placeholder Info.plist to %@", file.string());
     return false;
@@ -187,6 +199,7 @@ bool InstallPlaceholder(const Path& directory, const std::string& identifier,
   if (Platform().workspace->installApplication(directory, options, &error, {})) return true;
   RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to install placeholder for %@: %@",
               identifier, DescribeUserInfo(error));
+  TellProblem(MigrationStep::placeholder, MigrationReason::placeholderRefused, directory, error);
   return false;
 }
 
@@ -199,20 +212,25 @@ std::string DescribeBundle(const PKBundle& bundle) {
 bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,
                                             const std::optional<Path>& vpnPlugin,
                                             const Path& container) {
-  if (!Stage(files_, bundle, vpnPlugin, container)) return false;
+  if (!InStep(MigrationStep::stage, [&] { return Stage(files_, bundle, vpnPlugin, container); })) {
+    return false;
+  }
   PlistDictionary options = InstallOptions(RXPackageTypeCustomer, identifier);
   options.set("VerifyForMigrator", true);
   const Path staging = container.childDirectory(StagingName);
-  InstallProgress progress(bundle);
-  Error error;
-  if (Platform().workspace->installApplication(
-          staging, options, &error,
-          [&progress](const PlistDictionary& report) { progress.hear(report); })) {
-    return true;
-  }
-  if (progress.alreadyInstalled()) return true;
-  RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to install %@ : %@", staging, error);
-  return false;
+  return InStep(MigrationStep::install, [&] {
+    InstallProgress progress(bundle);
+    Error error;
+    if (Platform().workspace->installApplication(
+            staging, options, &error,
+            [&progress](const PlistDictionary& report) { progress.hear(report); }) ||
+        progress.alreadyInstalled()) {
+      return true;
+    }
+    RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to install %@ : %@", staging, error);
+    TellProblem(MigrationStep::install, MigrationReason::installRefused, staging, error);
+    return false;
+  });
 }
 
 bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
@@ -229,6 +247,7 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Failed to create staged placeholder directory at %@ : %@", directory,
                 error);
+    TellProblem(MigrationStep::placeholder, MigrationReason::placeholderFailed, directory, error);
   }
   files_.removeItemAtURL(directory);
   return installed;

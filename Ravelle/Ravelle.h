@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,8 @@
 #include "shared/filemanager/QVFileManager.h"
 
 namespace quorvel {
+
+struct PendingLine;
 
 class QVRavelle final : public MigratorPlugin {
  public:
@@ -48,13 +51,18 @@ class QVRavelle final : public MigratorPlugin {
   // --- One container ------------------------------------------------------------------------
 
   // The record of a legacy container, or none when there is nothing to migrate: it was removed (a
-  // regular file, no usable bundle) or must be left alone. Sets *orderResultEarly, preset to
+  // regular file, certainly no usable bundle) or must be left alone. Carries out what
+  // Classification.h decides. Sets *orderResultEarly, preset to
   // false by the caller, when the record belongs at the front of the work list.
   std::optional<ContainerRecord> _introspectContainer(const Path& container,
                                                       bool* orderResultEarly);
-  std::optional<std::string> _bundleIdentifierForBundle(const Path& bundle);
-  // The marker's whole dictionary, or none when it cannot be loaded or lacks a required string.
-  std::optional<ContainerRecord> _loadAndValidateMigrationMarkerAtURL(const Path& marker);
+  // The identifier in the bundle's info dictionary. Absent with the Error of the one attempt to
+  // read it.
+  static std::optional<std::string> _bundleIdentifierForBundle(const Path& bundle, Error* error);
+  // The marker's whole dictionary. Absent with an Error when it cannot be loaded, or lacks a
+  // required string (PlatformPropertyListReadCorruptError); the line that says so is added.
+  static std::optional<ContainerRecord> _loadAndValidateMigrationMarkerAtURL(
+      const Path& marker, std::vector<PendingLine>* lines, Error* error);
 
   // Takes the container through the whole sequence. False when it stopped at a failure; the
   // container is then kept with its marker, unless only its bundle could not be installed.
@@ -87,8 +95,16 @@ class QVRavelle final : public MigratorPlugin {
   void removeEmptyLegacyDirectory();
   void loadInstallMap();
   void loadHarborMap();
-  std::deque<ContainerRecord> buildWorkList();
-  bool migrateRecords(const std::deque<ContainerRecord>& workList);
+  // A record, and which of the entries it is of.
+  struct WorkItem {
+    std::size_t index;
+    ContainerRecord record;
+  };
+  std::deque<WorkItem> buildWorkList();
+  bool migrateRecords(const std::deque<WorkItem>& workList);
+  void endContainer(const Path& entry, const RecordFields& fields, bool migrated);
+  void tellUnclaimedGroups();
+  void tellRemaining(const std::vector<Path>& remaining);
   bool finishLegacyDirectory();
   void countItem() { _countItemsMigrated.fetch_add(1, std::memory_order_relaxed); }
   void migrateGroup(const std::string& identifier, const std::string& group,
@@ -103,6 +119,9 @@ class QVRavelle final : public MigratorPlugin {
   // Group identifier to legacy record; an entry goes when its group was moved. A map of its own,
   // because a dictionary loses entries in linear time.
   std::optional<std::map<std::string, PlistValue, std::less<>>> _groupContainerMap;
+
+  // Groups that some migrated app has.
+  std::set<std::string> _claimedGroups;
 
   const QVGlobalConfiguration& configuration_;
   QVFileManager& files_;

@@ -3,7 +3,11 @@
 
 #include "shared/support/Logging.h"
 
+namespace quorvel {
+inline constexpr const char* kLogCategory = "Corvennad";
+}  // namespace quorvel
+
 // `function` is the reporting operation's full name; what follows is a format that begins
 // "QVRavelle: " and its arguments.
 #define RAVELLE_LOG(level, function, ...) \
-  ::quorvel::HostLog(__FILE__, (function), __LINE__, "Corvennad", (level), __VA_ARGS__)
+  ::quorvel::HostLog(__FILE__, (function), __LINE__, ::quorvel::kLogCategory, (level), __VA_ARGS__)

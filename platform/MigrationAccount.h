@@ -24,12 +24,13 @@ enum class MigrationStep {
   groups,
   missedItems,
   removal,
+  run,  // of no container: what comes before and after them
 };
 
 // What became of an entry of the legacy applications directory.
 enum class MigrationOutcome {
   migrated,  // all of it arrived, and the entry is gone
-  resumed,   // the same, begun by an earlier run
+  resumed,   // the same, of a container whose kind is `marker`; told as either
   removed,   // nothing could be made of it, and it is gone
   left,      // it was not begun and stays as it is
   failed,    // it was begun; whether it stays is told with it
@@ -79,9 +80,9 @@ enum class MigrationReason {
 };
 
 // The words for these in results, the same everywhere.
-inline constexpr std::array<const char*, 9> MigrationStepNames = {
-    "introspect", "marker", "placeholder",  "data",   "stage",
-    "install",    "groups", "missed-items", "removal"};
+inline constexpr std::array<const char*, 10> MigrationStepNames = {
+    "introspect", "marker", "placeholder",  "data",    "stage",
+    "install",    "groups", "missed-items", "removal", "run"};
 inline constexpr std::array<const char*, 5> MigrationOutcomeNames = {"migrated", "resumed",
                                                                      "removed", "left", "failed"};
 inline constexpr std::array<const char*, 35> MigrationReasonNames = {"none",
@@ -130,12 +131,27 @@ constexpr const char* NameOf(MigrationReason reason) {
   return MigrationReasonNames[static_cast<std::size_t>(reason)];
 }
 
-// An entry of the legacy applications directory.
-struct AccountedContainer {
-  std::size_t index = 0;     // from 0, in the order in which they were found
-  std::string path{};        // the entry's own, whatever its marker says
-  std::string identifier{};  // empty while it is not known
-  bool resumed = false;      // its record comes from a marker
+// What an entry of the legacy applications directory is.
+enum class LegacyItemKind {
+  unknown,    // it could not be listed, or not everything in it could be read
+  app,        // a container with an app bundle
+  vpnBundle,  // a container with a VPN plug-in bundle and no app
+  marker,     // a container whose migration was begun
+  empty,      // a container in which nothing can be migrated
+  file,       // no directory
+  link,
+};
+inline constexpr std::array<const char*, 7> LegacyItemKindNames = {
+    "unknown", "App", "VPNBundle", "marker", "empty", "file", "link"};
+constexpr const char* NameOf(LegacyItemKind kind) {
+  return LegacyItemKindNames[static_cast<std::size_t>(kind)];
+}
+
+// What is known of an entry once it was looked at.
+struct ClassifiedContainer {
+  LegacyItemKind kind = LegacyItemKind::unknown;
+  std::string identifier{};  // these two are empty unless there is something to migrate
+  std::string bundle{};      // its path
 };
 
 // Something that did not go as it should.
@@ -174,10 +190,10 @@ struct LeftBehind {
 };
 
 // Told in the order in which things happen, on the thread that drives the plug-in. A container
-// that is looked at begins; one that is to be migrated begins again, with its identifier, when its
-// turn comes, and every other one ends at once. Everything told in between belongs to it, and
-// everything else to the run. What an implementation does not care for it leaves out. Nothing is
-// thrown; nothing here calls back into the plug-in.
+// begins when it is looked at, and is classified. One that is to be migrated begins again when its
+// turn comes; every other one ends at once. Everything told between its beginning and the next one
+// or its end belongs to it, and everything else to the run. What an implementation does not care
+// for it leaves out. Nothing is thrown; nothing here calls back into the plug-in.
 class MigrationAccount {
  public:
   virtual ~MigrationAccount() = default;
@@ -185,7 +201,10 @@ class MigrationAccount {
   // Once, by the plug-in's initialisation, when there is anything: entries found, links left out.
   virtual void itemsFound(std::size_t /*count*/) {}
 
-  virtual void containerBegan(const AccountedContainer& /*container*/) {}
+  // `index` counts the entries from 0, in the order in which they were found; `path` is the
+  // entry's own, whatever its marker says.
+  virtual void containerBegan(std::size_t /*index*/, const std::string& /*path*/) {}
+  virtual void containerClassified(const ClassifiedContainer& /*container*/) {}
   // Also around what a step does not get to do: a step that was begun ends.
   virtual void stepBegan(MigrationStep /*step*/) {}
   virtual void stepEnded(MigrationStep /*step*/, bool /*succeeded*/) {}
@@ -193,7 +212,8 @@ class MigrationAccount {
   virtual void dataContainerFound(const std::string& /*path*/) {}
   virtual void problem(const MigrationProblem& /*problem*/) {}
   virtual void lost(const MigrationLoss& /*loss*/) {}
-  virtual void containerEnded(MigrationOutcome /*outcome*/) {}
+  // `stays`: the entry is still there.
+  virtual void containerEnded(MigrationOutcome /*outcome*/, bool /*stays*/) {}
 
   // Each once for every attempt to move a group, and for every entry of the harbor map.
   virtual void groupEnded(const MigratedDirectory& /*group*/) {}

@@ -260,25 +260,68 @@ TEST_F(IntrospectionTest, AppWinsOverPluginWhateverTheOrder) {
   }
 }
 
-TEST_F(IntrospectionTest, WhatCannotBeReadForAMomentIsNotRemoved) {
-  makeBundle("A", "Foo.app", "com.example.a");
-  for (const char* operation : {"open", "identifier"}) {
-    Fault once(operation, 1, EIO);
-    FaultyBundleReader reader(platform_.bundles, once);
-    platform_.set.bundles = &reader;
-    EXPECT_EQ(field(introspect("A"), "BundleIdentifier"), "com.example.a") << operation;
-    EXPECT_TRUE(once.fired());
-    platform_.set.bundles = &platform_.bundles;
+// A container of an app, a VPN plug-in and the marker of neither; one of them cannot be read, once
+// or for good, whatever the reason and whichever of them is looked at first.
+TEST_F(IntrospectionTest, WhatCannotBeReadLeavesTheWholeContainerAlone) {
+  makeApp("A", "com.example.a");
+  makeBundle("A", "Tun.vpnplugin", "com.example.v");
+  writeFile(markerFile("A"), "damaged");
+  const auto before = [this] { return exists(legacy("A") + "/Foo.app/executable"); };
+  for (const int number : {EIO, EACCES, EUCLEAN, EBADMSG, ENOKEY, ETIMEDOUT, EREMOTEIO, ENXIO,
+                           EAGAIN, EOVERFLOW, ENOTCONN, ENODATA, ELOOP, ENOMEM, EMFILE, E2BIG}) {
+    for (const char* operation : {"open", "identifier", "readDictionary"}) {
+      for (const int nth : {1, 2, 0}) {
+        if (operation == std::string("readDictionary") && nth == 2) continue;  // one marker
+        Fault fault(operation, nth, number);
+        FaultyBundleReader bundles(platform_.bundles, fault);
+        FaultyPropertyListStore lists(platform_.propertyLists, fault);
+        platform_.set.bundles = &bundles;
+        platform_.set.propertyLists = &lists;
+        account_.take();
+        log_.take();
+        EXPECT_FALSE(introspect("A").has_value()) << operation << nth << ErrnoDescription(number);
+        EXPECT_TRUE(fault.fired() && before()) << operation << nth << ErrnoDescription(number);
+        EXPECT_LE(fault.calls("open"), 2) << "something was read again";
+        const Lines told = account_.take();
+        EXPECT_EQ(told.back(), "ended left stays");
+        EXPECT_THAT(told[told.size() - 2],
+                    ::testing::MatchesRegex("stops introspect (bundle|marker)-unreadable .* " +
+                                            std::to_string(number)));
+        EXPECT_THAT(log_.takeErrors().back(),
+                    HasSubstr(std::string("3 ") + kIntrospect + "QVRavelle: Leaving container " +
+                              legacy("A") + " alone because " + legacy("A") + "/"));
+      }
+    }
   }
-  // For longer: it stays as it is for a later run.
-  Fault always("open", 0, EACCES);
-  Fault barred("readWholeFile", 0, EACCES);
-  FaultyBundleReader reader(platform_.bundles, always);
-  FaultyFileData data(platform_.fileData, barred);
-  platform_.set.bundles = &reader;
-  platform_.set.fileData = &data;
+  platform_.set.bundles = &platform_.bundles;
+  platform_.set.propertyLists = &platform_.propertyLists;
+  EXPECT_EQ(field(introspect("A"), "SecondBundlePath"), legacy("A") + "/Tun.vpnplugin");
+  // A valid marker says what to do whatever cannot be read.
+  writePlist(markerFile("A"), marker("A"));
+  Fault always("open", 0, EIO);
+  FaultyBundleReader bundles(platform_.bundles, always);
+  platform_.set.bundles = &bundles;
+  EXPECT_EQ(field(introspect("A"), "BundleIdentifier"), "com.example.marked");
+}
+
+TEST_F(IntrospectionTest, TheAccountSaysWhatWentWithAnUnusableContainer) {
+  writeFile(legacy("A") + "/Foo.app/Info.plist", "garbage");
+  writeFile(legacy("A") + "/Documents/letter", "user data");
+  std::filesystem::create_symlink("letter", legacy("A") + "/Documents/link");
+  std::filesystem::create_directories(legacy("A") + "/Library");
   EXPECT_FALSE(introspect("A").has_value());
-  EXPECT_TRUE(exists(legacy("A") + "/Foo.app/executable"));
+  EXPECT_THAT(
+      account_.take(),
+      ElementsAre("is empty ", "notes introspect bundle-unusable Foo.app 3840",
+                  "stops introspect no-bundle A", "lost 3 16 Documents Library", "ended removed"));
+  // What a failed removal left is not lost.
+  writeFile(legacy("B") + "/Documents/letter", "user data");
+  Fault fault("RemoveTree", 0, EACCES);
+  FaultyFileSystem broken(platform_.fileSystem, fault);
+  platform_.set.fileSystem = &broken;
+  EXPECT_FALSE(introspect("B").has_value());
+  EXPECT_THAT(account_.take(), ElementsAre("is empty ", "stops introspect no-bundle B",
+                                           "stops removal not-removed B 13", "ended left stays"));
 }
 
 TEST_F(IntrospectionTest, UnusableBundlesAreNotRemembered) {

@@ -45,11 +45,53 @@ class HostLogRecorder : public HostLogWriter {
   std::vector<std::string> lines_;
 };
 
+// Collects what the plug-in tells of containers and what remains, one text each.
+class RecordingAccount : public MigrationAccount {
+ public:
+  void itemsFound(std::size_t count) override { add("items " + std::to_string(count)); }
+  void containerBegan(std::size_t /*index*/, const std::string& path) override {
+    add("began " + path.substr(path.rfind('/') + 1));
+  }
+  void containerClassified(const ClassifiedContainer& container) override {
+    add(std::string("is ") + NameOf(container.kind) + " " + container.identifier);
+  }
+  void problem(const MigrationProblem& problem) override {
+    std::string text = std::string(problem.stops ? "stops " : "notes ") + NameOf(problem.step) +
+                       " " + NameOf(problem.reason) + " " +
+                       problem.path.substr(problem.path.rfind('/') + 1);
+    if (problem.error) text += " " + std::to_string(problem.error.code());
+    for (const std::string& item : problem.items) text += " [" + item + "]";
+    add(std::move(text));
+  }
+  void lost(const MigrationLoss& loss) override {
+    std::string text = "lost " + std::to_string(loss.files) + " " + std::to_string(loss.bytes);
+    for (const std::string& item : loss.userDataItems) text += " " + item;
+    add(text + (loss.complete ? "" : " ?"));
+  }
+  void containerEnded(MigrationOutcome outcome, bool stays) override {
+    add(std::string("ended ") + NameOf(outcome) + (stays ? " stays" : ""));
+  }
+  void groupEnded(const MigratedDirectory& group) override { directory("group ", group); }
+  void harborEnded(const MigratedDirectory& harbor) override { directory("harbor ", harbor); }
+  void leftBehind(const LeftBehind& item) override {
+    add("left behind " + item.path.substr(item.path.rfind('/') + 1) + " " + NameOf(item.why));
+  }
+  std::vector<std::string> take() { return std::exchange(texts_, {}); }
+
+ private:
+  void add(std::string text) { texts_.push_back(std::move(text)); }
+  void directory(const char* what, const MigratedDirectory& told) {
+    add(what + told.identifier + " " + NameOf(told.outcome) + " " + NameOf(told.reason));
+  }
+  std::vector<std::string> texts_;
+};
+
 class RavelleFixture : public ::testing::Test {
  protected:
   RavelleFixture()
       : root_(platform_.tree.path() + "/device"), workspace_(root_, platform_.bundles) {
     platform_.set.hostLog = &log_;
+    platform_.set.account = &account_;
     platform_.set.workspace = &workspace_;
     platform_.set.installationService = &service_;
     configuration_ = std::make_unique<QVGlobalConfiguration>(Path::directory(root_));
@@ -125,6 +167,7 @@ class RavelleFixture : public ::testing::Test {
   TestPlatform platform_;
   std::string root_;
   HostLogRecorder log_;
+  RecordingAccount account_;
   FakeApplicationWorkspace workspace_;
   FakeInstallationService service_;
   std::unique_ptr<QVGlobalConfiguration> configuration_;

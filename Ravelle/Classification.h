@@ -1,0 +1,62 @@
+// What an entry of the legacy applications directory is, and what a migration does with it.
+//
+// The decision is made here, once, for the migration that carries it out (_introspectContainer)
+// and for the preview that shows it. Nothing on disk changes.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Ravelle/ContainerRecord.h"
+#include "platform/MigrationAccount.h"
+#include "platform/Path.h"
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Format.h"
+
+namespace quorvel {
+
+// A line of the host's log that is still to be written.
+struct PendingLine {
+  const char* file;
+  const char* function;
+  int line;
+  int level;
+  std::string message;
+};
+
+// Adds one, with a format and its arguments as RAVELLE_LOG takes them.
+#define RAVELLE_ADD_LINE(lines, level, function, ...) \
+  (lines).push_back(                                  \
+      {__FILE__, (function), __LINE__, (level), ::quorvel::FormatMessage(__VA_ARGS__)})
+
+struct Classification {
+  enum class Verdict {
+    migrate,  // the record says what
+    remove,   // it is certain that nothing can be made of it
+    leave,    // as it is
+    none,     // it is not there any more
+  };
+
+  Verdict verdict = Verdict::leave;
+  LegacyItemKind kind = LegacyItemKind::unknown;
+  // With `migrate` only: the marker's dictionary as it was read, or a new record.
+  std::optional<ContainerRecord> record{};
+  // The record belongs at the front of the work list.
+  bool early = false;
+  // What the decision rests on, in the order in which it was met; the last one decides.
+  std::vector<MigrationProblem> problems{};
+  // What is to be logged, in order, before anything is done.
+  std::vector<PendingLine> lines{};
+  // The names in the container, where it could be listed.
+  std::vector<std::string> names{};
+};
+
+// Each file is read once; a failure is judged by its own Error. Whatever was not read whole, and
+// is not certain to be absent, makes the verdict `leave`, unless a valid marker says what to do.
+Classification ClassifyLegacyContainer(QVFileManager& files, const Path& container);
+
+// Whether the entry is the note of the former service, which goes whatever it is.
+bool IsFarewell(const Path& entry);
+
+}  // namespace quorvel

@@ -1,0 +1,123 @@
+// What is told of a container beside its steps: what it is, and what goes with it.
+#include "Ravelle/RavelleAccount.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+
+#include "platform/DeviceNames.h"
+
+namespace quorvel {
+
+namespace {
+
+void CountEntry(const TreeWalkEntry& entry, MigrationLoss& loss) {
+  switch (entry.kind) {
+    case TreeWalkKind::file:
+      ++loss.files;
+      loss.bytes += static_cast<std::uint64_t>(entry.info.st_size);
+      break;
+    case TreeWalkKind::symbolicLink:
+    case TreeWalkKind::other:
+      ++loss.files;
+      break;
+    case TreeWalkKind::directoryBefore:
+    case TreeWalkKind::directoryAfter:
+      break;
+    case TreeWalkKind::unreadableDirectory:
+    case TreeWalkKind::noStat:
+    case TreeWalkKind::error:
+      loss.complete = false;
+      break;
+  }
+}
+
+bool IsOrLiesIn(std::string_view path, std::string_view tree) {
+  return !tree.empty() && path.starts_with(tree) &&
+         (path.size() == tree.size() || path[tree.size()] == '/');
+}
+
+void CountEntries(TreeWalk& walk, const std::array<Path, 2>& except, MigrationLoss& loss) {
+  std::array<std::string, 2> passedOver;
+  for (std::size_t i = 0; i < except.size(); ++i) {
+    if (!except[i].isAbsent()) passedOver[i] = except[i].fileSystemRepresentation().c_str();
+  }
+  while (const TreeWalkEntry* entry = walk.read()) {
+    if (IsOrLiesIn(entry->path, passedOver[0]) || IsOrLiesIn(entry->path, passedOver[1])) continue;
+    CountEntry(*entry, loss);
+  }
+  loss.complete = loss.complete && errno == 0;
+}
+
+bool IsNothing(const MigrationLoss& loss) {
+  return loss.complete && loss.files == 0 && loss.userDataItems.empty();
+}
+
+// What a removal that failed halfway left is not lost.
+void Subtract(const MigrationLoss& kept, MigrationLoss& loss) {
+  loss.files -= std::min(kept.files, loss.files);
+  loss.bytes -= std::min(kept.bytes, loss.bytes);
+  loss.complete = loss.complete && kept.complete;
+  std::erase_if(loss.userDataItems, [&kept](const std::string& name) {
+    return std::find(kept.userDataItems.begin(), kept.userDataItems.end(), name) !=
+           kept.userDataItems.end();
+  });
+}
+
+}  // namespace
+
+void TellClassification(const Classification& found) {
+  ClassifiedContainer container{.kind = found.kind};
+  if (found.record) {
+    RecordFields fields = FieldsOf(*found.record);
+    container.identifier = std::move(fields.identifier);
+    container.bundle = fields.bundle.string();
+  }
+  Account().containerClassified(container);
+  for (const MigrationProblem& problem : found.problems) Account().problem(problem);
+}
+
+std::optional<MigrationLoss> MeasureLoss(const Path& item, const Path& except) {
+  struct stat info {};
+  const FileSystemRepresentation root = item.fileSystemRepresentation();
+  if (::lstat(root.c_str(), &info) != 0) return std::nullopt;
+  MigrationLoss loss{.path = item.string()};
+  const std::unique_ptr<TreeWalk> walk =
+      Platform().treeWalker->open(root.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION);
+  loss.complete = walk != nullptr;
+  if (walk != nullptr) CountEntries(*walk, {item.child(MigrationMarkerName), except}, loss);
+  for (const char* name : UserDataItemNames) {
+    if (::lstat(item.child(name).fileSystemRepresentation().c_str(), &info) == 0) {
+      loss.userDataItems.emplace_back(name);
+    }
+  }
+  if (IsNothing(loss)) return std::nullopt;
+  return loss;
+}
+
+bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const Path& except, Error* error) {
+  if (Platform().account == nullptr) return files.removeItemAtURL(item, error);
+  std::optional<MigrationLoss> loss = MeasureLoss(item, except);
+  const bool removed = files.removeItemAtURL(item, error);
+  if (!loss) return removed;
+  if (!removed) {
+    if (const auto kept = MeasureLoss(item, except)) Subtract(*kept, *loss);
+  }
+  if (!IsNothing(*loss)) Account().lost(*loss);
+  return removed;
+}
+
+void RemoveWithAccount(QVFileManager& files, const Path& entry) {
+  Error error;
+  const bool removed =
+      InStep(MigrationStep::removal, [&] { return RemoveAndTellLoss(files, entry, {}, &error); });
+  if (!removed) {
+    TellProblem(MigrationStep::removal, MigrationReason::notRemoved, entry, error);
+  }
+  Account().containerEnded(removed ? MigrationOutcome::removed : MigrationOutcome::left, !removed);
+}
+
+}  // namespace quorvel

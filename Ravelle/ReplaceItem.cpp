@@ -1,3 +1,4 @@
+// Deletes what is in the way, but never what is being moved.
 #include "Ravelle/ReplaceItem.h"
 
 #include <fcntl.h>

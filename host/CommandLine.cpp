@@ -1,3 +1,4 @@
+// Declares the options of every command and turns the parser's complaints into ours.
 #include "host/CommandLine.h"
 
 #include <CLI/CLI.hpp>

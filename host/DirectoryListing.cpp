@@ -1,3 +1,4 @@
+// Reads names without changing the directory's access time.
 #include "host/DirectoryListing.h"
 
 #include <dirent.h>

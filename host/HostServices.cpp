@@ -1,3 +1,4 @@
+// Puts the Linux services together and opens the logs.
 #include "host/HostServices.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// The program: standard streams made safe, then one command.
 #include <unistd.h>
 
 #include <clocale>

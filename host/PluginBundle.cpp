@@ -1,3 +1,4 @@
+// Finds, loads and checks the shared object; it is never unloaded.
 #include "host/PluginBundle.h"
 
 #include <dlfcn.h>

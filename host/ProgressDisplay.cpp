@@ -1,3 +1,4 @@
+// A thread that redraws one line of the terminal.
 #include "host/ProgressDisplay.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// "registry" shows the registry's records, "register" adds one.
 #include "host/Commands.h"
 #include "host/HostServices.h"
 #include "host/console/DeviceRoot.h"

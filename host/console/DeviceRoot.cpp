@@ -1,3 +1,4 @@
+// Confines the process by a change of root, through a user namespace where it must.
 #include "host/console/DeviceRoot.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Writes to descriptors, where a stream would hide an error until too late.
 #include "host/console/Output.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Asks the terminal for its width and the environment for its wishes.
 #include "host/console/Terminal.h"
 
 #include <sys/ioctl.h>

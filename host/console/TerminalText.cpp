@@ -1,3 +1,4 @@
+// Escapes what could move a cursor, and counts columns as terminals do.
 #include "host/console/TerminalText.h"
 
 #include <cwchar>

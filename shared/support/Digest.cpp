@@ -1,3 +1,4 @@
+// Reads in bounded chunks and feeds the platform's digest.
 #include "shared/support/Digest.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Builds records and logs those that are to be logged.
 #include "shared/support/Errors.h"
 
 #include "shared/support/Logging.h"

@@ -1,3 +1,4 @@
+// Walks a format once and renders one argument at a time.
 #include "shared/support/Format.h"
 
 #include <charconv>

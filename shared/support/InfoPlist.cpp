@@ -1,3 +1,4 @@
+// One lock around all reading of bundles in the process.
 #include "shared/support/InfoPlist.h"
 
 #include <mutex>

@@ -1,3 +1,4 @@
+// Hands finished lines to the platform's writers.
 #include "shared/support/Logging.h"
 
 #include "shared/support/Platform.h"

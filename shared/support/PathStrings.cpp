@@ -1,3 +1,4 @@
+// Splits, escapes and decodes path texts.
 #include "shared/support/PathStrings.h"
 
 #include <cstring>

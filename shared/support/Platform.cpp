@@ -1,3 +1,4 @@
+// Holds the installed set.
 #include "shared/support/Platform.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// Counts assertions, holds transactions open, and builds the last report.
 #include "shared/support/ProcessSupport.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// One function per shape.
 #include "shared/support/Values.h"
 
 #include <algorithm>

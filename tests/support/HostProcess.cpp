@@ -1,3 +1,4 @@
+// Starts a program and collects what it wrote, with a terminal where asked.
 #include "tests/support/HostProcess.h"
 
 #include <fcntl.h>

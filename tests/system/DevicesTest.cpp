@@ -1,3 +1,4 @@
+// Attached images and mounts, from made kernel directories and from the real ones.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/loop.h>

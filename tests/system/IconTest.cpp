@@ -1,3 +1,4 @@
+// Icons from sound, broken and hostile PNG files.
 #include <gtest/gtest.h>
 #include <png.h>
 #include <sys/stat.h>

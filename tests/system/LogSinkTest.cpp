@@ -1,3 +1,4 @@
+// Log lines as they reach a file: whole, in order, and never failing.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>

@@ -1,3 +1,4 @@
+// What a process tells of itself, seen from other processes.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/uio.h>

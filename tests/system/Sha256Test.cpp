@@ -1,3 +1,4 @@
+// Digests against known values.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,3 +1,4 @@
+// Made devices: always the same for one seed, and fit to be migrated.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/wait.h>

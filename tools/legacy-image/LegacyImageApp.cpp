@@ -1,3 +1,4 @@
+// Writes a bundle, its data and what lies beside it.
 #include "tools/legacy-image/LegacyImageApp.h"
 
 #include <algorithm>

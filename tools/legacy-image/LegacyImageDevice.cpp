@@ -1,3 +1,4 @@
+// Chooses what stands on a device, one function per kind of thing.
 #include "tools/legacy-image/LegacyImageDevice.h"
 
 #include <array>

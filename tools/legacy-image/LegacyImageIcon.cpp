@@ -1,3 +1,4 @@
+// Draws an icon in the app's colour.
 #include "tools/legacy-image/LegacyImageIcon.h"
 
 #include <png.h>

@@ -1,3 +1,4 @@
+// Writes items and sets their times last.
 #include "tools/legacy-image/LegacyImageWriter.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Collects lines and repeats them on standard error.
 #include "tools/quorvelctl/CtlErrorLines.h"
 
 #include <unistd.h>

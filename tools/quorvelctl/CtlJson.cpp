@@ -1,3 +1,4 @@
+// Wraps the kinds that JSON does not have, and lays objects out for people.
 #include "tools/quorvelctl/CtlJson.h"
 
 #include <algorithm>

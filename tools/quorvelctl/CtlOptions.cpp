@@ -1,3 +1,4 @@
+// Declares options and operands to the parser.
 #include "tools/quorvelctl/CtlOptions.h"
 
 namespace quorvel::ctl {

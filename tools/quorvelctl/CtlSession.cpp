@@ -1,3 +1,4 @@
+// Enters the tree, installs the services and writes the result.
 #include "tools/quorvelctl/CtlSession.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// A temporary file beside the wanted one, locked, flushed and renamed over it.
 #include "platform/linux/files/AtomicFile.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Copies extents where they are, by the kernel where it can, and leaves holes as holes.
 #include "platform/linux/files/DataCopier.h"
 
 #include <fcntl.h>

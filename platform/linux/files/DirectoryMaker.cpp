@@ -1,3 +1,4 @@
+// Tries the whole path first and walks up only where a parent is missing.
 #include "platform/linux/files/DirectoryMaker.h"
 
 #include <fcntl.h>

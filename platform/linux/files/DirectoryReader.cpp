@@ -1,3 +1,4 @@
+// Reads directories by system call, without a stream of the C library.
 #include "platform/linux/files/DirectoryReader.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Keeps few directories open and reopens the others by way of their parents.
 #include "platform/linux/files/DirectoryStack.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Makes a directory and flushes the one that holds its name.
 #include "platform/linux/files/DurableDirectory.h"
 
 #include <sys/stat.h>

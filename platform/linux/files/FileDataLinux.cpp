@@ -1,3 +1,4 @@
+// Whole files by way of AtomicFile.
 #include "platform/linux/files/FileDataLinux.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Maps the interface to system calls and hands trees to those who walk them.
 #include "platform/linux/files/FileSystemLinux.h"
 
 #include <fcntl.h>

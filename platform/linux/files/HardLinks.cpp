@@ -1,3 +1,4 @@
+// Remembers only items with several names, by device and inode.
 #include "platform/linux/files/HardLinks.h"
 
 #include <fcntl.h>

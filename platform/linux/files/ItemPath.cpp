@@ -1,3 +1,4 @@
+// Splits a path once and opens the directory without following a last link.
 #include "platform/linux/files/ItemPath.h"
 
 #include <fcntl.h>

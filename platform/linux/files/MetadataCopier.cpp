@@ -1,3 +1,4 @@
+// Copies in the order in which nothing is ever more accessible than its source.
 #include "platform/linux/files/MetadataCopier.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Uses fchmodat2 where the kernel has it, and a pinned descriptor where not.
 #include "platform/linux/files/ModeChanger.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Copies, flushes, renames the source aside and only then removes it.
 #include "platform/linux/files/MoveTree.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Walks the source with an explicit stack and makes each item private first.
 #include "platform/linux/files/TreeCopier.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Empties directories from below, files before directories, across any depth.
 #include "platform/linux/files/TreeRemover.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Hands each entry over with its stat information, directories twice.
 #include "platform/linux/files/TreeWalkerLinux.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Looks for an icon's file in a bundle and renders it by rows.
 #include "platform/linux/icons/IconRendererLinux.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Weighs source samples by how much of the result's sample they cover.
 #include "platform/linux/icons/IconScaler.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Keeps libpng's long jumps away from everything that has a destructor.
 #include "platform/linux/icons/PngCodec.h"
 
 #include <png.h>

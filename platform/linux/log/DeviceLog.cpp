@@ -1,3 +1,4 @@
+// Makes its file at the first line and begins a new one at its limit.
 #include "platform/linux/log/DeviceLog.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Builds each line by hand in one buffer that is kept.
 #include "platform/linux/log/JsonLineLog.h"
 
 #include <array>

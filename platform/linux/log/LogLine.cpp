@@ -1,3 +1,4 @@
+// Formats time stamps once a second and appends whole lines.
 #include "platform/linux/log/LogLine.h"
 
 #include <cerrno>

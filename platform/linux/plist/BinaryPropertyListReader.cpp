@@ -1,3 +1,4 @@
+// Builds values from the object table with an explicit stack.
 #include <bit>
 #include <cerrno>
 #include <utility>

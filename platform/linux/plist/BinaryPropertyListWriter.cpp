@@ -1,3 +1,4 @@
+// Numbers objects, writes each distinct one once, then the offset table.
 #include <bit>
 #include <functional>
 #include <string_view>

@@ -1,3 +1,4 @@
+// Pins the bundle's directory and reads its dictionary when first asked.
 #include "platform/linux/plist/BundleReaderLinux.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Changes one file per domain under a lock of its own.
 #include "platform/linux/plist/PreferencesPlist.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Tells the encodings apart and hands the bytes on.
 #include "platform/linux/plist/PropertyList.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Files to bytes and back; the encodings are PropertyList.h's.
 #include "platform/linux/plist/PropertyListFiles.h"
 
 #include <fcntl.h>

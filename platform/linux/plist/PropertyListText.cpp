@@ -1,3 +1,4 @@
+// Scalars as text without the locale.
 #include "platform/linux/plist/PropertyListText.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Builds values from the parser's events with an explicit stack.
 #include <expat.h>
 #include <sys/random.h>
 

@@ -1,3 +1,4 @@
+// Writes values with an explicit stack, refusing what XML cannot hold.
 #include <algorithm>
 #include <charconv>
 #include <string_view>

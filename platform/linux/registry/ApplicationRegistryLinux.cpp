@@ -1,3 +1,4 @@
+// Joins the two services over one core.
 #include "platform/linux/registry/ApplicationRegistryLinux.h"
 
 #include <map>

@@ -1,3 +1,4 @@
+// Checks a request, plans it, carries it out and reports it.
 #include "platform/linux/registry/ApplicationWorkspaceLinux.h"
 
 #include <algorithm>

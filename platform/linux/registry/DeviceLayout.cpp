@@ -1,3 +1,4 @@
+// Names for new containers from the system's random numbers.
 #include "platform/linux/registry/DeviceLayout.h"
 
 #include <sys/random.h>

@@ -1,3 +1,4 @@
+// Lists the steps that take an app from what is recorded to what is staged.
 #include "platform/linux/registry/InstallPlan.h"
 
 #include <cerrno>

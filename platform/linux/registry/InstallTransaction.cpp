@@ -1,3 +1,4 @@
+// Each step can be repeated; the order of their flushes is said where they are carried out.
 #include "platform/linux/registry/InstallTransaction.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Records harbors and the update of data protection beside the apps.
 #include "platform/linux/registry/InstallationServiceLinux.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Fields with their lengths in front, refused whole when they do not add up.
 #include "platform/linux/registry/IntentCodec.h"
 
 #include <charconv>

@@ -1,3 +1,4 @@
+// Looks into staged packages and built-in bundles by descriptor.
 #include "platform/linux/registry/PackageInspection.h"
 
 #include <dirent.h>

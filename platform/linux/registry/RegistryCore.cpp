@@ -1,3 +1,4 @@
+// Opens the store when first needed and completes what was interrupted.
 #include "platform/linux/registry/RegistryCore.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// Opens the database without following links and turns its codes into errors.
 #include "platform/linux/registry/RegistryDatabase.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// The schema, and rows to records and back.
 #include "platform/linux/registry/RegistryStore.h"
 
 #include <sys/stat.h>

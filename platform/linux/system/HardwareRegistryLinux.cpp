@@ -1,3 +1,4 @@
+// Reads the kernel's block-device directories into the tree that callers expect.
 #include "platform/linux/system/HardwareRegistryLinux.h"
 
 #include <dirent.h>

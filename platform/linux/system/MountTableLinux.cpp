@@ -1,3 +1,4 @@
+// Parses the process's own mount table.
 #include "platform/linux/system/MountTableLinux.h"
 
 #include <fcntl.h>

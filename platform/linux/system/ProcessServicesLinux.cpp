@@ -1,3 +1,4 @@
+// A count, a queue with one thread, and a section of the program that a crash reporter can find.
 #include "platform/linux/system/ProcessServicesLinux.h"
 
 #include <sys/prctl.h>

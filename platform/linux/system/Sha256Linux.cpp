@@ -1,3 +1,4 @@
+// Feeds libcrypto.
 #include "platform/linux/system/Sha256Linux.h"
 
 #include <openssl/evp.h>

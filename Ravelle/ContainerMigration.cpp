@@ -112,7 +112,9 @@ bool RemoveContainer(QVFileManager& files, const RecordFields& fields, bool isPl
   }
   // Only a container that was looked through to its end holds nothing that would be lost.
   if (installed && !isPlaceholder) return files.removeItemAtURL(fields.container, error);
-  return RemoveAndTellLoss(files, fields.container, isPlaceholder ? fields.bundle : Path(), error);
+  std::vector<Path> except;
+  if (isPlaceholder) except.push_back(fields.bundle);
+  return RemoveAndTellLoss(files, fields.container, except, error);
 }
 
 }  // namespace

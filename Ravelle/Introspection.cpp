@@ -54,7 +54,7 @@ std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& conta
   for (const PendingLine& line : found.lines) {
     HostLog(line.file, line.function, line.line, kLogCategory, line.level, "%@", line.message);
   }
-  TellClassification(found);
+  TellClassification(found, Account());
   switch (found.verdict) {
     case Classification::Verdict::migrate:
       *orderResultEarly = found.early;

@@ -1,4 +1,5 @@
-// The bundle's one exported symbol.
+// The bundle's two exported symbols.
+#include "Ravelle/Preview.h"
 #include "Ravelle/Ravelle.h"
 
 // The declaration that the host looks up by name (MigratorPluginEntry).
@@ -6,4 +7,11 @@ extern "C" QV_EXPORT quorvel::MigratorPlugin* QVMigratorPluginCreate(
     std::uint32_t interfaceVersion) {
   if (interfaceVersion != quorvel::MigratorPluginInterfaceVersion) return nullptr;
   return new quorvel::QVRavelle;
+}
+
+// The same for MigrationPreviewEntry.
+extern "C" QV_EXPORT quorvel::MigrationPreview* QVMigrationPreviewCreate(
+    std::uint32_t interfaceVersion) {
+  if (interfaceVersion != quorvel::MigrationPreviewInterfaceVersion) return nullptr;
+  return new quorvel::RavellePreview;
 }

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <memory>
 
@@ -40,14 +39,14 @@ bool IsOrLiesIn(std::string_view path, std::string_view tree) {
          (path.size() == tree.size() || path[tree.size()] == '/');
 }
 
-void CountEntries(TreeWalk& walk, const std::array<Path, 2>& except, MigrationLoss& loss) {
-  std::array<std::string, 2> passedOver;
-  for (std::size_t i = 0; i < except.size(); ++i) {
-    if (!except[i].isAbsent()) passedOver[i] = except[i].fileSystemRepresentation().c_str();
-  }
+void CountEntries(TreeWalk& walk, const std::vector<Path>& except, MigrationLoss& loss) {
+  std::vector<std::string> passedOver;
+  for (const Path& path : except) passedOver.emplace_back(path.fileSystemRepresentation().c_str());
   while (const TreeWalkEntry* entry = walk.read()) {
-    if (IsOrLiesIn(entry->path, passedOver[0]) || IsOrLiesIn(entry->path, passedOver[1])) continue;
-    CountEntry(*entry, loss);
+    const bool counts =
+        std::none_of(passedOver.begin(), passedOver.end(),
+                     [entry](const std::string& tree) { return IsOrLiesIn(entry->path, tree); });
+    if (counts) CountEntry(*entry, loss);
   }
   loss.complete = loss.complete && errno == 0;
 }
@@ -69,18 +68,18 @@ void Subtract(const MigrationLoss& kept, MigrationLoss& loss) {
 
 }  // namespace
 
-void TellClassification(const Classification& found) {
+void TellClassification(const Classification& found, MigrationAccount& account) {
   ClassifiedContainer container{.kind = found.kind};
   if (found.record) {
     RecordFields fields = FieldsOf(*found.record);
     container.identifier = std::move(fields.identifier);
     container.bundle = fields.bundle.string();
   }
-  Account().containerClassified(container);
-  for (const MigrationProblem& problem : found.problems) Account().problem(problem);
+  account.containerClassified(container);
+  for (const MigrationProblem& problem : found.problems) account.problem(problem);
 }
 
-std::optional<MigrationLoss> MeasureLoss(const Path& item, const Path& except) {
+std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Path>& except) {
   struct stat info {};
   const FileSystemRepresentation root = item.fileSystemRepresentation();
   if (::lstat(root.c_str(), &info) != 0) return std::nullopt;
@@ -88,9 +87,13 @@ std::optional<MigrationLoss> MeasureLoss(const Path& item, const Path& except) {
   const std::unique_ptr<TreeWalk> walk =
       Platform().treeWalker->open(root.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION);
   loss.complete = walk != nullptr;
-  if (walk != nullptr) CountEntries(*walk, {item.child(MigrationMarkerName), except}, loss);
+  std::vector<Path> passedOver = except;
+  passedOver.push_back(item.child(MigrationMarkerName));
+  if (walk != nullptr) CountEntries(*walk, passedOver, loss);
   for (const char* name : UserDataItemNames) {
-    if (::lstat(item.child(name).fileSystemRepresentation().c_str(), &info) == 0) {
+    const Path data = item.child(name);
+    if (std::find(except.begin(), except.end(), data) != except.end()) continue;
+    if (::lstat(data.fileSystemRepresentation().c_str(), &info) == 0) {
       loss.userDataItems.emplace_back(name);
     }
   }
@@ -98,7 +101,8 @@ std::optional<MigrationLoss> MeasureLoss(const Path& item, const Path& except) {
   return loss;
 }
 
-bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const Path& except, Error* error) {
+bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
+                       Error* error) {
   if (Platform().account == nullptr) return files.removeItemAtURL(item, error);
   std::optional<MigrationLoss> loss = MeasureLoss(item, except);
   const bool removed = files.removeItemAtURL(item, error);

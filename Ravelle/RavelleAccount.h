@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "Ravelle/Classification.h"
 #include "platform/MigrationAccount.h"
@@ -31,17 +32,18 @@ inline void TellNote(MigrationStep step, MigrationReason reason, const Path& pat
       {.step = step, .reason = reason, .path = path.string(), .error = error, .stops = false});
 }
 
-void TellClassification(const Classification& found);
+void TellClassification(const Classification& found, MigrationAccount& account);
 
 // What would go with the item, except for its marker and what lies at or below `except`. A tree
 // that is not there, or holds nothing but directories, is no loss. Nothing is followed or changed.
-std::optional<MigrationLoss> MeasureLoss(const Path& item, const Path& except = {});
+std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Path>& except = {});
 
 // Removes an entry that nothing can be made of, tells what went with it, and ends it.
 void RemoveWithAccount(QVFileManager& files, const Path& entry);
 
 // Removes the item and tells what went with it, where anybody wants to know.
-bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const Path& except, Error* error);
+bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
+                       Error* error);
 
 // Runs one step, and hands back what it hands back: whether it succeeded, or what it found.
 template <class Step>

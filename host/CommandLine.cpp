@@ -55,6 +55,14 @@ void AddJson(CLI::App& command, Options& options) {
       ->disable_flag_override();
 }
 
+void AddPlugin(CLI::App& command, Options& options) {
+  command.add_option("--plugin", options.plugin, "The plug-in to load (default: beside the host)")
+      ->type_name("FILE")
+      ->check(NotEmpty);
+  command.add_flag("--all", options.all, "Show what goes well, too, and lists to their end")
+      ->disable_flag_override();
+}
+
 void AddMigrate(CLI::App& parser, Options& options) {
   CLI::App* command = parser.add_subcommand("migrate", "Migrate the device tree");
   AddRoot(*command, options);
@@ -69,9 +77,7 @@ void AddMigrate(CLI::App& parser, Options& options) {
           "Show progress on standard error")
       ->type_name("auto|always|never")
       ->check(KnownProgressMode);
-  command->add_option("--plugin", options.plugin, "The plug-in to load (default: beside the host)")
-      ->type_name("FILE")
-      ->check(NotEmpty);
+  AddPlugin(*command, options);
   command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")
       ->disable_flag_override();
   command->callback([&options] { options.command = Command::migrate; });
@@ -85,6 +91,7 @@ void AddInspect(CLI::App& parser, Options& options) {
       parser.add_subcommand("inspect", "Show what a migration would do; changes nothing");
   AddRoot(*command, options);
   AddJson(*command, options);
+  AddPlugin(*command, options);
   command->callback([&options] { options.command = Command::inspect; });
   command->footer("Example:\n  mkdir -p /tmp/device && migration-host inspect --root /tmp/device");
 }

@@ -14,11 +14,13 @@ struct Options {
   Command command = Command::inspect;
   std::string root;
   bool json = false;
+  // migrate and inspect only:
+  bool all = false;    // show what went well, too
+  std::string plugin;  // empty: the one beside the executable
   // migrate only:
   bool quiet = false;
   ProgressMode progress = ProgressMode::automatic;
   std::string logFile;  // empty: none
-  std::string plugin;   // empty: the one beside the executable
   // register only:
   std::string identifier;
 };

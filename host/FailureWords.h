@@ -1,18 +1,23 @@
-// The plug-in's error messages, in words for the person who ran the migration.
+// The reasons that a plug-in gives, in words for the person who ran the migration.
 #pragma once
 
 #include <string>
-#include <string_view>
+
+#include "platform/Error.h"
+#include "platform/MigrationAccount.h"
 
 namespace quorvel::host {
 
-struct FailureWords {
-  std::string text;    // printable
-  bool minor = false;  // nothing of the user's is affected: not worth a line of its own
-};
+// Begins in the middle of a sentence; printable.
+const char* WordsFor(MigrationReason reason);
 
-// `message` is a line of the plug-in's log without its leading "QVRavelle: ". One that is not
-// known is shown as it stands.
-FailureWords InWords(std::string_view message);
+// The number that the failure came from, through all its causes; 0 when there is none.
+int ErrorNumberOf(const Error& error);
+
+// "ENOSPC", or "E<number>" for a number without a name; empty for 0.
+std::string ErrorNumberName(int number);
+
+// What the record says of the failure, with the number's name in front; empty without a record.
+std::string DetailOf(const Error& error);
 
 }  // namespace quorvel::host

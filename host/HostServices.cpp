@@ -59,7 +59,6 @@ struct HostServices::Services {
   onlinux::DeviceLog deviceLog{ServiceLogDirectory};
   std::vector<HostLogWriter*> hostSinks;
   std::vector<LogWriter*> sinks;
-  std::vector<HostLogWriter*> listeners;
   std::optional<onlinux::TeeHostLog> hostLog;
   std::optional<onlinux::TeeLog> log;
   std::optional<onlinux::ApplicationRegistryLinux> registry;
@@ -89,7 +88,7 @@ bool HostServices::logIsWhole() const {
   return !services_->jsonLog || services_->jsonLog->isWhole();
 }
 
-void HostServices::listen(HostLogWriter& listener) { services_->listeners.push_back(&listener); }
+void HostServices::tell(MigrationAccount& account) { services_->set.account = &account; }
 
 void HostServices::install() {
   Services& own = *services_;
@@ -97,7 +96,6 @@ void HostServices::install() {
     own.hostSinks.push_back(&own.deviceHostLog);
     own.sinks.push_back(&own.deviceLog);
   }
-  own.hostSinks.insert(own.hostSinks.end(), own.listeners.begin(), own.listeners.end());
   own.hostLog.emplace(own.hostSinks);
   own.log.emplace(own.sinks);
   own.set.log = &*own.log;
@@ -123,11 +121,5 @@ void HostServices::install() {
 const PlatformServices& HostServices::set() const { return services_->set; }
 
 onlinux::ApplicationRegistryLinux& HostServices::registry() { return *services_->registry; }
-
-LegacyLayout LegacyLayoutOfDevice() {
-  const QVGlobalConfiguration& configuration = QVGlobalConfiguration::sharedInstance();
-  return {configuration.oldContainerPath(), configuration.oldInstallMapPath(),
-          configuration.oldDataDirectoryPath().child(HarborMapName)};
-}
 
 }  // namespace quorvel::host

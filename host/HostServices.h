@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 
-#include "host/Inspection.h"
 #include "host/console/DeviceRoot.h"
 #include "host/console/ExitCode.h"
 #include "platform/Services.h"
@@ -34,8 +33,8 @@ class HostServices {
   bool openLog(const std::string& file, FatalError& error);
   // False when a line could not be appended to that file.
   bool logIsWhole() const;
-  // Before install(): `listener` hears every line of the plug-in's log, after the files.
-  void listen(HostLogWriter& listener);
+  // Before install(): the plug-in tells this account what it does.
+  void tell(MigrationAccount& account);
 
   // In the device tree: makes the services the process's. Lines go to the device's own log
   // directories from here on, when it may be changed.
@@ -49,8 +48,5 @@ class HostServices {
   struct Services;
   std::unique_ptr<Services> services_;
 };
-
-// The legacy layout of the device tree that the process is confined to, after install().
-LegacyLayout LegacyLayoutOfDevice();
 
 }  // namespace quorvel::host

@@ -72,14 +72,12 @@ void WarnOfIncompleteLog(const HostServices& services, const Options& options) {
                                       "The migration does not depend on it.\n");
 }
 
-int Report(const MigrationResult& result, const RunAccount& account, const Path& legacyContainers,
-           const Options& options) {
+int Report(const MigrationResult& result, const RunAccount& account, const Options& options) {
   const int code = result.succeeded ? ExitSucceeded : ExitFailed;
-  if (options.json) return WriteResult(ResultAsJson(result), code);
+  if (options.json) return WriteResult(ResultAsJson(result, account), code);
   if (options.quiet && result.succeeded) return code;
   const int stream = options.quiet ? STDERR_FILENO : STDOUT_FILENO;
-  const std::string text =
-      ResultAsText(result, account, legacyContainers, options, DescribeTerminal(stream));
+  const std::string text = ResultAsText(result, account, options, DescribeTerminal(stream));
   if (!options.quiet) return WriteResult(text, code);
   (void)WriteWhole(STDERR_FILENO, text);
   return code;
@@ -92,24 +90,23 @@ int RunMigrate(const Options& options) {
   DeviceRoot root;
   PluginBundle bundle;
   HostServices services(DeviceAccess::change);
-  RunAccount account(!options.json && !options.quiet);
+  RunAccount account;
   if (!Prepare(options, root, bundle, services, error)) return ReportFatal(error, options.json);
-  services.listen(account);
+  services.tell(account);
   services.install();
   const auto start = Clock::now();
   const std::unique_ptr<MigratorPlugin> plugin = bundle.create(error);
   if (plugin == nullptr) {
-    account.finish();
-    for (const std::string& reason : account.generalReasons()) {
-      error.problem += ": " + InWords(reason).text;
+    for (const MigrationProblem& problem : account.problems()) {
+      error.problem += ": " + Printable(problem.path) + ": " + WordsFor(problem.reason) + ": " +
+                       Printable(DetailOf(problem.error));
     }
     return ReportFatal(error, options.json);
   }
   ShowEstimate(*plugin, account, options);
   const MigrationResult result = Drive(*plugin, account, options, start);
-  account.finish();
   WarnOfIncompleteLog(services, options);
-  return Report(result, account, LegacyLayoutOfDevice().containers, options);
+  return Report(result, account, options);
 }
 
 }  // namespace quorvel::host

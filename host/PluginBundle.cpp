@@ -63,7 +63,19 @@ bool PluginBundle::load(const std::string& file, FatalError& error) {
                 printable_ + ": this is no plug-in: it does not export " + MigratorPluginEntryName,
                 Remedy);
   }
+  previewEntry_ =
+      reinterpret_cast<MigrationPreviewEntry>(::dlsym(bundle, MigrationPreviewEntryName));
   return true;
+}
+
+std::unique_ptr<MigrationPreview> PluginBundle::createPreview(FatalError& error) const {
+  std::unique_ptr<MigrationPreview> preview(
+      previewEntry_ != nullptr ? previewEntry_(MigrationPreviewInterfaceVersion) : nullptr);
+  if (preview == nullptr) {
+    Fail(error, ExitPluginUnusable, printable_ + ": the plug-in cannot look ahead for this host",
+         "Use the plug-in that was built with this host");
+  }
+  return preview;
 }
 
 std::unique_ptr<MigratorPlugin> PluginBundle::create(FatalError& error) const {

@@ -6,6 +6,7 @@
 
 #include "host/console/ExitCode.h"
 #include "platform/MigrationHost.h"
+#include "platform/MigrationPreview.h"
 
 namespace quorvel::host {
 
@@ -20,9 +21,12 @@ class PluginBundle {
   // A new instance that is ready to be driven; null with the error when the plug-in refuses this
   // host, or cannot be initialised. The platform services must be installed.
   std::unique_ptr<MigratorPlugin> create(FatalError& error) const;
+  // The same for what can tell what a migration would do.
+  std::unique_ptr<MigrationPreview> createPreview(FatalError& error) const;
 
  private:
   MigratorPluginEntry entry_ = nullptr;
+  MigrationPreviewEntry previewEntry_ = nullptr;  // may be missing
   std::string printable_;
 };
 

@@ -1,132 +1,117 @@
+// Sorts what the plug-in tells by container.
 #include "host/RunAccount.h"
 
 #include <algorithm>
-#include <charconv>
 #include <utility>
-
-#include "platform/Log.h"
 
 namespace quorvel::host {
 
 namespace {
 
-constexpr std::string_view CommonBeginning = "QVRavelle: ";
-// A container may fail once per item; a person reads a few of these, --log has them all.
-constexpr std::size_t MostReasons = 8;
+// A group may fail once per item; this many are enough to know why, and all are in the log.
+constexpr std::size_t MostProblems = 32;
 
-bool TakePrefix(std::string_view& text, std::string_view prefix) {
-  if (!text.starts_with(prefix)) return false;
-  text.remove_prefix(prefix.size());
-  return true;
-}
-
-std::string ParentOf(std::string_view path) {
-  const auto slash = path.rfind('/');
-  return std::string(path.substr(0, slash == std::string_view::npos ? 0 : slash));
-}
-
-void AddCapped(std::vector<std::string>& reasons, std::string_view message) {
-  if (reasons.size() < MostReasons) reasons.emplace_back(message);
+void AddCapped(std::vector<MigrationProblem>& problems, const MigrationProblem& problem) {
+  if (problems.size() < MostProblems || problem.stops) problems.push_back(problem);
 }
 
 }  // namespace
 
-void RunAccount::write(const char* /*sourceFile*/, const char* function, int /*line*/,
-                       const char* /*category*/, int level, std::string_view message) {
+const MigrationProblem* ContainerResult::stoppedAt() const {
+  if (outcome == MigrationOutcome::migrated || outcome == MigrationOutcome::resumed) return nullptr;
+  const auto last = std::find_if(problems.rbegin(), problems.rend(),
+                                 [](const MigrationProblem& problem) { return problem.stops; });
+  return last != problems.rend() ? &*last : nullptr;
+}
+
+// Null before the first container and after the last one.
+ContainerResult* RunAccount::open() {
+  return open_ && *open_ < containers_.size() ? &containers_[*open_] : nullptr;
+}
+
+void RunAccount::itemsFound(std::size_t count) {
   const std::scoped_lock lock(mutex_);
-  TakePrefix(message, CommonBeginning);
-  const std::string_view caller = function;
-  if (caller == "-[QVRavelle init]") {
-    std::string_view rest = message;
-    if (level == LogLevelError) return AddCapped(general_, message);
-    std::from_chars(rest.data(), rest.data() + rest.size(), items_);
-  } else if (caller == "-[QVRavelle performMigration]") {
-    driverLine(level, message);
-  } else if (caller == "-[QVRavelle _migrateSafeHarbors]") {
-    close();
-    if (level == LogLevelError) AddCapped(general_, message);
-  } else if (level == LogLevelError) {
-    addReason(message);
-  } else {
-    noteDataContainer(message);
+  items_ = count;
+}
+
+void RunAccount::containerBegan(std::size_t index, const std::string& path) {
+  const std::scoped_lock lock(mutex_);
+  const auto now = Clock::now();
+  // One that waits for its turn does not end before the next one begins.
+  if (ContainerResult* earlier = open()) {
+    earlier->seconds += std::chrono::duration<double>(now - since_).count();
   }
+  if (index >= containers_.size()) containers_.resize(index + 1);
+  open_ = index;
+  since_ = now;
+  containers_[index].path = path;
 }
 
-void RunAccount::driverLine(int level, std::string_view message) {
-  if (level != LogLevelError) {
-    if (TakePrefix(message, "Introspecting ")) {
-      begin({.container = std::string(message)});
-    } else if (TakePrefix(message, "Migrating ")) {
-      // "<identifier> at <bundle path>": the path is absolute.
-      const auto at = message.find(" at /");
-      if (at == std::string_view::npos) return;
-      begin({.kind = ContainerOutcome::Kind::migrated,
-             .identifier = std::string(message.substr(0, at)),
-             .container = ParentOf(message.substr(at + 4))});
-    }
-  } else if (open_ && message.starts_with("Migration of ") && message.ends_with(" failed")) {
-    pending_.kind = ContainerOutcome::Kind::failed;
-    close();
-  } else {
-    close();
-    AddCapped(general_, message);
-  }
+void RunAccount::containerClassified(const ClassifiedContainer& container) {
+  const std::scoped_lock lock(mutex_);
+  if (ContainerResult* result = open()) result->is = container;
 }
 
-void RunAccount::begin(ContainerOutcome outcome) {
-  close();
-  pending_ = std::move(outcome);
-  open_ = true;
+void RunAccount::dataContainerFound(const std::string& path) {
+  const std::scoped_lock lock(mutex_);
+  if (ContainerResult* result = open()) result->dataContainer = path;
 }
 
-// A container's account ends where the next one's begins, or with its failure.
-void RunAccount::close() {
-  if (!std::exchange(open_, false)) return;
-  const bool taken = pending_.kind != ContainerOutcome::Kind::notTaken;
-  if (!taken && pending_.reasons.empty()) return;
-  if (pending_.kind == ContainerOutcome::Kind::migrated) ++migrated_;
-  if (pending_.kind == ContainerOutcome::Kind::failed) ++failed_;
-  const auto earlier = complaints_.find(pending_.container);
-  if (earlier != complaints_.end()) {
-    ContainerOutcome& outcome = outcomes_[earlier->second];
-    pending_.reasons.insert(pending_.reasons.begin(), outcome.reasons.begin(),
-                            outcome.reasons.end());
-    outcome = std::move(pending_);
-    return;
-  }
-  if (taken && !keepAll_ && pending_.reasons.empty()) return;
-  if (!taken) complaints_.emplace(pending_.container, outcomes_.size());
-  outcomes_.push_back(std::move(pending_));
+void RunAccount::problem(const MigrationProblem& problem) {
+  const std::scoped_lock lock(mutex_);
+  ContainerResult* result = open();
+  const bool isOfRun = result == nullptr || problem.step == MigrationStep::run;
+  AddCapped(isOfRun ? problems_ : result->problems, problem);
 }
 
-void RunAccount::addReason(std::string_view message) {
-  AddCapped(open_ ? pending_.reasons : general_, message);
+void RunAccount::lost(const MigrationLoss& loss) {
+  const std::scoped_lock lock(mutex_);
+  if (ContainerResult* result = open()) result->loss = loss;
 }
 
-void RunAccount::noteDataContainer(std::string_view message) {
-  if (!open_ || !TakePrefix(message, "Moving data from container ")) return;
-  if (TakePrefix(message, pending_.container + " to ")) {
-    pending_.dataContainer = message;
-  } else if (const auto at = message.find(" to /"); at != std::string_view::npos) {
-    // A marker may name a container other than the directory that its bundle is in.
-    pending_.container = message.substr(0, at);
-    pending_.dataContainer = message.substr(at + 4);
-  }
+void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
+  const std::scoped_lock lock(mutex_);
+  ContainerResult* result = open();
+  if (result == nullptr) return;
+  const bool resumed =
+      outcome == MigrationOutcome::migrated && result->is.kind == LegacyItemKind::marker;
+  result->outcome = resumed ? MigrationOutcome::resumed : outcome;
+  result->stays = stays;
+  result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
+  open_.reset();
+}
+
+void RunAccount::groupEnded(const MigratedDirectory& group) {
+  const std::scoped_lock lock(mutex_);
+  groups_[group.identifier] = group;
+}
+
+void RunAccount::harborEnded(const MigratedDirectory& harbor) {
+  const std::scoped_lock lock(mutex_);
+  harbors_.push_back(harbor);
+}
+
+void RunAccount::leftBehind(const LeftBehind& item) {
+  const std::scoped_lock lock(mutex_);
+  leftBehind_[item.path] = item.why;
 }
 
 std::string RunAccount::current() const {
   const std::scoped_lock lock(mutex_);
-  return open_ ? pending_.identifier : std::string();
+  return open_ && *open_ < containers_.size() ? containers_[*open_].is.identifier : std::string();
 }
 
-std::int64_t RunAccount::items() const {
+std::size_t RunAccount::items() const {
   const std::scoped_lock lock(mutex_);
   return items_;
 }
 
-void RunAccount::finish() {
-  const std::scoped_lock lock(mutex_);
-  close();
+std::array<std::size_t, MigrationOutcomeNames.size()> RunAccount::counts() const {
+  std::array<std::size_t, MigrationOutcomeNames.size()> counts{};
+  for (const ContainerResult& container : containers_) {
+    ++counts[static_cast<std::size_t>(container.outcome)];
+  }
+  return counts;
 }
 
 }  // namespace quorvel::host

@@ -1,69 +1,78 @@
-// What became of each container, gathered from the plug-in's log while it runs.
-//
-// The plug-in hands nothing back but success or failure; its log lines, whose texts are fixed, are
-// the only account of what it did to which container.
+// What became of each container, as the plug-in told it: of a migration, or of one that is only
+// looked ahead to.
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "platform/MigrationHost.h"
+#include "platform/MigrationAccount.h"
 
 namespace quorvel::host {
 
-struct ContainerOutcome {
-  enum class Kind { migrated, failed, notTaken };
-  Kind kind = Kind::notTaken;
-  std::string identifier{};            // empty when introspection did not take it
-  std::string container{};             // path inside the device
-  std::string dataContainer{};         // where its data went; empty when that was not reached
-  std::vector<std::string> reasons{};  // error messages, without the common beginning
+struct ContainerResult {
+  std::string path{};
+  ClassifiedContainer is{};
+  std::string dataContainer{};  // where its data went; empty when that was not reached
+  MigrationOutcome outcome = MigrationOutcome::left;  // until it is told otherwise
+  bool stays = true;
+  std::vector<MigrationProblem> problems{};  // in order
+  std::optional<MigrationLoss> loss{};
+  double seconds = 0;
+
+  // What it stopped at; null when nothing did.
+  const MigrationProblem* stoppedAt() const;
 };
 
-class RunAccount : public HostLogWriter {
+class RunAccount : public MigrationAccount {
  public:
-  // With `keepAll` false containers that migrated without a word are only counted.
-  explicit RunAccount(bool keepAll) : keepAll_(keepAll) {}
-
-  void write(const char* sourceFile, const char* function, int line, const char* category,
-             int level, std::string_view message) override;
+  void itemsFound(std::size_t count) override;
+  void containerBegan(std::size_t index, const std::string& path) override;
+  void containerClassified(const ClassifiedContainer& container) override;
+  void dataContainerFound(const std::string& path) override;
+  void problem(const MigrationProblem& problem) override;
+  void lost(const MigrationLoss& loss) override;
+  void containerEnded(MigrationOutcome outcome, bool stays) override;
+  void groupEnded(const MigratedDirectory& group) override;
+  void harborEnded(const MigratedDirectory& harbor) override;
+  void leftBehind(const LeftBehind& item) override;
 
   // The identifier of the app being migrated; empty before the first. Any thread.
   std::string current() const;
   // Entries found by the plug-in's initialisation. Any thread.
-  std::int64_t items() const;
+  std::size_t items() const;
 
-  // After the run, on one thread. finish() first.
-  void finish();
-  const std::vector<ContainerOutcome>& outcomes() const { return outcomes_; }
-  // Error messages that belong to no container.
-  const std::vector<std::string>& generalReasons() const { return general_; }
-  std::uint64_t migrated() const { return migrated_; }
-  std::uint64_t failed() const { return failed_; }
+  // After the run, on one thread.
+
+  // One for each item found, in that order. One that was not reached is left.
+  const std::vector<ContainerResult>& containers() const { return containers_; }
+  // By identifier; of a group that several apps have, what came of it in the end.
+  const std::map<std::string, MigratedDirectory>& groups() const { return groups_; }
+  const std::vector<MigratedDirectory>& harbors() const { return harbors_; }
+  const std::map<std::string, MigrationReason>& leftBehind() const { return leftBehind_; }
+  // Problems that belong to no container.
+  const std::vector<MigrationProblem>& problems() const { return problems_; }
+  // How many containers ended how; in the order of MigrationOutcome.
+  std::array<std::size_t, MigrationOutcomeNames.size()> counts() const;
 
  private:
-  void driverLine(int level, std::string_view message);
-  void begin(ContainerOutcome outcome);
-  void close();
-  void addReason(std::string_view message);
-  void noteDataContainer(std::string_view message);
+  using Clock = std::chrono::steady_clock;
+  ContainerResult* open();
 
   mutable std::mutex mutex_;
-  const bool keepAll_;
-  std::int64_t items_ = 0;
-  std::uint64_t migrated_ = 0;
-  std::uint64_t failed_ = 0;
-  bool open_ = false;
-  ContainerOutcome pending_;  // meaningful while open_
-  std::vector<ContainerOutcome> outcomes_;
-  // Containers that introspection complained about: index into outcomes_. One that is migrated
-  // all the same gets one outcome, not two.
-  std::unordered_map<std::string, std::size_t> complaints_;
-  std::vector<std::string> general_;
+  std::size_t items_ = 0;
+  std::optional<std::size_t> open_;  // index of the container that things belong to
+  Clock::time_point since_;
+  std::vector<ContainerResult> containers_;
+  std::map<std::string, MigratedDirectory> groups_;
+  std::vector<MigratedDirectory> harbors_;
+  std::map<std::string, MigrationReason> leftBehind_;
+  std::vector<MigrationProblem> problems_;
 };
 
 }  // namespace quorvel::host

@@ -176,6 +176,26 @@ TEST(EndToEndTest, KilledAgainAndAgainItArrivesAllTheSame) {
   if (::testing::Test::HasFailure()) std::cerr << "seed " << seed << "\n";
 }
 
+// That what inspect foresaw is what became of every container, group, harbor and link.
+void ExpectForeseen(const json& foreseen, const json& done) {
+  ASSERT_EQ(foreseen["containers"].size(), done["containers"].size());
+  for (std::size_t i = 0; i < done["containers"].size(); ++i) {
+    for (const char* key :
+         {"path", "kind", "identifier", "outcome", "step", "reason", "kept", "lost", "items"}) {
+      EXPECT_EQ(foreseen["containers"][i][key], done["containers"][i][key])
+          << key << " of " << done["containers"][i];
+    }
+  }
+  for (const char* list : {"groups", "harbors"}) {
+    ASSERT_EQ(foreseen[list].size(), done[list].size()) << list;
+    for (std::size_t i = 0; i < done[list].size(); ++i) {
+      EXPECT_EQ(foreseen[list][i]["outcome"], done[list][i]["outcome"]) << done[list][i];
+      EXPECT_EQ(foreseen[list][i]["reason"], done[list][i]["reason"]) << done[list][i];
+    }
+  }
+  for (const char* key : {"leftBehind", "counts", "items"}) EXPECT_EQ(foreseen[key], done[key]);
+}
+
 TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   const ScratchTree tree;
   const Device device(tree / "device");
@@ -187,19 +207,12 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   fs::create_symlink("/", device.container("rootlink"));
   const Facts expected = ExpectedItems(device);
 
-  const json inspected = json::parse(device.run({"inspect", "--json"}).out);
-  std::map<std::string, std::string> actions;
-  for (const json& item : inspected["items"]) {
-    actions[fs::path(item["path"].get<std::string>()).filename()] = item["action"];
-  }
+  const json foreseen = json::parse(device.run({"inspect", "--json"}).out);
+  const Device again(tree / "again");
+  ASSERT_EQ(std::system(("cp -a '" + device.root() + "' '" + again.root() + "'").c_str()), 0);
+  ExpectForeseen(foreseen, json::parse(again.run({"migrate", "--json"}).out));
   const HostRun run = device.run({"migrate"});
   EXPECT_EQ(run.exitCode, 1);
-  for (const auto& [name, action] : actions) {
-    const bool stays = action.starts_with("skip") || action.starts_with("fail");
-    std::string onDisk = name;
-    if (name.starts_with("B")) continue;  // its name is no UTF-8
-    EXPECT_EQ(Exists(device.container(onDisk)), stays) << name << ": " << action;
-  }
   for (const char* name : {"C3", "G7", "H8", "rootlink"}) {
     EXPECT_TRUE(Exists(device.container(name))) << name;
     EXPECT_NE(run.out.find(name), std::string::npos) << run.out;
@@ -208,8 +221,8 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   EXPECT_EQ(ReadFile(device.container("H8/.hidden")), "left behind");
   EXPECT_FALSE(Exists(device.container("A 1")));
   EXPECT_TRUE(Exists(device.inside(InstallMap)));
-  for (const char* words : {"the registry has no record of it", "its app is a symbolic link",
-                            "it holds items that no step moves", "a symbolic link is not followed",
+  for (const char* words : {"the registry has no record of it", "it holds items that no step moves",
+                            "it is or holds a symbolic link", "rootlink: it is or holds",
                             "migration-host migrate --root"}) {
     EXPECT_NE(run.out.find(words), std::string::npos) << words << "\n" << run.out;
   }
@@ -267,7 +280,8 @@ TEST(EndToEndTest, AnOrdinaryUserMigratesATreeOfHisOwn) {
   ::chmod(device.container("E5").c_str(), 0);
   const HostRun refused = device.run({"migrate"}, setup);
   EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_NE(refused.out.find("it cannot be read: "), std::string::npos) << refused.out;
+  EXPECT_NE(refused.out.find("left: it cannot be listed: Permission denied"), std::string::npos)
+      << refused.out;
   ::chmod(device.container("E5").c_str(), 0755);
 
   const HostRun run = device.run({"migrate"}, setup);

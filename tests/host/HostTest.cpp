@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "host/FailureWords.h"
 #include "host/console/TerminalText.h"
 #include "tests/support/HostProcess.h"
 #include "tests/support/TemporaryTree.h"
@@ -139,28 +138,32 @@ TEST_F(HostTest, MigratesInsideTheTreeAndReportsOneObject) {
   EXPECT_EQ(object["progress"], 1.0);
   EXPECT_EQ(object["succeeded"], true);
   EXPECT_TRUE(object["seconds"].is_number_float());
-  EXPECT_EQ(object.size(), 6U);
+  EXPECT_EQ(object["counts"], json::parse("{\"migrated\":3,\"resumed\":0,\"removed\":0,"
+                                          "\"left\":0,\"failed\":0}"));
   EXPECT_EQ(run.err, "");
 }
 
 TEST_F(HostTest, FailureIsReportedInWordsWithWhatToDo) {
-  legacy("com.example.two/com.velto.quorvel.container_migrator.plist", "");
-  legacy("misled/com.velto.quorvel.container_migrator.plist", "");
   const HostRun run = RunHost(migrate(), script("fail"));
-  EXPECT_NE(run.out.find("its marker names another container"), std::string::npos) << run.out;
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_NE(run.out.find("estimated duration 27 s"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("failed"), std::string::npos);
-  EXPECT_NE(run.out.find("the registry has no record of it"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("/private/var/mobile/Applications/com.example.two, with its marker"),
-            std::string::npos)
-      << run.out;
+  EXPECT_NE(run.out.find("failed: the registry has no record of it"), std::string::npos) << run.out;
+  EXPECT_LT(run.out.find("com.example.two"), run.out.find("2 migrated, 0 resumed")) << run.out;
+  EXPECT_NE(run.out.find("0 left, 1 failed"), std::string::npos) << run.out;
+  EXPECT_EQ(run.out.find("com.example.one"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("migration-host migrate --root " + device()), std::string::npos);
-  EXPECT_NE(run.out.find("2 migrated, 1 failed"), std::string::npos) << run.out;
+  const HostRun all = RunHost(migrate({"--all"}), script("fail"));
+  EXPECT_NE(all.out.find("com.example.one"), std::string::npos) << all.out;
 
   const HostRun asJson = RunHost(migrate({"--json"}), script("fail"));
   EXPECT_EQ(asJson.exitCode, 1);
-  EXPECT_EQ(json::parse(asJson.out)["succeeded"], false);
+  const json object = json::parse(asJson.out);
+  EXPECT_EQ(object["succeeded"], false);
+  const json& failed = object["containers"][1];
+  EXPECT_EQ(failed["outcome"], "failed");
+  EXPECT_EQ(failed["step"], "placeholder");
+  EXPECT_EQ(failed["reason"], "no-record");
+  EXPECT_EQ(failed["kept"], json::array({"/private/var/mobile/Applications/com.example.two"}));
 }
 
 TEST_F(HostTest, PluginsThatCannotBeUsedExitThree) {
@@ -225,7 +228,7 @@ TEST_F(HostTest, WithoutPrivilegesANamespaceServes) {
   // The namespace gives no rights that the user does not have.
   ::unlink((device() + "/entered").c_str());
   ::chmod(device().c_str(), 0555);
-  EXPECT_EQ(RunHost({"inspect", "--root", device()}, setup).exitCode, 0);
+  EXPECT_EQ(RunHost({"registry", "--root", device()}, setup).exitCode, 0);
   RunHost({"migrate", "--root", device(), "--plugin", plugin}, setup);
   EXPECT_FALSE(fs::exists(device() + "/entered"));
 }
@@ -342,30 +345,34 @@ TEST_F(HostTest, InspectTellsItemsApartAndChangesNothing) {
 
   const json object = json::parse(run.out);
   std::map<std::string, json> items;
-  for (const json& item : object["items"]) {
+  for (const json& item : object["containers"]) {
     items[fs::path(item["path"].get<std::string>()).filename()] = item;
   }
   const auto expect = [&items](const char* name, const char* kind, const json& identifier,
-                               const std::string& action) {
+                               const char* outcome, const json& reason) {
     EXPECT_EQ(items[name]["kind"], kind) << name;
     EXPECT_EQ(items[name]["identifier"], identifier) << name;
-    EXPECT_EQ(items[name]["action"].get<std::string>().substr(0, action.size()), action) << name;
+    EXPECT_EQ(items[name]["outcome"], outcome) << name;
+    EXPECT_EQ(items[name]["reason"], reason) << name;
   };
-  ASSERT_EQ(items.size(), 9U);
-  expect("A", "App", "com.example.one", "migrate");
+  ASSERT_EQ(items.size(), 8U);
+  expect("A", "App", "com.example.one", "migrated", nullptr);
   EXPECT_EQ(items["A"]["bundlePath"], "/" + std::string(Legacy) + "/A/One.app");
-  expect("B", "VPNBundle", "com.example.tunnel", "fail: no record for VPN plug-in");
-  expect("C", "empty", nullptr, "remove: no bundle");
-  expect("D", "App", "com.example.stray", "fail: no step moves Stray items");
-  expect("E", "marker", "com.example.begun", "fail: its bundle is gone");
-  expect("I", "marker", "com.example.misled", "fail: its marker names another container, /x");
-  expect("F", "file", nullptr, "remove: regular file");
-  expect("G", "link", nullptr, "skip");
-  expect("H", "App", nullptr, "skip: its app is a symbolic link");
-  EXPECT_EQ(object["groups"][0]["exists"], true);
+  expect("B", "VPNBundle", "com.example.tunnel", "failed", "no-record");
+  expect("C", "empty", nullptr, "removed", "no-bundle");
+  EXPECT_EQ(items["C"]["lost"]["bytes"], 4);
+  EXPECT_EQ(items["C"]["lost"]["userDataItems"], json::array({"Documents"}));
+  expect("D", "App", "com.example.stray", "failed", "missed-items");
+  EXPECT_EQ(items["D"]["items"], json::array({"Stray items"}));
+  expect("E", "marker", "com.example.begun", "failed", "bundle-unreadable");
+  expect("I", "marker", "com.example.misled", "failed", "bundle-unreadable");
+  expect("F", "file", nullptr, "removed", "stray-file");
+  expect("H", "unknown", nullptr, "left", "link");
+  EXPECT_EQ(object["leftBehind"][1]["why"], "link");
+  EXPECT_EQ(object["groups"][0]["reason"], "unclaimed");
   EXPECT_EQ(object["groups"][1]["path"], nullptr);
   EXPECT_EQ(object["harbors"][0]["identifier"], "com.example.gone");
-  EXPECT_EQ(object["harbors"][0]["exists"], false);
+  EXPECT_EQ(object["harbors"][0]["outcome"], "failed");
 }
 
 TEST_F(HostTest, RegisteredRecordsAreShownAndChangeWhatInspectExpects) {
@@ -388,7 +395,7 @@ TEST_F(HostTest, RegisteredRecordsAreShownAndChangeWhatInspectExpects) {
   EXPECT_EQ(FactsOf(paths), before);
   EXPECT_EQ(PathsBelow(device()), paths);
 
-  EXPECT_EQ(inspected["items"][0]["action"], "migrate");
+  EXPECT_EQ(inspected["containers"][0]["outcome"], "migrated");
   ASSERT_EQ(object["bundles"].size(), 1U);
   const json& bundle = object["bundles"][0];
   EXPECT_EQ(bundle["identifier"], "com.example.tunnel");
@@ -417,20 +424,6 @@ TEST(TerminalTextTest, HarmlessAndMeasured) {
             "\xe2\x80\xa6"
             "def");
   EXPECT_EQ(CutEnd("abc", 0), "");
-}
-
-TEST(FailureWordsTest, ShowTheCauseAndKeepUnknownMessages) {
-  using quorvel::host::InWords;
-  EXPECT_EQ(InWords("Failed to move /a to /b migrating for x : PosixErrorDomain 13 {FunctionName = "
-                    "\"f\"; LocalizedDescription = \"rename of \\\"a\\\" failed: Permission "
-                    "denied\"; SourceFileLine = 3}")
-                .text,
-            "its data could not be moved: rename of \"a\" failed: Permission denied");
-  EXPECT_EQ(InWords("Failed to migrate safe harbor for identifier a.b at /h : (null)").text,
-            "a safe harbor could not be registered: identifier a.b at /h");
-  EXPECT_EQ(InWords("Something\nnew").text, "Something\\nnew");
-  EXPECT_EQ(InWords("Found missed items in /a for b: (file:///a/x)").text,
-            "it holds items that no step moves: (file:///a/x)");
 }
 
 }  // namespace

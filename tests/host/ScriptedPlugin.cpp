@@ -6,7 +6,7 @@
 //   touch         creates "/entered" by its absolute path
 //   hold          performMigration() creates "/holding" and waits until "/release" exists
 //   nasty         the second app's identifier tries to play with the terminal
-// Three apps are "migrated": lines are logged as the real plug-in logs them.
+// Three apps are "migrated": the log and the account hear what the real plug-in tells them.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -20,6 +20,7 @@
 
 #include "platform/MigrationHost.h"
 #include "shared/support/Logging.h"
+#include "shared/support/Platform.h"
 
 namespace {
 
@@ -37,6 +38,8 @@ void Log(const char* function, int level, const std::string& message) {
   HostLogV(__FILE__, function, __LINE__, "Corvennad", level, "QVRavelle: " + message);
 }
 
+quorvel::MigrationAccount& Account() { return *quorvel::Platform().account; }
+
 constexpr const char* Driver = "-[QVRavelle performMigration]";
 constexpr int Items = 3;
 
@@ -46,9 +49,14 @@ class ScriptedPlugin final : public quorvel::MigratorPlugin {
     if (Scripted("init-fails")) {
       Log("-[QVRavelle init]", 3,
           "Failed to get items at file:///legacy/ : PosixErrorDomain 13 {}");
+      Account().problem({.step = quorvel::MigrationStep::run,
+                         .reason = quorvel::MigrationReason::cannotBeListed,
+                         .path = "/legacy",
+                         .error = {quorvel::PosixErrorDomain, 13, {}}});
       return nullptr;
     }
     Log("-[QVRavelle init]", 5, std::to_string(Items) + " items to migrate");
+    Account().itemsFound(Items);
     return this;
   }
   const char* dataClassName() const override { return "QVRavelle"; }
@@ -64,9 +72,16 @@ class ScriptedPlugin final : public quorvel::MigratorPlugin {
         "com.example.one", Scripted("nasty") ? "com.example.\x1b[2J\xFF\ntwo" : "com.example.two",
         "com.example.three"};
     for (const std::string& identifier : identifiers) {
-      const std::string bundle = "/private/var/mobile/Applications/" + identifier + "/A.app";
+      const std::string container = "/private/var/mobile/Applications/" + identifier;
+      const std::string bundle = container + "/A.app";
       Log(Driver, 5, "Migrating " + identifier + " at " + bundle);
-      if (done_ == 1) succeeded = second(identifier, bundle);
+      Account().containerBegan(static_cast<std::size_t>(done_), container);
+      Account().containerClassified({quorvel::LegacyItemKind::app, identifier, bundle});
+      const bool migrated = done_ != 1 || second(identifier, bundle);
+      Account().containerEnded(
+          migrated ? quorvel::MigrationOutcome::migrated : quorvel::MigrationOutcome::failed,
+          !migrated);
+      succeeded = succeeded && migrated;
       ++done_;
     }
     if (!succeeded) Log(Driver, 3, "Returning migration failed.");
@@ -84,6 +99,8 @@ class ScriptedPlugin final : public quorvel::MigratorPlugin {
     if (!Scripted("fail")) return true;
     Log("-[QVRavelle _migrateContainerWithInfo:]", 3,
         "Failed to get bundle proxy for identifier " + identifier);
+    Account().problem({.step = quorvel::MigrationStep::placeholder,
+                       .reason = quorvel::MigrationReason::noRecord});
     Log(Driver, 3, "Migration of " + identifier + " at " + bundle + " failed");
     return false;
   }

@@ -9,30 +9,6 @@
 namespace quorvel::onlinux {
 namespace {
 
-void AppendEscapedControl(std::string& line, char byte) {
-  switch (byte) {
-    case '\\':
-      line += "\\\\";
-      return;
-    case '\n':
-      line += "\\n";
-      return;
-    case '\r':
-      line += "\\r";
-      return;
-    case '\t':
-      line += "\\t";
-      return;
-    default:
-      break;
-  }
-  constexpr const char* digits = "0123456789abcdef";
-  const auto value = static_cast<unsigned char>(byte);
-  line += "\\x";
-  line += digits[value >> 4U];
-  line += digits[value & 0xFU];
-}
-
 void AppendMessage(std::string& line, std::string_view message) {
   const auto stands = [](char byte) {
     return static_cast<unsigned char>(byte) >= 0x20 && byte != 0x7F && byte != '\\';
@@ -41,7 +17,7 @@ void AppendMessage(std::string& line, std::string_view message) {
     std::size_t plain = 0;
     while (plain < message.size() && stands(message[plain])) ++plain;
     line.append(message.data(), plain);
-    if (plain < message.size()) AppendEscapedControl(line, message[plain++]);
+    if (plain < message.size()) AppendEscapedByte(line, message[plain++], "\\x");
     message.remove_prefix(plain);
   }
 }

@@ -19,30 +19,11 @@ constexpr std::array<bool, 256> PlainBytes = [] {
 }();
 
 void AppendEscapedAscii(std::string& line, char byte) {
-  switch (byte) {
-    case '"':
-      line += "\\\"";
-      return;
-    case '\\':
-      line += "\\\\";
-      return;
-    case '\n':
-      line += "\\n";
-      return;
-    case '\t':
-      line += "\\t";
-      return;
-    case '\r':
-      line += "\\r";
-      return;
-    default:
-      break;
+  if (byte == '"') {
+    line += "\\\"";
+  } else {
+    AppendEscapedByte(line, byte, "\\u00");
   }
-  constexpr const char* digits = "0123456789abcdef";
-  const auto value = static_cast<unsigned char>(byte);
-  line += "\\u00";
-  line += digits[value >> 4U];
-  line += digits[value & 0xFU];
 }
 
 // Appends the character or byte at the front of `rest`, which is no plain byte.

@@ -38,6 +38,30 @@ void TimestampFormatter::append(std::string& line, const timespec& time) {
   line += 'Z';
 }
 
+void AppendEscapedByte(std::string& line, char byte, std::string_view prefix) {
+  switch (byte) {
+    case '\\':
+      line += "\\\\";
+      return;
+    case '\n':
+      line += "\\n";
+      return;
+    case '\r':
+      line += "\\r";
+      return;
+    case '\t':
+      line += "\\t";
+      return;
+    default:
+      break;
+  }
+  constexpr const char* digits = "0123456789abcdef";
+  const auto value = static_cast<unsigned char>(byte);
+  line += prefix;
+  line += digits[value >> 4U];
+  line += digits[value & 0xFU];
+}
+
 void AppendNumber(std::string& line, long long number) {
   char digits[24];
   const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;

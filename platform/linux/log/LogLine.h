@@ -23,6 +23,10 @@ class TimestampFormatter {
 
 void AppendNumber(std::string& line, long long number);
 
+// Appends the byte as a backslash and a letter where it has one (line feed, return, tab,
+// backslash), else as `prefix` and two hexadecimal digits.
+void AppendEscapedByte(std::string& line, char byte, std::string_view prefix);
+
 // A file that lines are appended to. Belongs to one thread at a time.
 class LineFile {
  public:

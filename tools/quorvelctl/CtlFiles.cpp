@@ -29,6 +29,8 @@ class Digest final : public Command {
     AddTexts(parser, "FILE", files_, "The files, each of up to 2^31-1 bytes")->required();
   }
 
+  bool computesDigests() const override { return true; }
+
   int run(Session& session) override {
     Json list = Json::array();
     std::string plain;

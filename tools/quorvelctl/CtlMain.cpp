@@ -57,13 +57,21 @@ Declared Declare(CLI::App& parser, const CommandEntry& entry, CommonOptions& com
 // What the command line asks for, or what to print instead.
 class CommandLine {
  public:
-  CommandLine() : parser_("Calls the installation service's shared operations.", "quorvelctl") {
+  // `first` is the first word, or "". Where it names a command the others are not declared: a shell
+  // loop starts this program a thousand times.
+  explicit CommandLine(std::string_view first)
+      : parser_("Calls the installation service's shared operations.", "quorvelctl") {
     parser_.set_version_flag("--version", "quorvelctl " QUORVEL_VERSION);
     parser_.require_subcommand(1);
     parser_.footer(GeneralHelp);
-    for (const CommandEntry& entry : AllCommands()) {
-      commands_.push_back(Declare(parser_, entry, common_));
+    const std::vector<CommandEntry> all = AllCommands();
+    const auto named = std::find_if(
+        all.begin(), all.end(), [first](const CommandEntry& entry) { return entry.name == first; });
+    if (named != all.end()) {
+      commands_.push_back(Declare(parser_, *named, common_));
+      return;
     }
+    for (const CommandEntry& entry : all) commands_.push_back(Declare(parser_, entry, common_));
   }
 
   int run(int argc, const char* const* argv) {
@@ -114,6 +122,7 @@ class CommandLine {
     if (!complaint.empty()) return complain(common_.command + ": " + complaint);
     Session session(common_);
     host::FatalError error;
+    if (chosen->command->computesDigests()) session.prepareDigests();
     if (!session.open(access, error)) return session.failFatally(error);
     return chosen->command->run(session);
   }
@@ -140,5 +149,5 @@ int main(int argc, char** argv) {
   quorvel::host::PrepareStandardStreams();
   // Part of the C library itself, so that it is there in every environment.
   (void)std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe): one thread
-  return quorvel::ctl::CommandLine().run(argc, argv);
+  return quorvel::ctl::CommandLine(argc > 1 ? argv[1] : "").run(argc, argv);
 }

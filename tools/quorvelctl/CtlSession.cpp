@@ -48,7 +48,7 @@ struct Session::Services {
   onlinux::PreferencesPlist preferences;
   onlinux::HardwareRegistryLinux hardware;
   onlinux::MountTableLinux mounts;
-  onlinux::Sha256ProviderLinux sha256;
+  std::optional<onlinux::Sha256ProviderLinux> sha256;
   std::optional<ConfinedMountTable> mountsInside;
   std::optional<onlinux::JsonLineLog> jsonLog;
   std::optional<onlinux::TeeLog> log;
@@ -68,7 +68,7 @@ struct Session::Services {
     set.hardware = &hardware;
     set.mounts = &mounts;
     if (mountsInside) set.mounts = &*mountsInside;
-    set.sha256 = &sha256;
+    if (sha256) set.sha256 = &*sha256;
     QVInstallPlatformServices(&set);
   }
 };
@@ -116,6 +116,8 @@ Session::Session(CommonOptions options)
       services_(std::make_unique<Services>()) {}
 
 Session::~Session() { QVInstallPlatformServices(nullptr); }
+
+void Session::prepareDigests() { services_->sha256.emplace(); }
 
 bool Session::open(Access access, FatalError& error) {
   // The log is last to be opened: it is made when it is missing, which a command that cannot

@@ -33,6 +33,9 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
+  // Before open(): digests will be computed. What computes them has to be loaded from outside.
+  void prepareDigests();
+
   // Opens the log, confines the process to the tree and installs the services. On failure nothing
   // has been changed, and the command must end with failFatally().
   bool open(Access access, host::FatalError& error);

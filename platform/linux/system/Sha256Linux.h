@@ -7,8 +7,9 @@
 
 namespace quorvel::onlinux {
 
-// Made before the process confines itself: libcrypto may read its configuration and load
-// modules by path when it is first used. Any thread may call start(); the computations must not
+// Made before the process confines itself: libcrypto is loaded here, and may read its configuration
+// and load modules by path when it is first used. Where it cannot be loaded every computation
+// fails at its end. Any thread may call start(); the computations must not
 // outlive the provider.
 class Sha256ProviderLinux final : public Sha256Provider {
  public:
@@ -20,8 +21,9 @@ class Sha256ProviderLinux final : public Sha256Provider {
   std::unique_ptr<Sha256> start() override;
 
  private:
-  struct Algorithm;
-  std::unique_ptr<Algorithm> algorithm_;
+  struct Library;
+  class Computation;
+  std::unique_ptr<Library> library_;
 };
 
 }  // namespace quorvel::onlinux

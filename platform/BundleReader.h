@@ -25,7 +25,8 @@ class PKBundle {
   virtual const Path& path() const = 0;
   // The three below give null with an Error whose meaning is that of
   // PropertyListStore::readDictionary(). The file is read once, at the first question; a failure
-  // is remembered and told again.
+  // is remembered and told again. It may be a link to another file of the same bundle; one that
+  // leads out of it or nowhere is PosixErrorDomain EXDEV or ELOOP.
 
   // The string under PKBundleIdentifierKey, which may be empty. A dictionary that was read and has
   // no string there is PlatformPropertyListReadCorruptError. Owned by the bundle.

@@ -185,6 +185,13 @@ TEST_F(PreferencesOnDisk, FilesStandWhereOthersLookForThem) {
   store_.setValue("ours", 1, Domain, CurrentHost);
   EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
   EXPECT_TRUE(*read(file()) == PlistDictionary({{"ours", 1}, {"theirs", PlistDate{0}}}));
+  // So is what can only be taken over in part; the whole of it is set aside.
+  const std::string odd = "<plist><dict><key>theirs</key><integer/></dict></plist>";
+  writeFile(odd);
+  store_.setValue("ours", 1, Domain, CurrentHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_TRUE(*read(file()) == PlistDictionary({{"ours", 1}, {"theirs", ""}}));
+  EXPECT_EQ(tree_.read("Preferences/ByHost/" + Domain + ".plist.damaged"), odd);
 }
 
 TEST_F(PreferencesOnDisk, ProcessesLoseNothing) {

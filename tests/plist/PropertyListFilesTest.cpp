@@ -21,6 +21,7 @@
 #include "platform/linux/files/FileDataLinux.h"
 #include "platform/linux/plist/BundleReaderLinux.h"
 #include "platform/linux/plist/PropertyListFiles.h"
+#include "tests/support/SystemCallFaults.h"
 #include "tests/support/TemporaryTree.h"
 
 namespace quorvel::onlinux {
@@ -371,14 +372,75 @@ TEST_F(FilesTest, BundlesThatAreNone) {
   EXPECT_EQ(answer((start + "<integer>1</integer>" + end).c_str()), 'd');
   EXPECT_EQ(answer((start + "<string></string>" + end).c_str()), 'i');
   EXPECT_EQ(answer((start + "<string>a</string>" + end).c_str()), 'i');
+  // A link is followed beneath the bundle; one that leads elsewhere says nothing about the bundle.
   const std::string info = tree_.at("directory/Info.plist");
-  fs::remove(info);
-  fs::create_symlink("../real", info);
-  EXPECT_EQ(answer(nullptr), '?');
+  fs::rename(info, tree_.at("directory/real.plist"));
+  fs::create_directory(tree_.at("directory/sub"));
+  fs::create_symlink("../real.plist", tree_.at("directory/sub/back"));
+  fs::create_symlink("./sub/", tree_.at("directory/way"));
+  const std::pair<std::string, char> links[] = {
+      {"real.plist", 'i'},        {"way/../sub//back", 'i'},
+      {"../real", '?'},           {"sub/../../directory/real.plist", '?'},
+      {"missing", '?'},           {tree_.at("directory/real.plist"), '?'},
+      {"Info.plist", '?'},        {"way/real.plist", '?'},
+      {"real.plist/deeper", '?'}, {"sub", '?'}};
+  for (const auto& [target, expected] : links) {
+    fs::remove(info);
+    fs::create_symlink(target, info);
+    EXPECT_EQ(answer(nullptr), expected) << target;
+  }
   fs::remove(info);
   fs::create_directory(info);
   EXPECT_EQ(answer(nullptr), '?');
 }
+
+// Whichever call fails, with whatever number: never does a bundle seem to be certainly unusable.
+TEST_F(FilesTest, NoFailedCallMakesABundleUseless) {
+  tree_.write("A.app/real.plist",
+              "<dict><key>PKBundleIdentifier</key><string>com.example.a</string></dict>");
+  fs::create_symlink("real.plist", tree_.at("A.app/Info.plist"));
+  const auto look = [&] {
+    Error error;
+    const auto bundle = BundleReaderLinux().open(Path::directory(tree_.at("A.app")), &error);
+    if (bundle != nullptr && bundle->identifier(&error) != nullptr) return 0;
+    return IsCertainlyUnusable(error) ? 2 : 1;
+  };
+  for (const int number : {EIO, EUCLEAN, EMFILE, ELOOP, ENOMEM, ETIMEDOUT}) {
+    int failed = 0;
+    for (long call = 1;; ++call) {
+      const auto run = tests::RunWithFault(look, {call, number, tests::CountedCalls::looking});
+      if (!run.wasTraced || !tests::CanFailSystemCalls) GTEST_SKIP() << "needs ptrace";
+      if (!run.fired) break;
+      EXPECT_LT(run.exitStatus, 2) << ErrnoDescription(number) << " from call " << call;
+      failed += run.exitStatus;
+    }
+    EXPECT_GE(failed, 4) << ErrnoDescription(number);  // two openings, one status, one reading
+  }
+}
+
+#ifndef __SANITIZE_ADDRESS__  // which needs all the address space there is
+TEST_F(FilesTest, MemoryThatRunsOutIsNoDamage) {
+  constexpr std::size_t kMegabyte = std::size_t{1} << 20U;
+  const std::string text(2 * kMegabyte, 'x');
+  std::string nested = "<plist><dict><key>k</key><array>";
+  for (int i = 0; i < 20; ++i) nested += "<string>" + text + "</string>";
+  tree_.write("list.plist", nested + "</array></dict></plist>");
+  ASSERT_EQ(::chmod(tree_.path().c_str(), 0755), 0);
+  const auto ends = [&](rlim_t megabytes, bool withMemoryRunOut) {
+    return AsNobody([&] {
+      const rlimit limit = {megabytes * kMegabyte, megabytes * kMegabyte};
+      Error error;
+      if (::setrlimit(RLIMIT_AS, &limit) != 0) return false;
+      const bool read = lists_.readDictionary(file_, &error) != nullptr;
+      return withMemoryRunOut ? error.is(PosixErrorDomain, ENOMEM) : read;
+    });
+  };
+  rlim_t megabytes = 20;
+  while (ends(megabytes, true)) megabytes += 15;
+  EXPECT_GT(megabytes, 80U);
+  EXPECT_TRUE(ends(megabytes, false)) << megabytes;
+}
+#endif
 
 }  // namespace
 }  // namespace quorvel::onlinux

@@ -27,6 +27,15 @@ inline std::optional<PlistValue> Read(std::string_view text) {
                           : std::nullopt;
 }
 
+// '=' when the bytes are read, '!' when they are certainly no property list, '?' when they are not
+// read and may well be one.
+inline char Verdict(std::string_view text) {
+  const std::vector<std::uint8_t> bytes(text.begin(), text.end());
+  Error error;
+  if (onlinux::ParsePropertyList(bytes, &error) != nullptr) return '=';
+  return IsCertainlyUnusable(error) ? '!' : '?';
+}
+
 inline std::string Written(const PlistValue& value, PropertyListFormat format) {
   std::vector<std::uint8_t> bytes = {1};
   Error error;

@@ -12,6 +12,7 @@
 
 #include "platform/FileSystemRepresentation.h"
 #include "tests/support/HostProcess.h"
+#include "tests/support/PropertyListTesting.h"
 #include "tests/support/TemporaryTree.h"
 #include "tools/quorvelctl/CtlMountTable.h"
 
@@ -544,13 +545,15 @@ TEST_F(QuorvelctlTest, PropertyListsOfOtherSoftwareConvertWithoutLoss) {
 
 TEST_F(QuorvelctlTest, PropertyListsAsJsonAreUnambiguous) {
   tree_.write("p",
-              "<plist><array><real>nan</real><real>-inf</real><date seconds=\"0.5\">"
-              "2001-01-01T00:00:00Z</date><dict><key>$data</key><string>x</string></dict>"
+              "<plist><array><real>nan</real><real>-inf</real><dict><key>$data</key><string>x</"
+              "string></dict>"
               "<dict><key>$data</key><true/><key>b</key><true/></dict><data></data>"
               "</array></plist>");
   const json value = json::parse(RunHost({"plist", "convert", "--to", "json", "p"}).out);
-  EXPECT_EQ(value, json::parse(R"([{"$real":"nan"},{"$real":"-inf"},{"$date":0.5},
+  EXPECT_EQ(value, json::parse(R"([{"$real":"nan"},{"$real":"-inf"},
       {"$dictionary":{"$data":"x"}},{"$data":true,"b":true},{"$data":""}])"));
+  tree_.write("half", testing::BinaryList{"\x33" + testing::Number(0x3FE0000000000000, 8)}.text());
+  EXPECT_EQ(RunHost({"plist", "convert", "--to", "json", "half"}).out, "{\"$date\":0.5}\n");
 
   tree_.write("bad", "<plist><dict>");
   EXPECT_EQ(object({"plist", "show", "bad"}, 1)["code"], 3840);

@@ -37,8 +37,9 @@ Json RealAsJson(double real) {
 }
 
 Json DateAsJson(PlistDate date) {
-  const onlinux::DateText text = onlinux::TextFromDate(date);
-  return Wrapped("$date", text.exact ? Json(text.text) : RealAsJson(date.seconds));
+  const std::string text = onlinux::TextFromDate(date);
+  const bool isWhole = onlinux::DateFromText(text) == std::optional(date);
+  return Wrapped("$date", isWhole ? Json(text) : RealAsJson(date.seconds));
 }
 
 Json ArrayAsJson(const PlistArray& array) {

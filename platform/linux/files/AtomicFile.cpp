@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -201,14 +202,21 @@ int ReadRegularFile(int directory, const char* name, std::size_t limit, bool pas
   // Not blocking: a FIFO without a writer would hold up the opening for ever.
   const UniqueDescriptor file(Uninterrupted(
       [&] { return ::openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-  if (!file) return errno;
+  return file ? ReadRegularFile(file.get(), limit, pastCache, bytes) : errno;
+}
+
+int ReadRegularFile(int file, std::size_t limit, bool pastCache, std::vector<std::uint8_t>& bytes) {
   struct stat status {};
-  if (::fstat(file.get(), &status) != 0) return errno;
+  if (::fstat(file, &status) != 0) return errno;
   if (const int failure = KindFailure(status.st_mode)) return failure;
   if (static_cast<std::uint64_t>(status.st_size) > limit) return EFBIG;
-  const int failure = ReadToEnd(file.get(), static_cast<std::size_t>(status.st_size), limit, bytes);
+  int failure = ENOMEM;
+  try {
+    failure = ReadToEnd(file, static_cast<std::size_t>(status.st_size), limit, bytes);
+  } catch (const std::bad_alloc&) {
+  }
   // Only advice: whether it is taken makes no difference to the result.
-  if (failure == 0 && pastCache) ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+  if (failure == 0 && pastCache) ::posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED);
   return failure;
 }
 

@@ -48,11 +48,15 @@ bool FlushDirectory(int directory);
 std::string TemporaryNameFor(const std::string& name);
 
 // Reads a regular file whole, however it grows or shrinks meanwhile. Returns 0 or an errno value:
-// ELOOP for a link, EISDIR for a directory, EINVAL for other kinds, EFBIG above the limit.
+// ELOOP for a link, EISDIR for a directory, EINVAL for other kinds, EFBIG above the limit (found
+// before anything is read), ENOMEM.
 // `directory` is an open directory or AT_FDCWD. With `pastCache` the file's pages are dropped
 // from the cache afterwards.
 int ReadRegularFile(int directory, const char* name, std::size_t limit, bool pastCache,
                     std::vector<std::uint8_t>& bytes);
+
+// The same for a file that is open to read.
+int ReadRegularFile(int file, std::size_t limit, bool pastCache, std::vector<std::uint8_t>& bytes);
 
 // The directory that holds the file, opened to read; -1 with errno. "." for a relative plain name.
 UniqueDescriptor OpenParentDirectory(const Path& file);

@@ -1,6 +1,7 @@
 // From errno to Error: the one place where platform implementations do it.
 #pragma once
 
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -12,6 +13,12 @@ namespace quorvel::onlinux {
 inline Error PosixFailure(int number, const std::string& what) {
   return Error(PosixErrorDomain, number,
                {{LocalizedDescriptionKey, PlistValue(what + ": " + ErrnoDescription(number))}});
+}
+
+// ENOMEM. To copy it takes no memory, and to make it little.
+inline const Error& OutOfMemory() {
+  static const Error error = PosixFailure(ENOMEM, "Reading");
+  return error;
 }
 
 // A PlatformErrorDomain record.

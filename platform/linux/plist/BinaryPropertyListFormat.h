@@ -7,7 +7,7 @@
 // references, which are indexes into the table; a dictionary has all keys first, then all values.
 // In the low nibble stands the count of bytes, characters or entries; 15 says that an integer
 // object follows that holds it. For integers and reals the low nibble is the logarithm of the
-// width.
+// width; for uids it is the width less one.
 #pragma once
 
 #include <cstddef>
@@ -27,12 +27,18 @@ inline constexpr unsigned Date = 0x3;
 inline constexpr unsigned Data = 0x4;
 inline constexpr unsigned AsciiString = 0x5;
 inline constexpr unsigned Utf16String = 0x6;
+inline constexpr unsigned Utf8String = 0x7;
+inline constexpr unsigned Uid = 0x8;
 inline constexpr unsigned Array = 0xA;
+inline constexpr unsigned OrderedSet = 0xB;
+inline constexpr unsigned Set = 0xC;
 inline constexpr unsigned Dictionary = 0xD;
 
 // Whole markers.
+inline constexpr std::uint8_t Null = 0x00;
 inline constexpr std::uint8_t False = 0x08;
 inline constexpr std::uint8_t True = 0x09;
+inline constexpr std::uint8_t Fill = 0x0F;
 inline constexpr std::uint8_t DateMarker = 0x33;
 
 // The big-endian number in `width` (1 to 8) bytes. With a constant 8 it is one load.

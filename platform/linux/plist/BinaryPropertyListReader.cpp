@@ -1,6 +1,9 @@
 // Builds values from the object table with an explicit stack.
+#include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cmath>
+#include <limits>
 #include <utility>
 
 #include "platform/linux/plist/BinaryPropertyListFormat.h"
@@ -41,23 +44,28 @@ void AppendUtf8(std::string& text, std::uint32_t point) {
   add(0x80U | (point & 0x3FU));
 }
 
-// False when a surrogate stands alone.
+// False when a surrogate stands alone: it is replaced.
 bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& text) {
   const auto unit = [&](std::size_t i) {
     return static_cast<std::uint32_t>(units[2 * i] << 8U | units[2 * i + 1]);
   };
+  bool sound = true;
   text.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     std::uint32_t point = unit(i);
     if ((point & 0xF800U) == 0xD800U) {
       const std::uint32_t second = i + 1 < count ? unit(i + 1) : 0;
-      if (point >= 0xDC00U || (second & 0xFC00U) != 0xDC00U) return false;
-      point = 0x10000U + ((point & 0x3FFU) << 10U) + (second & 0x3FFU);
-      ++i;
+      if (point < 0xDC00U && (second & 0xFC00U) == 0xDC00U) {
+        point = 0x10000U + ((point & 0x3FFU) << 10U) + (second & 0x3FFU);
+        ++i;
+      } else {
+        point = 0xFFFDU;
+        sound = false;
+      }
     }
     AppendUtf8(text, point);
   }
-  return true;
+  return sound;
 }
 
 class BinaryReader {
@@ -65,12 +73,13 @@ class BinaryReader {
   explicit BinaryReader(std::span<const std::uint8_t> bytes)
       : bytes_(bytes), budget_(bytes.size()) {}
 
-  Error read(PlistValue& out) {
+  Error read(PlistReading& out) {
     if (!readTrailer() || !addObject(root_)) return failure_;
     while (!frames_.empty()) {
       if (!step()) return failure_;
     }
-    out = std::move(result_);
+    out.value = std::move(result_);
+    out.isExact = isExact_;
     return {};
   }
 
@@ -131,6 +140,7 @@ class BinaryReader {
     if (!addKey(frame, reference(frame, at), foreign)) return false;
     if (!foreign) return addObject(reference(frame, frame.count + at));
     ++frame.foreignKeys;
+    isExact_ = false;
     return true;
   }
 
@@ -182,23 +192,29 @@ class BinaryReader {
       case Integer:
       case Real:
       case Date:
-        object.count = object.low <= 4 ? std::size_t{1} << object.low : SIZE_MAX;
+        object.count = std::size_t{1} << object.low;
+        return isWhole(object, 1);
+      case Uid:
+        object.count = object.low + 1U;
         return isWhole(object, 1);
       case Data:
       case AsciiString:
+      case Utf8String:
         width = 1;
         break;
       case Utf16String:
         width = 2;
         break;
       case Array:
+      case OrderedSet:
+      case Set:
         width = referenceWidth_;
         break;
       case Dictionary:
         width = 2 * referenceWidth_;
         break;
       default:
-        return fail("an object of an unknown kind");
+        return refuse(ENOTSUP, "an object of an unknown kind");
     }
     return readCount(object) && isWhole(object, width);
   }
@@ -227,11 +243,11 @@ class BinaryReader {
   bool addKey(Frame& frame, std::uint64_t index, bool& foreign) {
     Object object;
     if (!find(index, object)) return false;
-    foreign = object.kind != AsciiString && object.kind != Utf16String;
+    foreign = object.kind < AsciiString || object.kind > Utf8String;
     if (foreign) return true;
     std::string& key = frame.entries.emplace_back().key;
-    return readString(object, key) &&
-           (budget_.take(0, key.size()) || refuse(EFBIG, "too much content"));
+    readString(object, key);
+    return budget_.take(0, key.size()) || refuse(EFBIG, "too much content");
   }
 
   // Adds a value, or opens a container whose entries step() reads.
@@ -240,8 +256,9 @@ class BinaryReader {
     if (!find(index, object)) return false;
     switch (object.kind) {
       case Simple:
-        return addBoolean(object);
+        return addSimple(object);
       case Integer:
+      case Uid:
         return addInteger(object);
       case Real:
         return addReal(object);
@@ -251,50 +268,71 @@ class BinaryReader {
         return addData(object);
       case AsciiString:
       case Utf16String:
+      case Utf8String:
         return addString(object);
       default:
         return open(object);
     }
   }
 
-  bool addBoolean(const Object& object) {
-    if (object.low != True && object.low != False) return fail("an object of an unknown kind");
+  bool addSimple(const Object& object) {
+    if (object.low == Null || object.low == Fill) return passOver();
+    if (object.low != True && object.low != False) return refuse(ENOTSUP, "an unknown constant");
     add(object.low == True);
     return true;
   }
 
-  // Up to 4 bytes are unsigned, 8 bytes are signed, and 16 bytes are signed but must fit.
+  // Leaves out a value that stands for none.
+  bool passOver() {
+    isExact_ = false;
+    if (frames_.empty()) return refuse(ENOTSUP, "it holds no value");
+    if (frames_.back().dictionary) frames_.back().entries.pop_back();
+    return true;
+  }
+
+  // Up to 4 bytes are unsigned, 8 and 16 bytes are signed. A uid is the number that it is.
   bool addInteger(const Object& object) {
-    const std::uint64_t low = object.count == 16 ? ReadNumber(object.content + 8, 8)
-                                                 : ReadNumber(object.content, object.count);
-    if (object.count < 8) {
+    if (object.kind == Uid) isExact_ = false;
+    const std::size_t width = object.count;
+    if (width > 16) return refuse(ENOTSUP, "an integer of an unknown width");
+    const std::size_t lowWidth = std::min<std::size_t>(width, 8);
+    const std::uint64_t low = ReadNumber(object.content + width - lowWidth, lowWidth);
+    if (width <= 8) {
+      const bool isSigned = width == 8 && object.kind == Integer;
+      if (isSigned) add(static_cast<std::int64_t>(low));
+      if (!isSigned) add(low);
+      return true;
+    }
+    const std::uint64_t high = ReadNumber(object.content, width - 8);
+    if (high == 0) {
       add(low);
-    } else if (object.count == 8) {
+    } else if (high == UINT64_MAX && low >> 63U != 0) {
       add(static_cast<std::int64_t>(low));
     } else {
-      const std::uint64_t high = ReadNumber(object.content, 8);
-      const bool fitsSigned = high == UINT64_MAX && low >> 63U != 0;
-      if (high != 0 && !fitsSigned) return fail("an integer out of range");
-      if (high == 0) add(low);
-      if (high != 0) add(static_cast<std::int64_t>(low));
+      isExact_ = false;
+      add(std::ldexp(static_cast<double>(static_cast<std::int64_t>(high)), 64) +
+          static_cast<double>(low));
     }
     return true;
   }
 
+  // Of what is not a number there is one value: text has no other.
   bool addReal(const Object& object) {
+    double real = 0;
     if (object.count == 4) {
       const auto bits = static_cast<std::uint32_t>(ReadNumber(object.content, 4));
-      add(static_cast<double>(std::bit_cast<float>(bits)));
+      real = static_cast<double>(std::bit_cast<float>(bits));
     } else if (object.count == 8) {
-      add(std::bit_cast<double>(ReadNumber(object.content, 8)));
+      real = std::bit_cast<double>(ReadNumber(object.content, 8));
     } else {
-      return fail("a real number of an unknown width");
+      return refuse(ENOTSUP, "a real number of an unknown width");
     }
+    add(std::isnan(real) ? std::numeric_limits<double>::quiet_NaN() : real);
     return true;
   }
 
   bool addDate(const Object& object) {
-    if (object.count != 8) return fail("a date of an unknown width");
+    if (object.count != 8) return refuse(ENOTSUP, "a date of an unknown width");
     add(PlistDate{std::bit_cast<double>(ReadNumber(object.content, 8))});
     return true;
   }
@@ -307,18 +345,22 @@ class BinaryReader {
 
   bool addString(const Object& object) {
     std::string text;
-    if (!readString(object, text)) return false;
+    readString(object, text);
     if (!budget_.take(0, text.size())) return refuse(EFBIG, "too much content");
     add(std::move(text));
     return true;
   }
 
-  bool readString(const Object& object, std::string& text) {
+  // Some writers put UTF-8 where ASCII belongs.
+  void readString(const Object& object, std::string& text) {
     if (object.kind == Utf16String) {
-      return Utf8FromUtf16(object.content, object.count, text) || fail("a surrogate alone");
+      if (!Utf8FromUtf16(object.content, object.count, text)) isExact_ = false;
+      return;
     }
     text.assign(reinterpret_cast<const char*>(object.content), object.count);
-    return IsAscii(text) || fail("a string that is not in ASCII");
+    if (IsAscii(text) || IsUtf8(text)) return;
+    text = WithoutInvalidUtf8(text);
+    isExact_ = false;
   }
 
   // The depth limit also ends cycles. Its entries are accounted for before space is made for
@@ -340,6 +382,7 @@ class BinaryReader {
   std::span<const std::uint8_t> bytes_;
   PropertyListBudget budget_;
   PlistValue result_;
+  bool isExact_ = true;
   std::vector<Frame> frames_;
   const std::uint8_t* table_ = nullptr;  // also the end of the objects
   std::size_t entryWidth_ = 0;
@@ -351,7 +394,7 @@ class BinaryReader {
 
 }  // namespace
 
-Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out) {
+Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out) {
   return BinaryReader(bytes).read(out);
 }
 

@@ -9,6 +9,7 @@
 
 #include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/OpenBeneath.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/plist/PropertyListFiles.h"
 
@@ -59,7 +60,12 @@ class BundleLinux : public PKBundle {
   void read() {
     wasRead_ = true;
     const Path file = path_.child(InfoPlistName);
-    info_ = ReadDictionaryAt(directory_.get(), InfoPlistName, file, &failure_);
+    const UniqueDescriptor opened = OpenBeneath(directory_.get(), InfoPlistName);
+    if (opened) {
+      info_ = ReadDictionaryFrom(opened.get(), file, &failure_);
+    } else {
+      failure_ = PosixFailure(errno, "Opening " + file.string());
+    }
     // A plain path: a property list has no kind for locations.
     if (info_ != nullptr) info_->set(PKBundleInfoPlistURLKey, file.string());
     directory_.reset();

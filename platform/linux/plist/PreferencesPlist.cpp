@@ -106,10 +106,14 @@ bool SetAside(int directory, const std::string& fileName) {
 std::unique_ptr<PlistDictionary> ReadToChange(int directory, const std::string& fileName,
                                               const Path& file) {
   Error error;
-  auto stored = ReadDictionaryAt(directory, fileName.c_str(), file, &error);
-  if (stored != nullptr) return stored;
+  bool isExact = true;
+  auto stored = ReadDictionaryAt(directory, fileName.c_str(), file, &error, &isExact);
+  // What the reader could not take over is in the old file only.
+  if (stored != nullptr && (isExact || SetAside(directory, fileName))) return stored;
+  if (stored != nullptr) return nullptr;
   const bool missing = error.is(PosixErrorDomain, ENOENT);
-  const bool damaged = error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError);
+  const bool damaged = error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError) ||
+                       error.is(PosixErrorDomain, ENOTSUP);
   if (!missing && !(damaged && SetAside(directory, fileName))) return nullptr;
   return std::make_unique<PlistDictionary>();
 }

@@ -1,8 +1,8 @@
 // Tells the encodings apart and hands the bytes on.
 #include "platform/linux/plist/PropertyList.h"
 
-#include <algorithm>
 #include <cerrno>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,20 +12,32 @@
 
 namespace quorvel::onlinux {
 
-std::unique_ptr<PlistValue> ParsePropertyList(std::span<const std::uint8_t> bytes, Error* error) {
-  constexpr std::string_view magic = "bplist00";
-  auto value = std::make_unique<PlistValue>();
-  Error failure;
-  if (bytes.size() > PropertyListSizeLimit) {
-    failure = Refusal(EFBIG, "it is too large");
-  } else if (bytes.size() >= magic.size() &&
-             std::equal(magic.begin(), magic.end(), bytes.begin())) {
-    failure = ReadBinaryPropertyList(bytes, *value);
-  } else {
-    failure = ReadXmlPropertyList(bytes, *value);
+namespace {
+
+Error Read(std::span<const std::uint8_t> bytes, PlistReading& out) {
+  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  if (bytes.size() > PropertyListSizeLimit) return Refusal(EFBIG, "it is too large");
+  if (text.starts_with("bplist0")) return ReadBinaryPropertyList(bytes, out);
+  if (text.starts_with("bplist") && text.size() > 8) return Refusal(ENOTSUP, "a later binary form");
+  const std::size_t start = text.find_first_not_of(" \t\r\n");
+  // The braces of the form that was before XML, and of JSON.
+  if (start != text.npos && text[start] == '{') return Refusal(ENOTSUP, "a form of old");
+  return ReadXmlPropertyList(bytes, out);
+}
+
+}  // namespace
+
+std::unique_ptr<PlistValue> ParsePropertyList(std::span<const std::uint8_t> bytes, Error* error,
+                                              bool* isExact) {
+  try {
+    PlistReading reading;
+    Error failure = Read(bytes, reading);
+    if (isExact != nullptr) *isExact = reading.isExact;
+    if (!failure) return std::make_unique<PlistValue>(std::move(reading.value));
+    SetError(error, std::move(failure));
+  } catch (const std::bad_alloc&) {
+    SetError(error, OutOfMemory());
   }
-  if (!failure) return value;
-  SetError(error, std::move(failure));
   return nullptr;
 }
 

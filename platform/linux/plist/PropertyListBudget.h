@@ -9,12 +9,13 @@
 namespace quorvel::onlinux {
 
 // What a file of a given size may become in memory. Every value of an honest file costs it at
-// least a byte, but objects may be shared by many parents: small files get some freedom.
+// least a byte, but objects may be shared by many parents: a small file that shares much is read
+// like any other, up to a size that can be borne.
 class PropertyListBudget {
  public:
   explicit PropertyListBudget(std::size_t encodedSize)
-      : nodes_(std::min(PropertyListNodeLimit, 65'536 + 4 * encodedSize)),
-        content_(std::min(ContentLimit, 1'048'576 + 64 * encodedSize)) {}
+      : nodes_(std::min(PropertyListNodeLimit, kFreeNodes + 4 * encodedSize)),
+        content_(PropertyListSizeLimit + 2 * encodedSize) {}
 
   // Accounts for values and the bytes of text or data that they hold. False when it is too much.
   bool take(std::size_t nodes, std::size_t contentBytes) {
@@ -25,7 +26,7 @@ class PropertyListBudget {
   }
 
  private:
-  static constexpr std::size_t ContentLimit = 2 * PropertyListSizeLimit;
+  static constexpr std::size_t kFreeNodes = std::size_t{1} << 20U;
   std::size_t nodes_;
   std::size_t content_;
 };

@@ -29,8 +29,15 @@ inline Error Refusal(int number, const std::string& reason) {
       {{LocalizedDescriptionKey, PlistValue("This property list is not read: " + reason)}});
 }
 
-Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out);
-Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out);
+struct PlistReading {
+  PlistValue value;
+  // Whether the value is all that the bytes say: nothing was passed over, approximated or replaced.
+  bool isExact = true;
+};
+
+// Both throw std::bad_alloc.
+Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out);
+Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out);
 
 // Appended to `out`, which on failure holds some of it.
 std::string WriteXmlPropertyList(const PlistValue& value, std::vector<std::uint8_t>& out);

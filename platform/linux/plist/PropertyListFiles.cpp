@@ -22,28 +22,34 @@ Error InFile(const Path& file, const Error& cause) {
                  PlistValue("Reading " + file.string() + ": " + cause.description())}});
 }
 
+std::unique_ptr<PlistDictionary> DictionaryIn(std::span<const std::uint8_t> bytes, const Path& file,
+                                              Error* error, bool* isExact) {
+  Error cause;
+  const std::unique_ptr<PlistValue> root = ParsePropertyList(bytes, &cause, isExact);
+  PlistDictionary* dictionary = root != nullptr ? root->dictionary() : nullptr;
+  if (dictionary != nullptr) return std::make_unique<PlistDictionary>(std::move(*dictionary));
+  SetError(error, InFile(file, root != nullptr ? Damage("the root is no dictionary") : cause));
+  return nullptr;
+}
+
 }  // namespace
 
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
-                                                  Error* error) {
+                                                  Error* error, bool* isExact) {
   std::vector<std::uint8_t> bytes;
   const int failure = ReadRegularFile(directory, name, PropertyListSizeLimit, false, bytes);
-  if (failure != 0) {
-    SetError(error, PosixFailure(failure, "Reading " + file.string()));
-    return nullptr;
-  }
-  Error cause;
-  const std::unique_ptr<PlistValue> root = ParsePropertyList(bytes, &cause);
-  if (root == nullptr) {
-    SetError(error, InFile(file, cause));
-    return nullptr;
-  }
-  PlistDictionary* dictionary = root->dictionary();
-  if (dictionary == nullptr) {
-    SetError(error, InFile(file, Damage("the root is no dictionary")));
-    return nullptr;
-  }
-  return std::make_unique<PlistDictionary>(std::move(*dictionary));
+  if (failure == 0) return DictionaryIn(bytes, file, error, isExact);
+  SetError(error, PosixFailure(failure, "Reading " + file.string()));
+  return nullptr;
+}
+
+std::unique_ptr<PlistDictionary> ReadDictionaryFrom(int descriptor, const Path& file,
+                                                    Error* error) {
+  std::vector<std::uint8_t> bytes;
+  const int failure = ReadRegularFile(descriptor, PropertyListSizeLimit, false, bytes);
+  if (failure == 0) return DictionaryIn(bytes, file, error, nullptr);
+  SetError(error, PosixFailure(failure, "Reading " + file.string()));
+  return nullptr;
 }
 
 std::unique_ptr<PlistDictionary> PropertyListFiles::readDictionary(const Path& file, Error* error) {

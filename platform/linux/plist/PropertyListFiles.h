@@ -15,8 +15,11 @@ class PropertyListFiles : public PropertyListStore {
 };
 
 // readDictionary for a file named relative to an open directory. `name` is as a system call
-// takes it; `file` is what messages call it.
+// takes it; `file` is what messages call it. `isExact` as ParsePropertyList() gives it.
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
-                                                  Error* error);
+                                                  Error* error, bool* isExact = nullptr);
+
+// readDictionary for a file that is open to read.
+std::unique_ptr<PlistDictionary> ReadDictionaryFrom(int descriptor, const Path& file, Error* error);
 
 }  // namespace quorvel::onlinux

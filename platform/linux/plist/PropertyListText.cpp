@@ -3,13 +3,14 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <locale>
+#include <sstream>
 
 #include "platform/FileSystemRepresentation.h"
 
@@ -24,10 +25,7 @@ constexpr double FirstDateSeconds = -63'113'904'000.0;
 constexpr double LastDateSeconds = 252'423'993'599.0;
 
 constexpr std::uint64_t SignBit = std::uint64_t{1} << 63U;
-constexpr std::uint64_t FractionMask = (std::uint64_t{1} << 52U) - 1;
-constexpr std::uint64_t NotANumberExponent = std::uint64_t{0x7ff} << 52U;
-constexpr std::size_t FractionDigits = 13;  // 52 bits in hexadecimal
-constexpr std::string_view FractionPrefix = "nan(0x";
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 std::string_view Trimmed(std::string_view text) {
   while (!text.empty() && IsXmlSpace(text.front())) text.remove_prefix(1);
@@ -58,34 +56,39 @@ bool EqualsIgnoringCase(std::string_view text, std::string_view lowercase) {
                     [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a + 32 : a) == b; });
 }
 
-// The fraction bits in "nan(0x<13 digits>)"; none for infinity, whose fraction is zero.
-std::optional<std::uint64_t> NotANumberFraction(std::string_view text) {
-  if (text.size() != FractionPrefix.size() + FractionDigits + 1 ||
-      !text.starts_with(FractionPrefix) || text.back() != ')') {
-    return std::nullopt;
-  }
-  const auto fraction =
-      Unsigned<std::uint64_t>(text.substr(FractionPrefix.size(), FractionDigits), 16);
-  return fraction && *fraction != 0 ? fraction : std::nullopt;
+// The decimal number in the text, infinity when it is too large and 0 when it is too small; none
+// when it is anything else. std::from_chars does not say which of the two it met; a stream does.
+std::optional<double> Decimal(std::string_view text) {
+  double real = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, failure] = std::from_chars(text.data(), end, real);
+  if (stop != end || failure == std::errc::invalid_argument) return std::nullopt;
+  if (failure != std::errc::result_out_of_range) return real;
+  std::istringstream stream{std::string(text)};
+  stream.imbue(std::locale::classic());
+  stream >> real;
+  return stream ? real : kInfinity;
 }
 
 std::optional<double> PositiveReal(std::string_view text) {
   if (text.empty()) return std::nullopt;
-  if (text.front() == '.' || (text.front() >= '0' && text.front() <= '9')) {
-    double real = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, failure] = std::from_chars(text.data(), end, real);
-    if (failure != std::errc() || stop != end || !std::isfinite(real)) return std::nullopt;
-    return real;
-  }
+  if (text.front() == '.' || (text.front() >= '0' && text.front() <= '9')) return Decimal(text);
   if (EqualsIgnoringCase(text, "nan")) return std::numeric_limits<double>::quiet_NaN();
-  if (EqualsIgnoringCase(text, "inf") || EqualsIgnoringCase(text, "infinity")) {
-    return std::numeric_limits<double>::infinity();
-  }
-  if (const auto fraction = NotANumberFraction(text)) {
-    return std::bit_cast<double>(NotANumberExponent | *fraction);
-  }
+  if (EqualsIgnoringCase(text, "inf") || EqualsIgnoringCase(text, "infinity")) return kInfinity;
   return std::nullopt;
+}
+
+// The digits as an approximation; none when they are no digits.
+std::optional<PlistValue> LargeInteger(std::string_view digits, bool hexadecimal, bool negative) {
+  const char* const kDigits = hexadecimal ? "0123456789abcdefABCDEF" : "0123456789";
+  if (digits.empty() || digits.find_first_not_of(kDigits) != digits.npos) return std::nullopt;
+  double real = 0;
+  if (hexadecimal) {
+    for (const char digit : digits) real = real * 16 + *Unsigned<unsigned>({&digit, 1}, 16);
+  } else {
+    real = *Decimal(digits);
+  }
+  return std::optional<PlistValue>(std::in_place, negative ? -real : real);
 }
 
 constexpr std::string_view Base64Alphabet =
@@ -106,14 +109,9 @@ constexpr std::array<std::uint8_t, 256> MakeBase64Values() {
 }
 constexpr std::array<std::uint8_t, 256> Base64Values = MakeBase64Values();
 
-// Takes the padding and white space off the end; the number of padding characters.
-std::size_t TakePadding(std::string_view& text) {
-  std::size_t padding = 0;
-  while (!text.empty() && (IsXmlSpace(text.back()) || text.back() == '=')) {
-    if (text.back() == '=') ++padding;
-    text.remove_suffix(1);
-  }
-  return padding;
+// Takes the padding and white space off the end. Not everyone writes all of the padding.
+void TakePadding(std::string_view& text) {
+  while (!text.empty() && (IsXmlSpace(text.back()) || text.back() == '=')) text.remove_suffix(1);
 }
 
 }  // namespace
@@ -142,13 +140,33 @@ bool IsUtf8(std::string_view text) {
   return true;
 }
 
+std::string WithoutInvalidUtf8(std::string_view text) {
+  std::string valid;
+  valid.reserve(text.size());
+  while (!text.empty()) {
+    const std::size_t length = encoding_detail::Utf8SequenceLength(text);
+    valid += length != 0 ? text.substr(0, length) : kReplacementCharacter;
+    text.remove_prefix(std::max<std::size_t>(length, 1));
+  }
+  return valid;
+}
+
+std::size_t XmlCharacterLength(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text.front());
+  if (first < 0x20) return first == '\t' || first == '\n' || first == '\r' ? 1 : 0;
+  if (text.starts_with("\xEF\xBF\xBE") || text.starts_with("\xEF\xBF\xBF")) return 0;
+  return encoding_detail::Utf8SequenceLength(text);
+}
+
 std::optional<PlistValue> IntegerFromText(std::string_view text) {
   text = Trimmed(text);
   const bool negative = TakeSign(text);
   const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
   if (hexadecimal) text.remove_prefix(2);
   const auto magnitude = Unsigned<std::uint64_t>(text, hexadecimal ? 16 : 10);
-  if (!magnitude || (negative && *magnitude > SignBit)) return std::nullopt;
+  if (!magnitude || (negative && *magnitude > SignBit)) {
+    return LargeInteger(text, hexadecimal, negative);
+  }
   if (!negative) return std::optional<PlistValue>(std::in_place, *magnitude);
   // Unsigned negation wraps to the two's complement, which also -2^63 has.
   return std::optional<PlistValue>(std::in_place, static_cast<std::int64_t>(0 - *magnitude));
@@ -158,25 +176,13 @@ std::optional<double> RealFromText(std::string_view text) {
   text = Trimmed(text);
   const bool negative = TakeSign(text);
   const auto magnitude = PositiveReal(text);
-  if (!magnitude || !negative) return magnitude;
-  // Sets the sign of a not-a-number as well, which arithmetic need not do.
-  return std::bit_cast<double>(std::bit_cast<std::uint64_t>(*magnitude) | SignBit);
+  if (!magnitude || !negative || std::isnan(*magnitude)) return magnitude;
+  return -*magnitude;
 }
 
 std::string TextFromReal(double real) {
-  const auto bits = std::bit_cast<std::uint64_t>(real);
-  const std::string sign = (bits & SignBit) != 0 ? "-" : "";
-  if (std::isnan(real)) {
-    const std::uint64_t fraction = bits & FractionMask;
-    if (fraction ==
-        (std::bit_cast<std::uint64_t>(std::numeric_limits<double>::quiet_NaN()) & FractionMask)) {
-      return sign + "nan";
-    }
-    char text[FractionPrefix.size() + FractionDigits + 2];
-    std::snprintf(text, sizeof text, "nan(0x%013llx)", static_cast<unsigned long long>(fraction));
-    return sign + text;
-  }
-  if (std::isinf(real)) return sign + "inf";
+  if (std::isnan(real)) return "nan";
+  if (std::isinf(real)) return real < 0 ? "-inf" : "inf";
   char text[32];
   return {text, std::to_chars(text, text + sizeof text, real).ptr};
 }
@@ -202,7 +208,7 @@ std::optional<PlistDate> DateFromText(std::string_view text) {
       static_cast<double>(days * SecondsPerDay + *hour * 3600 + *minute * 60 + *second)};
 }
 
-DateText TextFromDate(PlistDate date) {
+std::string TextFromDate(PlistDate date) {
   const double wanted = std::isnan(date.seconds) ? 0.0 : std::floor(date.seconds);
   const double kept = std::clamp(wanted, FirstDateSeconds, LastDateSeconds);
   const auto seconds = static_cast<std::int64_t>(kept);
@@ -214,12 +220,11 @@ DateText TextFromDate(PlistDate date) {
   std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(civil.year()),
                 static_cast<unsigned>(civil.month()), static_cast<unsigned>(civil.day()),
                 inDay / 3600, inDay / 60 % 60, inDay % 60);
-  // Compared by the bits: -0 and everything that was rounded or clamped is not exact.
-  return {text, PlistDate{static_cast<double>(seconds)} == date};
+  return text;
 }
 
 std::optional<PlistData> DataFromText(std::string_view text) {
-  const std::size_t padding = TakePadding(text);
+  TakePadding(text);
   PlistData data;
   data.reserve(text.size() / 4 * 3 + 3);
   std::uint32_t group = 0;
@@ -235,11 +240,11 @@ std::optional<PlistData> DataFromText(std::string_view text) {
     data.push_back(static_cast<std::uint8_t>(group));
     group = digits = 0;
   }
-  // Two digits carry one byte and four spare bits, three carry two bytes and two.
-  if (digits == 1 || padding != (4 - digits) % 4) return std::nullopt;
+  // Two digits carry one byte and four spare bits, three carry two bytes and two. What the spare
+  // bits are is of no importance to a decoder.
+  if (digits == 1) return std::nullopt;
   if (digits == 0) return data;
   group <<= 6 * (4 - digits);
-  if ((group & (digits == 2 ? 0xFFFFU : 0xFFU)) != 0) return std::nullopt;
   data.push_back(static_cast<std::uint8_t>(group >> 16U));
   if (digits == 3) data.push_back(static_cast<std::uint8_t>(group >> 8U));
   return data;

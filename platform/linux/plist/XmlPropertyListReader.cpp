@@ -3,8 +3,8 @@
 #include <sys/random.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <type_traits>
@@ -14,6 +14,7 @@
 #include "platform/linux/plist/PropertyListBuilder.h"
 #include "platform/linux/plist/PropertyListEncodings.h"
 #include "platform/linux/plist/PropertyListText.h"
+#include "platform/linux/plist/XmlText.h"
 
 namespace quorvel::onlinux {
 
@@ -52,12 +53,12 @@ unsigned long HashSalt() {
 
 // Makes a parser ready for a document. To make one costs as much as to parse a small document, so
 // each thread keeps one for those; what a large document leaves in a parser is not kept.
-XML_Parser ReadyParser(std::size_t size, OwnedParser& owner) {
+XML_Parser ReadyParser(std::size_t size, const char* encoding, OwnedParser& owner) {
   constexpr std::size_t smallDocument = 65'536;
   thread_local OwnedParser kept;
   OwnedParser& parser = size <= smallDocument ? kept : owner;
-  if (parser == nullptr || XML_ParserReset(parser.get(), nullptr) != XML_TRUE) {
-    parser.reset(XML_ParserCreate(nullptr));
+  if (parser == nullptr || XML_ParserReset(parser.get(), encoding) != XML_TRUE) {
+    parser.reset(XML_ParserCreate(encoding));
   }
   if (parser != nullptr) XML_SetHashSalt(parser.get(), HashSalt());
   return parser.get();
@@ -67,41 +68,56 @@ XML_Parser ReadyParser(std::size_t size, OwnedParser& owner) {
 // what it had begun.
 class XmlReader {
  public:
-  explicit XmlReader(std::size_t size) : budget_(size), parser_(ReadyParser(size, owner_)) {
+  // `encoding` overrides what the document says of itself; null to believe it.
+  XmlReader(std::size_t size, const char* encoding)
+      : budget_(size), parser_(ReadyParser(size, encoding, owner_)) {
     if (parser_ == nullptr) return;
     XML_SetUserData(parser_, this);
     XML_SetElementHandler(
         parser_,
-        [](void* self, const XML_Char* name, const XML_Char** attributes) {
-          static_cast<XmlReader*>(self)->startElement(name, attributes);
+        [](void* self, const XML_Char* name, const XML_Char**) {
+          static_cast<XmlReader*>(self)->guarded(&XmlReader::startElement, name);
         },
-        [](void* self, const XML_Char*) { static_cast<XmlReader*>(self)->endElement(); });
+        [](void* self, const XML_Char*) {
+          static_cast<XmlReader*>(self)->guarded(&XmlReader::endElement);
+        });
     XML_SetCharacterDataHandler(parser_, [](void* self, const XML_Char* text, int length) {
-      static_cast<XmlReader*>(self)->characters({text, static_cast<std::size_t>(length)});
+      static_cast<XmlReader*>(self)->guarded(
+          &XmlReader::characters, std::string_view(text, static_cast<std::size_t>(length)));
     });
+    XML_SetXmlDeclHandler(
+        parser_, [](void* self, const XML_Char*, const XML_Char* encodingName, int) {
+          if (encodingName == nullptr) return;
+          static_cast<XmlReader*>(self)->guarded(&XmlReader::declare, encodingName);
+        });
     XML_SetEntityDeclHandler(parser_, [](void* self, auto...) {
-      static_cast<XmlReader*>(self)->refuse(ENOTSUP, "an entity is declared");
+      static_cast<XmlReader*>(self)->guarded(&XmlReader::refuse, ENOTSUP, "an entity is declared");
     });
     // With an external subset that is not read an unknown entity is no error to expat.
     XML_SetSkippedEntityHandler(parser_, [](void* self, const XML_Char*, int) {
-      static_cast<XmlReader*>(self)->refuse(ENOTSUP, "an unknown entity");
+      static_cast<XmlReader*>(self)->guarded(&XmlReader::refuse, ENOTSUP, "an unknown entity");
     });
   }
 
   // One call: expat then works on the caller's bytes in place. The size limit is far below what
   // an int holds.
-  Error read(std::span<const std::uint8_t> bytes, PlistValue& out) {
-    if (parser_ == nullptr) return Refusal(ENOMEM, "out of memory");
+  Error read(std::span<const std::uint8_t> bytes, PlistReading& out) {
+    if (parser_ == nullptr) throw std::bad_alloc();
     const auto* text = reinterpret_cast<const char*>(bytes.data());
-    if (XML_Parse(parser_, text, static_cast<int>(bytes.size()), XML_TRUE) != XML_STATUS_OK) {
-      const XML_Error code = XML_GetErrorCode(parser_);
-      if (code == XML_ERROR_NO_MEMORY) refuse(ENOMEM, "out of memory");
-      fail(XML_ErrorString(code));
-      return failure_;
-    }
-    out = builder_.takeRoot();
+    const bool whole =
+        XML_Parse(parser_, text, static_cast<int>(bytes.size()), XML_TRUE) == XML_STATUS_OK;
+    if (outOfMemory_) throw std::bad_alloc();
+    // Whatever follows the document is no part of it: others stop reading here.
+    if (!whole && !ended_ && !failed()) failWith(XML_GetErrorCode(parser_));
+    if (failed()) return failure_;
+    out.value = builder_.takeRoot();
+    out.isExact = isExact_;
     return {};
   }
+
+  // Whether reading failed at a character or an encoding rather than at the markup.
+  bool failedAtCharacters() const { return failedAtCharacters_; }
+  const std::string& declaredEncoding() const { return declaredEncoding_; }
 
  private:
   bool failed() const { return static_cast<bool>(failure_); }
@@ -124,25 +140,59 @@ class XmlReader {
     XML_StopParser(parser_, XML_FALSE);
   }
 
-  void startElement(const char* name, const char** attributes) {
-    if (failed()) return;
-    const Element element = ElementNamed(name);
-    if (element == Element::none) return fail("an unknown element");
-    if (scalar_ != Element::none) return fail("an element inside a text");
-    if (element == Element::plist) {
-      if (inPlist_) return fail("a plist element inside the document");
-      inPlist_ = true;
-    } else if (mayStart(element)) {
-      begin(element, attributes);
+  // Nothing is thrown through expat, which is written in C.
+  template <class Handler, class... Arguments>
+  void guarded(Handler handler, Arguments... arguments) {
+    if (failed() || outOfMemory_) return;
+    try {
+      (this->*handler)(arguments...);
+    } catch (const std::bad_alloc&) {
+      outOfMemory_ = true;
+      XML_StopParser(parser_, XML_FALSE);
     }
   }
 
-  // Whether the element may stand here; fails otherwise.
+  void failWith(XML_Error code) {
+    switch (code) {
+      case XML_ERROR_NO_MEMORY:
+        throw std::bad_alloc();
+      case XML_ERROR_UNDEFINED_ENTITY:
+      case XML_ERROR_AMPLIFICATION_LIMIT_BREACH:
+        return refuse(ENOTSUP, XML_ErrorString(code));
+      case XML_ERROR_INVALID_TOKEN:
+      case XML_ERROR_PARTIAL_CHAR:
+      case XML_ERROR_BAD_CHAR_REF:
+      case XML_ERROR_UNKNOWN_ENCODING:
+      case XML_ERROR_INCORRECT_ENCODING:
+        failedAtCharacters_ = true;
+        [[fallthrough]];
+      default:
+        return fail(XML_ErrorString(code));
+    }
+  }
+
+  void declare(const char* encoding) { declaredEncoding_ = encoding; }
+
+  // An element out of place is refused, not called damage: among the readers of property lists
+  // there are some that pass over such things.
+  void startElement(const char* name) {
+    const Element element = ElementNamed(name);
+    if (element == Element::none && !begun_) return fail("the document is of another kind");
+    if (element == Element::none) return refuse(ENOTSUP, "an unknown element");
+    if (scalar_ != Element::none) return refuse(ENOTSUP, "an element inside a text");
+    const bool isFirst = !begun_;
+    begun_ = true;
+    if (element == Element::plist) {
+      if (!isFirst) refuse(ENOTSUP, "a plist element inside the document");
+    } else if (mayStart(element)) {
+      begin(element);
+    }
+  }
+
+  // Whether the element may stand here; refuses the document otherwise.
   bool mayStart(Element element) {
     const char* problem = nullptr;
-    if (!inPlist_) {
-      problem = "the document element is not plist";
-    } else if (builder_.inDictionary()) {
+    if (builder_.inDictionary()) {
       const bool wantsValue = builder_.awaitsValue();
       if (element == Element::key && wantsValue) problem = "a key without a value";
       if (element != Element::key && !wantsValue) problem = "a value without a key";
@@ -151,55 +201,38 @@ class XmlReader {
     } else if (builder_.depth() == 0 && builder_.hasRoot()) {
       problem = "a second value";
     }
-    if (problem != nullptr) fail(problem);
+    if (problem != nullptr) refuse(ENOTSUP, problem);
     return problem == nullptr;
   }
 
-  void begin(Element element, const char** attributes) {
+  void begin(Element element) {
     if (element != Element::key && !budget_.take(1, 0)) return refuse(E2BIG, "too many values");
     if (element == Element::dict || element == Element::array) {
-      if (builder_.depth() == PropertyListDepthLimit) {
-        return refuse(E2BIG, "nested too deeply");
-      }
-      builder_.open(element == Element::dict);
-      return;
+      if (builder_.depth() == PropertyListDepthLimit) return refuse(E2BIG, "nested too deeply");
+      return builder_.open(element == Element::dict);
     }
     scalar_ = element;
     text_.clear();
-    exactDate_.reset();
-    if (element == Element::date) takeExactDate(attributes);
   }
 
-  // The attribute with which our own writer completes a date that its text cannot hold.
-  void takeExactDate(const char** attributes) {
-    for (; *attributes != nullptr; attributes += 2) {
-      if (std::strcmp(attributes[0], "seconds") != 0) continue;
-      exactDate_ = RealFromText(attributes[1]);
-      if (!exactDate_) fail("not a number of seconds");
-    }
-  }
-
+  // Text between the elements means nothing.
   void characters(std::string_view text) {
-    if (failed()) return;
-    if (scalar_ != Element::none && scalar_ != Element::yes && scalar_ != Element::no) {
-      text_.append(text);
-      return;
-    }
-    for (const char character : text) {
-      if (!IsXmlSpace(character)) return fail("a text where none may be");
-    }
+    if (scalar_ != Element::none) text_.append(text);
   }
 
   void endElement() {
-    if (failed()) return;
     if (scalar_ != Element::none) {
       endScalar();
       scalar_ = Element::none;
     } else if (builder_.depth() > 0) {
-      if (builder_.inDictionary() && builder_.awaitsValue()) return fail("a key without a value");
+      if (builder_.inDictionary() && builder_.awaitsValue()) {
+        return refuse(ENOTSUP, "a key without a value");
+      }
       builder_.close();
     } else if (!builder_.hasRoot()) {
-      fail("no value");
+      return fail("no value");
+    } else {
+      ended_ = true;  // of a plist element
     }
   }
 
@@ -214,43 +247,65 @@ class XmlReader {
       case Element::no:
         return builder_.add(false);
       case Element::integer:
-        return addIfRead(IntegerFromText(text_), "not an integer");
+        return addInteger();
       case Element::real:
-        return addIfRead(RealFromText(text_), "not a real number");
+        return addOrText(RealFromText(text_));
       case Element::data:
-        return addIfRead(DataFromText(text_), "not data in base 64");
+        return addOrText(DataFromText(text_));
       default:
-        return endDate();
+        return addOrText(DateFromText(text_));
     }
   }
 
-  void endDate() {
-    std::optional<PlistDate> date = DateFromText(text_);
-    if (date && exactDate_) date->seconds = *exactDate_;
-    addIfRead(date, "not a date");
+  void addInteger() {
+    std::optional<PlistValue> value = IntegerFromText(text_);
+    if (value && value->real() != nullptr) isExact_ = false;  // it has more than 64 bits
+    addOrText(std::move(value));
   }
 
+  // One value that is malformed is not worth the document: it is kept as its text.
   template <class T>
-  void addIfRead(std::optional<T> value, const char* problem) {
-    if (!value) return fail(problem);
-    builder_.add(std::move(*value));
+  void addOrText(std::optional<T> value) {
+    if (value) return builder_.add(std::move(*value));
+    isExact_ = false;
+    builder_.add(text_);
   }
 
   PropertyListBudget budget_;
   OwnedParser owner_;  // of a parser for this document alone
   XML_Parser parser_;
   PropertyListBuilder builder_;
-  bool inPlist_ = false;
-  Element scalar_ = Element::none;   // the element being read, when it is no container
-  std::string text_;                 // its text so far
-  std::optional<double> exactDate_;  // for a date: what its attribute says
-  Error failure_;                    // the first
+  bool begun_ = false;
+  bool ended_ = false;
+  bool isExact_ = true;
+  bool outOfMemory_ = false;
+  bool failedAtCharacters_ = false;
+  Element scalar_ = Element::none;  // the element being read, when it is no container
+  std::string text_;                // its text so far
+  std::string declaredEncoding_;
+  Error failure_;  // the first
 };
 
 }  // namespace
 
-Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistValue& out) {
-  return XmlReader(bytes.size()).read(bytes, out);
+Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out) {
+  // Others read what has a line break before its declaration.
+  while (!bytes.empty() && IsXmlSpace(static_cast<char>(bytes.front()))) bytes = bytes.subspan(1);
+  std::string declared;
+  if (!IsWideXml(bytes)) {
+    XmlReader reader(bytes.size(), nullptr);
+    Error failure = reader.read(bytes, out);
+    if (!reader.failedAtCharacters()) return failure;
+    declared = reader.declaredEncoding();
+  }
+  const std::optional<MendedXml> mended = MendXml(bytes, declared);
+  if (!mended) return Refusal(ENOTSUP, "its encoding is unknown: " + declared);
+  const std::string& text = mended->text;
+  if (text.size() > PropertyListSizeLimit) return Refusal(EFBIG, "it is too large");
+  Error failure = XmlReader(text.size(), "UTF-8")
+                      .read({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, out);
+  out.isExact = out.isExact && mended->isExact;
+  return failure;
 }
 
 }  // namespace quorvel::onlinux

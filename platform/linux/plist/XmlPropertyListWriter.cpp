@@ -3,7 +3,6 @@
 #include <charconv>
 #include <string_view>
 
-#include "platform/FileSystemRepresentation.h"
 #include "platform/linux/plist/PropertyList.h"
 #include "platform/linux/plist/PropertyListEncodings.h"
 #include "platform/linux/plist/PropertyListText.h"
@@ -96,11 +95,7 @@ class XmlWriter {
     writeText("<integer>", {text, end.ptr}, "</integer>\n");
   }
 
-  void writeDate(PlistDate date) {
-    const DateText text = TextFromDate(date);
-    const std::string exact = TextFromReal(date.seconds);
-    writeText(text.exact ? "<date>" : "<date seconds=\"" + exact + "\">", text.text, "</date>\n");
-  }
+  void writeDate(PlistDate date) { writeText("<date>", TextFromDate(date), "</date>\n"); }
 
   void writeData(const PlistData& data) {
     if (data.size() > PropertyListSizeLimit) return fail("it is too large");
@@ -164,11 +159,8 @@ class XmlWriter {
         ++at;
         continue;
       }
-      const std::string_view rest = text.substr(at);
-      const std::size_t length = encoding_detail::Utf8SequenceLength(rest);
-      const bool nonCharacter =
-          rest.starts_with("\xEF\xBF\xBE") || rest.starts_with("\xEF\xBF\xBF");
-      if (length == 0 || nonCharacter) break;
+      const std::size_t length = XmlCharacterLength(text.substr(at));
+      if (length == 0) break;
       at += length;
     }
     return at;

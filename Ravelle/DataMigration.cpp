@@ -39,8 +39,8 @@ bool IsLeftOut(QVFileManager& files, const Path& item, Error* error) {
                                       "%@ could not be looked at", item));
 }
 
-// Whether a recorded path can be a group's container: one that holds what is used by all ("/", the
-// legacy applications directory) is damage, and moving its items would tear apart the device.
+}  // namespace
+
 bool IsGroupContainer(const Path& recorded, std::initializer_list<Path> used, Error* error) {
   for (const Path& directory : used) {
     if (!IsOrLiesBelow(directory, recorded)) continue;
@@ -49,8 +49,6 @@ bool IsGroupContainer(const Path& recorded, std::initializer_list<Path> used, Er
   }
   return true;
 }
-
-}  // namespace
 
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
                                                    const Path& to) {
@@ -115,6 +113,11 @@ void QVRavelle::migrateGroup(const std::string& identifier, const std::string& g
   if (entry == _groupContainerMap->end() || entry->second.dictionary() == nullptr) {
     RAVELLE_LOG(LogLevelNotice, kOneGroup,
                 "QVRavelle: No group container entry to migrate for %@[%@]", identifier, group);
+    if (entry != _groupContainerMap->end()) {
+      Account().groupEnded({.identifier = group,
+                            .outcome = MigrationOutcome::left,
+                            .reason = MigrationReason::entryDamaged});
+    }
     return;
   }
   const std::string* container = entry->second.dictionary()->findString(InstallMapContainerKey);

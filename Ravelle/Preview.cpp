@@ -26,18 +26,44 @@ bool IsDirectory(const Path& path) {
   return ::lstat(path.fileSystemRepresentation().c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// Where a bundle would be staged, or was by an interrupted run.
-Path StagedPath(const RecordFields& fields, const Path& bundle) {
-  return fields.container.childDirectory(StagingName)
-      .childDirectory(PayloadName)
-      .childDirectory(bundle.lastPathComponent());
+Path PayloadOf(const RecordFields& fields) {
+  return fields.container.childDirectory(StagingName).childDirectory(PayloadName);
 }
 
-// Where the bundle is now; absent when it is nowhere.
-Path FindBundle(const RecordFields& fields, const Path& bundle) {
-  if (IsDirectory(bundle)) return bundle;
-  const Path staged = StagedPath(fields, bundle);
-  return IsDirectory(staged) ? staged : Path();
+bool IsBundleName(const Path& path) {
+  return path.pathExtension() == AppExtension || path.pathExtension() == VPNPluginExtension;
+}
+
+// The bundles that the registry would be handed: what an interrupted run has staged, and the
+// record's own that are still at their places.
+std::vector<Path> PackageOf(QVFileManager& files, const RecordFields& fields) {
+  std::vector<Path> package;
+  for (const Path& bundle : {fields.bundle, fields.secondBundle.value_or(Path())}) {
+    if (!bundle.isAbsent() && IsDirectory(bundle)) package.push_back(bundle);
+  }
+  const auto staged = files.urlsForItemsInDirectoryAtURL(PayloadOf(fields), false);
+  for (const Path& item : staged.value_or(std::vector<Path>())) {
+    if (IsBundleName(item) && IsDirectory(item)) package.push_back(item);
+  }
+  return package;
+}
+
+// Whether the registry would leave something in the staging directory.
+bool StagingStays(QVFileManager& files, const RecordFields& fields) {
+  const auto staging =
+      files.urlsForItemsInDirectoryAtURL(fields.container.childDirectory(StagingName), false);
+  for (const Path& item : staging.value_or(std::vector<Path>())) {
+    const std::string_view name = item.lastPathComponent();
+    if (name != PayloadName &&
+        std::find(StoreMetadataItemNames.begin(), StoreMetadataItemNames.end(), name) ==
+            StoreMetadataItemNames.end()) {
+      return true;
+    }
+  }
+  const auto payload = files.urlsForItemsInDirectoryAtURL(PayloadOf(fields), false);
+  return payload && std::any_of(payload->begin(), payload->end(), [](const Path& item) {
+           return !IsBundleName(item) || !IsDirectory(item);
+         });
 }
 
 // What the data step moves out before anything of a container can be lost.
@@ -55,6 +81,8 @@ RavellePreview::RavellePreview(const QVGlobalConfiguration& configuration)
 bool RavellePreview::preview(MigrationAccount& account, Error* error) {
   account_ = &account;
   installed_.clear();
+  installedWhole_.clear();
+  gone_.clear();
   claimedGroups_.clear();
   const Path legacy = configuration_.oldContainerPath();
   if (!files_.itemDoesNotExistAtURL(legacy)) {
@@ -65,6 +93,7 @@ bool RavellePreview::preview(MigrationAccount& account, Error* error) {
       for (const WorkItem& item : classify(*items)) {
         account.containerBegan(item.index, item.entry.string());
         const Course course = follow(item);
+        if (!course.stays) gone_.push_back(item.entry.string());
         account.containerEnded(course.outcome, course.stays);
       }
       tellGroups();
@@ -104,6 +133,7 @@ void RavellePreview::lookAt(WorkItem item, std::deque<WorkItem>& workList) {
       break;
     case Classification::Verdict::remove:
       if (const auto loss = MeasureLoss(item.entry)) account_->lost(*loss);
+      gone_.push_back(item.entry.string());
       account_->containerEnded(MigrationOutcome::removed, false);
       break;
     case Classification::Verdict::leave:
@@ -130,6 +160,8 @@ bool RavellePreview::isInstalled(const std::string& identifier) {
 RavellePreview::Course RavellePreview::follow(const WorkItem& item) {
   const RecordFields fields = FieldsOf(*item.found.record);
   if (!registers(fields)) return {MigrationOutcome::failed, true};
+  // Of a container that is gone by then there is nothing to flush.
+  if (!willBeThere(fields.container)) return stop(Step::data, Reason::notMoved, fields.container);
   if (files_.bundleAtURLIsPlaceholder(fields.bundle)) return remove(item, fields, true);
   if (!installs(fields)) return remove(item, fields, false);
   noteGroups(fields);
@@ -142,56 +174,77 @@ RavellePreview::Course RavellePreview::follow(const WorkItem& item) {
   return {MigrationOutcome::failed, true};
 }
 
+// Whether the registry would take a placeholder made of the bundle's identity.
+bool RavellePreview::takesPlaceholder(const RecordFields& fields) {
+  Error error;
+  const auto bundle = Platform().bundles->open(fields.bundle, &error);
+  if (!bundle || bundle->infoDictionary(&error) == nullptr) {
+    stop(Step::placeholder, Reason::bundleUnreadable, fields.bundle, error);
+    return false;
+  }
+  const std::string* identifier = bundle->identifier(&error);
+  if (identifier == nullptr || identifier->empty() || *identifier != fields.identifier) {
+    stop(Step::placeholder, Reason::placeholderRefused, fields.bundle, error);
+    return false;
+  }
+  installed_.emplace(fields.identifier, AppExtension);
+  return true;
+}
+
 // Whether the registry knows the app, or would take a placeholder for it.
 bool RavellePreview::registers(const RecordFields& fields) {
-  if (fields.isApp() && !isInstalled(fields.identifier)) {
-    Error error;
-    const auto identifier = QVRavelle::_bundleIdentifierForBundle(fields.bundle, &error);
-    if (!identifier) {
-      stop(Step::placeholder, Reason::bundleUnreadable, fields.bundle, error);
-      return false;
-    }
-    if (*identifier != fields.identifier || identifier->empty()) {
-      stop(Step::placeholder, Reason::placeholderRefused, fields.bundle);
-      return false;
-    }
-    installed_.insert(fields.identifier);
-    return true;
-  }
   if (isInstalled(fields.identifier)) return true;
+  if (fields.isApp()) return takesPlaceholder(fields);
   const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
-  if (proxy && proxy->dataContainerPath) {
-    account_->dataContainerFound(proxy->dataContainerPath->string());
-    return true;
-  }
+  if (proxy && proxy->dataContainerPath) return true;
   stop(Step::placeholder, proxy ? Reason::noDataContainer : Reason::noRecord, {});
   return false;
 }
 
-// Whether the registry would take the bundle and its plug-in, as far as their dictionaries tell.
+// Whether the registry would install the package, as far as its info dictionaries tell.
 bool RavellePreview::installs(const RecordFields& fields) {
-  const Path bundle = FindBundle(fields, fields.bundle);
-  const auto refuse = [&](const Path& path, Error error = {}) {
-    stop(Step::install, Reason::installRefused, path, std::move(error));
-    return false;
-  };
-  Error error;
-  if (bundle.isAbsent()) {
-    // A repeated request is satisfied by what an earlier one installed.
-    const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
-    const bool isThere = proxy && proxy->foundBackingBundle && !proxy->isPlaceholder;
-    return isThere || refuse(fields.bundle);
+  const std::vector<Path> package = PackageOf(files_, fields);
+  if (!package.empty()) return takes(fields, package);
+  // A repeated request is satisfied by what an earlier one installed.
+  if (installedWhole_.contains(fields.identifier)) return true;
+  const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const bool isBuiltIn = proxy && !proxy->bundleContainerPath;
+  if (proxy && proxy->foundBackingBundle && !proxy->isPlaceholder && !isBuiltIn) return true;
+  stop(Step::install, Reason::installRefused, fields.container.childDirectory(StagingName));
+  return false;
+}
+
+// An app must be the requested one, and so must a plug-in without an app; a plug-in beside an app
+// must not. Neither may take over an identifier of the other kind.
+bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& package) {
+  const bool hasApp = std::any_of(package.begin(), package.end(), [](const Path& bundle) {
+    return bundle.pathExtension() == AppExtension;
+  });
+  std::map<std::string, std::string> seen;
+  for (const Path& bundle : package) {
+    Error error;
+    const auto identifier = QVRavelle::_bundleIdentifierForBundle(bundle, &error);
+    const bool mustBeRequested = !hasApp || bundle.pathExtension() == AppExtension;
+    if (!identifier || identifier->empty() ||
+        (*identifier == fields.identifier) != mustBeRequested ||
+        !seen.emplace(*identifier, bundle.pathExtension()).second ||
+        isOfAnotherKind(*identifier, bundle)) {
+      stop(Step::install, Reason::installRefused, fields.container.childDirectory(StagingName),
+           error);
+      return false;
+    }
   }
-  const auto identifier = QVRavelle::_bundleIdentifierForBundle(bundle, &error);
-  if (!identifier || *identifier != fields.identifier) return refuse(bundle, error);
-  installed_.insert(*identifier);
-  if (!fields.secondBundle) return true;
-  const Path second = FindBundle(fields, *fields.secondBundle);
-  if (second.isAbsent()) return true;
-  const auto other = QVRavelle::_bundleIdentifierForBundle(second, &error);
-  if (!other || *other == *identifier) return refuse(second, error);
-  installed_.insert(*other);
+  for (const auto& [identifier, extension] : seen) installedWhole_.insert(identifier);
+  installed_.merge(seen);
   return true;
+}
+
+bool RavellePreview::isOfAnotherKind(const std::string& identifier, const Path& bundle) {
+  const auto earlier = installed_.find(identifier);
+  if (earlier != installed_.end()) return earlier->second != bundle.pathExtension();
+  const auto proxy = Platform().workspace->bundleProxyForIdentifier(identifier);
+  if (!proxy || !proxy->foundBackingBundle) return false;
+  return (proxy->bundleType == ContainerTypeApp) != (bundle.pathExtension() == AppExtension);
 }
 
 std::vector<std::string> RavellePreview::missedItems(const WorkItem& item,
@@ -207,7 +260,7 @@ std::vector<std::string> RavellePreview::missedItems(const WorkItem& item,
   std::set<std::string, std::less<>> carried(NeverMissedNames.begin(), NeverMissedNames.end());
   carried.insert(UserDataItemNames.begin(), UserDataItemNames.end());
   carried.insert(StoreMetadataItemNames.begin(), StoreMetadataItemNames.end());
-  carried.insert(StagingName);
+  if (!StagingStays(files_, fields)) carried.insert(StagingName);
   for (const Path& bundle : {fields.bundle, fields.secondBundle.value_or(Path())}) {
     const std::string name(bundle.lastPathComponent());
     if (bundle.string() == fields.container.childDirectory(name).string()) carried.insert(name);
@@ -238,19 +291,54 @@ RavellePreview::Course RavellePreview::remove(const WorkItem& item, const Record
 
 // The groups of the app, which its bundle names, or the registry when it has the bundle already.
 void RavellePreview::noteGroups(const RecordFields& fields) {
-  const Path bundle = FindBundle(fields, fields.bundle);
-  const auto opened = bundle.isAbsent() ? nullptr : Platform().bundles->open(bundle);
-  const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
-  const PlistValue* groups = info != nullptr ? info->find(PKApplicationGroupsKey) : nullptr;
-  if (groups != nullptr && groups->array() != nullptr) {
+  bool isKnown = false;
+  for (const Path& bundle : PackageOf(files_, fields)) {
+    const auto opened = Platform().bundles->open(bundle);
+    const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
+    const std::string* identifier = opened ? opened->identifier() : nullptr;
+    if (identifier == nullptr || *identifier != fields.identifier) continue;
+    isKnown = true;
+    const PlistValue* groups = info->find(PKApplicationGroupsKey);
+    if (groups == nullptr || groups->array() == nullptr) continue;
     for (const PlistValue& group : *groups->array()) {
       if (group.string() != nullptr) claimedGroups_.insert(*group.string());
     }
   }
-  if (opened) return;
+  if (isKnown) return;
   const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
   if (!proxy || !proxy->groupContainerPaths) return;
   for (const auto& [group, path] : *proxy->groupContainerPaths) claimedGroups_.insert(group);
+}
+
+bool RavellePreview::willBeThere(const Path& path) {
+  if (!files_.itemExistsAtURL(path)) return false;
+  return std::none_of(gone_.begin(), gone_.end(), [&path](const std::string& entry) {
+    return path.string() == entry || path.string().starts_with(entry + "/");
+  });
+}
+
+MigratedDirectory RavellePreview::foreseeGroup(const PlistEntry& entry) {
+  MigratedDirectory group{.identifier = entry.key, .outcome = MigrationOutcome::left};
+  const PlistDictionary* record = entry.value.dictionary();
+  const std::string* path =
+      record != nullptr ? record->findString(InstallMapContainerKey) : nullptr;
+  if (path == nullptr) {
+    group.reason = Reason::entryDamaged;
+    return group;
+  }
+  group.path = *path;
+  const Path container = Path::directory(*path);
+  if (!willBeThere(container)) {
+    group.reason = Reason::notThere;
+  } else if (!claimedGroups_.contains(entry.key)) {
+    group.reason = Reason::unclaimed;
+  } else if (!IsGroupContainer(container, {configuration_.oldContainerPath()}, nullptr)) {
+    group.outcome = MigrationOutcome::failed;
+    group.reason = Reason::notMoved;
+  } else {
+    group.outcome = MigrationOutcome::migrated;
+  }
+  return group;
 }
 
 void RavellePreview::tellGroups() {
@@ -267,21 +355,11 @@ void RavellePreview::tellGroups() {
   const PlistValue* groups = map ? map->find(InstallMapGroupsKey) : nullptr;
   if (groups == nullptr || groups->dictionary() == nullptr) return;
   for (const PlistEntry& entry : *groups->dictionary()) {
-    MigratedDirectory told{.identifier = entry.key};
-    const PlistDictionary* record = entry.value.dictionary();
-    const std::string* path =
-        record != nullptr ? record->findString(InstallMapContainerKey) : nullptr;
-    if (path == nullptr) {
-      told.reason = Reason::entryDamaged;
-    } else {
-      told.path = *path;
-      const bool isThere = files_.itemExistsAtURL(Path::directory(*path));
-      if (!isThere) told.reason = Reason::notThere;
-      if (isThere && !claimedGroups_.contains(entry.key)) told.reason = Reason::unclaimed;
+    const MigratedDirectory group = foreseeGroup(entry);
+    account_->groupEnded(group);
+    if (group.reason == Reason::unclaimed || group.reason == Reason::notMoved) {
+      account_->leftBehind({group.path, group.reason});
     }
-    if (told.reason != Reason::none) told.outcome = MigrationOutcome::left;
-    account_->groupEnded(told);
-    if (told.reason == Reason::unclaimed) account_->leftBehind({told.path, told.reason});
   }
 }
 

@@ -41,12 +41,17 @@ class RavellePreview final : public MigrationPreview {
   void lookAt(WorkItem item, std::deque<WorkItem>& workList);
   Course follow(const WorkItem& item);
   Course stop(MigrationStep step, MigrationReason reason, const Path& path, Error error = {});
+  bool takesPlaceholder(const RecordFields& fields);
   bool registers(const RecordFields& fields);
   bool installs(const RecordFields& fields);
   bool isInstalled(const std::string& identifier);
+  bool takes(const RecordFields& fields, const std::vector<Path>& package);
+  bool isOfAnotherKind(const std::string& identifier, const Path& bundle);
   std::vector<std::string> missedItems(const WorkItem& item, const RecordFields& fields);
   Course remove(const WorkItem& item, const RecordFields& fields, bool installed);
   void noteGroups(const RecordFields& fields);
+  MigratedDirectory foreseeGroup(const PlistEntry& entry);
+  bool willBeThere(const Path& path);
   void tellGroups();
   void tellHarbors();
   void tellLinks(const Path& legacy);
@@ -54,7 +59,10 @@ class RavellePreview final : public MigrationPreview {
   const QVGlobalConfiguration& configuration_;
   QVFileManager& files_;
   MigrationAccount* account_ = nullptr;
-  std::set<std::string> installed_;  // by containers that come earlier
+  // What containers that come earlier install: identifier to the bundle's extension.
+  std::map<std::string, std::string> installed_;
+  std::set<std::string> installedWhole_;  // those that are more than placeholders
+  std::vector<std::string> gone_;         // the entries that will not be there at the end
   std::set<std::string> claimedGroups_;
 };
 

@@ -1,6 +1,8 @@
 // The one way an item gets into a new container: whatever is at its place goes first.
 #pragma once
 
+#include <initializer_list>
+
 #include "platform/Error.h"
 #include "platform/Path.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -18,5 +20,9 @@ bool LiesBelow(const Path& item, const Path& directory);
 
 // The same, and true also for the directory itself.
 bool IsOrLiesBelow(const Path& item, const Path& directory);
+
+// Whether a recorded path can be a group's container: one that holds what is used by all ("/", the
+// legacy applications directory) is damage, and moving its items would tear apart the device.
+bool IsGroupContainer(const Path& recorded, std::initializer_list<Path> used, Error* error);
 
 }  // namespace quorvel

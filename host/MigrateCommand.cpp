@@ -1,3 +1,4 @@
+// migrate: prepares the host, drives the plug-in and reports.
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// Writes the result of a migration around its account.
 #include "host/MigrationResult.h"
 
 #include <charconv>

@@ -64,13 +64,14 @@ class ApplicationWorkspace {
 
   // Takes over the staging directory and installs what is in it. A customer package holds its
   // bundles in "Payload" and store-metadata items beside it; a placeholder package is the
-  // bundle itself. True when the request is satisfied, also when an interrupted earlier request
-  // for the same directory already satisfied it. False with an Error, and with a report to the
-  // callback (which may be empty), otherwise. Either way the app is found afterwards as it was
-  // before or completely installed, also when the process is killed in between.
-  // "ApplicationAlreadyInstalled" is reported when a newer copy is built in: the staged bundle
-  // is obsolete then and is discarded with the staging directory. Any other refusal leaves the
-  // staging directory as it is.
+  // bundle itself. True when the request is satisfied, also when an earlier one satisfied it: a
+  // customer package without a bundle asks for nothing more where the identifier's full bundle is
+  // installed, nor does a placeholder's directory that an interrupted request took over. False with
+  // an Error, and with a report to the callback (which may be empty), otherwise. Either way the app
+  // is found afterwards as it was before or completely installed, also when the process is killed
+  // in between. "ApplicationAlreadyInstalled" is reported when a newer copy is built in: the staged
+  // bundle is obsolete then and is discarded with the staging directory. Any other refusal leaves
+  // the staging directory as it is.
   virtual bool installApplication(const Path& staging, const PlistDictionary& options, Error* error,
                                   const InstallProgressCallback& progress) = 0;
 };

@@ -211,6 +211,21 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   const Device again(tree / "again");
   ASSERT_EQ(std::system(("cp -a '" + device.root() + "' '" + again.root() + "'").c_str()), 0);
   ExpectForeseen(foreseen, json::parse(again.run({"migrate", "--json"}).out));
+  // Also of what a failed run left, and of containers that must not be mistaken for others.
+  PutBundle(again.container("K1/Tun.vpnplugin"), "com.example.beside");
+  fs::create_directories(again.container("K1/Foo.app/Info.plist"));
+  PutBundle(again.container("K2/Foo.app"), "com.example.one", "group.shared");
+  PutBundle(again.container("K3/Foo.app"), "com.example.one.tunnel");
+  PutData(again.container("K3"), "of an identifier of another kind");
+  Put(again.container("K4/Foo.app/Info.plist"), "garbage");
+  PutData(again.container("K4"), "of nothing");
+  Put(again.container("K5/") + MarkerName,
+      Dictionary(Entry("ContainerPath", std::string(Mobile) + "/Applications/K2") +
+                 Entry("BundlePath", "/nowhere/Foo.app") + Entry("ContainerType", "App") +
+                 Entry("BundleIdentifier", "com.example.two")));
+  const json second = json::parse(again.run({"inspect", "--json"}).out);
+  EXPECT_EQ(second["counts"]["left"], 2);
+  ExpectForeseen(second, json::parse(again.run({"migrate", "--json"}).out));
   const HostRun run = device.run({"migrate"});
   EXPECT_EQ(run.exitCode, 1);
   for (const char* name : {"C3", "G7", "H8", "rootlink"}) {

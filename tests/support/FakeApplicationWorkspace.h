@@ -382,7 +382,10 @@ class FakeApplicationWorkspace : public ApplicationWorkspace {
       return refuse(name, "the package cannot be installed", error, progress);
     }
     const auto known = records_.find(identifier);
-    const bool again = known != records_.end() && known->second.satisfiedFrom == staging;
+    const bool again =
+        known != records_.end() &&
+        (known->second.satisfiedFrom == staging ||
+         (known->second.proxy.foundBackingBundle && !known->second.proxy.isPlaceholder));
     if (bundles.empty() && !again) {
       return refuse("NoBundleInPackage", "no bundle in the package", error, progress);
     }

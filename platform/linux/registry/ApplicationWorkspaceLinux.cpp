@@ -170,8 +170,9 @@ bool ApplicationWorkspaceLinux::installCustomer(const Request& request, Error* e
   if (package.bundles.empty()) {
     std::optional<AppRecord> known;
     if (!core_.find(request.identifier, &known, error)) return false;
-    if (known && known->staging == request.staging.string() && !known->placeholder &&
-        (known->obsolete || core_.hasBundle(*known))) {
+    // A request that is repeated, whichever package satisfied it: of two containers of one app the
+    // second was installed from, and the first is taken up again for what was left in it.
+    if (known && !known->placeholder && (known->obsolete || core_.hasBundle(*known))) {
       return repeat(request, package, *known, error);
     }
     return Refuse(Code::noBundle, request.staging.string() + ": holds no bundle in \"Payload\"",

@@ -106,6 +106,47 @@ void AddRegistry(CLI::App& parser, Options& options) {
       "Example:\n  mkdir -p /tmp/device && migration-host registry --root /tmp/device --json");
 }
 
+void AddFile(CLI::App& command, const char* name, std::string& value, const char* text) {
+  command.add_option(name, value, text)->type_name("FILE")->check(NotEmpty);
+}
+
+void AddFlag(CLI::App& command, const char* name, bool& value, const char* text) {
+  command.add_flag(name, value, text)->disable_flag_override();
+}
+
+void AddSnapshot(CLI::App& parser, Options& options) {
+  CLI::App* command = parser.add_subcommand(
+      "snapshot", "List all that belongs to a user, to prove a migration; changes nothing");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  AddFile(*command, "--plugin", options.plugin, "The plug-in to load (default: beside the host)");
+  AddFile(*command, "--output", options.output, "The manifest (default: standard output)");
+  AddFlag(*command, "--fast", options.fast, "Do not read contents: size, times and inode do");
+  AddFlag(*command, "--gzip", options.gzip, "Compress the manifest");
+  command->callback([&options] { options.command = Command::snapshot; });
+  command->footer(
+      "Example:\n"
+      "  mkdir -p /tmp/device && migration-host snapshot --root /tmp/device --output "
+      "/tmp/device.jsonl");
+}
+
+void AddVerify(CLI::App& parser, Options& options) {
+  CLI::App* command = parser.add_subcommand(
+      "verify", "Find everything that a snapshot lists again; changes nothing");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  command->add_option("MANIFEST", options.manifest, "What snapshot wrote")
+      ->required()
+      ->type_name("")
+      ->check(NotEmpty);
+  AddFile(*command, "--result", options.result, "What migrate --json printed, for its reasons");
+  AddFlag(*command, "--strict", options.strict, "Fail also for losses that a migration orders");
+  command->callback([&options] { options.command = Command::verify; });
+  command->footer(
+      "Example:\n"
+      "  migration-host verify --root /tmp/device /tmp/device.jsonl");
+}
+
 void AddRegister(CLI::App& parser, Options& options) {
   CLI::App* command =
       parser.add_subcommand("register", "Add a registry record with no bundle behind it");
@@ -148,6 +189,8 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddInspect(parser, options);
   AddRegistry(parser, options);
   AddRegister(parser, options);
+  AddSnapshot(parser, options);
+  AddVerify(parser, options);
 
   ParsedCommandLine parsed;
   const std::string unknown = UnknownCommand(parser, argc, argv);

@@ -6,7 +6,7 @@
 
 namespace quorvel::host {
 
-enum class Command { migrate, inspect, registry, registerIdentifier };
+enum class Command { migrate, inspect, registry, registerIdentifier, snapshot, verify };
 enum class ProgressMode { automatic, always, never };
 
 // A command with its arguments. Paths are the bytes that the user gave.
@@ -23,6 +23,14 @@ struct Options {
   std::string logFile;  // empty: none
   // register only:
   std::string identifier;
+  // snapshot only:
+  std::string output;  // empty: standard output
+  bool fast = false;   // without digests of contents
+  bool gzip = false;
+  // verify only:
+  std::string manifest;
+  std::string result;   // of the run, as `migrate --json` printed it; empty: none
+  bool strict = false;  // a loss that the sequence orders is a failure, too
 };
 
 // Options to run with; without them, `exitCode` and the text that goes with it: help or the version

@@ -10,5 +10,7 @@ int RunMigrate(const Options& options);
 int RunInspect(const Options& options);
 int RunRegistry(const Options& options);
 int RunRegister(const Options& options);
+int RunSnapshot(const Options& options);
+int RunVerify(const Options& options);
 
 }  // namespace quorvel::host

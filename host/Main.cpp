@@ -22,6 +22,10 @@ int RunCommand(const Options& options) {
       return RunRegistry(options);
     case Command::registerIdentifier:
       return RunRegister(options);
+    case Command::snapshot:
+      return RunSnapshot(options);
+    case Command::verify:
+      return RunVerify(options);
   }
   return ExitUsage;
 }

@@ -1,6 +1,7 @@
 // "registry" shows the registry's records, "register" adds one.
 #include "host/Commands.h"
 #include "host/HostServices.h"
+#include "host/RegistryRecords.h"
 #include "host/console/DeviceRoot.h"
 #include "host/console/ExitCode.h"
 #include "host/console/Json.h"
@@ -22,30 +23,12 @@ Json GroupsAsJson(const BundleProxy& bundle) {
   return groups;
 }
 
-Json BundleAsJson(const BundleProxy& bundle) {
-  Json object;
-  object["identifier"] = bundle.bundleIdentifier;
-  object["bundleType"] = bundle.bundleType;
-  object["version"] = bundle.bundleVersion.empty() ? Json(nullptr) : Json(bundle.bundleVersion);
-  object["placeholder"] = bundle.isPlaceholder;
-  object["foundBackingBundle"] = bundle.foundBackingBundle;
-  object["bundlePath"] = JsonOrNull(bundle.bundlePath);
-  object["bundleContainerPath"] = JsonOrNull(bundle.bundleContainerPath);
-  object["dataContainerPath"] = JsonOrNull(bundle.dataContainerPath);
-  object["groupContainers"] = GroupsAsJson(bundle);
-  return object;
-}
-
 std::string AsJson(const RegistrySnapshot& registry) {
   Json bundles = Json::array();
   for (const BundleProxy& bundle : registry.bundles) bundles.push_back(BundleAsJson(bundle));
   Json harbors = Json::array();
   for (const onlinux::SafeHarborRecord& harbor : registry.safeHarbors) {
-    Json object;
-    object["identifier"] = harbor.identifier;
-    object["path"] = harbor.path;
-    object["containerType"] = harbor.containerType;
-    harbors.push_back(std::move(object));
+    harbors.push_back(SafeHarborAsJson(harbor));
   }
   Json object;
   object["bundles"] = std::move(bundles);
@@ -89,6 +72,28 @@ int ReportFailure(const DeviceRoot& root, const Error& failure, const Options& o
 }
 
 }  // namespace
+
+Json BundleAsJson(const BundleProxy& bundle) {
+  Json object;
+  object["identifier"] = bundle.bundleIdentifier;
+  object["bundleType"] = bundle.bundleType;
+  object["version"] = bundle.bundleVersion.empty() ? Json(nullptr) : Json(bundle.bundleVersion);
+  object["placeholder"] = bundle.isPlaceholder;
+  object["foundBackingBundle"] = bundle.foundBackingBundle;
+  object["bundlePath"] = JsonOrNull(bundle.bundlePath);
+  object["bundleContainerPath"] = JsonOrNull(bundle.bundleContainerPath);
+  object["dataContainerPath"] = JsonOrNull(bundle.dataContainerPath);
+  object["groupContainers"] = GroupsAsJson(bundle);
+  return object;
+}
+
+Json SafeHarborAsJson(const onlinux::SafeHarborRecord& harbor) {
+  Json object;
+  object["identifier"] = harbor.identifier;
+  object["path"] = harbor.path;
+  object["containerType"] = harbor.containerType;
+  return object;
+}
 
 int RunRegistry(const Options& options) {
   FatalError error;

@@ -107,6 +107,22 @@ bool DeviceRoot::holds(const std::string& path) const {
          info.st_size > 0;
 }
 
+bool DeviceRoot::contains(const std::string& directory) const {
+  constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  struct stat own {};
+  struct stat before {};
+  struct stat at {};
+  UniqueDescriptor open(::open(directory.c_str(), flags));
+  if (!open || ::fstat(directory_.get(), &own) != 0 || ::fstat(open.get(), &at) != 0) return true;
+  do {
+    if (at.st_dev == own.st_dev && at.st_ino == own.st_ino) return true;
+    before = at;
+    open.reset(::openat(open.get(), "..", flags));
+    if (!open || ::fstat(open.get(), &at) != 0) return true;
+  } while (at.st_dev != before.st_dev || at.st_ino != before.st_ino);
+  return false;
+}
+
 bool DeviceRoot::lock(FatalError& error) {
   while (::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;

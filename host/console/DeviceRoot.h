@@ -29,6 +29,9 @@ class DeviceRoot {
   // empty.
   bool holds(const std::string& path) const;
 
+  // Whether a directory of this path is the tree's or lies in it. Also when that cannot be told.
+  bool contains(const std::string& directory) const;
+
   // Keeps other hosts out until this process ends, however it ends. Without waiting.
   bool lock(FatalError& error);
 
@@ -40,6 +43,7 @@ class DeviceRoot {
 
   // As messages show it.
   const std::string& printable() const { return printable_; }
+  int descriptor() const { return directory_.get(); }
 
  private:
   UniqueDescriptor directory_;

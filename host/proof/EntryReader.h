@@ -1,0 +1,45 @@
+// Reads what a walk does not: attributes, link texts and contents, on threads of its own.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/proof/ManifestEntry.h"
+#include "host/proof/SortedWalk.h"
+#include "platform/Sha256.h"
+
+namespace quorvel::host {
+
+class EntryReader {
+ public:
+  // The digests' provider must outlive this; null leaves digests out. Made before the process is
+  // confined, it starts its threads at the first read().
+  explicit EntryReader(Sha256Provider* digests) : digests_(digests) {}
+  ~EntryReader();
+  EntryReader(const EntryReader&) = delete;
+  EntryReader& operator=(const EntryReader&) = delete;
+
+  bool readsContents() const { return digests_ != nullptr; }
+  // Entries in the items' order. `root` is the path of the walk that found them.
+  std::future<std::vector<ManifestEntry>> read(std::vector<WalkedItem> items,
+                                               const std::string& root);
+
+ private:
+  using Task = std::packaged_task<std::vector<ManifestEntry>()>;
+  void start();
+  void run();
+
+  Sha256Provider* const digests_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Task> tasks_;
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace quorvel::host

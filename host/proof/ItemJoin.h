@@ -1,0 +1,70 @@
+// Compares one item of a manifest, with all that is below it, with what is on disk now.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/proof/Places.h"
+#include "host/proof/TreeStream.h"
+#include "host/proof/Verification.h"
+
+namespace quorvel::host {
+
+// Which item on disk each item with several names was found as, over the whole verification.
+using FoundLinks = std::map<ItemIdentity, ItemIdentity>;
+
+struct JoinContext {
+  EntryReader& reader;
+  const FindingSink& sink;
+  VerificationTotals& totals;
+  FoundLinks& links;
+  bool contents = true;
+};
+
+struct JoinedItem {
+  std::string origin;         // path of the item when the manifest was made, bytes
+  std::size_t depth = 0;      // of its root in the manifest
+  std::vector<Place> places;  // where it is, likeliest first
+  std::string loss;           // why all of it had to be lost when it is nowhere
+  bool isBundle = false;
+};
+
+// Both sides come in the same order, so that neither has to be remembered.
+class ItemJoin {
+ public:
+  ItemJoin(JoinContext& context, JoinedItem item);
+
+  // The manifest's next entry of this item; the first is its root. False with `failure` when the
+  // tree on disk cannot be seen whole.
+  bool take(const ManifestEntry& entry, int& failure);
+  // After the last entry.
+  bool finish(int& failure);
+
+ private:
+  bool advance(int& failure);
+  bool passUnexplained(const ManifestEntry& until, int& failure);
+  void noteUnexplained();
+  void judge(const ManifestEntry& before, const ManifestEntry& now, const Place& place);
+  void judgeAbsent(const ManifestEntry& before);
+  std::optional<ManifestEntry> elsewhere(const ManifestEntry& before, std::size_t place);
+  bool joinElsewhere(const ManifestEntry& before);
+  std::vector<std::string> differences(const ManifestEntry& before, const ManifestEntry& now);
+  void tell(Finding finding);
+  void flush();
+  std::string below(const std::string& root) const;
+
+  JoinContext& context_;
+  const JoinedItem item_;
+  std::unique_ptr<TreeStream> stream_;  // of the first place; null when there is none
+  std::optional<ManifestEntry> head_;
+  std::vector<std::string> names_;    // of the manifest's entry, below the item's root
+  std::vector<std::string> current_;  // of the stream's
+  std::size_t unexplainedDepth_ = 0;  // of the tree being passed over; 0 is none
+  std::optional<Finding> absent_;     // told when it is known how much is below it
+  std::size_t absentDepth_ = 0;
+};
+
+}  // namespace quorvel::host

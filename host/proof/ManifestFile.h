@@ -1,0 +1,76 @@
+// Manifests on disk: lines of JSON, compressed if asked. docs/manifest.md has the format.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/proof/ManifestEntry.h"
+#include "host/proof/ManifestSection.h"
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::host {
+
+// Writes in the order of the operations below. The first failure is kept and told at the end.
+class ManifestWriter {
+ public:
+  ManifestWriter(UniqueDescriptor file, bool compressed);
+  ~ManifestWriter();
+  ManifestWriter(const ManifestWriter&) = delete;
+  ManifestWriter& operator=(const ManifestWriter&) = delete;
+
+  void header(const ManifestHeader& header);
+  void begin(std::size_t section);
+  void entry(const ManifestEntry& entry);
+  // Without this a manifest counts as cut off. False with errno when anything was not written.
+  bool finish();
+
+ private:
+  struct File;
+  void write(std::string_view text);
+
+  std::unique_ptr<File> file_;
+  std::uint64_t entries_ = 0;
+};
+
+// Reads what may have been damaged, or made by somebody who wants to mislead: a line that does not
+// fit where it stands ends the reading. What is compressed is recognised.
+class ManifestReader {
+ public:
+  explicit ManifestReader(UniqueDescriptor file);
+  ~ManifestReader();
+  ManifestReader(const ManifestReader&) = delete;
+  ManifestReader& operator=(const ManifestReader&) = delete;
+
+  // The lines before the first section's. False when they are no manifest's; problem() says why.
+  bool readHeader();
+  const ManifestHeader& header() const { return header_; }
+
+  // The next entry, and the section that it belongs to. None at the end, or at what is damaged:
+  // then problem() is not empty.
+  std::optional<ManifestEntry> next();
+  std::size_t section() const { return section_; }
+
+  const std::string& problem() const { return problem_; }
+
+ private:
+  struct File;
+  bool line(Json& object);
+  bool fits(const ManifestEntry& entry);
+  std::nullopt_t complain(const std::string& what);
+
+  std::unique_ptr<File> file_;
+  ManifestHeader header_;
+  std::string problem_;
+  std::uint64_t lines_ = 0;
+  std::uint64_t entries_ = 0;
+  std::size_t section_ = 0;
+  bool begun_ = false;
+  // The last item of every depth of the section, to check the order.
+  std::vector<std::string> names_;
+  bool lastIsDirectory_ = false;
+};
+
+}  // namespace quorvel::host

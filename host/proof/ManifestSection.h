@@ -1,0 +1,59 @@
+// The parts of a device tree that a manifest lists, and what the registry held.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/console/Json.h"
+#include "host/proof/ManifestEntry.h"
+
+namespace quorvel::host {
+
+enum class SectionKind {
+  container,  // a directory of the legacy applications directory
+  stray,      // any other entry there; the section's only item is itself
+  group,      // a legacy group container
+  harbor,
+  bundle,  // the containers of the current layout
+  data,
+  groupData,
+};
+
+// A direct child of a section's directory: who it is, to tell it from what may replace it.
+struct SectionItem {
+  std::string name{};  // bytes
+  ItemIdentity identity;
+  std::int64_t modified = 0;
+};
+
+// A bundle in a legacy container.
+struct SectionBundle {
+  std::string item;        // its path in the container, bytes
+  std::string identifier;  // empty when it has none that can be read
+  bool placeholder = false;
+};
+
+struct ManifestSection {
+  SectionKind kind = SectionKind::container;
+  std::string path;          // text, absolute inside the device
+  std::string identifier{};  // of the app, group or harbor; empty when there is none
+  std::string action{};      // what a migration was expected to do, as `inspect` words it
+  std::string unreadable{};  // why its items are not (all) known; else empty
+  std::vector<SectionBundle> bundles{};
+  std::vector<SectionItem> items{};
+};
+
+struct ManifestHeader {
+  bool contents = true;  // digests of files were taken
+  std::vector<ManifestSection> sections{};
+  std::vector<Json> records{};  // of the registry, as `registry --json` has them
+  std::vector<Json> harbors{};
+};
+
+std::string SectionLine(std::size_t index, const ManifestSection& section);
+std::optional<ManifestSection> SectionFromJson(const Json& object);
+const char* NameOf(SectionKind kind);
+
+}  // namespace quorvel::host

@@ -1,0 +1,71 @@
+// A walk over one tree in an order that does not depend on the file system: a directory before its
+// contents, and these by the bytes of their names.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/DirectoryStack.h"
+
+namespace quorvel::host {
+
+struct WalkedItem {
+  std::size_t depth = 0;  // 0 is the root of the walk
+  std::string name;
+  // The directory that it is in; shared by its items, and closed when nobody needs it any more. No
+  // descriptor for the root.
+  std::shared_ptr<const UniqueDescriptor> parent;
+  struct stat info {};  // nothing when the item cannot be examined
+  int problem = 0;      // why that is so, or a directory's contents are not (all) known
+};
+
+// Keeps the names of the directories from the root down to where it is, and nothing else of the
+// tree. Never follows a link; sets no access time where that can be avoided. One thread.
+class SortedWalk {
+ public:
+  // `root` is a path as the system knows it; links before its last component are followed.
+  explicit SortedWalk(std::string root);
+
+  // False at the end, with 0 or the errno value that ended the walk early. A root that is not
+  // there ends it at once with ENOENT.
+  bool next(WalkedItem& item, int& failure);
+
+ private:
+  // The sorted names of one directory, in one block of memory.
+  class Names {
+   public:
+    void add(std::string_view name);
+    void sort();
+    const char* next();
+
+   private:
+    std::string text_;
+    std::vector<std::size_t> offsets_;
+    std::size_t at_ = 0;
+  };
+
+  bool first(WalkedItem& item, int& failure);
+  bool describe(int directory, const char* name, WalkedItem& item, int& failure);
+  void prepareDirectory(int directory, const char* name, WalkedItem& item);
+  void enterPrepared();
+  bool leave(int& failure);
+  bool pin(int& failure);
+
+  std::string root_;
+  onlinux::DirectoryStack stack_;
+  std::vector<Names> names_;  // of the levels of the stack
+  std::shared_ptr<const UniqueDescriptor> pinned_;
+  bool begun_ = false;
+  // A directory that was delivered and is entered next.
+  UniqueDescriptor prepared_;
+  onlinux::DirectoryIdentity preparedIdentity_;
+  std::string preparedName_;
+};
+
+}  // namespace quorvel::host

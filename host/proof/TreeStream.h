@@ -1,0 +1,38 @@
+// The entries of one tree, in the order of a manifest, read ahead by a few.
+#pragma once
+
+#include <deque>
+#include <future>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/proof/EntryReader.h"
+#include "host/proof/ManifestEntry.h"
+#include "host/proof/SortedWalk.h"
+
+namespace quorvel::host {
+
+// Memory and descriptors are bounded by the pieces that are read ahead. One thread.
+class TreeStream {
+ public:
+  TreeStream(EntryReader& reader, std::string root) : reader_(reader), root_(root), walk_(root) {}
+
+  // The next entry; the root has depth 0. None at the end: `failure` is 0 then, or the errno value
+  // of why the tree could not be seen whole (ENOENT: there is none).
+  std::optional<ManifestEntry> next(int& failure);
+
+ private:
+  void readAhead();
+
+  EntryReader& reader_;
+  const std::string root_;
+  SortedWalk walk_;
+  bool walked_ = false;
+  int failure_ = 0;
+  std::deque<std::future<std::vector<ManifestEntry>>> ahead_;
+  std::vector<ManifestEntry> piece_;
+  std::size_t at_ = 0;
+};
+
+}  // namespace quorvel::host

@@ -1,0 +1,60 @@
+// Finds every item of a manifest on the device again, or says what became of it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/proof/EntryReader.h"
+#include "host/proof/ManifestFile.h"
+#include "host/proof/Places.h"
+#include "platform/Error.h"
+
+namespace quorvel::host {
+
+enum class Verdict {
+  arrived,      // in the current layout, unchanged
+  kept,         // where it was or in its staging directory, unchanged
+  changed,      // found, but not as it was
+  missing,      // found nowhere
+  lost,         // gone, as the migration's sequence orders
+  unproven,     // found, but not (all) of it could be read, then or now
+  unexplained,  // in a container of the current layout, and from nowhere in the manifest
+};
+
+const char* NameOf(Verdict verdict);
+
+// What is worth telling of one item, or of a tree that shares its fate.
+struct Finding {
+  Verdict verdict = Verdict::missing;
+  std::string path;   // where it was, or is when it is unexplained; bytes
+  std::string where;  // where it is now, bytes; empty when nowhere
+  std::vector<std::string> what{};
+  std::string reason{};
+  std::uint64_t items = 1;  // itself and what is below it
+};
+
+struct VerificationTotals {
+  std::uint64_t items = 0;  // of the manifest
+  std::uint64_t arrived = 0;
+  std::uint64_t kept = 0;
+  std::uint64_t changed = 0;
+  std::uint64_t missing = 0;
+  std::uint64_t lost = 0;
+  std::uint64_t unproven = 0;
+  std::uint64_t unexplained = 0;
+
+  // Nothing is unaccounted for.
+  bool isWhole() const { return changed + missing + unproven == 0; }
+};
+
+using FindingSink = std::function<void(const Finding&)>;
+
+// In the device tree, which is only read. False with the Error when the manifest is damaged or a
+// tree cannot be seen whole; what was found until then has been told. Memory does not grow with
+// the number of items, other than by those with several names.
+bool Verify(ManifestReader& manifest, const Places& places, EntryReader& reader,
+            const FindingSink& sink, VerificationTotals& totals, Error* error);
+
+}  // namespace quorvel::host

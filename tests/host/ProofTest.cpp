@@ -1,0 +1,241 @@
+// snapshot and verify as processes, on device trees that were migrated and then tampered with.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/HostProcess.h"
+#include "tests/support/MigrationDevice.h"
+#include "tests/support/TreeTools.h"
+
+namespace quorvel::testing {
+namespace {
+
+json Verify(const Device& device, const std::string& manifest, int exitCode,
+            const HostSetup& setup = {}) {
+  const HostRun run = device.run({"verify", "--json", manifest}, setup);
+  EXPECT_EQ(run.exitCode, exitCode) << run.out << run.err;
+  return json::parse(run.out, nullptr, false);
+}
+
+// "missing name, what" of each finding.
+std::multiset<std::string> Told(const json& result) {
+  std::multiset<std::string> told;
+  for (const json& finding : result["findings"]) {
+    std::string text = finding["verdict"].get<std::string>() + " ";
+    const auto path = finding["path"].get<std::string>();
+    text += path.substr(path.rfind('/') + 1);
+    for (const json& what : finding["what"]) text += ", " + what.get<std::string>();
+    told.insert(text);
+  }
+  return told;
+}
+
+void Flip(const std::string& path) {
+  struct stat info {};
+  ASSERT_EQ(::lstat(path.c_str(), &info), 0) << path;
+  std::string bytes = ReadFile(path);
+  bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 1);
+  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;
+  const timespec times[2] = {info.st_atim, info.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+// The directory gets its time back, so that only the deed itself is left to be noticed.
+void KeepingTime(const std::string& directory, const std::function<void()>& deed) {
+  struct stat info {};
+  ASSERT_EQ(::lstat(directory.c_str(), &info), 0) << directory;
+  deed();
+  const timespec times[2] = {info.st_atim, info.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, directory.c_str(), times, 0), 0);
+}
+
+TEST(ProofTest, WhatIsTamperedWithAfterAMigrationIsNamed) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  ASSERT_EQ(device.registerTunnel(), 0);
+  const std::string manifest = tree / "manifest.gz";
+  const std::vector<std::string> paths = PathsBelow(device.root());
+  ForgetAccesses(paths);
+  const auto before = FactsOf(paths);
+  ASSERT_EQ(device.run({"snapshot", "--gzip", "--output", manifest}).exitCode, 0);
+  EXPECT_EQ(FactsOf(paths), before);
+  EXPECT_EQ(Verify(device, manifest, 0)["kept"], Verify(device, manifest, 0)["items"]);
+
+  ASSERT_EQ(device.run({"migrate"}).exitCode, 0);
+  const json sound = Verify(device, manifest, 0);
+  const std::multiset<std::string> inOrder = {
+      "lost Hollow.app", "lost WhereDidMyApplicationsGo.txt", "lost stray", "lost Documents"};
+  EXPECT_EQ(Told(sound), inOrder);
+  EXPECT_EQ(sound["kept"], 2);  // the harbor's
+  EXPECT_EQ(device.run({"verify", "--strict", manifest}).exitCode, 1);
+
+  const json registry = device.registry();
+  const auto place = [&](const char* identifier, const char* key) {
+    for (const json& bundle : registry["bundles"]) {
+      if (bundle["identifier"] == identifier) return "/device" + bundle[key].get<std::string>();
+    }
+    return std::string();
+  };
+  const std::string one = place("com.example.one", "dataContainerPath") + "/";
+  const std::string two = place("com.example.two", "dataContainerPath") + "/";
+  const std::string bundle = place("com.example.begun", "bundlePath");
+  struct Case {
+    const char* name;
+    std::function<void(const std::string& root)> deed;
+    std::multiset<std::string> told;
+  };
+  const std::vector<Case> cases = {
+      {"deleted",
+       [&](const std::string& root) {
+         KeepingTime(root + one + "Documents",
+                     [&] { fs::remove(root + one + "Documents/dangling"); });
+       },
+       {"missing dangling"}},
+      {"a tree deleted",
+       [&](const std::string& root) { fs::remove_all(root + bundle); },
+       {"missing Begun.app"}},
+      {"one bit",
+       [&](const std::string& root) { Flip(root + one + "Library/Preferences/deep/er/file"); },
+       {"changed file, contents"}},
+      {"an attribute stripped",
+       [&](const std::string& root) {
+         ::removexattr((root + one + "Documents").c_str(), "user.kept");
+       },
+       {"changed Documents, attributes"}},
+      {"moved to another app",
+       [&](const std::string& root) {
+         KeepingTime(root + one + "tmp", [&] {
+           KeepingTime(root + two + "tmp",
+                       [&] { fs::rename(root + one + "tmp/scratch", root + two + "tmp/a"); });
+         });
+       },
+       {"missing scratch", "unexplained a"}},
+      {"mode, link text, broken hard link and a new item",
+       [&](const std::string& root) {
+         fs::permissions(root + one + "Tillkit", fs::perms(0755));
+         KeepingTime(root + one + "Documents", [&] {
+           const std::string name = root + one + "Documents/second name";
+           KeepingTime(name, [&] {
+             fs::rename(name, name + "+");
+             fs::copy_file(name + "+", name);
+             SetAttribute(name, "user.note", std::string("\0binary\xff", 8));
+             fs::remove(name + "+");
+           });
+         });
+         WriteFile(root + one + "new", "");
+       },
+       {"changed Tillkit, mode", "changed second name, hard links", "unexplained new"}},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.name);
+    const ScratchTree copy;
+    ASSERT_EQ(std::system(("cp -a " + device.root() + " " + copy.path()).c_str()), 0);
+    each.deed(copy.path());
+    auto expected = each.told;
+    expected.insert(inOrder.begin(), inOrder.end());
+    EXPECT_EQ(Told(Verify(Device(copy / "device"), manifest, 1)), expected);
+  }
+}
+
+// What the sequence replaces: an app's new item by its legacy one, and one legacy container's by
+// another's of the same app. A stopped container keeps what it has, and the rest has arrived.
+TEST(ProofTest, AFailedMigrationIsAccountedFor) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  for (const char* name : {"A", "B"}) {
+    PutBundle(device.container(std::string(name) + "/Same.app"), "com.example.same");
+    PutData(device.container(name), name);
+  }
+  PutBundle(device.container("C/Stopped.app"), "com.example.stopped");
+  PutData(device.container("C"), "stopped");
+  Put(device.container("C/unknown"), "nothing moves this");
+  ASSERT_EQ(device.run({"register", "--identifier", "com.example.stopped"}).exitCode, 0);
+  const std::string data = device.registry()["bundles"][0]["dataContainerPath"];
+  Put(device.inside(data + "/Library/old"), "replaced");
+  Put(device.inside(data + "/other/old"), "stays");
+  AgeTree(device.root());
+  const std::string manifest = tree / "manifest";
+  ASSERT_EQ(device.run({"snapshot", "--output", manifest}).exitCode, 0);
+  EXPECT_EQ(device.run({"migrate"}).exitCode, 1);
+  const json result = Verify(device, manifest, 0);
+  EXPECT_EQ(result["unexplained"], 0) << result.dump(1);
+  for (const json& finding : result["findings"]) {
+    EXPECT_NE(finding["reason"].get<std::string>().find("replaced by"), std::string::npos)
+        << finding.dump();
+  }
+  EXPECT_EQ(Told(result),
+            (std::multiset<std::string>{"lost Documents", "lost Library", "lost tmp",
+                                        "lost Tillkit", "lost Same.app", "lost Library"}));
+  EXPECT_EQ(result["kept"], 1);
+}
+
+TEST(ProofTest, AnyNameAndAnythingUnreadableIsListed) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  PutBundle(device.container("A/Foo.app"), "com.example.foo");
+  fs::create_directories(device.container("A/Documents"));
+  for (int byte = 1; byte < 256; ++byte) {
+    if (byte == '/' || byte == '.') continue;
+    WriteFile(device.container("A/Documents/") + static_cast<char>(byte),
+              "of " + std::to_string(byte));
+  }
+  const std::string manifest = tree / "manifest";
+  ASSERT_EQ(device.run({"snapshot", "--output", manifest}).exitCode, 0);
+  ASSERT_EQ(device.run({"migrate"}).exitCode, 0);
+  const json sound = Verify(device, manifest, 0);
+  EXPECT_EQ(sound["arrived"], sound["items"]);
+
+  if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
+  HostSetup nobody{.asNobody = true};
+  nobody.program = CopyHostTo(tree / "program");
+  const Device closed(tree / "closed");
+  PutBundle(closed.container("A/Foo.app"), "com.example.foo");
+  Put(closed.container("A/Documents/secret"), "?");
+  fs::permissions(closed.container("A/Documents/secret"), fs::perms(0));
+  fs::create_directories(closed.container("A/Library/inside"));
+  fs::permissions(closed.container("A/Library"), fs::perms(0));
+  const HostRun listed = closed.run({"snapshot"}, nobody);
+  EXPECT_EQ(listed.exitCode, 0) << listed.err;
+  WriteFile(tree / "partial", listed.out);
+  const json result = Verify(closed, tree / "partial", 1, nobody);
+  EXPECT_EQ(Told(result), (std::multiset<std::string>{"unproven secret", "unproven Library"}));
+}
+
+TEST(ProofTest, ADamagedManifestProvesNothing) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  const std::string manifest = tree / "manifest";
+  ASSERT_EQ(device.run({"snapshot", "--output", manifest}).exitCode, 0);
+  const std::string whole = ReadFile(manifest);
+  std::vector<std::string> damaged = {"", "{}\n", whole.substr(0, whole.size() - 1)};
+  for (std::size_t i = 1; i < 8; ++i) damaged.push_back(whole.substr(0, whole.size() * i / 8));
+  const auto replace = [&whole](const std::string& what, const std::string& by) {
+    std::string text = whole;
+    const auto at = text.find(what);
+    EXPECT_NE(at, std::string::npos) << what;
+    return text.replace(at, what.size(), by);
+  };
+  const std::string entry = R"({"depth":1,"name":)";
+  damaged.push_back(replace(entry, R"({"depth":9,"name":)"));
+  for (const char* name : {"..", "a/b", "", "/etc/passwd", "\\u0000"}) {
+    damaged.push_back(
+        replace(R"("name":"Documents","type")", std::string(R"("name":")") + name + R"(","type")"));
+  }
+  const auto line = whole.find(entry);
+  damaged.push_back(whole.substr(0, line) + whole.substr(whole.find('\n', line) + 1));
+  for (const std::string& text : damaged) {
+    WriteFile(manifest, text);
+    const json result = Verify(device, manifest, 1);
+    EXPECT_TRUE(result.contains("error")) << text.size() << result.dump();
+  }
+  const HostRun inside = device.run({"snapshot", "--json", "--output", device.inside("/manifest")});
+  EXPECT_EQ(inside.exitCode, 2);
+  EXPECT_FALSE(fs::exists(device.inside("/manifest")));
+}
+
+}  // namespace
+}  // namespace quorvel::testing

@@ -6,8 +6,11 @@
 #include <map>
 #include <string_view>
 
+#include "host/UsageComplaint.h"
 #include "host/console/ExitCode.h"
+#include "host/console/NearestName.h"
 #include "host/console/TerminalText.h"
+#include "host/preflight/Finding.h"
 #include "platform/FileSystemRepresentation.h"
 
 namespace quorvel::host {
@@ -16,7 +19,8 @@ namespace {
 
 constexpr const char* ExitCodesText =
     "Exit codes: 0 done, also when there was nothing to do; 1 it ran and reported failure;\n"
-    "2 usage; 3 the plug-in cannot be loaded; 4 the device tree cannot be entered.";
+    "2 usage; 3 the plug-in cannot be loaded; 4 no device tree, or it cannot be entered;\n"
+    "5 refused before anything was changed.";
 
 std::string NotEmpty(const std::string& value) {
   return value.empty() ? "the value is empty" : std::string();
@@ -63,6 +67,23 @@ void AddPlugin(CLI::App& command, Options& options) {
       ->disable_flag_override();
 }
 
+std::string KnownRefusal(const std::string& name) {
+  const std::vector<std::string> names(kRefusals.begin(), kRefusals.end());
+  if (std::find(names.begin(), names.end(), name) != names.end()) return {};
+  return Printable(name) + " is no finding that refuses a run" + Suggestion(name, names);
+}
+
+void AddForcePreflight(CLI::App& command, Options& options) {
+  command
+      .add_option("--force-preflight", options.forcedFindings,
+                  "Go on past a finding that refuses the run (may be repeated)")
+      ->type_name("NAME")
+      ->expected(1)
+      ->allow_extra_args(false)
+      ->take_all()
+      ->check(KnownRefusal);
+}
+
 void AddMigrate(CLI::App& parser, Options& options) {
   CLI::App* command = parser.add_subcommand("migrate", "Migrate the device tree");
   AddRoot(*command, options);
@@ -78,12 +99,14 @@ void AddMigrate(CLI::App& parser, Options& options) {
       ->type_name("auto|always|never")
       ->check(KnownProgressMode);
   AddPlugin(*command, options);
+  AddForcePreflight(*command, options);
   command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")
       ->disable_flag_override();
   command->callback([&options] { options.command = Command::migrate; });
   command->footer(
       "Example:\n"
-      "  mkdir -p /tmp/device && migration-host migrate --root /tmp/device --log /tmp/device.log");
+      "  mkdir -p /tmp/device/private/var/mobile && migration-host migrate --root /tmp/device "
+      "--log /tmp/device.log");
 }
 
 void AddInspect(CLI::App& parser, Options& options) {
@@ -93,7 +116,9 @@ void AddInspect(CLI::App& parser, Options& options) {
   AddJson(*command, options);
   AddPlugin(*command, options);
   command->callback([&options] { options.command = Command::inspect; });
-  command->footer("Example:\n  mkdir -p /tmp/device && migration-host inspect --root /tmp/device");
+  command->footer(
+      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host inspect --root "
+      "/tmp/device");
 }
 
 void AddRegistry(CLI::App& parser, Options& options) {
@@ -103,7 +128,8 @@ void AddRegistry(CLI::App& parser, Options& options) {
   AddJson(*command, options);
   command->callback([&options] { options.command = Command::registry; });
   command->footer(
-      "Example:\n  mkdir -p /tmp/device && migration-host registry --root /tmp/device --json");
+      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host registry --root "
+      "/tmp/device --json");
 }
 
 void AddFile(CLI::App& command, const char* name, std::string& value, const char* text) {
@@ -126,8 +152,8 @@ void AddSnapshot(CLI::App& parser, Options& options) {
   command->callback([&options] { options.command = Command::snapshot; });
   command->footer(
       "Example:\n"
-      "  mkdir -p /tmp/device && migration-host snapshot --root /tmp/device --output "
-      "/tmp/device.jsonl");
+      "  mkdir -p /tmp/device/private/var/mobile && migration-host snapshot --root /tmp/device "
+      "--output /tmp/device.jsonl");
 }
 
 void AddVerify(CLI::App& parser, Options& options) {
@@ -158,23 +184,14 @@ void AddRegister(CLI::App& parser, Options& options) {
   command->callback([&options] { options.command = Command::registerIdentifier; });
   command->footer(
       "Example:\n"
-      "  mkdir -p /tmp/device && migration-host register --root /tmp/device --identifier "
+      "  mkdir -p /tmp/device/private/var/mobile && migration-host register --root /tmp/device "
+      "--identifier "
       "com.example.tunnel");
 }
 
 bool AsksForJson(int argc, const char* const* argv) {
   return std::any_of(argv, argv + argc,
                      [](const char* argument) { return std::string_view(argument) == "--json"; });
-}
-
-// The complaint about a first word that names no command: the parser's own does not show it.
-std::string UnknownCommand(const CLI::App& parser, int argc, const char* const* argv) {
-  const std::string word = argc > 1 ? argv[1] : "-";
-  const auto commands = parser.get_subcommands([](const CLI::App*) { return true; });
-  const bool known = std::any_of(commands.begin(), commands.end(),
-                                 [&word](const CLI::App* app) { return app->get_name() == word; });
-  if (word.starts_with('-') || known) return {};
-  return Printable(word) + ": unknown command";
 }
 
 }  // namespace
@@ -193,7 +210,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddVerify(parser, options);
 
   ParsedCommandLine parsed;
-  const std::string unknown = UnknownCommand(parser, argc, argv);
+  const std::string complaint = UsageComplaint(parser, argc, argv);
   try {
     parser.parse(argc, argv);
     parsed.options = std::move(options);
@@ -205,7 +222,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
     parsed.text = std::string(version.what()) + "\n";
   } catch (const CLI::ParseError& error) {
     parsed.exitCode = ExitUsage;
-    parsed.text = unknown.empty() ? Printable(error.what()) : unknown;
+    parsed.text = complaint.empty() ? Printable(error.what()) : complaint;
     parsed.json = AsksForJson(argc, argv);
   }
   return parsed;

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace quorvel::host {
 
@@ -20,7 +21,8 @@ struct Options {
   // migrate only:
   bool quiet = false;
   ProgressMode progress = ProgressMode::automatic;
-  std::string logFile;  // empty: none
+  std::string logFile;                      // empty: none
+  std::vector<std::string> forcedFindings;  // names of findings that refuse a run
   // register only:
   std::string identifier;
   // snapshot only:

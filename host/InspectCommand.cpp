@@ -5,6 +5,7 @@
 #include "host/Commands.h"
 #include "host/HostServices.h"
 #include "host/PluginBundle.h"
+#include "host/Preflight.h"
 #include "host/RunAccount.h"
 #include "host/console/DeviceRoot.h"
 #include "host/console/ExitCode.h"
@@ -16,18 +17,22 @@ namespace quorvel::host {
 
 namespace {
 
-std::string AsJson(const RunAccount& account) {
+std::string AsJson(const RunAccount& account, const Findings& findings) {
   Json object;
   object["items"] = account.items();
+  object["preflight"] = FindingsAsJson(findings);
   AddAccount(account, object);
   return JsonLine(object);
 }
 
-std::string AsText(const RunAccount& account, const Options& options) {
+std::string AsText(const RunAccount& account, const Findings& findings, const Options& options) {
   const AccountView view = {.terminal = DescribeTerminal(STDOUT_FILENO), .all = options.all};
   std::string text = AccountAsText(account, view);
   if (!text.empty()) text = "A migration begun now would end like this:\n\n" + text + "\n";
-  return text + (account.items() == 0 ? "Nothing to migrate.\n" : CountsAsText(account) + "\n") +
+  std::string found = FindingsAsText(findings);
+  if (!found.empty()) found += "\n";
+  return found + text +
+         (account.items() == 0 ? "Nothing to migrate.\n" : CountsAsText(account) + "\n") +
          "Nothing was changed.\n";
 }
 
@@ -38,10 +43,11 @@ int RunInspect(const Options& options) {
   DeviceRoot root;
   PluginBundle bundle;
   HostServices services(DeviceAccess::look);
-  if (!root.open(options.root, error) || !bundle.load(options.plugin, error) ||
+  if (!root.openDevice(options.root, error) || !bundle.load(options.plugin, error) ||
       !root.enter(ViewForLooking(root), error)) {
     return ReportFatal(error, options.json);
   }
+  const Findings findings = RunPreflight(root.descriptor(), {});
   services.install();
   onlinux::RegistrySnapshot registry;
   RunAccount account;
@@ -54,7 +60,8 @@ int RunInspect(const Options& options) {
                         "Nothing was changed"},
                        options.json);
   }
-  return WriteResult(options.json ? AsJson(account) : AsText(account, options), ExitSucceeded);
+  return WriteResult(options.json ? AsJson(account, findings) : AsText(account, findings, options),
+                     ExitSucceeded);
 }
 
 }  // namespace quorvel::host

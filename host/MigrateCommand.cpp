@@ -11,6 +11,7 @@
 #include "host/HostServices.h"
 #include "host/MigrationResult.h"
 #include "host/PluginBundle.h"
+#include "host/Preflight.h"
 #include "host/ProgressDisplay.h"
 #include "host/RunAccount.h"
 #include "host/console/DeviceRoot.h"
@@ -36,7 +37,7 @@ bool ShowsProgress(const Options& options, Terminal terminal) {
 // Everything that is needed from outside the device tree, then the tree itself.
 bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, HostServices& services,
              FatalError& error) {
-  if (!root.open(options.root, error) || !bundle.load(options.plugin, error)) return false;
+  if (!root.openDevice(options.root, error) || !bundle.load(options.plugin, error)) return false;
   if (!options.logFile.empty() && !services.openLog(options.logFile, error)) return false;
   return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
 }
@@ -66,6 +67,11 @@ void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account, const
                                       std::to_string(estimate) + " s.\n");
 }
 
+void ShowFindings(const Findings& findings, const Options& options) {
+  if (options.json || options.quiet) return;
+  (void)WriteWhole(STDERR_FILENO, FindingsAsText(findings));
+}
+
 void WarnOfIncompleteLog(const HostServices& services, const Options& options) {
   if (services.logIsWhole()) return;
   (void)WriteWhole(STDERR_FILENO, "migration-host: " + Printable(options.logFile) +
@@ -93,6 +99,9 @@ int RunMigrate(const Options& options) {
   HostServices services(DeviceAccess::change);
   RunAccount account;
   if (!Prepare(options, root, bundle, services, error)) return ReportFatal(error, options.json);
+  Findings findings = RunPreflight(root.descriptor(), options.forcedFindings);
+  if (Refuses(findings)) return ReportRefusal(findings, options.json);
+  ShowFindings(findings, options);
   services.tell(account);
   services.install();
   const auto start = Clock::now();
@@ -105,7 +114,8 @@ int RunMigrate(const Options& options) {
     return ReportFatal(error, options.json);
   }
   ShowEstimate(*plugin, account, options);
-  const MigrationResult result = Drive(*plugin, account, options, start);
+  MigrationResult result = Drive(*plugin, account, options, start);
+  result.preflight = std::move(findings);
   WarnOfIncompleteLog(services, options);
   return Report(result, account, options);
 }

@@ -6,7 +6,7 @@
 
 #include "host/AccountResult.h"
 #include "host/console/Json.h"
-#include "host/console/TerminalText.h"
+#include "host/console/ShellWord.h"
 
 namespace quorvel::host {
 
@@ -29,19 +29,6 @@ std::string Seconds(double seconds) {
   return std::string(digits, written.ptr) + " s";
 }
 
-// The word as a shell takes it. $'...' understands the escapes of printable text.
-std::string ShellWord(const std::string& word) {
-  static constexpr std::string_view plain =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:=+@%,";
-  if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) return word;
-  std::string quoted = "$'";
-  for (const char c : Printable(word)) {
-    if (c == '\'') quoted += '\\';
-    quoted += c;
-  }
-  return quoted + "'";
-}
-
 std::string HowToRunAgain(const Options& options) {
   std::string command = "migration-host migrate --root " + ShellWord(options.root);
   if (!options.plugin.empty()) command += " --plugin " + ShellWord(options.plugin);
@@ -59,6 +46,7 @@ std::string ResultAsJson(const MigrationResult& result, const RunAccount& accoun
   object["progress"] = AsWritten(result.progress);
   object["succeeded"] = result.succeeded;
   object["seconds"] = result.seconds;
+  object["preflight"] = FindingsAsJson(result.preflight);
   AddAccount(account, object);
   return JsonLine(object);
 }

@@ -6,6 +6,7 @@
 #include "host/CommandLine.h"
 #include "host/RunAccount.h"
 #include "host/console/Terminal.h"
+#include "host/preflight/Finding.h"
 
 namespace quorvel::host {
 
@@ -16,6 +17,7 @@ struct MigrationResult {
   float progress = 0;
   bool succeeded = false;
   double seconds = 0;
+  Findings preflight{};
 };
 
 // One object, with a line feed.

@@ -99,7 +99,7 @@ int RunRegistry(const Options& options) {
   FatalError error;
   DeviceRoot root;
   HostServices services(DeviceAccess::look);
-  if (!root.open(options.root, error) || !root.enter(ViewForLooking(root), error)) {
+  if (!root.openDevice(options.root, error) || !root.enter(ViewForLooking(root), error)) {
     return ReportFatal(error, options.json);
   }
   services.install();
@@ -115,7 +115,7 @@ int RunRegister(const Options& options) {
   FatalError error;
   DeviceRoot root;
   HostServices services(DeviceAccess::change);
-  if (!root.open(options.root, error) || !root.lock(error) ||
+  if (!root.openDevice(options.root, error) || !root.lock(error) ||
       !root.enter(DeviceRoot::View::writable, error)) {
     return ReportFatal(error, options.json);
   }

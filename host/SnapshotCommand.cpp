@@ -109,7 +109,7 @@ int RunSnapshot(const Options& options) {
                         "Name a file for the manifest with --output"},
                        true);
   }
-  if (!root.open(options.root, error) || !bundle.load(options.plugin, error) ||
+  if (!root.openDevice(options.root, error) || !bundle.load(options.plugin, error) ||
       !OpenOutput(root, options, file, error) || !root.lock(error)) {
     return ReportFatal(error, options.json);
   }

@@ -232,7 +232,7 @@ int RunVerify(const Options& options) {
                          options.json);
     }
   }
-  if (!root.open(options.root, error) || !root.lock(error)) return ReportFatal(error, options.json);
+  if (!root.openDevice(options.root, error) || !root.lock(error)) return ReportFatal(error, options.json);
   return VerifyAgainst(root, std::move(manifest), std::move(result), options);
 }
 

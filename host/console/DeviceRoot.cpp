@@ -1,8 +1,11 @@
 // Confines the process by a change of root, through a user namespace where it must.
 #include "host/console/DeviceRoot.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/capability.h>
+#include <linux/openat2.h>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -11,9 +14,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
 
+#include "host/console/NamespaceRefusal.h"
 #include "host/console/Output.h"
+#include "host/console/ShellWord.h"
 #include "host/console/TerminalText.h"
+#include "platform/DeviceNames.h"
 #include "platform/Error.h"
 
 namespace quorvel::host {
@@ -21,6 +29,9 @@ namespace quorvel::host {
 namespace {
 
 constexpr mode_t DeviceUmask = 022;
+// How far a likely tree is looked for: up from a container in it, and not through a whole disk.
+constexpr int kLevelsLookedAt = 6;
+constexpr int kEntriesLookedAt = 1000;
 
 __user_cap_header_struct CapabilityHeader() { return {_LINUX_CAPABILITY_VERSION_3, 0}; }
 
@@ -71,12 +82,62 @@ bool MoveToReadOnlyView() {
          ::fchdir(view.get()) == 0;
 }
 
-bool ChangeRootToCurrentDirectory(DeviceRoot::View view) {
+// With `refused` set when it was the namespace that the process did not get.
+bool ChangeRootToCurrentDirectory(DeviceRoot::View view, bool& refused) {
   const bool privileged = MayChangeRoot();
-  if (!privileged && !EnterOwnNamespace()) return false;
+  refused = !privileged && !EnterOwnNamespace();
+  if (refused) return false;
   if (view == DeviceRoot::View::readOnly) (void)MoveToReadOnlyView();
   if (::chroot(".") != 0 || ::chdir("/") != 0) return false;
   return privileged || DropCapabilities();
+}
+
+bool IsDeviceTree(int directory) {
+  open_how how = {};
+  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_IN_ROOT;  // the tree's links mean the tree
+  long home = ::syscall(SYS_openat2, directory, MobileHomeDirectory, &how, sizeof how);
+  if (home < 0 && (errno == ENOSYS || errno == EPERM)) {
+    home = ::openat(directory, MobileHomeDirectory, O_PATH | O_DIRECTORY | O_CLOEXEC);
+  }
+  return UniqueDescriptor(static_cast<int>(home)) || errno == EACCES;
+}
+
+struct CloseDirectory {
+  void operator()(DIR* stream) const { ::closedir(stream); }
+};
+
+// The only directory below that is a device tree; one of several is nobody's guess.
+std::string TreeBelow(int directory, const std::string& path) {
+  UniqueDescriptor own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, CloseDirectory> stream(own ? ::fdopendir(own.get()) : nullptr);
+  if (stream == nullptr) return {};
+  (void)own.release();
+  std::string found;
+  for (int looked = 0; looked < kEntriesLookedAt; ++looked) {
+    const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): own stream
+    if (entry == nullptr) break;
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const UniqueDescriptor child(
+        ::openat(directory, entry->d_name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!child || !IsDeviceTree(child.get())) continue;
+    if (!found.empty()) return {};
+    found = path + (path.ends_with('/') ? "" : "/") + name;
+  }
+  return found;
+}
+
+// A device tree that the directory lies in or that lies in it.
+std::string LikelyRoot(int directory, const std::string& path) {
+  char resolved[PATH_MAX];
+  std::string above = ::realpath(path.c_str(), resolved) != nullptr ? resolved : "";
+  for (int level = 0; level < kLevelsLookedAt && above.rfind('/') > 0 && !above.empty(); ++level) {
+    above.resize(above.rfind('/'));
+    const UniqueDescriptor parent(::open(above.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (parent && IsDeviceTree(parent.get())) return above;
+  }
+  return TreeBelow(directory, path);
 }
 
 }  // namespace
@@ -99,6 +160,18 @@ bool DeviceRoot::open(const std::string& path, FatalError& error) {
                 "Name the directory that holds the device tree with --root");
   }
   return true;
+}
+
+bool DeviceRoot::openDevice(const std::string& path, FatalError& error) {
+  if (!open(path, error)) return false;
+  if (IsDeviceTree(directory_.get())) return true;
+  const std::string likely = LikelyRoot(directory_.get(), path);
+  return Fail(error, ExitRootUnusable,
+              printable_ + ": no device tree, there is no " + MobileHomeDirectory + " in it",
+              "Nothing was changed. " +
+                  (likely.empty() ? std::string("Name the directory that holds the device's "
+                                                "\"private\" with --root")
+                                  : "Did you mean --root " + ShellWord(likely) + "?"));
 }
 
 bool DeviceRoot::holds(const std::string& path) const {
@@ -139,11 +212,13 @@ bool DeviceRoot::lock(FatalError& error) {
 }
 
 bool DeviceRoot::enter(View view, FatalError& error) {
-  if (::fchdir(directory_.get()) != 0 || !ChangeRootToCurrentDirectory(view)) {
+  bool refused = false;
+  if (::fchdir(directory_.get()) != 0 || !ChangeRootToCurrentDirectory(view, refused)) {
+    const int failure = errno;
     return Fail(error, ExitRootUnusable,
-                printable_ + ": cannot be made the root: " + ErrnoDescription(errno),
-                "Nothing was changed. Run the host as root, or allow user namespaces\n"
-                "(sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 0)");
+                printable_ + ": cannot be made the root: " + ErrnoDescription(failure),
+                refused ? RemedyForRefusedNamespace(failure)
+                        : "Nothing was changed. Name a directory that you may enter with --root");
   }
   ::umask(DeviceUmask);
   return true;

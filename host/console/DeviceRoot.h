@@ -24,6 +24,8 @@ class DeviceRoot {
   // Opens the directory that the user named (a link to it is followed). Refuses this machine's
   // own root: a mistyped variable must not migrate the workstation.
   bool open(const std::string& path, FatalError& error);
+  // The same, and refuses what has no mobile home in it, with the likely root if one is near by.
+  bool openDevice(const std::string& path, FatalError& error);
 
   // Whether the tree has an item of this path (relative, a last link not followed) that is not
   // empty.

@@ -11,7 +11,8 @@ enum ExitCode : int {
   ExitFailed = 1,          // ran and reported failure
   ExitUsage = 2,           // the command line cannot be used; nothing was opened or changed
   ExitPluginUnusable = 3,  // the plug-in cannot be loaded, or yields no instance
-  ExitRootUnusable = 4,    // the device tree cannot be entered, or another host is at work in it
+  ExitRootUnusable = 4,    // no device tree, or it cannot be entered, or another host works in it
+  ExitRefused = 5,         // something would be lost or stranded; nothing was changed
 };
 
 // An error that ends the command: what is wrong, naming the path, and what to do about it. Each is

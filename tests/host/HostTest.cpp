@@ -30,7 +30,7 @@ std::string InfoPlist(const std::string& identifier) {
 
 class HostTest : public Test {
  protected:
-  HostTest() { fs::create_directory(device()); }
+  HostTest() { fs::create_directories(device() + "/private/var/mobile"); }
 
   std::string device() const { return tree_.at("device"); }
   std::vector<std::string> migrate(std::vector<std::string> more = {}) const {
@@ -43,7 +43,7 @@ class HostTest : public Test {
   void legacy(const std::string& name, const std::string& bytes) const {
     tree_.write("device/" + std::string(Legacy) + "/" + name, bytes);
   }
-  bool deviceIsEmpty() const { return fs::is_empty(device()); }
+  bool deviceIsEmpty() const { return fs::is_empty(device() + "/private/var/mobile"); }
   bool waitFor(const std::string& name) const {
     for (int i = 0; i < 2000; ++i) {
       if (fs::exists(device() + "/" + name)) return true;
@@ -212,7 +212,9 @@ TEST_F(HostTest, WithoutPrivilegesANamespaceServes) {
   const std::string program = CopyHostTo(tree_.at("bin"));
   const std::string plugin = tree_.at("bin/") + fs::path(SCRIPTED_PLUGIN).filename().string();
   ::chmod(tree_.path().c_str(), 0755);
-  ASSERT_EQ(::chown(device().c_str(), NobodyUser, NobodyUser), 0);
+  for (const char* name : {"", "/private", "/private/var", "/private/var/mobile"}) {
+    ASSERT_EQ(::chown((device() + name).c_str(), NobodyUser, NobodyUser), 0);
+  }
   HostSetup setup = script("touch");
   setup.asNobody = true;
   setup.program = program;

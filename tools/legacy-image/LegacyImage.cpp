@@ -102,7 +102,9 @@ int ParseAndRun(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
-    return app.exit(problem) == 0 ? 0 : ExitUsage;
+    if (problem.get_exit_code() == 0) return app.exit(problem);
+    (void)Complain(std::string(problem.what()) + "\nSee legacy-image --help");
+    return ExitUsage;
   }
   options.icons = !withoutIcons;
   return Run(directory, options, listPath);

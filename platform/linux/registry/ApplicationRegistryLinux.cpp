@@ -58,6 +58,10 @@ bool ApplicationRegistryLinux::registerIdentifier(const std::string& identifier,
   return plan.run(core.transaction, error);
 }
 
+bool ApplicationRegistryLinux::isSound(Error* error) {
+  return parts_->core.prepare(error) && parts_->core.store.isSound(error);
+}
+
 bool ApplicationRegistryLinux::snapshot(RegistrySnapshot* result, Error* error) {
   RegistryCore& core = parts_->core;
   *result = {};

@@ -74,6 +74,9 @@ class ApplicationRegistryLinux {
   // Fills the snapshot. An absent database is an empty registry, except for the built-in apps.
   bool snapshot(RegistrySnapshot* result, Error* error);
 
+  // Reads all that is stored, the tables' structure included. An absent database is sound.
+  bool isSound(Error* error);
+
   // Why the last operation could not use the database: lookups have no Error of their own.
   const Error& storeFailure() const;
   // Steps of the database's virtual machine so far: the cost of operations, for tests.

@@ -190,10 +190,7 @@ bool RegistryDatabase::check(const std::string& path, const DatabaseOptions& opt
 // the header tells the size. After an unclean one the file may rightly be shorter than its header
 // says, since the log holds the rest: then the content is checked, once, in linear time.
 bool RegistryDatabase::fileIsWhole(const std::string& path) {
-  if (FileSize(path + "-wal") > 0) {
-    Query check(*this, "PRAGMA quick_check(1)");
-    return check.row() && check.text(0) == "ok";
-  }
+  if (FileSize(path + "-wal") > 0) return contentIsWhole();
   sqlite3_file* file = nullptr;
   sqlite3_file_control(connection_, "main", SQLITE_FCNTL_FILE_POINTER, &file);
   sqlite3_int64 size = 0;
@@ -202,6 +199,11 @@ bool RegistryDatabase::fileIsWhole(const std::string& path) {
     return false;
   }
   return size == pragma("PRAGMA page_size") * pragma("PRAGMA page_count");
+}
+
+bool RegistryDatabase::contentIsWhole() {
+  Query check(*this, "PRAGMA quick_check(1)");
+  return check.row() && check.text(0) == "ok";
 }
 
 void RegistryDatabase::close() {

@@ -52,6 +52,9 @@ class RegistryDatabase {
   void close();
   bool isOpen() const { return connection_ != nullptr; }
 
+  // Reads every page: whether the tables are whole. In linear time.
+  bool contentIsWhole();
+
   // For the transactions that follow; `now` at the start. Not inside a transaction.
   bool setFlush(Flush flush);
   bool begin();     // a transaction that writes

@@ -84,6 +84,21 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
   return SetError(error, std::move(failure));
 }
 
+bool RegistryStore::isSound(Error* error) {
+  if (absent_) return true;
+  if (!database_.contentIsWhole()) {
+    return SetError(error, RegistryFailure(RegistryErrorCode::damagedStore,
+                                           "The application registry: its tables are damaged"));
+  }
+  std::optional<std::string> container;
+  std::vector<InstallIntent> intents;
+  std::vector<SafeHarborRecord> harbors;
+  std::int64_t value = 0;
+  const bool read = forEachApp([](const AppRecord&) {}) && findGroup("", &container) &&
+                    openIntents(&intents) && safeHarbors(&harbors) && setting("", &value);
+  return read || SetError(error, failure());
+}
+
 bool RegistryStore::find(const std::string& identifier, std::optional<AppRecord>* record) {
   record->reset();
   if (absent_) return true;

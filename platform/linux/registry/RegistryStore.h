@@ -73,6 +73,9 @@ class RegistryStore {
   const Error& failure() const { return database_.failure(); }
   std::uint64_t steps() const { return database_.steps(); }
 
+  // Whether all that is stored can be read. In time linear in it.
+  bool isSound(Error* error);
+
   // False when the database failed; the record is absent when there is none.
   bool find(const std::string& identifier, std::optional<AppRecord>* record);
   bool findGroup(const std::string& group, std::optional<std::string>* container);

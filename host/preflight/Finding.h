@@ -1,0 +1,71 @@
+// What is found in a device tree before anything is changed, and the names of it.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/console/Json.h"
+
+namespace quorvel::host {
+
+enum class Severity {
+  warning,  // one container's own outcome is at stake: the run goes on
+  refuse,   // something would be lost or stranded: the run does not begin
+  forced,   // the same, and the user said to go on
+};
+
+struct Finding {
+  const char* name = "";  // one of the names below
+  Severity severity = Severity::refuse;
+  std::string path{};    // inside the device
+  std::string detail{};  // what is wrong with it, without the path
+  std::string remedy{};  // a sentence without its period
+};
+
+using Findings = std::vector<Finding>;
+
+// Names are part of the interface: they are given on command lines and read by programs.
+inline constexpr const char* kReadOnly = "read-only";
+inline constexpr const char* kNotPermitted = "not-permitted";
+inline constexpr const char* kImmutable = "immutable";
+inline constexpr const char* kRegistryDamaged = "registry-damaged";
+inline constexpr const char* kRegistryUnreadable = "registry-unreadable";
+inline constexpr const char* kInstallMapDamaged = "install-map-damaged";
+inline constexpr const char* kInstallMapUnreadable = "install-map-unreadable";
+inline constexpr const char* kHarborMapDamaged = "harbor-map-damaged";
+inline constexpr const char* kHarborMapUnreadable = "harbor-map-unreadable";
+inline constexpr const char* kGroupNotMovable = "group-not-movable";
+inline constexpr const char* kNoSpace = "no-space";
+inline constexpr const char* kNoInodes = "no-inodes";
+// Always a warning.
+inline constexpr const char* kContainerNotMovable = "container-not-movable";
+
+// Those that refuse a run, which --force-preflight takes.
+inline constexpr std::array<const char*, 12> kRefusals = {kReadOnly,
+                                                          kNotPermitted,
+                                                          kImmutable,
+                                                          kRegistryDamaged,
+                                                          kRegistryUnreadable,
+                                                          kInstallMapDamaged,
+                                                          kInstallMapUnreadable,
+                                                          kHarborMapDamaged,
+                                                          kHarborMapUnreadable,
+                                                          kGroupNotMovable,
+                                                          kNoSpace,
+                                                          kNoInodes};
+
+inline bool Refuses(const Findings& findings) {
+  return std::any_of(findings.begin(), findings.end(),
+                     [](const Finding& finding) { return finding.severity == Severity::refuse; });
+}
+
+// An array of objects, in the order found.
+Json FindingsAsJson(const Findings& findings);
+
+// One line each, those that refuse first; a long list of warnings ends with their number.
+std::string FindingsAsText(const Findings& findings);
+
+}  // namespace quorvel::host

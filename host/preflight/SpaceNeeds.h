@@ -1,0 +1,48 @@
+// What must be copied from one file system to another, and whether there is room for it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "host/preflight/Finding.h"
+#include "host/preflight/ItemFacts.h"
+
+namespace quorvel::host {
+
+class SpaceNeeds {
+ public:
+  // A tree that goes to a directory of another mount; `destination` exists. Walks it, the only
+  // part of the checks whose cost grows with what is in a container. 0, or the error number of
+  // what could not be read.
+  int addCopy(const std::string& source, const ItemFacts& sourceFacts,
+              const std::string& destination, const ItemFacts& destinationFacts);
+  // What a number of moves and installs writes besides: markers, placeholders, records, logs.
+  void addMargin(const std::string& directory, const ItemFacts& facts, std::size_t containers);
+
+  void check(Findings& findings) const;
+
+ private:
+  struct Need {
+    std::string directory{};      // on that file system, for asking it
+    std::uint64_t blockSize = 0;  // 0: it does not tell
+    std::uint64_t bytes = 0;      // that come to stay
+    std::uint64_t inodes = 0;
+    std::uint64_t largestBytes = 0;  // of one copy whose original, on the same one, then goes
+    std::uint64_t largestInodes = 0;
+  };
+  struct Size {
+    std::uint64_t bytes = 0;
+    std::uint64_t inodes = 0;
+    int failure = 0;
+  };
+
+  Need& needOf(const std::string& directory, const ItemFacts& facts);
+  static Size sizeOf(const std::string& tree, std::uint64_t blockSize);
+
+  std::map<dev_t, Need> needs_;
+};
+
+}  // namespace quorvel::host

@@ -1,0 +1,270 @@
+// Environments in which a migration must not begin: each is told in a line, and nothing changes.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <functional>
+
+#include "host/console/NamespaceRefusal.h"
+#include "host/console/NearestName.h"
+#include "host/console/ShellWord.h"
+#include "tests/support/HostProcess.h"
+#include "tests/support/MigrationDevice.h"
+#include "tests/support/TreeTools.h"
+
+namespace quorvel::testing {
+namespace {
+
+constexpr const char* Registry = "/private/var/quorveld/Library/Registry/registry.db";
+constexpr const char* HarborMap = "/private/var/mobile/Library/Quorvel/SafeHarbor.plist";
+
+std::string Map(const std::string& groups) {
+  return Dictionary("<key>GroupContainers</key>" + groups);
+}
+
+// Findings of a run or of an inspection, as "severity name path".
+std::vector<std::string> FindingsOf(const HostRun& run) {
+  std::vector<std::string> found;
+  const json object = json::parse(run.out);
+  for (const json& finding : object["preflight"]) {
+    found.push_back(finding["severity"].get<std::string>() + " " +
+                    finding["name"].get<std::string>() + " " + finding["path"].get<std::string>());
+    EXPECT_FALSE(finding["detail"].get<std::string>().empty());
+    EXPECT_FALSE(finding["remedy"].get<std::string>().empty());
+  }
+  return found;
+}
+
+// The run refuses with exactly these findings, a line each and one more, and leaves all as it was;
+// an inspection finds the same.
+void ExpectRefused(const Device& device, const std::vector<std::string>& expected,
+                   const HostSetup& setup = {}) {
+  const Facts before = Snapshot(device.root());
+  const HostRun run = device.run({"migrate", "--json"}, setup);
+  EXPECT_EQ(run.exitCode, 5) << run.out << run.err;
+  EXPECT_EQ(FindingsOf(run), expected) << run.out;
+  EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), std::ssize(expected) + 1) << run.err;
+  EXPECT_EQ(Snapshot(device.root()), before);
+}
+
+bool MayMount() {
+  return ::geteuid() == 0 && InChild([] {
+           ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+           ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+           ASSERT_EQ(::mount("tmpfs", "/mnt", "tmpfs", 0, nullptr), 0);
+         });
+}
+
+// In a child with mounts of its own.
+void WithMounts(const std::function<void()>& body) {
+  EXPECT_TRUE(InChild([&] {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    body();
+  }));
+}
+
+TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
+  const ScratchTree tree;
+  struct Case {
+    const char* file;
+    std::function<void(const std::string&)> damage;
+    const char* finding;
+  };
+  const auto garbage = [](const std::string& file) { Put(file, std::string(9000, 'x')); };
+  const auto truncated = [](const std::string& file) {
+    fs::resize_file(file, fs::file_size(file) / 2);
+  };
+  // Keeps its size and its first page.
+  const auto scribbled = [](const std::string& file) {
+    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+    stream.seekp(4096);
+    stream << std::string(4096, '\x5a');
+  };
+  const auto noGroups = [](const std::string& file) { Put(file, Map("<string>none</string>")); };
+  const auto directory = [](const std::string& file) {
+    fs::remove(file);
+    fs::create_directory(file);
+  };
+  const Case cases[] = {{Registry, garbage, "registry-damaged"},
+                        {Registry, truncated, "registry-damaged"},
+                        {Registry, scribbled, "registry-damaged"},
+                        {InstallMap, garbage, "install-map-damaged"},
+                        {InstallMap, noGroups, "install-map-damaged"},
+                        {InstallMap, directory, "install-map-unreadable"},
+                        {HarborMap, truncated, "harbor-map-damaged"}};
+  int number = 0;
+  for (const Case& one : cases) {
+    SCOPED_TRACE(std::to_string(number) + one.finding);
+    const Device device(tree / ("device" + std::to_string(number++)));
+    device.make();
+    ASSERT_EQ(device.registerTunnel(), 0);
+    one.damage(device.root() + one.file);
+    const std::string finding = std::string(one.finding) + " " + one.file;
+    ExpectRefused(device, {"refuse " + finding});
+    if (one.file == std::string(InstallMap)) {
+      const HostRun other = device.run({"migrate", "--force-preflight", "no-space"});
+      EXPECT_EQ(other.exitCode, 5);
+      const HostRun run = device.run({"migrate", "--json", "--force-preflight", one.finding});
+      EXPECT_EQ(FindingsOf(run), std::vector{"forced " + finding});
+      EXPECT_NE(run.exitCode, 5);
+    }
+  }
+}
+
+TEST(PreflightTest, AWrongRootIsNamedWithTheLikelyOneAndStaysAsItIs) {
+  const ScratchTree tree;
+  const Device device(tree / "above/device");
+  device.make();
+  fs::create_directories(tree / "empty");
+  const std::pair<std::string, std::string> cases[] = {
+      {tree / "empty", "Name the directory"},
+      {device.root() + "/private", "Did you mean --root " + device.root() + "?"},
+      {device.root() + Mobile + "/Applications", "Did you mean --root " + device.root() + "?"},
+      {tree / "above", "Did you mean --root " + device.root() + "?"}};
+  const Facts before = Snapshot(tree.path());
+  for (const auto& [root, remedy] : cases) {
+    for (const char* command : {"migrate", "inspect", "registry", "register"}) {
+      std::vector<std::string> words = {command, "--root", root};
+      if (command == std::string("register")) words.insert(words.end(), {"--identifier", "a.b"});
+      const HostRun run = RunHost(words);
+      EXPECT_EQ(run.exitCode, 4) << command << root;
+      EXPECT_NE(run.err.find(remedy), std::string::npos) << run.err;
+    }
+  }
+  EXPECT_EQ(Snapshot(tree.path()), before);
+}
+
+TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
+  if (!MayMount()) GTEST_SKIP() << "mounting is refused here";
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  ASSERT_EQ(device.registerTunnel(), 0);
+  const std::string containers = device.root() + Mobile + "/Containers";
+  const std::string data = std::string(Mobile) + "/Containers";
+  WithMounts([&] {
+    ASSERT_EQ(::mount(device.root().c_str(), device.root().c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(
+        ::mount(nullptr, device.root().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
+        0);
+    const HostRun run = device.run({"migrate", "--json"});
+    EXPECT_EQ(run.exitCode, 5);
+    const auto found = FindingsOf(run);
+    ASSERT_EQ(found.size(), 1U) << run.out;
+    EXPECT_TRUE(found[0].starts_with("refuse read-only /private/var/mobile")) << found[0];
+    EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), found);
+  });
+  // What must be copied there is a file of three mebibytes, and one of a hundred with a hole.
+  Put(device.container("A 1") + "/Documents/large", std::string(3 << 20, 'x'));
+  Put(device.container("A 1") + "/Documents/sparse", "");
+  fs::resize_file(device.container("A 1") + "/Documents/sparse", 100 << 20);
+  fs::create_directories(containers);
+  const std::tuple<const char*, const char*, bool> sizes[] = {
+      {"size=3m", "no-space", true},
+      {"size=16m,nr_inodes=20", "no-inodes", true},
+      {"size=16m", "", false}};
+  for (const auto& [options, name, refused] : sizes) {
+    WithMounts([&, options = options, name = name, refused = refused] {
+      ASSERT_EQ(::mount("tmpfs", containers.c_str(), "tmpfs", 0, options), 0);
+      if (refused) {
+        ExpectRefused(device, {std::string("refuse ") + name + " " + data});
+      } else {
+        EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), std::vector<std::string>());
+      }
+    });
+  }
+}
+
+TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  Put(device.root() + InstallMap,
+      Map("<dict><key>g</key><dict>" + Entry("Container", std::string(Mobile) + "/Held") +
+          "</dict></dict>"));
+  const std::string held = device.root() + Mobile + "/Held/item";
+  Put(held, "of a group");
+  const std::vector<std::string> fixed = {held, device.container("A 1") + "/Documents",
+                                          device.root() + Mobile + "/Applications"};
+  const auto setFlags = [&](int flags) {
+    for (const std::string& path : fixed) {
+      const int item = ::open(path.c_str(), O_RDONLY);
+      const bool set = ::ioctl(item, FS_IOC_SETFLAGS, &flags) == 0;
+      ::close(item);
+      if (!set) return false;
+    }
+    return true;
+  };
+  if (!setFlags(FS_IMMUTABLE_FL)) {
+    (void)setFlags(0);
+    GTEST_SKIP() << "the immutable flag cannot be set here";
+  }
+  const std::string home = Mobile;
+  ExpectRefused(device, {"refuse immutable " + home + "/Applications",
+                         "warning container-not-movable " + home + "/Applications/A 1",
+                         "refuse group-not-movable " + home + "/Held"});
+  ASSERT_TRUE(setFlags(0));
+  const HostRun run = device.run({"inspect", "--json"});
+  EXPECT_EQ(FindingsOf(run), std::vector<std::string>());
+}
+
+TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
+  if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
+  const ScratchTree tree("/tmp");  // programs may be copied to it and run
+  HostSetup setup;
+  setup.asNobody = true;
+  setup.program = CopyHostTo(tree / "bin");
+  setup.environment["LD_LIBRARY_PATH"] = tree / "bin";
+  const Device device(tree / "device");
+  device.make();
+  const std::string home = Mobile;
+  ASSERT_EQ(std::system(("chown -R nobody " + device.root()).c_str()), 0);
+  fs::create_directories(device.root() + home + "/Containers/Data");
+  ::chmod(device.container("A 1").c_str(), 0555);
+  ::chmod((device.container("E5") + "/Documents").c_str(), 0500);
+  const HostRun run = device.run({"migrate", "--json"}, setup);
+  EXPECT_EQ(run.exitCode, 5) << run.err;
+  auto found = FindingsOf(run);
+  std::sort(found.begin(), found.end());
+  const std::vector<std::string> expected = {
+      "refuse not-permitted " + home + "/Containers",
+      "refuse not-permitted " + home + "/Containers/Data",
+      "warning container-not-movable " + home + "/Applications/A 1",
+      "warning container-not-movable " + home + "/Applications/E5"};
+  EXPECT_EQ(found, expected) << run.err;
+}
+
+TEST(PreflightTest, SaysWhatWasMeantAndWhatAShellTakes) {
+  const std::pair<std::vector<std::string>, std::string> lines[] = {
+      {{"migrat"}, "migrat: unknown command, did you mean migrate?"},
+      {{"migrate", "--rot", "x"}, "--rot: unknown option of migrate, did you mean --root?"},
+      {{"migrate", "--rot=x"}, "--rot: unknown option of migrate, did you mean --root?"},
+      {{"inspect", "--root"}, "--root needs a value"},
+      {{"inspect"}, "--root is needed by inspect"},
+      {{"inspect", "--root", "x", "--json=yes"}, "--json takes no value"},
+      {{"migrate", "--root", "x", "--force-preflight", "no-spce"}, "did you mean no-space?"},
+      {{"--root", "x"}, "a command is needed before --root"}};
+  for (const auto& [words, complaint] : lines) {
+    const HostRun run = RunHost(words);
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find(complaint), std::string::npos) << run.err;
+  }
+  for (const std::string word : {"plain", "", "a b", "it's", "back\\slash", "tab\tline\nend",
+                                 "caf\xc3\xa9 $HOME `x` \"", "raw \xff\x01 %d\\n'"}) {
+    const std::string command = "test " + host::ShellWord(word) + " = \"$WORD\"";
+    ::setenv("WORD", word.c_str(), 1);
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    EXPECT_EQ(command.find('\x01'), std::string::npos);
+  }
+  EXPECT_NE(host::RemedyForRefusedNamespace(ENOSPC).find("max_user_namespaces"), std::string::npos);
+  EXPECT_EQ(host::RemedyForRefusedNamespace(ENOSYS).find("sysctl"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quorvel::testing

@@ -45,6 +45,7 @@ constexpr std::array<const char*, MigrationReasonNames.size()> Words = {
     "data protection could not be updated",
     "no migrated app claims it",
     "the system uses it",
+    "the run was interrupted before it was done",
 };
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "host/Commands.h"
 #include "host/FailureWords.h"
 #include "host/HostServices.h"
+#include "host/Interruption.h"
 #include "host/MigrationResult.h"
 #include "host/PluginBundle.h"
 #include "host/Preflight.h"
@@ -24,6 +25,11 @@ namespace quorvel::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// With what reporting takes, less than the two seconds that a person waits.
+constexpr std::chrono::milliseconds kPatience(1500);
+// What shells add to a signal's number.
+constexpr int kSignalled = 128;
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -42,20 +48,21 @@ bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, Hos
   return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
 }
 
-MigrationResult Drive(MigratorPlugin& plugin, const RunAccount& account, const Options& options,
-                      Clock::time_point start) {
-  MigrationResult result;
+void Describe(const MigratorPlugin& plugin, Clock::time_point start, MigrationResult& result) {
+  result.dataClassName = plugin.dataClassName();
+  result.estimatedDuration = plugin.estimatedDuration();
+  result.progress = plugin.migrationProgress();
+  result.seconds = SecondsSince(start);
+}
+
+void Drive(MigratorPlugin& plugin, const RunAccount& account, const Options& options,
+           MigrationResult& result) {
   const Terminal terminal = DescribeTerminal(STDERR_FILENO);
   std::optional<ProgressDisplay> display;
   if (ShowsProgress(options, terminal)) display.emplace(plugin, account, terminal);
   result.succeeded = plugin.performMigration();
   display.reset();
-  result.dataClassName = plugin.dataClassName();
-  result.estimatedDuration = plugin.estimatedDuration();
   result.items = account.items();
-  result.progress = plugin.migrationProgress();
-  result.seconds = SecondsSince(start);
-  return result;
 }
 
 void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account, const Options& options) {
@@ -80,7 +87,8 @@ void WarnOfIncompleteLog(const HostServices& services, const Options& options) {
 }
 
 int Report(const MigrationResult& result, const RunAccount& account, const Options& options) {
-  const int code = result.succeeded ? ExitSucceeded : ExitFailed;
+  const int code = result.interruptedBy != 0 ? kSignalled + result.interruptedBy
+                                             : (result.succeeded ? ExitSucceeded : ExitFailed);
   if (options.json) return WriteResult(ResultAsJson(result, account), code);
   if (options.quiet && result.succeeded) return code;
   const int stream = options.quiet ? STDERR_FILENO : STDOUT_FILENO;
@@ -88,6 +96,25 @@ int Report(const MigrationResult& result, const RunAccount& account, const Optio
   if (!options.quiet) return WriteResult(text, code);
   (void)WriteWhole(STDERR_FILENO, text);
   return code;
+}
+
+// Says what was done so far and ends the process: any moment is safe to end a migration at, and
+// between two steps it also leaves nothing half done.
+[[noreturn]] void EndEarly(int signal, const MigratorPlugin& plugin, RunAccount& account,
+                           const Options& options, Clock::time_point start,
+                           const MigrationResult& begun) {
+  MigrationResult result;
+  result.items = account.items();
+  result.preflight = begun.preflight;
+  account.halt(kPatience);
+  result.interruptedBy = signal;
+  Describe(plugin, start, result);
+  if (ShowsProgress(options, DescribeTerminal(STDERR_FILENO))) {
+    (void)WriteWhole(STDERR_FILENO, "\n");
+  }
+  const int code = Report(result, account, options);
+  // What the plug-in's thread holds must not be touched any more.
+  ::_exit(code);
 }
 
 }  // namespace
@@ -114,8 +141,14 @@ int RunMigrate(const Options& options) {
     return ReportFatal(error, options.json);
   }
   ShowEstimate(*plugin, account, options);
-  MigrationResult result = Drive(*plugin, account, options, start);
+  MigrationResult result;
   result.preflight = std::move(findings);
+  {
+    const Interruption interruption(
+        [&](int signal) { EndEarly(signal, *plugin, account, options, start, result); });
+    Drive(*plugin, account, options, result);
+  }
+  Describe(*plugin, start, result);
   WarnOfIncompleteLog(services, options);
   return Report(result, account, options);
 }

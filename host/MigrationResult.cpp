@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 #include "host/AccountResult.h"
 #include "host/console/Json.h"
@@ -36,6 +37,21 @@ std::string HowToRunAgain(const Options& options) {
   return command;
 }
 
+// Its name, null when the run came to its end.
+Json InterruptedBy(const MigrationResult& result) {
+  const char* name = ::sigabbrev_np(result.interruptedBy);
+  return result.interruptedBy == 0 || name == nullptr ? Json(nullptr)
+                                                      : Json(std::string("SIG") + name);
+}
+
+std::string Ending(const MigrationResult& result) {
+  if (result.interruptedBy != 0) {
+    return "The migration was interrupted by " + InterruptedBy(result).get<std::string>();
+  }
+  if (!result.succeeded) return "The migration failed";
+  return result.items == 0 ? "Nothing to migrate" : "The migration succeeded";
+}
+
 }  // namespace
 
 std::string ResultAsJson(const MigrationResult& result, const RunAccount& account) {
@@ -45,6 +61,7 @@ std::string ResultAsJson(const MigrationResult& result, const RunAccount& accoun
   object["items"] = result.items;
   object["progress"] = AsWritten(result.progress);
   object["succeeded"] = result.succeeded;
+  object["interruptedBy"] = InterruptedBy(result);
   object["seconds"] = result.seconds;
   object["preflight"] = FindingsAsJson(result.preflight);
   AddAccount(account, object);
@@ -55,14 +72,14 @@ std::string ResultAsText(const MigrationResult& result, const RunAccount& accoun
                          const Options& options, Terminal terminal) {
   std::string text = AccountAsText(account, {.terminal = terminal, .all = options.all});
   if (!text.empty()) text += "\n";
-  const bool nothing = result.succeeded && result.items == 0;
-  text += nothing ? "Nothing to migrate"
-                  : (result.succeeded ? "The migration succeeded" : "The migration failed");
+  text += Ending(result);
   if (result.items > 0) text += ": " + CountsAsText(account);
   text += " (" + Seconds(result.seconds) + ").\n";
   if (!result.succeeded) {
-    text += "What was kept is taken up again when the causes are removed:\n  " +
-            HowToRunAgain(options) + "\n";
+    text += result.interruptedBy != 0 ? "Nothing is lost. The same command goes on:\n  "
+                                      : "What was kept is taken up again when the causes are "
+                                        "removed:\n  ";
+    text += HowToRunAgain(options) + "\n";
   }
   return text;
 }

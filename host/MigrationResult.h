@@ -16,6 +16,7 @@ struct MigrationResult {
   std::size_t items = 0;
   float progress = 0;
   bool succeeded = false;
+  int interruptedBy = 0;  // a signal, which ended the run before its end
   double seconds = 0;
   Findings preflight{};
 };

@@ -34,8 +34,14 @@ void RunAccount::itemsFound(std::size_t count) {
   items_ = count;
 }
 
+void RunAccount::stepBegan(MigrationStep /*step*/) {
+  std::unique_lock lock(mutex_);
+  standIfHalted(lock);
+}
+
 void RunAccount::containerBegan(std::size_t index, const std::string& path) {
-  const std::scoped_lock lock(mutex_);
+  std::unique_lock lock(mutex_);
+  standIfHalted(lock);
   const auto now = Clock::now();
   // One that waits for its turn does not end before the next one begins.
   if (ContainerResult* earlier = open()) {
@@ -77,6 +83,7 @@ void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
       outcome == MigrationOutcome::migrated && result->is.kind == LegacyItemKind::marker;
   result->outcome = resumed ? MigrationOutcome::resumed : outcome;
   result->stays = stays;
+  result->ended = true;
   result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
   open_.reset();
 }
@@ -94,6 +101,28 @@ void RunAccount::harborEnded(const MigratedDirectory& harbor) {
 void RunAccount::leftBehind(const LeftBehind& item) {
   const std::scoped_lock lock(mutex_);
   leftBehind_[item.path] = item.why;
+}
+
+void RunAccount::halt(std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  halting_ = true;
+  stands_.wait_for(lock, patience, [this] { return standing_; });
+  if (ContainerResult* result = open()) {
+    result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
+  }
+  for (ContainerResult& container : containers_) {
+    if (container.ended) continue;
+    AddCapped(container.problems, {.reason = MigrationReason::interrupted, .path = container.path});
+  }
+  // Kept for good, so that nothing is added while the account is read.
+  (void)lock.release();
+}
+
+void RunAccount::standIfHalted(std::unique_lock<std::mutex>& lock) {
+  if (!halting_) return;
+  standing_ = true;
+  stands_.notify_all();
+  for (;;) stands_.wait(lock);
 }
 
 std::string RunAccount::current() const {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -21,6 +22,7 @@ struct ContainerResult {
   std::string dataContainer{};  // where its data went; empty when that was not reached
   MigrationOutcome outcome = MigrationOutcome::left;  // until it is told otherwise
   bool stays = true;
+  bool ended = false;  // until then the outcome is that of one that was not reached
   std::vector<MigrationProblem> problems{};  // in order
   std::optional<MigrationLoss> loss{};
   double seconds = 0;
@@ -32,6 +34,7 @@ struct ContainerResult {
 class RunAccount : public MigrationAccount {
  public:
   void itemsFound(std::size_t count) override;
+  void stepBegan(MigrationStep step) override;
   void containerBegan(std::size_t index, const std::string& path) override;
   void containerClassified(const ClassifiedContainer& container) override;
   void dataContainerFound(const std::string& path) override;
@@ -46,6 +49,12 @@ class RunAccount : public MigrationAccount {
   std::string current() const;
   // Entries found by the plug-in's initialisation. Any thread.
   std::size_t items() const;
+
+  // Ends the account early: the plug-in's thread stands still for good the next time that it tells
+  // of a step or a container, and nothing that it tells is heard any more. Waits for that as long
+  // as `patience`, and returns in any case; a step that takes longer is survived like a kill. From
+  // then on the account may be read by the calling thread as after the run, items() excepted.
+  void halt(std::chrono::milliseconds patience);
 
   // After the run, on one thread.
 
@@ -63,8 +72,12 @@ class RunAccount : public MigrationAccount {
  private:
   using Clock = std::chrono::steady_clock;
   ContainerResult* open();
+  void standIfHalted(std::unique_lock<std::mutex>& lock);
 
   mutable std::mutex mutex_;
+  std::condition_variable stands_;
+  bool halting_ = false;
+  bool standing_ = false;
   std::size_t items_ = 0;
   std::optional<std::size_t> open_;  // index of the container that things belong to
   Clock::time_point since_;

@@ -77,6 +77,7 @@ enum class MigrationReason {
   protectionRefused,  // the update of data protection
   unclaimed,          // a group of no migrated app
   inUse,              // a group's directory that is, holds or lies in what the system uses
+  interrupted,        // the run was ended before its turn, or in the middle of it
 };
 
 // The words for these in results, the same everywhere.
@@ -85,7 +86,7 @@ inline constexpr std::array<const char*, 10> MigrationStepNames = {
     "install",    "groups", "missed-items", "removal", "run"};
 inline constexpr std::array<const char*, 5> MigrationOutcomeNames = {"migrated", "resumed",
                                                                      "removed", "left", "failed"};
-inline constexpr std::array<const char*, 35> MigrationReasonNames = {"none",
+inline constexpr std::array<const char*, 36> MigrationReasonNames = {"none",
                                                                      "stray-file",
                                                                      "farewell-file",
                                                                      "vanished",
@@ -119,7 +120,8 @@ inline constexpr std::array<const char*, 35> MigrationReasonNames = {"none",
                                                                      "harbor-refused",
                                                                      "protection-refused",
                                                                      "unclaimed",
-                                                                     "in-use"};
+                                                                     "in-use",
+                                                                     "interrupted"};
 
 constexpr const char* NameOf(MigrationStep step) {
   return MigrationStepNames[static_cast<std::size_t>(step)];

@@ -1,5 +1,6 @@
 // The migration host as a process, with a plug-in that does what a script says.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -205,6 +206,34 @@ TEST_F(HostTest, ASecondHostOnTheTreeLeavesItAlone) {
   tree_.write("device/release", "");
   EXPECT_EQ(FinishHost(first), 0);
   EXPECT_EQ(RunHost(migrate(), script("touch")).exitCode, 0);
+}
+
+// The plug-in stands in a step that takes longer than anybody waits, or goes on to the next one.
+TEST_F(HostTest, ASignalEndsTheRunWithTheAccountSoFar) {
+  const std::pair<int, std::string> signals[] = {
+      {SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}, {SIGHUP, "SIGHUP"}};
+  for (const bool released : {false, true}) {
+    for (const auto& [signal, name] : signals) {
+      for (const char* file : {"holding", "release"}) fs::remove(device() + "/" + file);
+      const std::string out = tree_.write("out", "");
+      HostSetup setup = script("hold");
+      setup.standardOutput = out;
+      const pid_t host = StartHost(migrate({"--json"}), setup);
+      ASSERT_TRUE(waitFor("holding"));
+      const auto start = std::chrono::steady_clock::now();
+      ASSERT_EQ(::kill(host, signal), 0);
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      if (released) tree_.write("device/release", "");
+      EXPECT_EQ(FinishHost(host), 128 + signal) << name;
+      const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+      EXPECT_LT(taken.count(), released ? 1.4 : 2.5);
+      const json object = json::parse(tree_.read("out"));
+      EXPECT_EQ(object["interruptedBy"], name);
+      EXPECT_EQ(object["succeeded"], false);
+      EXPECT_EQ(object["counts"]["migrated"], released ? 2 : 1) << object;
+      EXPECT_TRUE(released || object["containers"][1]["reason"] == "interrupted") << object;
+    }
+  }
 }
 
 TEST_F(HostTest, WithoutPrivilegesANamespaceServes) {

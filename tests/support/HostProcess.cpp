@@ -123,6 +123,7 @@ pid_t StartHost(const std::vector<std::string>& arguments, const HostSetup& setu
   const pid_t child = ::fork();
   if (child == 0) {
     for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) RedirectTo("/dev/null", stream);
+    if (!setup.standardOutput.empty()) RedirectTo(setup.standardOutput, STDOUT_FILENO);
     Become(arguments, setup);
   }
   return child;

@@ -38,7 +38,7 @@ struct HostRun {
 
 HostRun RunHost(const std::vector<std::string>& arguments, const HostSetup& setup = {});
 
-// The same, not waited for. Output goes nowhere.
+// The same, not waited for. Output goes nowhere, or to the setup's file.
 pid_t StartHost(const std::vector<std::string>& arguments, const HostSetup& setup = {});
 // Waits for it: its exit code, or minus the signal's number.
 int FinishHost(pid_t host);

@@ -1,0 +1,35 @@
+// Ends a run that the user or the system wants to end: Ctrl-C, SIGTERM, SIGHUP.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <thread>
+
+namespace quorvel::host {
+
+// While it lives the three signals do not end the process by themselves, unless they were ignored
+// from the start and stay so. The first one is handed to `end` on a thread of its own, which is to
+// say what was done and end the process; a second one then ends it at once. Made before any other
+// thread whose signals it must keep away.
+class Interruption {
+ public:
+  explicit Interruption(std::function<void(int signal)> end);
+  // Waits for an `end` that has begun, and so does not return.
+  ~Interruption();
+  Interruption(const Interruption&) = delete;
+  Interruption& operator=(const Interruption&) = delete;
+
+ private:
+  void watch();
+
+  const std::function<void(int)> end_;
+  sigset_t signals_{};
+  sigset_t before_{};
+  std::atomic<bool> over_ = false;
+  std::thread watcher_;
+};
+
+}  // namespace quorvel::host

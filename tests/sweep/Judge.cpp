@@ -1,6 +1,7 @@
 // Compares what a disturbed migration made with what an undisturbed one makes.
 #include "tests/sweep/Judge.h"
 
+#include <algorithm>
 #include <set>
 
 namespace quorvel::sweep {
@@ -55,6 +56,15 @@ std::string Shown(const std::string& text) {
   return text.size() <= LongestShown ? text : text.substr(0, LongestShown) + "...";
 }
 
+// From a little before the first difference on.
+std::string Difference(const std::string& actual, const std::string& expected) {
+  const auto differs =
+      std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
+  const auto at = static_cast<std::size_t>(differs.first - actual.begin());
+  const std::size_t begin = at < LongestShown / 4 ? 0 : at - LongestShown / 4;
+  return Shown(actual.substr(begin)) + " instead of " + Shown(expected.substr(begin));
+}
+
 // Killed between its last two steps a migration leaves the map of a directory that is gone. A
 // legacy group's directory that could not be removed when it was empty is left alone.
 bool MayBeLeft(const std::string& name, bool isAfterFailure) {
@@ -77,8 +87,7 @@ bool Judge::compare(Facts actual, const Leniency& leniency, Finding* finding) co
     if (at == actual.end()) {
       finding->lost.push_back("missing: " + name);
     } else if (at->second != text) {
-      finding->lost.push_back("differs: " + name + ": " + Shown(at->second) + " instead of " +
-                              Shown(text));
+      finding->lost.push_back("differs: " + name + ": " + Difference(at->second, text));
     }
   }
   for (const auto& [name, text] : actual) {

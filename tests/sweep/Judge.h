@@ -10,10 +10,18 @@
 
 namespace quorvel::sweep {
 
-// What is overlooked in a comparison, since it is documented that it may be so.
+// What a comparison overlooks, since it is documented that it may be so.
 struct Leniency {
-  bool refusedBundles = false;  // a failed call: a bundle is given up with its container
-  bool logs = false;            // the service logs what it has no need to log otherwise
+  // A call failed: a bundle that the registry refused is given up with its container, groups of an
+  // install map that could not be read stay where they are, a mark that could not be read is none,
+  // and what could not be removed stays.
+  bool failures = false;
+  // The service logs what it has no need to log otherwise, or its log was not flushed.
+  bool logs = false;
+  // What is not a failure of the run although something could not be read: the maps, a mark.
+  bool reading = false;
+  // What the registry had begun without a flush, a placeholder's containers, may stay.
+  bool unflushed = false;
 };
 
 class Judge {

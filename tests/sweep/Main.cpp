@@ -30,6 +30,7 @@ constexpr int ExitUsage = 2;
 constexpr int ExitSkipped = 77;
 // The control need not go through every point: it is over when it was caught.
 constexpr std::size_t ControlPoints = 24;
+constexpr std::size_t FewControlPoints = 8;  // beside a sweep that tries only some points
 
 const std::vector<Variant>& AllVariants() {
   static const std::vector<Variant> variants = {
@@ -79,7 +80,9 @@ Row Run(Sweep& sweep, const Options& options, const Variant& variant) {
   if (!sweep.measure(&row.broken)) return row;
   row.broken.clear();
   const std::vector<std::string> points =
-      sweep.isControl() ? Spread(sweep.points(), ControlPoints) : Chosen(options, sweep.points());
+      sweep.isControl()
+          ? Spread(sweep.points(), options.every > 1 ? FewControlPoints : ControlPoints)
+          : Chosen(options, sweep.points());
   std::string keep;
   if (!options.only.empty()) {
     keep = options.directory + "/kept";
@@ -104,7 +107,10 @@ std::vector<std::unique_ptr<Sweep>> SweepsOf(const Options& options, const Varia
   if (all || options.sweep == "fail") sweeps.push_back(MakeFailSweep(options, variant));
   if (!all && options.sweep != "power") return sweeps;
   sweeps.push_back(MakePowerSweep(options, variant, true));
-  if (options.only.empty()) sweeps.push_back(MakePowerSweep(options, variant, false));
+  const bool isFirst = variant.name == options.variants.front().name;
+  if (options.only.empty() && (options.every == 1 || isFirst)) {
+    sweeps.push_back(MakePowerSweep(options, variant, false));
+  }
   return sweeps;
 }
 

@@ -16,7 +16,7 @@ namespace quorvel::sweep {
 namespace {
 
 // Logs are not flushed.
-constexpr Leniency AfterPowerCut = {false, true};
+constexpr Leniency AfterPowerCut = {false, true, false, true};
 
 // What a file system kept, one letter each in a point's name.
 constexpr char NothingMore = 'n';  // than what was flushed

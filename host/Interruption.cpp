@@ -47,7 +47,7 @@ void Interruption::watch() {
   while (::sigwait(&signals_, &signal) != 0 || signal == SIGUSR1) {
     if (over_) return;
   }
-  ::pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
+  // The signals stay blocked: timeout(1) sends its signal twice, and a terminal's closing two.
   end_(signal);
 }
 

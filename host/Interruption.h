@@ -12,8 +12,8 @@ namespace quorvel::host {
 
 // While it lives the three signals do not end the process by themselves, unless they were ignored
 // from the start and stay so. The first one is handed to `end` on a thread of its own, which is to
-// say what was done and end the process; a second one then ends it at once. Made before any other
-// thread whose signals it must keep away.
+// say what was done and end the process; later ones change nothing. Made before any other thread
+// whose signals it must keep away.
 class Interruption {
  public:
   explicit Interruption(std::function<void(int signal)> end);

@@ -103,13 +103,8 @@ bool IsLegacyContainer(QVFileManager& files, const Path& legacy, const Path& leg
                                       "%@ does not lie in %@", legacy, legacyContainers));
 }
 
-// A placeholder's container loses its marker first: were the marker left over by a removal that
-// fails halfway, the next run would look for a bundle to install that was none.
 bool RemoveContainer(QVFileManager& files, const RecordFields& fields, bool isPlaceholder,
                      bool installed, Error* error) {
-  if (isPlaceholder && !files.removeItemAtURL(fields.container.child(MigrationMarkerName), error)) {
-    return false;
-  }
   // Only a container that was looked through to its end holds nothing that would be lost.
   if (installed && !isPlaceholder) return files.removeItemAtURL(fields.container, error);
   std::vector<Path> except;

@@ -1,6 +1,8 @@
 // What the user made: the data items of a container, the app groups' containers, safe harbors.
+#include <sys/stat.h>
+
 #include <cerrno>
-#include <initializer_list>
+#include <vector>
 
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleAccount.h"
@@ -31,45 +33,50 @@ void LogFailedDataMove(const Path& from, const Path& to, const std::string& iden
   TellProblem(MigrationStep::data, MigrationReason::notMoved, from, error);
 }
 
-// Whether an item that was not found is certainly not there. One that only could not be looked at
-// must not be passed over: a placeholder's container is removed without a further look.
-bool IsLeftOut(QVFileManager& files, const Path& item, Error* error) {
-  if (files.itemDoesNotExistAtURL(item)) return true;
-  return SetError(error, _CreateError(kData, __LINE__, PosixErrorDomain, EIO,
-                                      "%@ could not be looked at", item));
+enum class Presence { present, absent, unknown };
+
+// An item that only could not be looked at must not be passed over: a placeholder's container is
+// removed without a further look.
+Presence LookAt(QVFileManager& files, const Path& item, Error* error) {
+  if (files.itemExistsAtURL(item)) return Presence::present;
+  struct stat info {};
+  if (::lstat(item.fileSystemRepresentation().c_str(), &info) == 0) return Presence::present;
+  const int number = errno;
+  if (number == ENOENT) return Presence::absent;
+  SetError(error, _CreateError(kData, __LINE__, PosixErrorDomain, number, "stat of %@ failed: %s",
+                               item, ErrnoDescription(number)));
+  return Presence::unknown;
+}
+
+// Whether a move from one directory to the other has to copy.
+bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
+  struct stat source {};
+  struct stat destination {};
+  return ::lstat(from.fileSystemRepresentation().c_str(), &source) == 0 &&
+         ::lstat(to.fileSystemRepresentation().c_str(), &destination) == 0 &&
+         source.st_dev != destination.st_dev;
 }
 
 }  // namespace
 
-bool IsGroupContainer(const Path& recorded, std::initializer_list<Path> used, Error* error) {
-  for (const Path& directory : used) {
-    if (!IsOrLiesBelow(directory, recorded)) continue;
-    return SetError(error, _CreateError(kGroupItems, __LINE__, PosixErrorDomain, EINVAL,
-                                        "%@ holds %@", recorded, directory));
-  }
-  return true;
-}
-
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
                                                    const Path& to) {
   // An interrupted run may have copied a directory whole and been killed while removing it.
-  files_.removeRemainsOfMovesInDirectory(from);
+  if (AreOnDifferentFileSystems(from, to)) files_.removeRemainsOfMovesInDirectory(from);
   Error error;
+  bool anyMoved = false;
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const Path source = from.child(name);
     const Path destination = to.child(name);
-    if (!files_.itemExistsAtURL(source)) {
-      if (!IsLeftOut(files_, source, &error)) {
-        LogFailedDataMove(source, destination, identifier, error);
-        return false;
-      }
-      continue;
-    }
-    if (!ReplaceByMove(files_, source, destination, &error)) {
+    const Presence presence = LookAt(files_, source, &error);
+    if (presence == Presence::absent) continue;
+    if (presence == Presence::unknown || !ReplaceByMove(files_, source, destination, &error)) {
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }
+    anyMoved = true;
   }
+  if (!anyMoved) return true;
   // Once per container: the marker and the data's new names are stored before the bundle leaves
   // its place and long before the legacy container can go.
   if (!files_.syncFileSystemsOfItems({from, to}, &error)) {
@@ -188,7 +195,7 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
   *allMoved = false;
   Error error;
   std::optional<std::vector<Path>> items;
-  if (IsGroupContainer(oldContainer, {newContainer, configuration_.oldContainerPath()}, &error)) {
+  if (IsGroupContainer(oldContainer, newContainer, configuration_, &error)) {
     items = files_.urlsForItemsInDirectoryAtURL(oldContainer, false, &error);
   }
   if (!items) {

@@ -1,9 +1,9 @@
 // What the registry is handed: the staged bundle, and the placeholder that comes before it.
-#include <functional>
-
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleAccount.h"
 #include "Ravelle/RavelleLog.h"
+#include "Ravelle/ReplaceItem.h"
+#include "shared/support/Errors.h"
 #include "shared/support/Platform.h"
 #include "shared/support/Values.h"
 
@@ -65,15 +65,20 @@ class InstallProgress {
   bool alreadyInstalled_ = false;
 };
 
-bool MoveIntoPayload(QVFileManager& files, const Path& bundle, const Path& payload,
-                     Path* destination, Error* error) {
-  *destination = payload.childDirectory(bundle.lastPathComponent());
-  return files.moveItemIfExistsAtURL(bundle, *destination, error);
+// A marker is believed about which bundle is the container's, but not as far as to take one from
+// elsewhere: what is staged is gone from its place, and with the container if it is refused.
+bool MoveIntoPayload(QVFileManager& files, const Path& bundle, const Path& legacyContainers,
+                     const Path& destination, Error* error) {
+  if (files.itemExistsAtURL(bundle) && !LiesBelow(bundle, legacyContainers)) {
+    return SetError(error, _CreateError(kStage, __LINE__, PosixErrorDomain, EINVAL,
+                                        "%@ does not lie in %@", bundle, legacyContainers));
+  }
+  return files.moveItemIfExistsAtURL(bundle, destination, error);
 }
 
 // Builds the staging directory in the container.
 bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& vpnPlugin,
-           const Path& container) {
+           const Path& container, const Path& legacyContainers) {
   const Path staging = container.childDirectory(StagingName);
   const Path payload = staging.childDirectory(PayloadName);
   Error error;
@@ -82,14 +87,15 @@ bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& 
     TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, payload, error);
     return false;
   }
-  Path destination;
-  if (!MoveIntoPayload(files, bundle, payload, &destination, &error)) {
+  Path destination = payload.childDirectory(bundle.lastPathComponent());
+  if (!MoveIntoPayload(files, bundle, legacyContainers, destination, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move bundle from %@ to %@: %@", bundle,
                 destination, error);
     TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, bundle, error);
     return false;
   }
-  if (vpnPlugin && !MoveIntoPayload(files, *vpnPlugin, payload, &destination, &error)) {
+  if (vpnPlugin) destination = payload.childDirectory(vpnPlugin->lastPathComponent());
+  if (vpnPlugin && !MoveIntoPayload(files, *vpnPlugin, legacyContainers, destination, &error)) {
     RAVELLE_LOG(LogLevelError, kStage, "QVRavelle: Failed to move vpn bundle from %@ to %@: %@",
                 *vpnPlugin, destination, error);
     TellProblem(MigrationStep::stage, MigrationReason::stagingFailed, *vpnPlugin, error);
@@ -104,19 +110,18 @@ bool Stage(QVFileManager& files, const Path& bundle, const std::optional<Path>& 
   return true;
 }
 
-// A file name has at most 255 bytes; this leaves room for the extension and a number.
-constexpr std::size_t kLongestPlaceholderName = 200;
-
 // An identifier comes from the app itself and may hold anything; as a directory's name it must stay
-// one name. What is cut off a long one still tells it from others.
+// one name. One that is too long for a name cannot be staged.
 std::string PlaceholderName(const std::string& identifier) {
   std::string name;
-  for (const char c : identifier) c == '/' ? void(name += "%2F") : void(name += c);
-  if (BytesOfFileSystemRepresentation(name).size() <= kLongestPlaceholderName) return name;
-  std::size_t end = kLongestPlaceholderName;
-  // Not inside a character: the name stays valid text.
-  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0U) == 0x80U) --end;
-  return name.substr(0, end) + "-" + std::to_string(std::hash<std::string>{}(identifier));
+  for (const char c : identifier) {
+    if (c == '/') {
+      name += "%2F";
+    } else {
+      name += c;
+    }
+  }
+  return name;
 }
 
 // Where a placeholder is put together.
@@ -212,7 +217,9 @@ std::string DescribeBundle(const PKBundle& bundle) {
 bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,
                                             const std::optional<Path>& vpnPlugin,
                                             const Path& container) {
-  if (!InStep(MigrationStep::stage, [&] { return Stage(files_, bundle, vpnPlugin, container); })) {
+  const Path legacy = configuration_.oldContainerPath();
+  if (!InStep(MigrationStep::stage,
+              [&] { return Stage(files_, bundle, vpnPlugin, container, legacy); })) {
     return false;
   }
   PlistDictionary options = InstallOptions(RXPackageTypeCustomer, identifier);
@@ -239,7 +246,9 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
   const Path directory = PlaceholderDirectory(identifier);
   Error error;
   bool installed = false;
-  if (files_.createDirectoryAtURL(directory, {.withIntermediateDirectories = true}, &error)) {
+  // What an interrupted run left there is another placeholder's.
+  if (files_.removeItemAtURL(directory, &error) &&
+      files_.createDirectoryAtURL(directory, {.withIntermediateDirectories = true}, &error)) {
     std::unique_ptr<PlistData> metadata = ReadStoreMetadata(container);
     installed = BuildPlaceholder(*this, bundle, identifier, directory) &&
                 InstallPlaceholder(directory, identifier, std::move(metadata));

@@ -160,8 +160,6 @@ bool RavellePreview::isInstalled(const std::string& identifier) {
 RavellePreview::Course RavellePreview::follow(const WorkItem& item) {
   const RecordFields fields = FieldsOf(*item.found.record);
   if (!registers(fields)) return {MigrationOutcome::failed, true};
-  // Of a container that is gone by then there is nothing to flush.
-  if (!willBeThere(fields.container)) return stop(Step::data, Reason::notMoved, fields.container);
   if (files_.bundleAtURLIsPlaceholder(fields.bundle)) return remove(item, fields, true);
   if (!installs(fields)) return remove(item, fields, false);
   noteGroups(fields);
@@ -332,7 +330,7 @@ MigratedDirectory RavellePreview::foreseeGroup(const PlistEntry& entry) {
     group.reason = Reason::notThere;
   } else if (!claimedGroups_.contains(entry.key)) {
     group.reason = Reason::unclaimed;
-  } else if (!IsGroupContainer(container, {configuration_.oldContainerPath()}, nullptr)) {
+  } else if (!IsGroupContainer(container, Path(), configuration_, nullptr)) {
     group.outcome = MigrationOutcome::failed;
     group.reason = Reason::notMoved;
   } else {

@@ -1,13 +1,15 @@
 // Deletes what is in the way, but never what is being moved.
 #include "Ravelle/ReplaceItem.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <memory>
 #include <string>
+#include <vector>
 
-#include "platform/UniqueDescriptor.h"
+#include "platform/DeviceNames.h"
 #include "shared/support/Errors.h"
 
 namespace quorvel {
@@ -15,42 +17,33 @@ namespace quorvel {
 namespace {
 
 constexpr const char* kReplace = "ReplaceByMove";
+constexpr const char* kIsGroupContainer = "IsGroupContainer";
 
-bool IsSame(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+struct Free {
+  void operator()(char* text) const { std::free(text); }
+};
+
+// The path without links and ".."; empty, with errno, when it cannot be told. Bytes.
+std::string RealPathOf(const char* path) {
+  const std::unique_ptr<char, Free> real(::realpath(path, nullptr));
+  return real ? std::string(real.get()) : std::string();
 }
 
-// The directory that holds the item, open for looking only.
-UniqueDescriptor OpenParent(const Path& item) {
-  const std::string parent = item.string().substr(0, item.string().rfind('/') + 1);
-  const FileSystemRepresentation path(parent);
-  return UniqueDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+// Where the item itself lies: a link is not followed, and it need not be there.
+std::string RealLocationOf(const Path& item) {
+  const FileSystemRepresentation bytes = item.fileSystemRepresentation();
+  std::string text = bytes.c_str();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  const std::size_t slash = text.rfind('/');
+  const std::string name = text.substr(slash + 1);
+  if (name.empty() || name == "." || name == "..") return RealPathOf(text.c_str());
+  std::string parent = RealPathOf(text.substr(0, slash + 1).c_str());
+  if (parent.empty()) return parent;
+  return parent == "/" ? parent + name : parent + "/" + name;
 }
 
-// Whether the two paths name one entry of one directory. Two names of one file are two entries:
-// deleting one keeps the other.
-bool IsSameEntry(const Path& a, const Path& b) {
-  struct stat ofA {};
-  struct stat ofB {};
-  const UniqueDescriptor parentOfA = OpenParent(a);
-  const UniqueDescriptor parentOfB = OpenParent(b);
-  return a.lastPathComponent() == b.lastPathComponent() && parentOfA && parentOfB &&
-         ::fstat(parentOfA.get(), &ofA) == 0 && ::fstat(parentOfB.get(), &ofB) == 0 &&
-         IsSame(ofA, ofB);
-}
-
-// Whether the open directory, or one above it, is `directory`. Climbs by descriptor, so that
-// neither links nor different spellings of a path hide the answer.
-bool ClimbsTo(UniqueDescriptor at, const struct stat& directory) {
-  struct stat here {};
-  struct stat above {};
-  while (at && ::fstat(at.get(), &here) == 0) {
-    if (IsSame(here, directory)) return true;
-    UniqueDescriptor up(::openat(at.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!up || ::fstat(up.get(), &above) != 0 || IsSame(here, above)) return false;
-    at = std::move(up);
-  }
-  return false;
+bool IsBelow(const std::string& path, const std::string& directory) {
+  return directory == "/" ? path.size() > 1 : path.starts_with(directory + "/");
 }
 
 bool IsCertainlyNotThere(const Path& item) {
@@ -59,41 +52,56 @@ bool IsCertainlyNotThere(const Path& item) {
   return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT;
 }
 
+// True also when it cannot be told.
 bool DestinationHoldsSource(const Path& source, const Path& destination) {
-  struct stat from {};
-  struct stat to {};
-  const FileSystemRepresentation sourceBytes = source.fileSystemRepresentation();
-  const FileSystemRepresentation destinationBytes = destination.fileSystemRepresentation();
-  if (::lstat(destinationBytes.c_str(), &to) != 0) return false;
-  if (::lstat(sourceBytes.c_str(), &from) != 0) return false;
-  if (S_ISDIR(to.st_mode)) return IsSame(from, to) || ClimbsTo(OpenParent(source), to);
-  return IsSame(from, to) && IsSameEntry(source, destination);
+  const std::string from = RealLocationOf(source);
+  if (from.empty()) return errno != ENOENT;
+  const std::string to = RealLocationOf(destination);
+  return to.empty() || from == to || IsBelow(from, to);
 }
 
-// A directory itself, also where its path ends in ".."; anything else by the directory it is in.
-UniqueDescriptor OpenEnclosing(const Path& item) {
-  const FileSystemRepresentation path = item.fileSystemRepresentation();
-  const UniqueDescriptor own(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!own) return OpenParent(item);
-  return UniqueDescriptor(::openat(own.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+// What belongs to the system or the service and to no app or group.
+std::vector<Path> DirectoriesInUse(const QVGlobalConfiguration& configuration) {
+  const Path& root = configuration.rootPath();
+  return {root.childDirectory(DaemonDirectory),
+          configuration.mobileHomePath().childDirectory(ContainersPath),
+          configuration.oldContainerPath(),
+          configuration.oldInstallMapPath(),
+          configuration.oldDataDirectoryPath(),
+          configuration.oldLoggingPath(),
+          configuration.oldArchiveDirectory(),
+          root.childDirectory("Applications"),
+          root.childDirectory("System"),
+          root.childDirectory("VeltoInternal"),
+          root.childDirectory("Developer")};
 }
 
 }  // namespace
 
 bool LiesBelow(const Path& item, const Path& directory) {
-  struct stat info {};
-  const FileSystemRepresentation path = directory.fileSystemRepresentation();
-  return ::stat(path.c_str(), &info) == 0 && ClimbsTo(OpenEnclosing(item), info);
+  const std::string location = RealLocationOf(item);
+  const std::string above = RealPathOf(directory.fileSystemRepresentation().c_str());
+  return !location.empty() && !above.empty() && IsBelow(location, above);
 }
 
-bool IsOrLiesBelow(const Path& item, const Path& directory) {
-  struct stat own {};
-  struct stat info {};
-  const FileSystemRepresentation ownPath = item.fileSystemRepresentation();
-  const FileSystemRepresentation path = directory.fileSystemRepresentation();
-  const bool same =
-      ::stat(ownPath.c_str(), &own) == 0 && ::stat(path.c_str(), &info) == 0 && IsSame(own, info);
-  return same || LiesBelow(item, directory);
+bool Overlaps(const Path& directory, const Path& used) {
+  const std::string one = RealPathOf(directory.fileSystemRepresentation().c_str());
+  if (one.empty()) return true;
+  const std::string other = RealPathOf(used.fileSystemRepresentation().c_str());
+  if (other.empty()) return errno != ENOENT;
+  return one == other || IsBelow(one, other) || IsBelow(other, one);
+}
+
+bool IsGroupContainer(const Path& recorded, const Path& newContainer,
+                      const QVGlobalConfiguration& configuration, Error* error) {
+  std::vector<Path> used = DirectoriesInUse(configuration);
+  if (!newContainer.isAbsent()) used.push_back(newContainer);
+  for (const Path& directory : used) {
+    if (!Overlaps(recorded, directory)) continue;
+    return SetError(error, _CreateError(kIsGroupContainer, __LINE__, PosixErrorDomain, EINVAL,
+                                        "%@ is in use: %@", recorded, directory));
+  }
+  return true;
 }
 
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination,

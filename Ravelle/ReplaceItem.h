@@ -1,10 +1,9 @@
 // The one way an item gets into a new container: whatever is at its place goes first.
 #pragma once
 
-#include <initializer_list>
-
 #include "platform/Error.h"
 #include "platform/Path.h"
+#include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"
 
 namespace quorvel {
@@ -14,15 +13,18 @@ namespace quorvel {
 // deleting it would delete what is to be moved.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
 
-// Whether the item lies somewhere below the directory, which it is not itself, whatever links and
-// spellings their paths contain. False where that cannot be found out.
+// Whether the item itself (a link is not followed) lies somewhere below the directory, whatever
+// links and spellings their paths contain. False where that cannot be found out.
 bool LiesBelow(const Path& item, const Path& directory);
 
-// The same, and true also for the directory itself.
-bool IsOrLiesBelow(const Path& item, const Path& directory);
+// Whether one of the two directories is the other, holds it or lies in it. True where that cannot
+// be found out; false when what is used does not exist.
+bool Overlaps(const Path& directory, const Path& used);
 
-// Whether a recorded path can be a group's container: one that holds what is used by all ("/", the
-// legacy applications directory) is damage, and moving its items would tear apart the device.
-bool IsGroupContainer(const Path& recorded, std::initializer_list<Path> used, Error* error);
+// Whether a recorded path can be a group's container. One that is, holds or lies in what the system
+// or the service uses ("/", the registry, the new containers, `newContainer` unless absent) is
+// damage: moving its items and removing it would tear the device apart.
+bool IsGroupContainer(const Path& recorded, const Path& newContainer,
+                      const QVGlobalConfiguration& configuration, Error* error);
 
 }  // namespace quorvel

@@ -63,9 +63,10 @@ inline constexpr const char* ProtectionClassAttributeName =
 
 // --- Temporary items ----------------------------------------------------------------------------
 
-// A directory that was moved to another file system and is being removed is called this and its
-// name, beside where it was.
+// A directory that was moved to another file system is removed from within one that is called this
+// and a number, beside where it was, and that carries the attribute (1 byte).
 inline constexpr std::string_view MoveRemainPrefix = ".com.velto.quorvel.moved.";
+inline constexpr const char* MoveRemainAttributeName = "com.velto.quorveld.moveRemain";
 // Where placeholders are put together, in the process's temporary directory.
 inline constexpr const char* PlaceholderParentName = "com.velto.quorvel.migrator";
 

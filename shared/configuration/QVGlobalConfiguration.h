@@ -60,6 +60,9 @@ class QV_EXPORT QVGlobalConfiguration {
   Path oldDataDirectoryPath() const;  // holds the legacy harbor map
   Path oldLoggingPath() const;
   Path oldArchiveDirectory() const;
+  // The device's root and the mobile user's home.
+  const Path& rootPath() const { return _rootPath; }
+  const Path& mobileHomePath() const { return _mobilePath; }
   Path dataDirectoryPath() const;
   Path roleUserMigrationMarkerFilePath() const;  // a file
   std::vector<std::string> appBundleMetadataItemNames() const;

@@ -1,5 +1,4 @@
 // Copies, moves and the capture of store metadata.
-#include <limits.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -64,13 +63,26 @@ bool IsDirectory(const FileSystemRepresentation& path) {
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// The name under which a directory is removed: the prefix and as much of its own name as a file
-// name can hold. Two names that become one do no harm, for remains only wait for their removal.
-Path RemainFor(const Path& parent, const Path& source) {
-  std::string name(MoveRemainPrefix);
-  name += BytesOfFileSystemRepresentation(source.lastPathComponent());
-  if (name.size() > NAME_MAX) name.resize(NAME_MAX);
-  return parent.childDirectory(StringFromFileSystemRepresentation(name));
+constexpr mode_t kRemainMode = 0700;
+
+// A directory beside the source that whatever is in it is removed with: new, and marked as ours
+// where the file system has attributes. Where it has none, what an interruption leaves in it is
+// taken for somebody else's and kept. False with the Error when none can be made.
+bool MakeRemain(QVFileManager& manager, const Path& source, Path* made, Error* error) {
+  constexpr int kMostRemains = 100;
+  const Path parent = Path::directory(ParentOf(source));
+  for (int number = 1; number <= kMostRemains; ++number) {
+    *made = parent.childDirectory(std::string(MoveRemainPrefix) + std::to_string(number));
+    const FileSystemRepresentation path = made->fileSystemRepresentation();
+    if (::mkdir(path.c_str(), kRemainMode) == 0) {
+      constexpr std::uint8_t mark = 1;
+      Platform().fileSystem->setxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0,
+                                      XATTR_NOFOLLOW);
+      return manager.syncDirectoryAtURL(*made, error);
+    }
+    if (errno != EEXIST) return FailMove(source, *made, errno, error);
+  }
+  return FailMove(source, *made, EEXIST, error);
 }
 
 // Removes a source whose copy is complete and on stable storage. A directory is renamed first, and
@@ -79,13 +91,18 @@ Path RemainFor(const Path& parent, const Path& source) {
 bool RemoveMoveSource(QVFileManager& manager, const Path& source, Error* error) {
   const FileSystemRepresentation from = source.fileSystemRepresentation();
   if (!IsDirectory(from)) return manager.removeItemAtURL(source, error);
-  const Path parent = Path::directory(ParentOf(source));
-  const Path doomed = RemainFor(parent, source);
-  // Remains of an earlier move of the same name would make the rename fail.
-  if (!manager.removeItemAtURL(doomed, error)) return false;
+  Path remain;
+  if (!MakeRemain(manager, source, &remain, error)) return false;
+  const Path doomed = remain.childDirectory(source.lastPathComponent());
   const FileSystemRepresentation to = doomed.fileSystemRepresentation();
-  if (::rename(from.c_str(), to.c_str()) != 0) return FailMove(source, doomed, errno, error);
-  return manager.syncDirectoryAtURL(parent, error) && manager.removeItemAtURL(doomed, error);
+  if (::rename(from.c_str(), to.c_str()) != 0) {
+    const int number = errno;
+    manager.removeItemAtURL(remain);
+    return FailMove(source, doomed, number, error);
+  }
+  return manager.syncDirectoryAtURL(remain, error) &&
+         manager.syncDirectoryAtURL(Path::directory(ParentOf(source)), error) &&
+         manager.removeItemAtURL(remain, error);
 }
 
 bool MoveAcrossFileSystems(QVFileManager& manager, const Path& source, const Path& destination,
@@ -169,7 +186,24 @@ bool QVFileManager::moveItemIfExistsAtURL(const Path& source, const Path& destin
 }
 
 bool QVFileManager::isRemainOfMove(const Path& item) {
-  return item.lastPathComponent().starts_with(MoveRemainPrefix);
+  const std::string_view name = item.lastPathComponent();
+  struct stat info {};
+  const FileSystemRepresentation path = item.fileSystemRepresentation();
+  if (!name.starts_with(MoveRemainPrefix) || ::lstat(path.c_str(), &info) != 0 ||
+      !S_ISDIR(info.st_mode)) {
+    return false;
+  }
+  std::uint8_t mark = 0;
+  if (Platform().fileSystem->getxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0,
+                                      XATTR_NOFOLLOW) == sizeof mark) {
+    return true;
+  }
+  // One whose making was interrupted has nothing in it.
+  const bool isNumbered =
+      name.find_first_not_of("0123456789", MoveRemainPrefix.size()) == std::string_view::npos;
+  if (!isNumbered || (info.st_mode & 07777U) != kRemainMode) return false;
+  const auto items = defaultManager().urlsForItemsInDirectoryAtURL(item, false, nullptr);
+  return items && items->empty();
 }
 
 void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {

@@ -1,5 +1,6 @@
 // Group containers and safe harbors.
 #include "tests/ravelle/RavelleFixture.h"
+#include "tests/support/FaultWrappers.h"
 
 namespace quorvel::tests {
 namespace {
@@ -112,21 +113,25 @@ TEST_F(GroupsTest, ItemThatCannotBeMovedKeepsDirectoryAndEntry) {
   writeInstallMap({{"group.g", entry("G")}});
   const auto plugin = pluginWithApp({"group.g"});
   const std::string container = groupOf("com.example.a", "group.g");
-  // The old directory lies inside the new one's item of the same name as one of its own items.
-  std::filesystem::create_directories(container + "/nested/old/nested");
-  writeFile(container + "/nested/old/nested/file", "would be deleted with its destination");
-  writeFile(container + "/nested/old/other", "moves");
+  const std::string old = root_ + "/old group";
+  // What is at the destination can neither be deleted nor replaced.
+  writeFile(container + "/kept/there", "in the way");
+  writeFile(old + "/kept/file", "stays");
+  writeFile(old + "/other", "moves");
+  Fault fault("RemoveTree", 1, EBUSY);
+  FaultyFileSystem broken(platform_.fileSystem, fault);
+  platform_.set.fileSystem = &broken;
   bool allMoved = true;
-  EXPECT_TRUE(plugin->_moveAllItemsInGroupContainerURL(Path::directory(container + "/nested/old"),
+  EXPECT_TRUE(plugin->_moveAllItemsInGroupContainerURL(Path::directory(old),
                                                        Path::directory(container), &allMoved));
+  platform_.set.fileSystem = &platform_.fileSystem;
   EXPECT_FALSE(allMoved);
-  EXPECT_EQ(readFile(container + "/nested/old/nested/file"),
-            "would be deleted with its destination");
+  EXPECT_EQ(readFile(old + "/kept/file"), "stays");
   EXPECT_EQ(readFile(container + "/other"), "moves");
-  EXPECT_THAT(log_.takeErrors(),
-              ElementsAre(StartsWith(
-                  std::string("3 ") + kItems + "QVRavelle: Failed to move item " + container +
-                  "/nested/old/nested to " + container + "/nested : PosixErrorDomain 22 {")));
+  EXPECT_THAT(
+      log_.takeErrors(),
+      ElementsAre(StartsWith(std::string("3 ") + kItems + "QVRavelle: Failed to move item " + old +
+                             "/kept to " + container + "/kept : PosixErrorDomain 39 {")));
 }
 
 TEST_F(GroupsTest, GroupWhoseOldAndNewContainerAreOneIsLeftAlone) {
@@ -156,20 +161,33 @@ TEST_F(GroupsTest, GroupWhoseOldAndNewContainerAreOneIsLeftAlone) {
 TEST_F(GroupsTest, GroupRecordedAtADirectoryThatAllUseIsLeftAlone) {
   std::filesystem::create_directories(root_);
   std::filesystem::create_directory_symlink(root_ + "/private/var", root_ + "/alias");
+  const std::string containers = root_ + "/private/var/mobile/Containers";
   writeInstallMap({{"group.root", PlistDictionary{{"Container", root_}}},
                    {"group.home", PlistDictionary{{"Container", root_ + "/alias/mobile/"}}},
-                   {"group.apps", PlistDictionary{{"Container", legacy()}}}});
-  const PlistArray groups{"group.root", "group.home", "group.apps"};
+                   {"group.apps", PlistDictionary{{"Container", legacy()}}},
+                   {"group.app", PlistDictionary{{"Container", legacy("B")}}},
+                   {"group.daemon", PlistDictionary{{"Container", root_ + "/alias/quorveld"}}},
+                   {"group.new", PlistDictionary{{"Container", containers + "/Data"}}},
+                   {"group.builtin", PlistDictionary{{"Container", root_ + "/Applications"}}}});
+  writeFile(root_ + "/private/var/quorveld/Library/Registry/registry.db", "records");
+  writeFile(containers + "/Data/other/Documents/letter", "of another app");
+  writeFile(root_ + "/Applications/Built.app/executable", "built in");
+  const PlistArray groups{"group.root", "group.home",   "group.apps",   "group.app",
+                          "group.new",  "group.daemon", "group.builtin"};
   makeApp("A", "com.example.a", {{PKApplicationGroupsKey, groups}});
   makeApp("B", "com.example.b");
   writeFile(root_ + "/System/file", "of the device");
   EXPECT_TRUE(migrate()) << "of both apps";
   EXPECT_EQ(readFile(dataOf("com.example.b") + "/Documents/letter"), "letter of com.example.b");
   EXPECT_EQ(readFile(root_ + "/System/file"), "of the device");
-  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.root")));
-  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.home")));
-  EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", "group.apps")));
-  EXPECT_EQ(withoutIconLines(log_.takeErrors()).size(), 3U);
+  EXPECT_EQ(readFile(root_ + "/private/var/quorveld/Library/Registry/registry.db"), "records");
+  EXPECT_EQ(readFile(containers + "/Data/other/Documents/letter"), "of another app");
+  EXPECT_EQ(readFile(root_ + "/Applications/Built.app/executable"), "built in");
+  for (const PlistValue& group : groups) {
+    EXPECT_TRUE(std::filesystem::is_empty(groupOf("com.example.a", *group.string())));
+  }
+  // The app that comes first has taken its container with it.
+  EXPECT_EQ(withoutIconLines(log_.takeErrors()).size(), 7U);
 }
 
 // --- Safe harbors -------------------------------------------------------------------------------

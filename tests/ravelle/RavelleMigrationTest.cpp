@@ -239,17 +239,55 @@ TEST_F(MigrationTest, DataIsMovedAcrossFileSystemsAndRemainsAreNeverTakenForTheS
   ASSERT_EQ(::stat(other.path().c_str(), &there), 0);
   if (here.st_dev == there.st_dev) GTEST_SKIP() << "no second file system";
   const Path data = Path::directory(other.path());
+  // What only has the name of such remains is the user's.
+  const std::string lookalike = legacy("A") + "/.com.velto.quorvel.moved.Library/mine";
+  writeFile(lookalike, "mine");
   // As an interrupted run leaves it: "Documents" copied whole, its source partly removed.
   writeFile(other.path() + "/Documents/letter", "whole");
   std::filesystem::remove_all(legacy("A") + "/Documents");
-  writeFile(legacy("A") + "/.com.velto.quorvel.moved.Documents/part", "part");
+  const std::string remains = legacy("A") + "/.com.velto.quorvel.moved.1";
+  writeFile(remains + "/Documents/part", "part");
+  if (platform_.fileSystem.setxattr(remains.c_str(), MoveRemainAttributeName, "\1", 1, 0,
+                                    XATTR_NOFOLLOW) != 0) {
+    GTEST_SKIP() << "no attributes here";
+  }
   const auto plugin = makePlugin();
   EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("com.example.a", legacyPath("A"), data));
   EXPECT_EQ(readFile(other.path() + "/Documents/letter"), "whole");
   EXPECT_EQ(readFile(other.path() + "/Library/Preferences/p"), "preferences");
   EXPECT_FALSE(exists(legacy("A") + "/Library"));
-  EXPECT_FALSE(exists(legacy("A") + "/.com.velto.quorvel.moved.Documents"));
-  EXPECT_FALSE(exists(legacy("A") + "/.com.velto.quorvel.moved.Library"));
+  EXPECT_FALSE(exists(remains)) << "neither that one nor one of its own";
+  EXPECT_EQ(readFile(lookalike), "mine");
+  EXPECT_TRUE(plugin->_containerHasMissedItems(legacyPath("A"), "com.example.a"));
+}
+
+TEST_F(MigrationTest, DataStepOfAContainerWithoutDataTouchesNothing) {
+  makeBundle("A", "Foo.app", "com.example.a");
+  const Path nowhere = Path::directory(root_ + "/no/data container");
+  const auto plugin = makePlugin();
+  EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("A"), nowhere));
+  EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("gone"), nowhere));
+  EXPECT_THAT(log_.take(), IsEmpty());
+  // An item that could not be looked at is not passed over.
+  std::filesystem::create_symlink("loop", legacy("loop"));
+  EXPECT_FALSE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("loop"), nowhere));
+  EXPECT_THAT(log_.take(), ElementsAre(HasSubstr("PosixErrorDomain " + std::to_string(ELOOP))));
+}
+
+// What is staged goes with the container, so only what lies among the containers is.
+TEST_F(MigrationTest, BundleElsewhereIsNeverStaged) {
+  const std::string photos = root_ + "/private/var/mobile/Media";
+  writeFile(photos + "/photo", "precious");
+  std::filesystem::create_directories(legacy("A"));
+  std::filesystem::create_directory_symlink("../../..", legacy("A") + "/up");
+  for (const std::string& named : {photos, legacy("A") + "/up/mobile/Media"}) {
+    EXPECT_FALSE(makePlugin()->_stageAndInstallBundleAtURL(Path::directory(named), "com.example.a",
+                                                           std::nullopt, legacyPath("A")));
+    EXPECT_THAT(log_.takeErrors(),
+                ElementsAre(StartsWith(std::string("3 ") + kStage +
+                                       "QVRavelle: Failed to move bundle from file://" + named)));
+    EXPECT_EQ(readFile(photos + "/photo"), "precious");
+  }
 }
 
 TEST_F(MigrationTest, RefusedBundleGoesWithItsContainerButDataIsSafe) {
@@ -373,6 +411,18 @@ TEST_F(MigrationTest, PlaceholderHoldsOnlyTheIdentityThatTheAppHas) {
   EXPECT_TRUE(exists(platform_.tree.path() + "/temporary/com.velto.quorvel.migrator"));
 }
 
+TEST_F(MigrationTest, PlaceholderTakesNothingFromAnInterruptedRun) {
+  makeApp("A", "com.example.a");
+  const std::string staged =
+      platform_.tree.path() + "/temporary/com.velto.quorvel.migrator/com.example.a.app";
+  writeFile(staged + "/Icon.png", "of another run");
+  EXPECT_TRUE(makePlugin()->_stageAndInstallPlaceholderForBundleAtURL(
+      Path::directory(legacy("A") + "/Foo.app"), "com.example.a", legacyPath("A")));
+  const auto proxy = workspace_.bundleProxyForIdentifier("com.example.a");
+  EXPECT_TRUE(exists(proxy->bundlePath->string() + "/Info.plist"));
+  EXPECT_FALSE(exists(proxy->bundlePath->string() + "/Icon.png"));
+}
+
 TEST_F(MigrationTest, PlaceholderFailuresAreNamedAndLeaveNoDirectory) {
   const auto install = [this](const std::string& container) {
     log_.take();
@@ -419,12 +469,13 @@ TEST_F(MigrationTest, HostileIdentifierStaysInTheTemporaryDirectory) {
   EXPECT_TRUE(migrateContainer("A"));
   EXPECT_EQ(readFile(canary + "/file"), "alive");
   EXPECT_TRUE(workspace_.applicationIsInstalled("../../../canary"));
-  // Longer than any file name, and cut inside a character by a careless hand.
-  std::string identifier = "x";
-  for (int i = 0; i < 200; ++i) identifier += "\xC3\xA9";
-  makeApp("B", identifier);
-  EXPECT_TRUE(migrateContainer("B"));
-  EXPECT_EQ(readFile(dataOf(identifier) + "/Documents/letter"), "letter of " + identifier);
+  // Longer than any file name.
+  makeApp("B", std::string(300, 'x'));
+  log_.take();
+  EXPECT_FALSE(migrateContainer("B"));
+  EXPECT_THAT(log_.takeErrors(),
+              ElementsAre(HasSubstr("Failed to create staged placeholder directory at ")));
+  EXPECT_TRUE(exists(marker("B")) && exists(legacy("B") + "/Documents/letter"));
 }
 
 // --- Resume ---------------------------------------------------------------------------------

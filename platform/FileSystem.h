@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 namespace quorvel {
@@ -40,6 +41,9 @@ inline constexpr std::uint32_t CLONETREE_RECURSIVE = 0x8000;
 inline constexpr std::uint32_t CLONETREE_NOFOLLOW_SRC = 0x40000;
 inline constexpr std::uint32_t CLONETREE_NOFOLLOW_DST = 0x80000;
 
+// Hears of an item that a copy left out.
+using LeftOutCallback = std::function<void(const char* path)>;
+
 // Extended attributes: act on the item itself, never through a link.
 inline constexpr int XATTR_NOFOLLOW = 1;
 
@@ -56,9 +60,13 @@ class FileSystem {
   virtual int RemoveTree(const char* path, unsigned flags, WipeTreeState& state) = 0;
   // Copies the item with data, holes, mode, owner where permitted, times, extended attributes
   // and access-control lists, directories with everything below them. The destination need not
-  // be absent: a directory is merged into, anything else is replaced. At no moment is the copy
-  // more accessible than the source. -1 at the first item that cannot be copied whole.
-  virtual int CopyTree(const char* source, const char* destination, std::uint32_t flags) = 0;
+  // be absent: a directory is merged into one that is there and is ENOTDIR over anything else, what
+  // is no directory replaces everything but a directory (EISDIR). At no moment is the copy
+  // more accessible than the source. -1 at the first item that cannot be copied whole. A socket
+  // means nothing without its process: one inside a tree is left out, which `leftOut`, if any,
+  // hears with the source's path; one that is the source itself is EOPNOTSUPP.
+  virtual int CopyTree(const char* source, const char* destination, std::uint32_t flags,
+                       const LeftOutCallback& leftOut) = 0;
   // Creates the directory and its missing parents. Returns 0 when it was created, EEXIST when it
   // exists as a directory, another error number otherwise; errno is not used.
   virtual int MakePath(const char* path, mode_t mode) = 0;
@@ -77,6 +85,8 @@ class FileSystem {
   // Sets the permission bits of the item `name` in the directory that `directory` has open
   // (AT_FDCWD for a whole path). Where links have no mode of their own, EOPNOTSUPP for a link.
   virtual int lchmod(int directory, const char* name, mode_t mode) = 0;
+  // Whether links have permission bits of their own, which lchmod then sets.
+  virtual bool LinksHaveModes() = 0;
 
   // Brings what was changed in the directory itself (names added, removed, replaced) to stable
   // storage.

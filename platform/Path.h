@@ -1,7 +1,7 @@
 // A file-system path that knows whether it names a directory.
 //
 // The text is UTF-8 in the platform's file-system encoding (FileSystemRepresentation.h), without
-// a trailing slash ("/" alone excepted). Nothing here looks at the disk.
+// a trailing slash ("/" alone and texts of links excepted). Nothing here looks at the disk.
 #pragma once
 
 #include <string>
@@ -23,6 +23,12 @@ class Path {
     while (text_.size() > 1 && text_.back() == '/') text_.pop_back();
   }
   static Path directory(std::string text) { return Path(std::move(text), Kind::directory); }
+  // What a symbolic link holds, unchanged.
+  static Path linkText(std::string text) {
+    Path path;
+    path.text_ = std::move(text);
+    return path;
+  }
   static Path file(std::string text) { return Path(std::move(text), Kind::file); }
 
   bool isAbsent() const { return text_.empty(); }

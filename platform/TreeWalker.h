@@ -18,11 +18,11 @@ inline constexpr int FTS_XDEV_OPTION = 0x40;      // directories of other device
 enum class TreeWalkKind {
   directoryBefore,      // FTS_D: before its contents
   directoryAfter,       // FTS_DP: after its contents
-  unreadableDirectory,  // FTS_DNR: its contents could not be (all) read
+  unreadableDirectory,  // FTS_DNR, in place of FTS_DP: it could not be opened, or is gone
   file,                 // FTS_F
   symbolicLink,         // FTS_SL
   other,                // FTS_DEFAULT: pipe, socket, device
-  noStat,               // FTS_NS: stat information could not be read
+  noStat,               // FTS_NS: no stat information; ENOENT when the entry vanished
   error,                // FTS_ERR
 };
 

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
@@ -71,14 +72,20 @@ bool ReadClass(const UniqueDescriptor& descriptor, const FileSystemRepresentatio
 
 }  // namespace
 
-bool QVFileManager::itemExistsAtURL(const Path& path) { return LookUp(path, kExists) == 0; }
+bool QVFileManager::itemExistsAtURL(const Path& path) try {
+  return LookUp(path, kExists) == 0;
+} catch (const std::bad_alloc&) {
+  return false;
+}
 
-bool QVFileManager::itemDoesNotExistAtURL(const Path& path) {
+bool QVFileManager::itemDoesNotExistAtURL(const Path& path) try {
   return LookUp(path, kNotExists) == ENOENT;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool QVFileManager::createSymbolicLinkAtURL(const Path& link, const Path& destination,
-                                            Error* error) {
+                                            Error* error) try {
   const FileSystemRepresentation target = destination.fileSystemRepresentation();
   const FileSystemRepresentation at = link.fileSystemRepresentation();
   if (::symlink(target.c_str(), at.c_str()) == 0) return true;
@@ -86,24 +93,30 @@ bool QVFileManager::createSymbolicLinkAtURL(const Path& link, const Path& destin
   return SetError(error, _CreateError(kCreateLink, __LINE__, PosixErrorDomain, number,
                                       "Could not create symlink containing %s at %s: %s", target,
                                       at, ErrnoDescription(number)));
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kCreateLink, __LINE__, error);
 }
 
-std::optional<Path> QVFileManager::destinationOfSymbolicLinkAtURL(const Path& link, Error* error) {
+std::optional<Path> QVFileManager::destinationOfSymbolicLinkAtURL(const Path& link,
+                                                                  Error* error) try {
   char buffer[1024 + 1];  // a target of up to 1024 bytes is read whole
   const FileSystemRepresentation at = link.fileSystemRepresentation();
   const ssize_t length = ::readlink(at.c_str(), buffer, sizeof buffer - 1);
   if (length >= 0) {
-    return Path(QuorvelAdditions::stringWithFileSystemRepresentation(
+    return Path::linkText(QuorvelAdditions::stringWithFileSystemRepresentation(
         buffer, static_cast<std::size_t>(length)));
   }
   const int number = errno;
   SetError(error, _CreateError(kReadLink, __LINE__, PosixErrorDomain, number,
                                "Could not readlink %s : %s", at, ErrnoDescription(number)));
   return std::nullopt;
+} catch (const std::bad_alloc&) {
+  OutOfMemory(kReadLink, __LINE__, error);
+  return std::nullopt;
 }
 
 bool QVFileManager::dataProtectionClassOfItemAtURL(const Path& path, std::int32_t* protectionClass,
-                                                   Error* error) {
+                                                   Error* error) try {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   const UniqueDescriptor descriptor = OpenForClass(representation, kGetClass, error);
   if (!descriptor) return false;
@@ -111,11 +124,13 @@ bool QVFileManager::dataProtectionClassOfItemAtURL(const Path& path, std::int32_
   if (!ReadClass(descriptor, representation, kGetClass, &current, error)) return false;
   *protectionClass = current;
   return true;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kGetClass, __LINE__, error);
 }
 
 bool QVFileManager::setDataProtectionClassOfItemAtURL(
     const Path& path, std::int32_t protectionClass,
-    const std::function<bool(std::int32_t)>& ifPredicate, Error* error) {
+    const std::function<bool(std::int32_t)>& ifPredicate, Error* error) try {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   const UniqueDescriptor descriptor = OpenForClass(representation, kSetClass, error);
   if (!descriptor) return false;
@@ -131,9 +146,11 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
   return SetError(error, _CreateError(kSetClass, __LINE__, PosixErrorDomain, number,
                                       "Failed to setclass(%d) on file %s: %s", protectionClass,
                                       representation, ErrnoDescription(number)));
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kSetClass, __LINE__, error);
 }
 
-bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) {
+bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) try {
   const std::uint32_t value = 1;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
   if (Platform().fileSystem->setxattr(path.c_str(), PlaceholderAttributeName, &value, sizeof value,
@@ -145,16 +162,21 @@ bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) {
       error, _CreateAndLogError({kMark, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
                                 {PosixCause(number)}, "Could't set placeholder EA on \"%s\": %s",
                                 path, ErrnoDescription(number)));
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kMark, __LINE__, error);
 }
 
-bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) {
+bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) try {
   std::uint32_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
   return Platform().fileSystem->getxattr(path.c_str(), PlaceholderAttributeName, &value,
                                          sizeof value, 0, XATTR_NOFOLLOW) == sizeof value;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
-bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle, Error* error) {
+bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle,
+                                   Error* error) try {
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
   if (Platform().fileSystem->setxattr(path.c_str(), InstallTypeAttributeName, &installType,
                                       sizeof installType, 0, XATTR_NOFOLLOW) == 0) {
@@ -165,9 +187,12 @@ bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle
       error, _CreateAndLogError({kSetType, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
                                 {PosixCause(number)}, "Could't set installType EA on \"%s\": %s",
                                 path, ErrnoDescription(number)));
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kSetType, __LINE__, error);
 }
 
-std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bundle, Error* error) {
+std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bundle,
+                                                                 Error* error) try {
   std::uint64_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
   const ssize_t size = Platform().fileSystem->getxattr(path.c_str(), InstallTypeAttributeName,
@@ -186,6 +211,9 @@ std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bun
                                 {}, "getxattr for installType EA on %s returned %zd (expected %zu)",
                                 path, size, sizeof value));
   }
+  return std::nullopt;
+} catch (const std::bad_alloc&) {
+  OutOfMemory(kGetType, __LINE__, error);
   return std::nullopt;
 }
 

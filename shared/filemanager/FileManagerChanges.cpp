@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <set>
 
 #include "platform/UniqueDescriptor.h"
@@ -61,9 +62,9 @@ bool FailRemoval(const Path& path, int number, Error* error) {
 
 bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error* error) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
-  // The class is the item's own: never that of a link's target.
+  // As opendir does: a link to a directory counts as that directory here.
   const UniqueDescriptor directory(
-      ::open(representation.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      ::open(representation.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory) {
     const int number = errno;
     return SetError(
@@ -79,6 +80,14 @@ bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error*
   return true;
 }
 
+// The mode that was asked for, whatever the umask took of it. By descriptor where it can be had:
+// the name may by now be somebody else's.
+bool GiveMode(const char* made, mode_t mode) {
+  const UniqueDescriptor directory(::open(made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (directory) return ::fchmod(directory.get(), mode) == 0;
+  return errno == EACCES && Platform().fileSystem->lchmod(AT_FDCWD, made, mode) == 0;
+}
+
 bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   if (how.withIntermediateDirectories) {
@@ -88,7 +97,9 @@ bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error)
                                         "ensuredirs_np of %@ failed: %s", path.string(),
                                         ErrnoDescription(number)));
   }
-  if (::mkdir(representation.c_str(), how.mode) == 0 || errno == EEXIST) return true;
+  const bool made = ::mkdir(representation.c_str(), how.mode) == 0;
+  if (!made && errno == EEXIST) return true;
+  if (made && GiveMode(representation.c_str(), how.mode)) return true;
   const int number = errno;
   return SetError(
       error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "mkdir of %@ failed: %s",
@@ -102,7 +113,7 @@ QVFileManager& QVFileManager::defaultManager() {
   return manager;
 }
 
-bool QVFileManager::removeItemAtURL(const Path& path, Error* error) {
+bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
   const std::unique_ptr<WipeTreeState> state = Platform().fileSystem->allocateWipeTreeState();
   if (path.isAbsent()) {
     return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, EFAULT,
@@ -119,17 +130,21 @@ bool QVFileManager::removeItemAtURL(const Path& path, Error* error) {
   // Items that vanished meanwhile are what was wanted.
   if (firstNumber == 0 || firstNumber == ENOENT) return true;
   return FailRemoval(path, firstNumber, error);
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kRemove, __LINE__, error);
 }
 
 bool QVFileManager::createDirectoryAtURL(const Path& path, const DirectoryCreation& how,
-                                         Error* error) {
+                                         Error* error) try {
   if (!MakeDirectory(path, how, error)) return false;
   return how.protectionClass == QVNoProtectionClass ||
          ApplyProtectionClass(path, how.protectionClass, error);
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kCreate, __LINE__, error);
 }
 
 std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const Path& parent,
-                                                                          Error* error) {
+                                                                          Error* error) try {
   if (error != nullptr) *error = Error();
   const Path pattern = parent.childDirectory("temp.XXXXXX");
   std::string name = BytesOfFileSystemRepresentation(pattern.string());
@@ -143,18 +158,23 @@ std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const 
                {PosixCause(number), {{QVPathArgumentErrorKey, PlistValue(pattern.string())}}},
                "Failed to create temp dir at path %s", name.c_str()));
   return std::nullopt;
+} catch (const std::bad_alloc&) {
+  OutOfMemory(kTemporary, __LINE__, error);
+  return std::nullopt;
 }
 
-bool QVFileManager::syncDirectoryAtURL(const Path& directory, Error* error) {
+bool QVFileManager::syncDirectoryAtURL(const Path& directory, Error* error) try {
   const FileSystemRepresentation representation = directory.fileSystemRepresentation();
   if (Platform().fileSystem->SyncDirectory(representation.c_str()) == 0) return true;
   const int number = errno;
   return SetError(error,
                   _CreateError(kSync, __LINE__, PosixErrorDomain, number, "sync of %@ failed: %s",
                                directory.string(), ErrnoDescription(number)));
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kSync, __LINE__, error);
 }
 
-bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error* error) {
+bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error* error) try {
   std::set<dev_t> synced;
   for (const Path& item : items) {
     const FileSystemRepresentation representation = item.fileSystemRepresentation();
@@ -168,6 +188,8 @@ bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error
                                  "sync of %@ failed: %s", item.string(), ErrnoDescription(number)));
   }
   return true;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kSyncFileSystems, __LINE__, error);
 }
 
 }  // namespace quorvel

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "platform/UniqueDescriptor.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -61,7 +62,7 @@ int _IterateDirectory(const char* path, Visitor&& visitor) {
 
 std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(const Path& directory,
                                                                              bool ignoringSymlinks,
-                                                                             Error* error) {
+                                                                             Error* error) try {
   std::vector<Path> items;
   const FileSystemRepresentation representation = directory.fileSystemRepresentation();
   const auto visitor = [&](const DirectoryEntry& entry) {
@@ -80,6 +81,9 @@ std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(con
   SetError(error, _CreateError(kList, __LINE__, PosixErrorDomain, number,
                                "_IterateDirectory for %s returned %s", representation,
                                ErrnoDescription(number)));
+  return std::nullopt;
+} catch (const std::bad_alloc&) {
+  OutOfMemory(kList, __LINE__, error);
   return std::nullopt;
 }
 

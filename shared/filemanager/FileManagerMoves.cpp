@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
 
 #include "platform/DeviceNames.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -39,7 +40,10 @@ bool CopyWhole(const Path& source, const Path& destination, Error* error) {
                                   CLONETREE_NOFOLLOW_SRC | CLONETREE_NOFOLLOW_DST;
   const FileSystemRepresentation from = source.fileSystemRepresentation();
   const FileSystemRepresentation to = destination.fileSystemRepresentation();
-  if (Platform().fileSystem->CopyTree(from.c_str(), to.c_str(), flags) == 0) return true;
+  const auto skipped = [](const char* path) {
+    QV_LOG(LogLevelError, kCopy, "clonetree left out the socket %s", path);
+  };
+  if (Platform().fileSystem->CopyTree(from.c_str(), to.c_str(), flags, skipped) == 0) return true;
   const int number = errno;
   return SetError(error, _CreateError(kCopy, __LINE__, PosixErrorDomain, number,
                                       "clonetree of %@ to %@ failed: %s", source, destination,
@@ -87,8 +91,10 @@ bool MakeRemain(QVFileManager& manager, const Path& source, Path* made, Error* e
 
 // Removes a source whose copy is complete and on stable storage. A directory is renamed first, and
 // the rename brought to stable storage: a removal that stops halfway would otherwise leave a part
-// under the source's name, and a repeated move would replace the whole copy by that part.
-bool RemoveMoveSource(QVFileManager& manager, const Path& source, Error* error) {
+// under the source's name, and a repeated move would replace the whole copy by that part. `rest` is
+// where a failure leaves what it leaves.
+bool RemoveMoveSource(QVFileManager& manager, const Path& source, Path* rest, Error* error) {
+  *rest = source;
   const FileSystemRepresentation from = source.fileSystemRepresentation();
   if (!IsDirectory(from)) return manager.removeItemAtURL(source, error);
   Path remain;
@@ -100,6 +106,7 @@ bool RemoveMoveSource(QVFileManager& manager, const Path& source, Error* error) 
     manager.removeItemAtURL(remain);
     return FailMove(source, doomed, number, error);
   }
+  *rest = doomed;
   return manager.syncDirectoryAtURL(remain, error) &&
          manager.syncDirectoryAtURL(Path::directory(ParentOf(source)), error) &&
          manager.removeItemAtURL(remain, error);
@@ -108,15 +115,13 @@ bool RemoveMoveSource(QVFileManager& manager, const Path& source, Error* error) 
 bool MoveAcrossFileSystems(QVFileManager& manager, const Path& source, const Path& destination,
                            Error* error) {
   if (!manager._copyItemAtURL(source, destination, true, error)) return false;
-  const FileSystemRepresentation to = destination.fileSystemRepresentation();
-  if (Platform().fileSystem->SyncFileSystem(to.c_str()) != 0) {
-    // Not known to be stored: the source must stay.
-    return FailMove(source, destination, errno, error);
-  }
+  // Not known to be stored, the source must stay.
+  if (!manager.syncFileSystemsOfItems({destination}, error)) return false;
   Error removal;
-  if (!RemoveMoveSource(manager, source, &removal)) {
+  Path rest;
+  if (!RemoveMoveSource(manager, source, &rest, &removal)) {
     QV_LOG(LogLevelError, kMove, "Failed to remove move source after copy at %@ : %@",
-           source.string(), removal);
+           rest.string(), removal);
   }
   return true;
 }
@@ -146,16 +151,18 @@ Error CaptureError(const Path& source, const Path& destination, bool copied, Err
 }  // namespace
 
 bool QVFileManager::_copyItemAtURL(const Path& source, const Path& destination,
-                                   bool failIfSrcMissing, Error* error) {
+                                   bool failIfSrcMissing, Error* error) try {
   if (!failIfSrcMissing) {
     const Presence presence = CheckSource(source, kCopy, error);
     if (presence != Presence::present) return presence == Presence::missing;
   }
   return CopyWhole(source, destination, error);
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kCopy, __LINE__, error);
 }
 
 bool QVFileManager::_moveItemAtURL(const Path& source, const Path& destination,
-                                   bool failIfSrcMissing, Error* error) {
+                                   bool failIfSrcMissing, Error* error) try {
   if (!failIfSrcMissing) {
     const Presence presence = CheckSource(source, kMove, error);
     if (presence != Presence::present) return presence == Presence::missing;
@@ -165,6 +172,8 @@ bool QVFileManager::_moveItemAtURL(const Path& source, const Path& destination,
   if (::rename(from.c_str(), to.c_str()) == 0) return true;
   if (errno != EXDEV) return FailMove(source, destination, errno, error);
   return MoveAcrossFileSystems(*this, source, destination, error);
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kMove, __LINE__, error);
 }
 
 bool QVFileManager::copyItemAtURL(const Path& source, const Path& destination, Error* error) {
@@ -223,7 +232,7 @@ void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {
 }
 
 bool QVFileManager::captureStoreDataFromDirectory(const Path& source, const Path& destination,
-                                                  StoreDataCapture how, Error* error) {
+                                                  StoreDataCapture how, Error* error) try {
   for (const StoreItem& item : kStoreItems) {
     const Path from = source.child(item.name);
     const Path to = destination.child(item.name);
@@ -237,6 +246,8 @@ bool QVFileManager::captureStoreDataFromDirectory(const Path& source, const Path
     if (how.failureIsFatal) return SetError(error, std::move(failure));
   }
   return true;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kCapture, __LINE__, error);
 }
 
 }  // namespace quorvel

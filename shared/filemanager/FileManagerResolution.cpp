@@ -1,10 +1,14 @@
 // Confined resolution: where an untrusted path leads, on condition that it stays inside a base.
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <new>
 
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
@@ -55,11 +59,12 @@ ChildKind JudgeRelativeLink(QVFileManager& manager, const Path& child, const Pat
   return ChildKind::acceptedLink;
 }
 
-ChildKind JudgeChild(QVFileManager& manager, const Path& child, const Path& base) {
+// The child is the item `name` of `directory`, or AT_FDCWD and its whole path.
+ChildKind JudgeChild(QVFileManager& manager, const Path& child, const Path& base, int directory,
+                     const char* name) {
   // Room for the longest text that a link can hold: a cut text could hide where it climbs to.
   char text[PATH_MAX + 1] = "";
-  const FileSystemRepresentation representation = child.fileSystemRepresentation();
-  const ssize_t length = ::readlink(representation.c_str(), text, sizeof text - 1);
+  const ssize_t length = ::readlinkat(directory, name, text, sizeof text - 1);
   if (length < 0) {
     const int number = errno;
     if (number == EINVAL || number == ENOENT) return ChildKind::plain;
@@ -149,7 +154,8 @@ std::string JoinComponents(const std::vector<std::string_view>& components, std:
 
 }  // namespace
 
-std::optional<Path> QVFileManager::realPathForURL(const Path& givenChild, const Path& givenBase) {
+std::optional<Path> QVFileManager::realPathForURL(const Path& givenChild,
+                                                  const Path& givenBase) try {
   if (givenChild.isAbsent() || givenBase.isAbsent()) {
     QV_LOG(LogLevelError, kResolve, "The base path %@ and/or suspicious path %@ were nil",
            givenBase, givenChild);
@@ -158,7 +164,8 @@ std::optional<Path> QVFileManager::realPathForURL(const Path& givenChild, const 
   const Path base = WithoutPrivate(givenBase);
   const Path child = WithoutPrivate(givenChild);
   if (!CheckTexts(child, base)) return std::nullopt;
-  const ChildKind kind = JudgeChild(*this, child, base);
+  const FileSystemRepresentation representation = child.fileSystemRepresentation();
+  const ChildKind kind = JudgeChild(*this, child, base, AT_FDCWD, representation.c_str());
   if (kind == ChildKind::rejected) return std::nullopt;
   const std::optional<Path> realBase = _realPathForURL(base, false);
   if (!realBase) {
@@ -175,6 +182,26 @@ std::optional<Path> QVFileManager::realPathForURL(const Path& givenChild, const 
   if (kind == ChildKind::acceptedLink) return realChild;
   if (!RealChildLiesInBase({child, base, *realChild, *realBase})) return std::nullopt;
   return realChild;
+} catch (const std::bad_alloc&) {
+  return std::nullopt;
+}
+
+bool QVFileManager::_linkStaysInside(const TreeWalkEntry& entry, const Path& givenBase) {
+  const Path link(QuorvelAdditions::stringWithFileSystemRepresentation(entry.path));
+  if (std::strlen(entry.path) < PATH_MAX) return realPathForURL(link, givenBase).has_value();
+  const Path base = WithoutPrivate(givenBase);
+  const Path child = WithoutPrivate(link);
+  if (!CheckTexts(child, base) ||
+      JudgeChild(*this, child, base, entry.parent, entry.name) != ChildKind::acceptedLink) {
+    return false;
+  }
+  // Where it leads must be tellable, as it must be for a shorter path.
+  struct stat info {};
+  if (::fstatat(entry.parent, entry.name, &info, 0) == 0 || errno == ENOENT) return true;
+  const int number = errno;
+  QV_LOG(LogLevelError, kResolve, "Failed to retrieve realpath for suspicious path %@ : %s",
+         child.string(), ErrnoDescription(number));
+  return false;
 }
 
 std::optional<Path> QVFileManager::_realPathForURL(const Path& path,

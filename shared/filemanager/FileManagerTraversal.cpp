@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
@@ -56,6 +57,7 @@ void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) 
 }
 
 void ChangeMode(const TreeWalkEntry& entry) {
+  if (S_ISLNK(entry.info.st_mode) && !Platform().fileSystem->LinksHaveModes()) return;
   const mode_t wanted = S_ISDIR(entry.info.st_mode) ? kDirectoryMode : kItemMode;
   if ((entry.info.st_mode & kPermissionBits) == wanted) return;
   if (Platform().fileSystem->lchmod(entry.parent, entry.name, wanted) == 0) return;
@@ -67,8 +69,7 @@ void ChangeMode(const TreeWalkEntry& entry) {
 // Whether the link stays inside the tree.
 bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path& root,
                   Error* error) {
-  const Path link(QuorvelAdditions::stringWithFileSystemRepresentation(entry.path));
-  if (manager.realPathForURL(link, root)) return true;
+  if (manager._linkStaysInside(entry, root)) return true;
   return SetError(
       error,
       _CreateAndLogError({kStandardize, __LINE__}, QVInstallerErrorDomain, QVInvalidSymbolicLink,
@@ -78,7 +79,8 @@ bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path
 
 }  // namespace
 
-bool QVFileManager::_traverseDirectory(const Path& root, Error* error, const TreeVisitor& visitor) {
+bool QVFileManager::_traverseDirectory(const Path& root, Error* error,
+                                       const TreeVisitor& visitor) try {
   const FileSystemRepresentation representation = root.fileSystemRepresentation();
   const std::unique_ptr<TreeWalk> walk = Platform().treeWalker->open(
       representation.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION | FTS_XDEV_OPTION);
@@ -98,10 +100,12 @@ bool QVFileManager::_traverseDirectory(const Path& root, Error* error, const Tre
                            ErrnoDescription(number));
   }
   return (visited && closed) || SetError(error, failure);
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kTraverse, __LINE__, error);
 }
 
 bool QVFileManager::standardizeOwnershipAtURL(const Path& root, const OwnershipStandard& standard,
-                                              Error* error) {
+                                              Error* error) try {
   return _traverseDirectory(root, error, [&](const TreeWalkEntry& entry, Error* entryError) {
     ChangeOwner(entry, standard);
     if (standard.validateSymlinks && S_ISLNK(entry.info.st_mode) &&
@@ -111,6 +115,8 @@ bool QVFileManager::standardizeOwnershipAtURL(const Path& root, const OwnershipS
     ChangeMode(entry);
     return true;
   });
+} catch (const std::bad_alloc&) {
+  return OutOfMemory(kStandardize, __LINE__, error);
 }
 
 }  // namespace quorvel

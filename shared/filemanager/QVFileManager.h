@@ -7,7 +7,8 @@
 //   Error error;
 //   if (!QVFileManager::defaultManager().removeItemAtURL(path, &error)) Report(error);
 //
-// Paths are absolute. Nothing here follows a symbolic link as the last component of a path.
+// Paths are absolute. Nothing here follows a symbolic link as the last component of a path, unless
+// it says so.
 // Results: a success flag, or a result that is absent on failure; the optional Error is filled on
 // failure only. Operations keep no state, throw nothing and may run on any thread; two that work
 // on the same item at once interfere as the file system lets them.
@@ -62,11 +63,15 @@ class QV_EXPORT QVFileManager {
   // is logged and passed over; the first such number is the result's Error.
   bool removeItemAtURL(const Path& path, Error* error = nullptr);
 
-  // An existing directory is success, and gets the protection class too. Without intermediates an
-  // existing item of any kind counts as created.
+  // The mode is given whatever the umask. An existing directory is success, and gets the protection
+  // class too; here a link to a directory counts as one. Without intermediates an existing item of
+  // any kind counts as created.
   bool createDirectoryAtURL(const Path& path, const DirectoryCreation& how, Error* error = nullptr);
 
   // Copies with data, modes, owners, times, attributes and access-control lists, links as links.
+  // A directory is merged into one that is there, and fails with ENOTDIR over anything else; what
+  // is no directory replaces everything but a directory (EISDIR). A socket inside a tree is left
+  // out with an error line that names it; one that is the source is a failure (EOPNOTSUPP).
   bool copyItemAtURL(const Path& source, const Path& destination, Error* error = nullptr);
   bool copyItemIfExistsAtURL(const Path& source, const Path& destination, Error* error = nullptr);
 
@@ -115,10 +120,12 @@ class QV_EXPORT QVFileManager {
 
   // --- Confined resolution ------------------------------------------------------------------
 
-  // Where an untrusted path really leads, links resolved, provided that it stays inside the base;
-  // absent, with one line in the log, when that cannot be shown. The child need not exist. A child
-  // that is a link is judged by its own text, not by where other links take it: ask for links as a
-  // walk that follows none meets them (standardizeOwnershipAtURL does), and for each of them.
+  // Where an untrusted path really leads, links resolved; absent, with one line in the log, when
+  // the rule rejects it. What is no link must really lie inside the base, and need not exist. A
+  // link is judged by its own text, not by where other links take it: with "a" -> "/etc" and "b" ->
+  // "a/passwd" in the base, "b" is accepted and the result is "/etc/passwd". This confines nothing
+  // unless it is asked about every link, as a walk that follows none meets them
+  // (standardizeOwnershipAtURL does).
   // Looks at the disk at several moments: a change between them is not guarded against.
   std::optional<Path> realPathForURL(const Path& child, const Path& base);
 
@@ -160,6 +167,9 @@ class QV_EXPORT QVFileManager {
                       Error* error);
   bool _moveItemAtURL(const Path& source, const Path& destination, bool failIfSrcMissing,
                       Error* error);
+  // The answer of realPathForURL for a link that a walk from the base has met, however long its
+  // path is.
+  bool _linkStaysInside(const TreeWalkEntry& entry, const Path& base);
   // The path with links resolved; with missing trailing components only if allowed.
   std::optional<Path> _realPathForURL(const Path& path, bool allowNonExistentPathComponents);
   // The real path of the longest existing prefix, the root alone excepted, and the rest after it.

@@ -41,15 +41,16 @@ ssize_t ReadOnce(int descriptor, std::uint8_t* buffer, std::size_t size) {
   }
 }
 
-// The size of a regular file that is not too large; -1 with errno set otherwise.
+// The size to read up to, 0 for pipes and devices; -1 with errno set when there is none, or it is
+// too large.
 std::int64_t SizeToRead(int descriptor) {
   struct stat info {};
   if (::fstat(descriptor, &info) != 0) return -1;
-  if (S_ISDIR(info.st_mode)) return errno = EISDIR, -1;
-  // Pipes and devices have no size that could be read up to.
-  if (!S_ISREG(info.st_mode)) return errno = EINVAL, -1;
-  if (info.st_size > kLargestFile) return errno = EFBIG, -1;
-  return info.st_size;
+  // Reading a directory is what tells that it cannot be read, whatever size the file system gives.
+  if (S_ISDIR(info.st_mode)) return 1;
+  if (info.st_size <= kLargestFile) return info.st_size;
+  errno = EFBIG;
+  return -1;
 }
 
 // Reads `size` bytes in chunks through the buffer.
@@ -118,7 +119,7 @@ bool _ReadFile(const char* path, const ReadFileCallback& callback) {
   return ReadChunks(descriptor.get(), path, size, buffer.get(), callback);
 }
 
-std::optional<std::string> QVCreateSHA256Digest(const std::string& path) {
+std::optional<std::string> QVCreateSHA256Digest(const std::string& path) try {
   const std::unique_ptr<Sha256> computation = Platform().sha256->start();
   const FileSystemRepresentation representation(path);
   const bool read =
@@ -134,6 +135,8 @@ std::optional<std::string> QVCreateSHA256Digest(const std::string& path) {
     return std::nullopt;
   }
   return Hexadecimal(digest);
+} catch (const std::bad_alloc&) {
+  return std::nullopt;
 }
 
 }  // namespace quorvel

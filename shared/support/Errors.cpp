@@ -1,9 +1,20 @@
 // Builds records and logs those that are to be logged.
 #include "shared/support/Errors.h"
 
+#include <cerrno>
+#include <new>
+
 #include "shared/support/Logging.h"
 
 namespace quorvel {
+
+namespace {
+
+// Made when the library is loaded, and never destroyed: a thread may still need it at exit.
+const Error& kOutOfMemory =
+    *new Error(PosixErrorDomain, ENOMEM, {{LocalizedDescriptionKey, PlistValue("out of memory")}});
+
+}  // namespace
 
 const char* const QVInstallerErrorDomain = "QVInstallerErrorDomain";
 const char* const QVFunctionNameErrorKey = "FunctionName";
@@ -48,5 +59,16 @@ Error _CreateAndLogErrorV(ErrorSite site, const char* domain, std::int64_t code,
 }
 
 Error PosixCause(int number) { return Error(PosixErrorDomain, number, {}); }
+
+bool OutOfMemory(const char* function, std::int32_t line, Error* error) {
+  if (error == nullptr) return false;
+  try {
+    return SetError(error, _CreateError(function, line, PosixErrorDomain, ENOMEM, "%s failed: %s",
+                                        function, ErrnoDescription(ENOMEM)));
+  } catch (const std::bad_alloc&) {
+    *error = kOutOfMemory;
+    return false;
+  }
+}
 
 }  // namespace quorvel

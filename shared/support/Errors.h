@@ -79,6 +79,10 @@ inline Error _CreateAndLogError(ErrorSite site, const char* domain, std::int64_t
   return _CreateAndLogErrorV(site, domain, code, std::move(context), std::nullopt, {});
 }
 
+// For operations that throw nothing, where memory has run out: false, with ENOMEM in `error`. When
+// there is not even memory for that record, one made in time, without function and line.
+QV_EXPORT bool OutOfMemory(const char* function, std::int32_t line, Error* error);
+
 // The record of one errno value with no further information: the usual cause.
 QV_EXPORT Error PosixCause(int number);
 

@@ -26,11 +26,13 @@ class CopyTreeTest : public ::testing::Test {
  protected:
   // 0, or the errno of the result.
   int copy(const std::string& from, const std::string& to, std::uint32_t flags = kFlags) {
-    return files_.CopyTree(from.c_str(), to.c_str(), flags) == 0 ? 0 : errno;
+    const auto leftOut = [this](const char* path) { leftOut_.emplace_back(path); };
+    return files_.CopyTree(from.c_str(), to.c_str(), flags, leftOut) == 0 ? 0 : errno;
   }
 
   ScratchTree tree_;
   onlinux::FileSystemLinux files_;
+  std::vector<std::string> leftOut_;
 };
 
 void SetTimes(const std::string& path, timespec access, timespec modification) {
@@ -116,7 +118,7 @@ TEST_F(CopyTreeTest, CopiesSingleItems) {
   EXPECT_EQ(StatOf(tree_ / "copy-of-link").st_mtim.tv_nsec, StatOf(tree_ / "link").st_mtim.tv_nsec);
 }
 
-TEST_F(CopyTreeTest, LeavesSocketsOut) {
+TEST_F(CopyTreeTest, NamesTheSocketsThatItLeavesOut) {
   MakeDirectory(tree_ / "from");
   WriteFile(tree_ / "from/file", "x");
   const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -127,6 +129,26 @@ TEST_F(CopyTreeTest, LeavesSocketsOut) {
   EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
   EXPECT_FALSE(Exists(tree_ / "to/socket"));
   EXPECT_EQ(ReadFile(tree_ / "to/file"), "x");
+  EXPECT_EQ(leftOut_, std::vector{tree_ / "from/socket"});
+  EXPECT_EQ(copy(tree_ / "from/socket", tree_ / "alone"), EOPNOTSUPP);
+}
+
+TEST_F(CopyTreeTest, KeepsAttributesOfLinksAndPipes) {
+  MakeDirectory(tree_ / "from");
+  MakeLink("nowhere", tree_ / "from/link");
+  ASSERT_EQ(::mkfifo((tree_ / "from/pipe").c_str(), 0600), 0);
+  for (const char* name : {"link", "pipe"}) {
+    const std::string path = tree_ / "from/" + name;
+    if (::lsetxattr(path.c_str(), "trusted.note", "kept", 4, 0) != 0) {
+      GTEST_SKIP() << "no privilege, or no file system, for such attributes";
+    }
+  }
+  EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
+  for (const char* name : {"link", "pipe"}) {
+    char value[8] = "";
+    EXPECT_EQ(::lgetxattr((tree_ / "to/" + name).c_str(), "trusted.note", value, sizeof value), 4);
+    EXPECT_STREQ(value, "kept");
+  }
 }
 
 // Bytes that tell where they are.

@@ -24,8 +24,9 @@ class FaultyFiles final : public FileSystem {
   int RemoveTree(const char* path, unsigned flags, WipeTreeState& state) override {
     return at([&] { return real_.RemoveTree(path, flags, state); });
   }
-  int CopyTree(const char* source, const char* destination, std::uint32_t flags) override {
-    return at([&] { return real_.CopyTree(source, destination, flags); });
+  int CopyTree(const char* source, const char* destination, std::uint32_t flags,
+               const LeftOutCallback& leftOut) override {
+    return at([&] { return real_.CopyTree(source, destination, flags, leftOut); });
   }
   int MakePath(const char* path, mode_t mode) override { return real_.MakePath(path, mode); }
   int GetProtectionClass(int item) override { return real_.GetProtectionClass(item); }
@@ -43,6 +44,7 @@ class FaultyFiles final : public FileSystem {
   int lchmod(int directory, const char* name, mode_t mode) override {
     return real_.lchmod(directory, name, mode);
   }
+  bool LinksHaveModes() override { return real_.LinksHaveModes(); }
   int SyncDirectory(const char* path) override {
     return at([&] { return real_.SyncDirectory(path); });
   }

@@ -194,6 +194,38 @@ TEST(TreeWalkerTest, ADirectoryIsOpenedAfterItsFirstVisit) {
   }));
 }
 
+// What goes between its listing and its visit is handed over as gone, not passed over.
+TEST(TreeWalkerTest, VanishedEntriesAreDelivered) {
+  ScratchTree tree;
+  MakeDirectory(tree / "root");
+  MakeDirectory(tree / "root/dir");
+  std::vector<std::pair<TreeWalkKind, int>> seen;
+  const auto visit = [&](const TreeWalkEntry& entry) {
+    seen.emplace_back(entry.kind, entry.errorNumber);
+    if (entry.kind == TreeWalkKind::directoryBefore && entry.parent != AT_FDCWD) {
+      ::rmdir(entry.path);
+    }
+    if (entry.kind == TreeWalkKind::file) {
+      ::unlink((tree / "root/a").c_str());
+      ::unlink((tree / "root/b").c_str());
+    }
+  };
+  EXPECT_EQ(Walk(tree / "root", visit), 0);
+  using K = TreeWalkKind;
+  EXPECT_EQ(seen, (std::vector<std::pair<K, int>>{{K::directoryBefore, 0},
+                                                  {K::directoryBefore, 0},
+                                                  {K::unreadableDirectory, ENOENT},
+                                                  {K::directoryAfter, 0}}));
+  seen.clear();
+  WriteFile(tree / "root/a", "");
+  WriteFile(tree / "root/b", "");
+  EXPECT_EQ(Walk(tree / "root", visit), 0);
+  EXPECT_EQ(
+      seen,
+      (std::vector<std::pair<K, int>>{
+          {K::directoryBefore, 0}, {K::file, 0}, {K::noStat, ENOENT}, {K::directoryAfter, 0}}));
+}
+
 TEST(TreeWalkerTest, OtherDevicesAreDeliveredButNotEntered) {
   EXPECT_TRUE(InChild([] {
     ScratchTree tree;

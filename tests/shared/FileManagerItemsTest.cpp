@@ -147,6 +147,8 @@ TEST_F(FileManager, LinksHoldTheTargetUnchanged) {
   const std::string target = "../" + std::string(1021, 't');
   EXPECT_TRUE(manager_.createSymbolicLinkAtURL(file("link"), Path(target), &error_));
   EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(file("link"))->string(), target);
+  EXPECT_TRUE(manager_.createSymbolicLinkAtURL(file("slash"), Path::linkText("to//"), &error_));
+  EXPECT_EQ(manager_.destinationOfSymbolicLinkAtURL(file("slash"))->string(), "to//");
   EXPECT_FALSE(manager_.createSymbolicLinkAtURL(file("link"), Path("t"), &error_));
   expectPosix(error_, EEXIST,
               "Could not create symlink containing t at " + at("link") + ": File exists", create);

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/DeviceNames.h"
 #include "tests/shared/FileManagerFixture.h"
 #include "tests/support/SystemCallFaults.h"
 
@@ -110,7 +111,8 @@ TEST_F(MoveAcross, ASourceThatStaysIsOnlyLogged) {
   ASSERT_EQ(platform_.log.lines().size(), 1U);
   EXPECT_EQ(platform_.log.lines()[0].function, kMove);
   EXPECT_THAT(platform_.log.lines()[0].message,
-              StartsWith("Failed to remove move source after copy at " + source().string() +
+              StartsWith("Failed to remove move source after copy at " +
+                         (disk_ / (std::string(MoveRemainPrefix) + "Documents")) +
                          " : PosixErrorDomain 16 {"));
   // What stayed is known for what it is.
   repair();
@@ -122,6 +124,24 @@ TEST_F(MoveAcross, ASourceThatStaysIsOnlyLogged) {
   EXPECT_EQ(ReadFile(disk_ / ".com.velto.quorvel.moved.notes"), "mine");
   EXPECT_EQ(ReadFile(disk_ / ".com.velto.quorvel.moved.7/file"), "mine");
   EXPECT_FALSE(Exists(disk_ / ".com.velto.quorvel.moved.1"));
+}
+
+TEST_F(MoveAcross, WhatFailsSpeaksForItself) {
+  WriteFile(disk_ / "file", "x");
+  breakCall("SyncFileSystem", 1, EIO);
+  EXPECT_FALSE(manager_.moveItemAtURL(Path(disk_ / "file"), file("file"), &error_));
+  expectPosix(error_, EIO, "sync of " + at("file") + " failed: Input/output error",
+              "-[QVFileManager syncFileSystemsOfItems:error:]");
+  EXPECT_EQ(ReadFile(disk_ / "file"), "x");
+  repair();
+  ASSERT_EQ(::mknod((disk_ / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+  const Path socket(disk_ / "socket");
+  EXPECT_FALSE(manager_.moveItemAtURL(socket, file("socket"), &error_));
+  expectPosix(error_, EOPNOTSUPP,
+              "clonetree of file://" + socket.string() + " to " + url("socket") +
+                  " failed: " + ErrnoDescription(EOPNOTSUPP),
+              "-[QVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]");
+  EXPECT_TRUE(Exists(socket.string()));
 }
 
 TEST_F(MoveAcross, NamesOfAnyLengthAndFilesAndLinksMove) {

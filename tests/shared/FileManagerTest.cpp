@@ -103,7 +103,9 @@ class ScriptedRemoval final : public FileSystem {
     errno = resultErrno;
     return result;
   }
-  int CopyTree(const char*, const char*, std::uint32_t) override { return -1; }
+  int CopyTree(const char*, const char*, std::uint32_t, const LeftOutCallback&) override {
+    return -1;
+  }
   int MakePath(const char*, mode_t) override { return EIO; }
   int GetProtectionClass(int) override { return -1; }
   int SetProtectionClass(int, int) override { return -1; }
@@ -114,6 +116,7 @@ class ScriptedRemoval final : public FileSystem {
     return -1;
   }
   int lchmod(int, const char*, mode_t) override { return -1; }
+  bool LinksHaveModes() override { return false; }
   int SyncDirectory(const char*) override { return -1; }
   int SyncFileSystem(const char*) override { return -1; }
 
@@ -208,7 +211,21 @@ TEST_F(FileManager, CreatesDirectoriesWithModeAndClass) {
   EXPECT_TRUE(manager_.createDirectoryAtURL(directory("a/b"), {true, 0755, 3}, &error_));
   EXPECT_TRUE(manager_.dataProtectionClassOfItemAtURL(directory("a"), &number));
   EXPECT_EQ(number, 2);
-  EXPECT_TRUE(manager_.createDirectoryAtURL(directory("a/new"), {}, &error_));
+  for (const mode_t mask : {0U, 077U, 0777U}) {
+    const std::string name = "a/new" + std::to_string(mask);
+    ::umask(mask);
+    EXPECT_TRUE(manager_.createDirectoryAtURL(directory(name), {}, &error_));
+    ::umask(previous);
+    EXPECT_EQ(StatOf(at(name)).st_mode & 07777, 0755U);
+  }
+  // A link to a directory is an existing directory.
+  MakeLink("a", at("link"));
+  for (const bool parents : {false, true}) {
+    const std::int32_t wanted = parents ? 1 : 5;
+    EXPECT_TRUE(manager_.createDirectoryAtURL(directory("link"), {parents, 0755, wanted}, &error_));
+    EXPECT_TRUE(manager_.dataProtectionClassOfItemAtURL(directory("a"), &number));
+    EXPECT_EQ(number, wanted);
+  }
   WriteFile(at("file"), "");
   EXPECT_TRUE(manager_.createDirectoryAtURL(file("file"), {}, &error_));
   EXPECT_FALSE(error_);
@@ -217,7 +234,6 @@ TEST_F(FileManager, CreatesDirectoriesWithModeAndClass) {
 TEST_F(FileManager, CreationFailsWithItsStep) {
   WriteFile(at("file"), "");
   MakeDirectory(at("real"));
-  MakeLink("real", at("link"));
   EXPECT_FALSE(manager_.createDirectoryAtURL(directory("no/x"), {}, &error_));
   expectPosix(error_, ENOENT, "mkdir of " + at("no/x") + " failed: No such file or directory",
               kCreate);
@@ -226,11 +242,6 @@ TEST_F(FileManager, CreationFailsWithItsStep) {
               kCreate);
   EXPECT_FALSE(manager_.createDirectoryAtURL(file("file"), {.protectionClass = 4}, &error_));
   expectPosix(error_, ENOTDIR, "opendir of " + at("file") + " failed: Not a directory", kCreate);
-  // The class is never set through a link.
-  EXPECT_FALSE(manager_.createDirectoryAtURL(directory("link"), {.protectionClass = 4}, &error_));
-  std::int32_t number = 0;
-  EXPECT_TRUE(manager_.dataProtectionClassOfItemAtURL(directory("real"), &number));
-  EXPECT_EQ(number, 0);
   breakCall("SetProtectionClass", 1, ENOTSUP);
   EXPECT_FALSE(manager_.createDirectoryAtURL(directory("real"), {.protectionClass = 4}, &error_));
   expectPosix(error_, ENOTSUP,

@@ -109,8 +109,9 @@ class FaultyFileSystem final : public FileSystem {
     if (fault_.strikes("RemoveTree")) return -1;
     return real_.RemoveTree(path, flags, static_cast<FaultyWipeTreeState&>(state).real());
   }
-  int CopyTree(const char* source, const char* destination, std::uint32_t flags) override {
-    return fault_.strikes("CopyTree") ? -1 : real_.CopyTree(source, destination, flags);
+  int CopyTree(const char* source, const char* destination, std::uint32_t flags,
+               const LeftOutCallback& leftOut) override {
+    return fault_.strikes("CopyTree") ? -1 : real_.CopyTree(source, destination, flags, leftOut);
   }
   int MakePath(const char* path, mode_t mode) override {
     return fault_.strikes("MakePath") ? fault_.errorNumber() : real_.MakePath(path, mode);
@@ -135,6 +136,7 @@ class FaultyFileSystem final : public FileSystem {
   int lchmod(int directory, const char* name, mode_t mode) override {
     return fault_.strikes("lchmod") ? -1 : real_.lchmod(directory, name, mode);
   }
+  bool LinksHaveModes() override { return real_.LinksHaveModes(); }
   int SyncDirectory(const char* path) override {
     return fault_.strikes("SyncDirectory") ? -1 : real_.SyncDirectory(path);
   }

@@ -288,6 +288,11 @@ TEST_F(QuorvelctlTest, TreeCommandsDoWhatTheySay) {
   EXPECT_FALSE(fs::exists("g"));
   EXPECT_EQ(exitCode({"move", "e", "g"}), 0);
   EXPECT_FALSE(fs::exists("e"));
+  fs::create_directory("s");
+  ASSERT_EQ(::mknod("s/socket", S_IFSOCK | 0600, 0), 0);
+  const HostRun partly = RunHost({"copy", "s", "s2"});
+  EXPECT_EQ(partly.exitCode, 1);
+  EXPECT_NE(partly.err.find("left out the socket " + tree_.at("s/socket")), std::string::npos);
   EXPECT_EQ(tree_.read("g/sub/f"), "content");
 
   EXPECT_EQ(object({"mkdir", "p/q"}, 1)["code"], ENOENT);
@@ -340,6 +345,17 @@ TEST_F(QuorvelctlTest, LinksResolutionAndAttributesAnswerByExitCode) {
   const std::string real = fs::canonical("base");
   EXPECT_EQ(RunHost({"resolve", "--base", "base", "base/sub/up"}).out, real + "/sub\n");
   EXPECT_EQ(object({"resolve", "--base", "base", "base/new/x"})["path"], real + "/new/x");
+  EXPECT_EQ(exitCode({"link", "../sub/", "base/sub/slash"}), 0);
+  EXPECT_EQ(RunHost({"readlink", "base/sub/slash"}).out, "../sub/\n");
+  // The rule believes a link's own text; --strict goes and looks.
+  fs::create_symlink("/etc", "base/a");
+  fs::create_symlink("a/passwd", "base/b");
+  EXPECT_EQ(object({"resolve", "--base", "base", "base/b"})["path"], "/etc/passwd");
+  EXPECT_EQ(object({"resolve", "--strict", "--base", "base", "base/b"}, 1)["code"], EXDEV);
+  EXPECT_EQ(object({"resolve", "--strict", "--base", "base", "base/new"}, 1)["code"], ENOENT);
+  EXPECT_EQ(object({"resolve", "--strict", "--base", "base", "base2"}, 1)["code"], EXDEV);
+  EXPECT_EQ(RunHost({"resolve", "--strict", "--base", "base", "base/sub/up"}).out, real + "/sub\n");
+  EXPECT_EQ(RunHost({"resolve", "--strict", "--base", "base", "base"}).out, real + "\n");
   const HostRun climbing = RunHost({"resolve", "--base", "base", "base/sub/../x"});
   EXPECT_EQ(climbing.exitCode, 1);
   EXPECT_EQ(climbing.err, "quorvelctl: resolve: The suspicious path " + tree_.at("base/sub/../x") +

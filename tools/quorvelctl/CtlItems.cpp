@@ -1,6 +1,13 @@
 // Single items: where paths and links lead, and the attributes that the service keeps.
-#include <algorithm>
+#include <fcntl.h>
+#include <linux/limits.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/files/ReachBeneath.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "tools/quorvelctl/CtlCommand.h"
 #include "tools/quorvelctl/CtlOptions.h"
@@ -17,9 +24,12 @@ class Resolve final : public Command {
   explicit Resolve(CLI::App& parser) {
     AddText(parser, "PATH", child_, "The path in question; it need not exist")->required();
     AddText(parser, "--base", base_, "The directory that it must stay inside")->required();
+    AddFlag(parser, "--strict", strict_,
+            "Reach the item, and never leave the directory on the way");
   }
 
   int run(Session& session) override {
+    if (strict_) return reach(session);
     const auto real = Files().realPathForURL(session.path(child_), session.path(base_));
     if (real)
       return session.finish({{"path", real->string()}}, session.shown(real->string()) + "\n");
@@ -27,8 +37,42 @@ class Resolve final : public Command {
   }
 
  private:
+  int reach(Session& session) const {
+    const Path child = session.path(child_);
+    const Path base = session.path(base_);
+    UniqueDescriptor item;
+    const int number = openBelow(base, child, &item);
+    if (number != 0) {
+      return session.fail(onlinux::PosixFailure(
+          number, child.string() + " cannot be reached inside " + base.string()));
+    }
+    const std::string real = whereIs(item, child).string();
+    return session.finish({{"path", real}}, session.shown(real) + "\n");
+  }
+
+  static int openBelow(const Path& base, const Path& child, UniqueDescriptor* item) {
+    const std::string inside = base.string() == "/" ? "/" : base.string() + "/";
+    if (child != base && !child.string().starts_with(inside)) return EXDEV;
+    const FileSystemRepresentation name = base.fileSystemRepresentation();
+    const UniqueDescriptor directory(::open(name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) return errno;
+    const std::string rest =
+        child == base ? "" : BytesOfFileSystemRepresentation(child.string().substr(inside.size()));
+    return onlinux::ReachBeneath(directory.get(), rest, item);
+  }
+
+  // As the kernel names it; as it was given where nothing tells that.
+  static Path whereIs(const UniqueDescriptor& item, const Path& given) {
+    char text[PATH_MAX + 1];
+    const std::string link = "/proc/self/fd/" + std::to_string(item.get());
+    const ssize_t length = ::readlink(link.c_str(), text, sizeof text);
+    if (length <= 0) return given;
+    return Path(StringFromFileSystemRepresentation({text, static_cast<std::size_t>(length)}));
+  }
+
   std::string child_;
   std::string base_;
+  bool strict_ = false;
 };
 
 class Link final : public Command {
@@ -42,7 +86,7 @@ class Link final : public Command {
 
   int run(Session& session) override {
     Error error;
-    const Path target(StringFromFileSystemRepresentation(target_));
+    const Path target = Path::linkText(StringFromFileSystemRepresentation(target_));
     const bool done = Files().createSymbolicLinkAtURL(session.path(link_), target, &error);
     return done ? session.succeed() : session.fail(error);
   }

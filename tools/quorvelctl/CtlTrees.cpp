@@ -89,7 +89,9 @@ class Carry final : public Command {
  public:
   using Operation = bool (QVFileManager::*)(const Path&, const Path&, Error*);
 
-  Carry(CLI::App& parser, Operation plain, Operation ifExists) : operations_{plain, ifExists} {
+  // `whole`: what was left out, which the operation only logs, makes the exit code 1.
+  Carry(CLI::App& parser, Operation plain, Operation ifExists, bool whole)
+      : operations_{plain, ifExists}, whole_(whole) {
     AddText(parser, "SRC", source_, "The item")->required();
     AddText(parser, "DST", destination_, "Its new path, not a directory to put it in")->required();
     AddFlag(parser, "--if-exists", ifExists_, "A missing item is done, too");
@@ -101,11 +103,15 @@ class Carry final : public Command {
     Error error;
     const Operation carry = operations_[ifExists_ ? 1 : 0];
     const bool done = (Files().*carry)(session.path(source_), session.path(destination_), &error);
-    return done ? session.succeed() : session.fail(error);
+    if (!done) return session.fail(error);
+    if (!whole_ || session.errorLines() == 0) return session.succeed();
+    return session.finish({{"succeeded", false}, {"errorLines", session.errorLines()}}, "",
+                          host::ExitFailed);
   }
 
  private:
   const std::array<Operation, 2> operations_;
+  const bool whole_;
   std::string source_;
   std::string destination_;
   bool ifExists_ = false;
@@ -216,12 +222,12 @@ std::unique_ptr<Command> Make(CLI::App& parser) {
 
 std::unique_ptr<Command> MakeCopy(CLI::App& parser) {
   return std::make_unique<Carry>(parser, &QVFileManager::copyItemAtURL,
-                                 &QVFileManager::copyItemIfExistsAtURL);
+                                 &QVFileManager::copyItemIfExistsAtURL, true);
 }
 
 std::unique_ptr<Command> MakeMove(CLI::App& parser) {
   return std::make_unique<Carry>(parser, &QVFileManager::moveItemAtURL,
-                                 &QVFileManager::moveItemIfExistsAtURL);
+                                 &QVFileManager::moveItemIfExistsAtURL, false);
 }
 
 constexpr CommandEntry Commands[] = {

@@ -27,7 +27,8 @@ int Made(int directory, const char* name, mode_t mode, const ModeChanger& modes)
 // What EEXIST means for the last component.
 int Existing(int directory, const char* name) {
   struct stat info;
-  if (::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  // A link to a directory counts as one, as it does in the middle of the path.
+  if (::fstatat(directory, name, &info, 0) != 0) return errno;
   return S_ISDIR(info.st_mode) ? EEXIST : ENOTDIR;
 }
 

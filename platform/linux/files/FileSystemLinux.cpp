@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <new>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -43,6 +44,15 @@ int Result(const Operation& operation) {
 int OpenBoth(const char* source, const char* destination, ItemPath* from, ItemPath* to) {
   const int number = OpenItemPath(source, from);
   return number != 0 ? number : OpenItemPath(destination, to);
+}
+
+// The system's name of an attribute; absent when memory is out.
+std::optional<std::string> AttributeName(const char* name) {
+  try {
+    return std::string("user.") + name;
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 bool AcceptsOptions(std::uint32_t position, int options) {
@@ -82,7 +92,8 @@ int FileSystemLinux::RemoveTree(const char* path, unsigned flags, WipeTreeState&
   });
 }
 
-int FileSystemLinux::CopyTree(const char* source, const char* destination, std::uint32_t flags) {
+int FileSystemLinux::CopyTree(const char* source, const char* destination, std::uint32_t flags,
+                              const LeftOutCallback& leftOut) {
   constexpr std::uint32_t kNeeded =
       CLONETREE_DATA_STAT_XATTR_ACL | CLONETREE_NOFOLLOW_SRC | CLONETREE_NOFOLLOW_DST;
   if ((flags & ~CLONETREE_RECURSIVE) != kNeeded) return Fail(EINVAL);
@@ -92,7 +103,7 @@ int FileSystemLinux::CopyTree(const char* source, const char* destination, std::
     const int number = OpenBoth(source, destination, &from, &to);
     if (number != 0) return number;
     const bool recursive = (flags & CLONETREE_RECURSIVE) != 0;
-    return TreeCopier(std::move(from), std::move(to), modes_, recursive).run();
+    return TreeCopier(std::move(from), std::move(to), modes_, recursive, leftOut).run();
   });
 }
 
@@ -132,14 +143,16 @@ ssize_t FileSystemLinux::getxattr(const char* path, const char* name, void* valu
                                   std::uint32_t position, int options) {
   if (!AcceptsOptions(position, options)) return Fail(EINVAL);
   if (path == nullptr || name == nullptr) return Fail(EFAULT);
-  return ::lgetxattr(path, (std::string("user.") + name).c_str(), value, size);
+  const std::optional<std::string> own = AttributeName(name);
+  return own ? ::lgetxattr(path, own->c_str(), value, size) : Fail(ENOMEM);
 }
 
 int FileSystemLinux::setxattr(const char* path, const char* name, const void* value,
                               std::size_t size, std::uint32_t position, int options) {
   if (!AcceptsOptions(position, options)) return Fail(EINVAL);
   if (path == nullptr || name == nullptr) return Fail(EFAULT);
-  return ::lsetxattr(path, (std::string("user.") + name).c_str(), value, size, 0);
+  const std::optional<std::string> own = AttributeName(name);
+  return own ? ::lsetxattr(path, own->c_str(), value, size, 0) : Fail(ENOMEM);
 }
 
 int FileSystemLinux::lchmod(int directory, const char* name, mode_t mode) {

@@ -38,7 +38,8 @@ class FileSystemLinux final : public FileSystem {
 
   std::unique_ptr<WipeTreeState> allocateWipeTreeState() override;
   int RemoveTree(const char* path, unsigned flags, WipeTreeState& state) override;
-  int CopyTree(const char* source, const char* destination, std::uint32_t flags) override;
+  int CopyTree(const char* source, const char* destination, std::uint32_t flags,
+               const LeftOutCallback& leftOut) override;
   int MakePath(const char* path, mode_t mode) override;
   int GetProtectionClass(int descriptor) override;
   int SetProtectionClass(int descriptor, int protectionClass) override;
@@ -47,6 +48,7 @@ class FileSystemLinux final : public FileSystem {
   int setxattr(const char* path, const char* name, const void* value, std::size_t size,
                std::uint32_t position, int options) override;
   int lchmod(int directory, const char* name, mode_t mode) override;
+  bool LinksHaveModes() override { return false; }
   int SyncDirectory(const char* path) override;
   int SyncFileSystem(const char* path) override;
 

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 namespace quorvel::onlinux {
 namespace {
@@ -78,16 +79,39 @@ bool MetadataCopier::copy(int input, int output, const ItemStatus& status, const
   return ::futimens(output, status.times) == 0;
 }
 
-bool MetadataCopier::copyToPinned(int pinned, int directory, const char* name,
-                                  const ItemStatus& status, const Ownership& current) {
+bool MetadataCopier::copyPinned(const PinnedItem& input, const PinnedItem& output,
+                                const ItemStatus& status, const Ownership& current) {
   Ownership owner = current;
-  if (!GiveOwner(pinned, status.owner, &owner)) return false;
+  if (!GiveOwner(output.descriptor, status.owner, &owner)) return false;
+  if (!copyPinnedAttributes(input.descriptor, output.descriptor)) return false;
   const bool link = S_ISLNK(status.mode);
-  if (!link && modes_.changePinned(pinned, ModeFor(status, owner)) != 0) return false;
-  if (::utimensat(pinned, "", status.times, AT_EMPTY_PATH) == 0) return true;
+  if (!link && modes_.changePinned(output.descriptor, ModeFor(status, owner)) != 0) return false;
+  if (::utimensat(output.descriptor, "", status.times, AT_EMPTY_PATH) == 0) return true;
   // Kernels before 5.8 want a name.
   if (errno != EINVAL && errno != ENOENT) return false;
-  return ::utimensat(directory, name, status.times, AT_SYMLINK_NOFOLLOW) == 0;
+  return ::utimensat(output.directory, output.name, status.times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// The calls on descriptors refuse pins. The names in /proc lead to the pinned item itself, and no
+// further where it is a link.
+bool MetadataCopier::copyPinnedAttributes(int input, int output) {
+  const std::string from = "/proc/self/fd/" + std::to_string(input);
+  const std::string to = "/proc/self/fd/" + std::to_string(output);
+  if (names_ == nullptr) names_ = std::make_unique_for_overwrite<char[]>(XATTR_LIST_MAX);
+  const ssize_t count = ::listxattr(from.c_str(), names_.get(), XATTR_LIST_MAX);
+  if (count < 0) return errno == ENOTSUP || errno == ENOENT || errno == EACCES;
+  if (count > 0 && value_ == nullptr) {
+    value_ = std::make_unique_for_overwrite<char[]>(XATTR_SIZE_MAX);
+  }
+  for (ssize_t at = 0; at < count; at += static_cast<ssize_t>(std::strlen(&names_[at])) + 1) {
+    const char* name = &names_[at];
+    const ssize_t size = ::getxattr(from.c_str(), name, value_.get(), XATTR_SIZE_MAX);
+    const bool done = size >= 0 ? ::setxattr(to.c_str(), name, value_.get(),
+                                             static_cast<std::size_t>(size), 0) == 0
+                                : errno == ENODATA;
+    if (!done && !MayBeRefused(name, errno)) return false;
+  }
+  return true;
 }
 
 bool MetadataCopier::HandsDownAccess(int directory) {

@@ -24,6 +24,13 @@ struct ItemStatus {
   timespec times[2];  // access, modification
 };
 
+// An item that is open with O_PATH, and where it is.
+struct PinnedItem {
+  int descriptor;
+  int directory;
+  const char* name;
+};
+
 // One per tree copy. Belongs to one thread. Operations are false with errno set.
 class MetadataCopier {
  public:
@@ -33,10 +40,10 @@ class MetadataCopier {
   // output may have access-control lists that it got from its directory.
   bool copy(int input, int output, const ItemStatus& status, const Ownership& current,
             bool inherits);
-  // For items that are not to be opened: links, pipes, devices. `pinned` is open with O_PATH and
-  // is the item `name` of `directory`.
-  bool copyToPinned(int pinned, int directory, const char* name, const ItemStatus& status,
-                    const Ownership& current);
+  // For items that are not to be opened: links, pipes, devices. Their attributes are reached by
+  // way of /proc, and are left out where it is not mounted.
+  bool copyPinned(const PinnedItem& input, const PinnedItem& output, const ItemStatus& status,
+                  const Ownership& current);
 
   // Whether new items in the directory get an access-control list from it.
   static bool HandsDownAccess(int directory);
@@ -45,6 +52,7 @@ class MetadataCopier {
   enum class Stage { beforeOwner, afterOwner };
 
   bool listAttributes(int input, std::size_t* size);
+  bool copyPinnedAttributes(int input, int output);
   bool copyAttributes(int input, int output, std::size_t listSize, Stage stage);
   bool copyAttribute(int input, int output, const char* name);
   bool removeInherited(int output, std::size_t listSize);

@@ -134,7 +134,7 @@ int Move::copyIntoPlace() {
 }
 
 int Move::copyAndPlace() {
-  if (files_.CopyTree(from_.c_str(), incoming_.c_str(), kCopyFlags) != 0) return errno;
+  if (files_.CopyTree(from_.c_str(), incoming_.c_str(), kCopyFlags, nullptr) != 0) return errno;
   const int number = writeMark();
   if (number != 0) return number;
   // Copy and mark are on stable storage before the name, and the name before the source goes.

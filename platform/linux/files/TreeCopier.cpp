@@ -35,10 +35,11 @@ bool Look(int directory, const char* name, struct stat* info) {
 }  // namespace
 
 TreeCopier::TreeCopier(ItemPath source, ItemPath destination, const ModeChanger& modes,
-                       bool recursive)
+                       bool recursive, const LeftOutCallback& leftOut)
     : sourceItem_(std::move(source)),
       targetItem_(std::move(destination)),
       recursive_(recursive),
+      leftOut_(leftOut),
       source_(sourceItem_.parent.get(), sourceItem_.name, sourceItem_.path),
       target_(targetItem_.parent.get(), targetItem_.name, targetItem_.name),
       metadata_(modes) {
@@ -125,13 +126,28 @@ bool TreeCopier::copyItem(const char* name, mode_t kind) {
   if (S_ISDIR(kind)) return enterDirectory(name);
   struct stat info;
   if (!Look(from(), name, &info)) return false;
-  if (S_ISSOCK(info.st_mode)) return true;
+  if (S_ISSOCK(info.st_mode)) return leaveOut(name);
   bool failed = false;
   if (linkInstead(name, info, &failed)) return true;
   if (failed) return false;
   if (S_ISLNK(info.st_mode)) return copyLink(name, info);
   const bool special = S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode);
   return special ? copySpecial(name, info) : Fail(ESTALE);  // exchanged meanwhile
+}
+
+bool TreeCopier::leaveOut(const char* name) {
+  if (source_.depth() == 0) return Fail(EOPNOTSUPP);
+  if (leftOut_) leftOut_(source_.pathOf(name).c_str());
+  return true;
+}
+
+template <class Make>
+bool TreeCopier::makeInPlace(const char* name, const Make& make) {
+  for (int attempt = 0; attempt <= kMostAttempts; ++attempt) {
+    if (make() == 0) return true;
+    if (errno != EEXIST || attempt == kMostAttempts || !clear(name)) return false;
+  }
+  return false;
 }
 
 bool TreeCopier::copyFile(const char* name) {
@@ -144,12 +160,12 @@ bool TreeCopier::copyFile(const char* name) {
   if (failed) return false;
 
   const char* made = targetName(name);
-  UniqueDescriptor output = target_.openAt(into(), made, kMakeFlags, S_IRUSR | S_IWUSR);
-  for (int attempt = 0; !output && errno == EEXIST && attempt < kMostAttempts; ++attempt) {
-    if (!clear(made)) return false;
+  UniqueDescriptor output;
+  const bool opened = makeInPlace(made, [&] {
     output = target_.openAt(into(), made, kMakeFlags, S_IRUSR | S_IWUSR);
-  }
-  if (!output) return false;
+    return output ? 0 : -1;
+  });
+  if (!opened) return false;
   if (fillFile(input.get(), output.get(), made, info)) return true;
   // Half a file is no use, and its space may be what the next attempt lacks.
   const int number = errno;
@@ -215,33 +231,33 @@ bool TreeCopier::copyLink(const char* name, const struct stat& info) {
   if (static_cast<std::size_t>(length) == sizeof text) return Fail(ENAMETOOLONG);
   text[length] = '\0';
   const char* made = targetName(name);
-  int result = ::symlinkat(text, into(), made);
-  for (int attempt = 0; result != 0 && errno == EEXIST && attempt < kMostAttempts; ++attempt) {
-    if (!clear(made)) return false;
-    result = ::symlinkat(text, into(), made);
-  }
-  return result == 0 && finishPinned(made, info);
+  return makeInPlace(made, [&] { return ::symlinkat(text, into(), made); }) &&
+         finishPinned(name, info);
 }
 
 bool TreeCopier::copySpecial(const char* name, const struct stat& info) {
   const mode_t kind = info.st_mode & S_IFMT;
   const char* made = targetName(name);
-  int result = ::mknodat(into(), made, kind | S_IRUSR | S_IWUSR, info.st_rdev);
-  for (int attempt = 0; result != 0 && errno == EEXIST && attempt < kMostAttempts; ++attempt) {
-    if (!clear(made)) return false;
-    result = ::mknodat(into(), made, kind | S_IRUSR | S_IWUSR, info.st_rdev);
-  }
-  return result == 0 && finishPinned(made, info);
+  return makeInPlace(
+             made,
+             [&] { return ::mknodat(into(), made, kind | S_IRUSR | S_IWUSR, info.st_rdev); }) &&
+         finishPinned(name, info);
 }
 
-// Owner, mode and times go to what is pinned, and only if it still is what was made: a name in a
-// directory of somebody else may have been given to a file of a third person.
-bool TreeCopier::finishPinned(const char* name, const struct stat& info) {
+// Attributes, owner, mode and times go to what is pinned, and only if it still is what was made: a
+// name in a directory of somebody else may have been given to a file of a third person.
+bool TreeCopier::finishPinned(const char* entry, const struct stat& info) {
+  const char* name = targetName(entry);
+  const UniqueDescriptor original = source_.openAt(from(), entry, kPinFlags);
+  struct stat still;
+  if (!original || ::fstat(original.get(), &still) != 0) return false;
+  if (IdentityOf(still) != IdentityOf(info)) return Fail(ESTALE);
   const UniqueDescriptor made = target_.openAt(into(), name, kPinFlags);
   struct stat now;
   if (!made || ::fstat(made.get(), &now) != 0) return false;
   if ((now.st_mode & S_IFMT) != (info.st_mode & S_IFMT) || now.st_nlink != 1) return Fail(ESTALE);
-  return metadata_.copyToPinned(made.get(), into(), name, ItemStatus(info), OwnershipOf(now)) &&
+  return metadata_.copyPinned({original.get(), from(), entry}, {made.get(), into(), name},
+                              ItemStatus(info), OwnershipOf(now)) &&
          rememberLink(name, info);
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/FileSystem.h"
 #include "platform/linux/files/DataCopier.h"
 #include "platform/linux/files/DirectoryStack.h"
 #include "platform/linux/files/HardLinks.h"
@@ -16,7 +17,8 @@ namespace quorvel::onlinux {
 // target, in which every directory stays private to the copying process until it is finished.
 class TreeCopier {
  public:
-  TreeCopier(ItemPath source, ItemPath destination, const ModeChanger& modes, bool recursive);
+  TreeCopier(ItemPath source, ItemPath destination, const ModeChanger& modes, bool recursive,
+             const LeftOutCallback& leftOut);
   // 0, or the number of the failure that ended the copy.
   int run();
 
@@ -41,7 +43,12 @@ class TreeCopier {
   bool fillFile(int input, int output, const char* name, const struct stat& info);
   bool copyLink(const char* name, const struct stat& info);
   bool copySpecial(const char* name, const struct stat& info);
-  bool finishPinned(const char* name, const struct stat& info);
+  // `entry` is the source's name.
+  bool finishPinned(const char* entry, const struct stat& info);
+  bool leaveOut(const char* name);
+  // Makes an item with `make`, which is 0 or -1 with errno set; what is in the way is cleared.
+  template <class Make>
+  bool makeInPlace(const char* name, const Make& make);
   bool enterDirectory(const char* name);
   bool makeDirectory(const char* name, UniqueDescriptor* made, bool* merged);
   bool makePrivate(int directory, const struct stat& found, mode_t sourceMode);
@@ -63,6 +70,7 @@ class TreeCopier {
   ItemPath sourceItem_;
   ItemPath targetItem_;
   bool recursive_;
+  const LeftOutCallback& leftOut_;
   DirectoryStack source_;
   DirectoryStack target_;
   std::vector<Level> levels_;  // as deep as the stacks

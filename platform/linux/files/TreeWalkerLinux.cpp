@@ -57,6 +57,13 @@ TreeWalkKind KindOf(mode_t mode) {
   return S_ISLNK(mode) ? TreeWalkKind::symbolicLink : TreeWalkKind::other;
 }
 
+// Whether the failure to open a directory says something about the directory, vanished ones
+// included, rather than about this process or a tree that changes under the walk.
+bool IsOfTheDirectory(int number) {
+  return number != 0 && number != EMFILE && number != ENFILE && number != ENOMEM &&
+         number != ESTALE && number != ELOOP && number != ENOTDIR;
+}
+
 const TreeWalkEntry* TreeWalkLinux::read() {
   if (!ended_) {
     try {
@@ -82,7 +89,7 @@ const TreeWalkEntry* TreeWalkLinux::readNext() {
   while (stack_.depth() > 0) {
     const DirectoryEntry* listed = stack_.reader().next(stack_.descriptor());
     if (listed == nullptr) return errno == 0 ? finishDirectory() : end(errno);
-    if (const TreeWalkEntry* entry = deliverEntry(*listed)) return entry;
+    return deliverEntry(*listed);
   }
   return end(0);
 }
@@ -110,12 +117,10 @@ const TreeWalkEntry* TreeWalkLinux::deliverRoot() {
                  root_.c_str());
 }
 
-// Null when the entry is not there any more.
 const TreeWalkEntry* TreeWalkLinux::deliverEntry(const DirectoryEntry& listed) {
   const int parent = stack_.descriptor();
   entry_.errorNumber = 0;
   const bool seen = ::fstatat(parent, listed.name, &entry_.info, AT_SYMLINK_NOFOLLOW) == 0;
-  if (!seen && errno == ENOENT) return nullptr;
   if (!seen) entry_.errorNumber = errno;
   const std::string& directory = stack_.path();
   entryPath_ = directory;
@@ -135,12 +140,11 @@ const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
   int number = descriptor && ::fstat(descriptor.get(), &opened) == 0 ? 0 : errno;
   // Exchanged meanwhile: the visitor has judged another directory.
   if (number == 0 && IdentityOf(opened) != IdentityOf(entry_.info)) number = ESTALE;
-  if (number == EACCES || number == EPERM) {
+  if (IsOfTheDirectory(number)) {
     entry_.errorNumber = number;
     return deliver(TreeWalkKind::unreadableDirectory, entry_.parent, entry_.name);
   }
   entry_.kind = TreeWalkKind::directoryAfter;  // it is dealt with, whatever follows
-  if (number == ENOENT) return nullptr;
   // Anything else would leave out entries without a word.
   if (number != 0) return end(number);
   directories_.push_back(entry_.info);

@@ -1,0 +1,18 @@
+// Reaches an item below a directory without ever leaving that directory.
+#pragma once
+
+#include <string_view>
+
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::onlinux {
+
+// Opens the item with O_PATH: 0, or the number of the failure. EXDEV for a way that leads out of
+// `base` at any step, by "..", by a link or by an absolute link wherever that leads. Links inside
+// are followed, the last one included. `relative` may be empty: the base itself. What the
+// descriptor names was inside when it was reached; a move afterwards takes it along.
+int ReachBeneath(int base, std::string_view relative, UniqueDescriptor* item);
+// The same without the kernel's help, which early ones and some filters refuse.
+int WalkBeneath(int base, std::string_view relative, UniqueDescriptor* item);
+
+}  // namespace quorvel::onlinux

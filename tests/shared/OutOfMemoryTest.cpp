@@ -1,0 +1,112 @@
+// Memory that runs out, at every allocation of every operation that promises to throw nothing.
+#include <cstdlib>
+#include <functional>
+#include <new>
+
+#include "platform/linux/system/Sha256Linux.h"
+#include "shared/support/Digest.h"
+#include "tests/shared/FileManagerFixture.h"
+
+namespace {
+// How many more allocations of this thread succeed; below 0 all do.
+thread_local long allocationsLeft = -1;
+}  // namespace
+
+// Not inlined: the compiler would take malloc and delete for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (allocationsLeft == 0) throw std::bad_alloc();
+  if (allocationsLeft > 0) --allocationsLeft;
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
+
+namespace quorvel::tests {
+namespace {
+
+TEST_F(FileManager, MemoryThatRunsOutIsAFailureLikeAnyOther) {
+  onlinux::Sha256ProviderLinux sha256;
+  platform_.set.sha256 = &sha256;
+  MakeDirectory(at("d"));
+  WriteFile(at("d/f"), "x");
+  MakeLink("f", at("d/l"));
+  const Path d = directory("d");
+  const Path f = file("d/f");
+  const Path link = file("d/l");
+  const Path none = file("none");
+  const Path copy = file("copy");
+  const std::string name = f.string();
+  std::int32_t number = 0;
+  QVFileManager& m = manager_;
+  struct Operation {
+    const char* name;
+    std::function<bool(Error*)> run;  // false as a failure
+  };
+  const Operation operations[] = {
+      {"remove", [&](Error* e) { return m.removeItemAtURL(copy, e); }},
+      {"create",
+       [&](Error* e) {
+         return m.createDirectoryAtURL(d, {true, 0755, 4}, e);
+       }},
+      {"copy", [&](Error* e) { return m.copyItemAtURL(d, copy, e); }},
+      {"move", [&](Error* e) { return m.moveItemIfExistsAtURL(none, copy, e); }},
+      {"mktemp",
+       [&](Error* e) { return m.createTemporaryDirectoryInDirectoryURL(d, e).has_value(); }},
+      {"sync", [&](Error* e) { return m.syncDirectoryAtURL(d, e); }},
+      {"sync all", [&](Error* e) { return m.syncFileSystemsOfItems({}, e); }},
+      {"list", [&](Error* e) { return m.urlsForItemsInDirectoryAtURL(d, false, e).has_value(); }},
+      {"standardize",
+       [&](Error* e) {
+         return m.standardizeOwnershipAtURL(d, {0, 0, true}, e);
+       }},
+      {"capture",
+       [&](Error* e) {
+         return m.captureStoreDataFromDirectory(d, d, {true, true}, e);
+       }},
+      {"readlink", [&](Error* e) { return m.destinationOfSymbolicLinkAtURL(link, e).has_value(); }},
+      {"class", [&](Error* e) { return m.dataProtectionClassOfItemAtURL(f, &number, e); }},
+      {"type", [&](Error* e) { return m.installTypeForBundle(d, e).has_value(); }},
+      {"failure", [&](Error* e) { return !m.moveItemAtURL(none, copy, e); }},
+  };
+  const auto attempt = [](long allocations, const std::function<bool(Error*)>& run, Error* error) {
+    allocationsLeft = allocations;
+    bool done = false;
+    bool threw = false;
+    try {
+      done = run(error);
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    }
+    allocationsLeft = -1;
+    EXPECT_FALSE(threw) << "after " << allocations;
+    return done;
+  };
+  for (const Operation& operation : operations) {
+    SCOPED_TRACE(operation.name);
+    bool done = false;
+    for (long allocations = 0; !done && allocations < 2000; ++allocations) {
+      Error error;
+      done = attempt(allocations, operation.run, &error);
+      EXPECT_TRUE(done || error) << "after " << allocations;
+      if (HasFailure()) return;
+    }
+    EXPECT_TRUE(done);
+  }
+  // Those that give no Error: no answer, or "no", but nothing thrown.
+  for (long allocations = 0; allocations < 60; ++allocations) {
+    attempt(
+        allocations, [&](Error*) { return m.realPathForURL(link, d).has_value(); }, nullptr);
+    attempt(
+        allocations, [&](Error*) { return m.itemExistsAtURL(f); }, nullptr);
+    attempt(
+        allocations, [&](Error*) { return m.bundleAtURLIsPlaceholder(d); }, nullptr);
+    attempt(
+        allocations, [&](Error*) { return QVCreateSHA256Digest(name).has_value(); }, nullptr);
+  }
+}
+
+}  // namespace
+}  // namespace quorvel::tests

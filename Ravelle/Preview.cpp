@@ -247,6 +247,8 @@ bool RavellePreview::isOfAnotherKind(const std::string& identifier, const Path& 
 
 std::vector<std::string> RavellePreview::missedItems(const WorkItem& item,
                                                      const RecordFields& fields) {
+  // Of a container that another marker took with it nothing is left by then.
+  if (!willBeThere(fields.container)) return {};
   std::vector<std::string> names = item.found.names;
   if (item.entry.string() != fields.container.string()) {
     names.clear();

@@ -112,7 +112,7 @@ TEST_F(MoveAcross, ASourceThatStaysIsOnlyLogged) {
   EXPECT_EQ(platform_.log.lines()[0].function, kMove);
   EXPECT_THAT(platform_.log.lines()[0].message,
               StartsWith("Failed to remove move source after copy at " +
-                         (disk_ / (std::string(MoveRemainPrefix) + "Documents")) +
+                         (disk_ / (std::string(MoveRemainPrefix) + "1/Documents")) +
                          " : PosixErrorDomain 16 {"));
   // What stayed is known for what it is.
   repair();

@@ -14,6 +14,8 @@ constexpr long PairStride = 4;     // every so many points are followed by a sec
 constexpr long PairSamples = 4;    // at so many points of the recovering run
 constexpr long SignalStride = 16;  // every so many points are tried with signals, too
 
+constexpr int SignalExit = 128;  // and the signal's number: how the host ends when it is asked to
+
 const std::map<std::string, int>& Signals() {
   static const std::map<std::string, int> signals = {
       {"TERM", SIGTERM}, {"INT", SIGINT}, {"HUP", SIGHUP}};
@@ -82,8 +84,11 @@ bool KillSweep::disturb(const testing::Device& device, long atCall, int signal, 
                                                 return {Treatment::Kind::signal, signal};
                                               });
   // Who asks the host to end need not be obeyed; whoever kills it is.
-  const bool ended = run.signal == signal || (signal != SIGKILL && WrongEnd(run).empty());
-  if (reached && !ended) finding->lost.push_back("the signal did not end the run");
+  const bool ended = run.signal == signal || run.exitStatus == SignalExit + signal ||
+                     (signal != SIGKILL && WrongEnd(run).empty());
+  if (reached && !ended)
+    finding->lost.push_back("the signal did not end the run, but " + std::to_string(run.signal) +
+                            "/" + std::to_string(run.exitStatus));
   return reached;
 }
 

@@ -8,7 +8,7 @@ namespace quorvel::sweep {
 
 namespace {
 
-constexpr int LastExitCode = 4;  // of those that the host's manual names
+constexpr int LastExitCode = 5;  // of those that the host's manual names
 
 int BecomeHost(const HostProgram& host, const std::string& root) {
   const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -152,8 +152,8 @@ void AddSnapshot(CLI::App& parser, Options& options) {
   command->callback([&options] { options.command = Command::snapshot; });
   command->footer(
       "Example:\n"
-      "  mkdir -p /tmp/device/private/var/mobile && migration-host snapshot --root /tmp/device "
-      "--output /tmp/device.jsonl");
+      "  mkdir -p /tmp/device/private/var/mobile && migration-host snapshot \\\n"
+      "    --root /tmp/device --output /tmp/device.jsonl");
 }
 
 void AddVerify(CLI::App& parser, Options& options) {
@@ -171,6 +171,22 @@ void AddVerify(CLI::App& parser, Options& options) {
   command->footer(
       "Example:\n"
       "  migration-host verify --root /tmp/device /tmp/device.jsonl");
+}
+
+void AddRehearse(CLI::App& parser, Options& options) {
+  CLI::App* command =
+      parser.add_subcommand("rehearse", "Migrate a view of the tree, verify it and throw it away");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  AddPlugin(*command, options);
+  command->add_option("--upper", options.upper, "Where the view's changes go (default: memory)")
+      ->type_name("DIR")
+      ->check(NotEmpty);
+  AddFlag(*command, "--keep", options.keep, "Keep the view's changes and the manifest");
+  command->callback([&options] { options.command = Command::rehearse; });
+  command->footer(
+      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host rehearse --root "
+      "/tmp/device");
 }
 
 void AddRegister(CLI::App& parser, Options& options) {
@@ -208,6 +224,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddRegister(parser, options);
   AddSnapshot(parser, options);
   AddVerify(parser, options);
+  AddRehearse(parser, options);
 
   ParsedCommandLine parsed;
   const std::string complaint = UsageComplaint(parser, argc, argv);

@@ -7,7 +7,7 @@
 
 namespace quorvel::host {
 
-enum class Command { migrate, inspect, registry, registerIdentifier, snapshot, verify };
+enum class Command { migrate, inspect, registry, registerIdentifier, snapshot, verify, rehearse };
 enum class ProgressMode { automatic, always, never };
 
 // A command with its arguments. Paths are the bytes that the user gave.
@@ -33,6 +33,9 @@ struct Options {
   std::string manifest;
   std::string result;   // of the run, as `migrate --json` printed it; empty: none
   bool strict = false;  // a loss that the sequence orders is a failure, too
+  // rehearse only:
+  std::string upper;  // where changes go; empty: in memory, else beside the tree
+  bool keep = false;
 };
 
 // Options to run with; without them, `exitCode` and the text that goes with it: help or the version

@@ -12,5 +12,6 @@ int RunRegistry(const Options& options);
 int RunRegister(const Options& options);
 int RunSnapshot(const Options& options);
 int RunVerify(const Options& options);
+int RunRehearse(const Options& options);
 
 }  // namespace quorvel::host

@@ -26,6 +26,8 @@ int RunCommand(const Options& options) {
       return RunSnapshot(options);
     case Command::verify:
       return RunVerify(options);
+    case Command::rehearse:
+      return RunRehearse(options);
   }
   return ExitUsage;
 }

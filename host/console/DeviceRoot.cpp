@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "host/console/NamespaceRefusal.h"
 #include "host/console/Output.h"
@@ -57,16 +58,6 @@ bool WriteKernelFile(const char* file, const std::string& text) {
 
 std::string MapToItself(unsigned id) {
   return std::to_string(id) + " " + std::to_string(id) + " 1\n";
-}
-
-bool EnterOwnNamespace() {
-  const uid_t user = ::geteuid();
-  const gid_t group = ::getegid();
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
-  // An unprivileged group map needs setgroups denied first.
-  return WriteKernelFile("/proc/self/setgroups", "deny") &&
-         WriteKernelFile("/proc/self/uid_map", MapToItself(user)) &&
-         WriteKernelFile("/proc/self/gid_map", MapToItself(group));
 }
 
 // Moves from the current directory to a private, read-only view of the mounts below it. The view
@@ -142,6 +133,24 @@ std::string LikelyRoot(int directory, const std::string& path) {
 
 }  // namespace
 
+bool EnterOwnNamespace() {
+  const uid_t user = ::geteuid();
+  const gid_t group = ::getegid();
+  if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+  // An unprivileged group map needs setgroups denied first.
+  return WriteKernelFile("/proc/self/setgroups", "deny") &&
+         WriteKernelFile("/proc/self/uid_map", MapToItself(user)) &&
+         WriteKernelFile("/proc/self/gid_map", MapToItself(group));
+}
+
+bool KeepChangingRootOnly() {
+  __user_cap_header_struct header = CapabilityHeader();
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  auto& set = sets[CAP_TO_INDEX(CAP_SYS_CHROOT)];
+  set.effective = set.permitted = CAP_TO_MASK(CAP_SYS_CHROOT);
+  return ::syscall(SYS_capset, &header, sets) == 0;
+}
+
 bool DeviceRoot::open(const std::string& path, FatalError& error) {
   printable_ = Printable(path);
   directory_.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -194,6 +203,21 @@ bool DeviceRoot::contains(const std::string& directory) const {
     if (!open || ::fstat(open.get(), &at) != 0) return true;
   } while (at.st_dev != before.st_dev || at.st_ino != before.st_ino);
   return false;
+}
+
+bool DeviceRoot::openAgain(const std::string& path) {
+  UniqueDescriptor again(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct stat before {};
+  struct stat now {};
+  if (!again || ::fstat(directory_.get(), &before) != 0 || ::fstat(again.get(), &now) != 0) {
+    return false;
+  }
+  if (before.st_dev != now.st_dev || before.st_ino != now.st_ino) {
+    errno = ESTALE;
+    return false;
+  }
+  locked_ = std::exchange(directory_, std::move(again));
+  return true;
 }
 
 bool DeviceRoot::lock(FatalError& error) {

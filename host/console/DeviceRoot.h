@@ -12,6 +12,13 @@
 
 namespace quorvel::host {
 
+// A user and mount namespace of the process's own, in which the user keeps his number. Only while
+// it has a single thread. False with errno.
+bool EnterOwnNamespace();
+// In such a namespace: gives up every right that the user has not got outside, except for that to
+// change the root directory. False with errno.
+bool KeepChangingRootOnly();
+
 class DeviceRoot {
  public:
   enum class View {
@@ -43,12 +50,17 @@ class DeviceRoot {
   // been touched and the command must end.
   bool enter(View view, FatalError& error);
 
+  // Opens the same directory anew at its path, after the process has entered a mount namespace:
+  // what was open before stays part of the former one. Keeps the lock. False with errno.
+  bool openAgain(const std::string& path);
+
   // As messages show it.
   const std::string& printable() const { return printable_; }
   int descriptor() const { return directory_.get(); }
 
  private:
   UniqueDescriptor directory_;
+  UniqueDescriptor locked_;  // what openAgain() replaced
   std::string printable_;
 };
 

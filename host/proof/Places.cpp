@@ -205,7 +205,9 @@ std::string Places::lossOf(std::size_t index, const std::string& item) const {
   if (!IsGone(Bytes(section.path))) return {};
   if (section.action.starts_with(removal)) return section.action.substr(removal.size());
   if (section.kind == SectionKind::container) {
-    return lossOfContainerItem(section, NameOfItem(item));
+    const std::string name = NameOfItem(item);
+    const std::string reason = lossOfContainerItem(section, name);
+    return reason.empty() ? reportedLossOf(section, name) : reason;
   }
   if (section.kind != SectionKind::bundle) return {};
   const BundleProxy* known = record(section.identifier);
@@ -221,11 +223,6 @@ std::string Places::lossOfContainerItem(const ManifestSection& section,
                                         const std::string& name) const {
   if (IsAmong(NeverMissedNames, name)) return "a migration's own marker";
   if (name.starts_with(MoveRemainPrefix)) return "the remains of a move that was finished";
-  const auto told = reported_.find(section.path);
-  if (told != reported_.end() &&
-      (!IsAmong(UserDataItemNames, name) || told->second.userDataItems.contains(name))) {
-    return told->second.reason;
-  }
   if (IsAmong(UserDataItemNames, name)) return {};
   const SectionBundle* bundle = BundleNamed(section, name);
   const SectionBundle* first = nullptr;
@@ -243,6 +240,15 @@ std::string Places::lossOfContainerItem(const ManifestSection& section,
   }
   if (known->isPlaceholder || !known->bundlePath) return "the registry did not take the bundle";
   return {};
+}
+
+// Whatever was foreseen, the run knows what it removed.
+std::string Places::reportedLossOf(const ManifestSection& section, const std::string& name) const {
+  const auto told = reported_.find(section.path);
+  if (told == reported_.end()) return {};
+  const bool excused =
+      !IsAmong(UserDataItemNames, name) || told->second.userDataItems.contains(name);
+  return excused ? told->second.reason : std::string();
 }
 
 }  // namespace quorvel::host

@@ -60,6 +60,7 @@ class Places {
                          std::vector<Place>& places) const;
   std::vector<Place> ofContainerItem(const ManifestSection& section, const std::string& item) const;
   std::string lossOfContainerItem(const ManifestSection& section, const std::string& name) const;
+  std::string reportedLossOf(const ManifestSection& section, const std::string& name) const;
 
   const onlinux::RegistrySnapshot& registry_;
   const ManifestHeader& header_;

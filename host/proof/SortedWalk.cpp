@@ -97,10 +97,11 @@ void SortedWalk::prepareDirectory(int directory, const char* name, WalkedItem& i
     while (const auto* entry = reader.next(opened.get())) names.add(entry->name);
     item.problem = errno;
     names.sort();
+    // `name` lies in the list that makes room for this one.
+    preparedName_ = name;
     names_.push_back(std::move(names));
     prepared_ = std::move(opened);
     preparedIdentity_ = onlinux::IdentityOf(info);
-    preparedName_ = name;
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/HostProcess.h"
@@ -182,6 +183,18 @@ TEST(ProofTest, AnyNameAndAnythingUnreadableIsListed) {
     WriteFile(device.container("A/Documents/") + static_cast<char>(byte),
               "of " + std::to_string(byte));
   }
+  // Deeper than descriptors and path names reach.
+  fs::create_directories(device.container("A/Library"));
+  {
+    const UniqueDescriptor here(::open(".", O_PATH | O_CLOEXEC));
+    ASSERT_EQ(::chdir(device.container("A/Library").c_str()), 0);
+    for (int level = 0; level < 5000; ++level) {
+      ASSERT_EQ(::mkdir("d", 0755), 0);
+      ASSERT_EQ(::chdir("d"), 0);
+    }
+    WriteFile("leaf", "deep");
+    ASSERT_EQ(::fchdir(here.get()), 0);
+  }
   const std::string manifest = tree / "manifest";
   ASSERT_EQ(device.run({"snapshot", "--output", manifest}).exitCode, 0);
   ASSERT_EQ(device.run({"migrate"}).exitCode, 0);
@@ -235,6 +248,60 @@ TEST(ProofTest, ADamagedManifestProvesNothing) {
   const HostRun inside = device.run({"snapshot", "--json", "--output", device.inside("/manifest")});
   EXPECT_EQ(inside.exitCode, 2);
   EXPECT_FALSE(fs::exists(device.inside("/manifest")));
+}
+
+// Whatever becomes of the rehearsed migration, with privileges and without, in memory and on a
+// disk.
+TEST(ProofTest, ARehearsalLeavesTheTreeAsItIs) {
+  struct Case {
+    const char* name;
+    bool failing;
+    bool kept;
+    HostSetup setup;
+  };
+  const ScratchTree program;
+  const HostSetup nobody{.asNobody = true, .program = CopyHostTo(program / "bin")};
+  std::vector<Case> cases = {{"in memory", false, false, {}}, {"failing, kept", true, true, {}}};
+  if (NoUnprivilegedCase().empty()) cases.push_back({"without privileges", false, false, nobody});
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.name);
+    const ScratchTree tree;
+    const ScratchTree upper(OtherFileSystem());
+    const Device device(tree / "device");
+    device.make();
+    if (!each.failing) {
+      ASSERT_EQ(device.registerTunnel(), 0);
+    }
+    if (each.setup.asNobody) {
+      ASSERT_EQ(std::system(("chown -R 65534:65534 " + tree.path()).c_str()), 0);
+    }
+    const std::vector<std::string> paths = PathsBelow(tree.path());
+    ForgetAccesses(paths);
+    const auto before = FactsOf(paths);
+    std::vector<std::string> command = {"rehearse", "--json"};
+    if (each.kept) command.insert(command.end(), {"--keep", "--upper", upper.path()});
+    const HostRun run = device.run(command, each.setup);
+    EXPECT_TRUE(FactsOf(paths) == before) << "some time, mode, size or owner is another";
+    EXPECT_TRUE(PathsBelow(tree.path()) == paths);
+    EXPECT_EQ(fs::is_empty(upper.path()), !each.kept);
+    const json result = json::parse(run.out, nullptr, false);
+    if (run.exitCode == 4) {
+      std::cout << each.name << ": refused: " << run.err;
+      continue;
+    }
+    EXPECT_EQ(run.exitCode, each.failing ? 1 : 0) << run.out << run.err;
+    EXPECT_EQ(result["migration"]["succeeded"], !each.failing) << result.dump(1);
+    EXPECT_EQ(result["verification"]["succeeded"], true) << result.dump(1);
+    EXPECT_EQ(result["untouched"], true);
+    EXPECT_EQ(result["copied"], each.setup.asNobody);
+    EXPECT_GT(result["inodesNeeded"], 0);
+  }
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  fs::create_directories(device.inside("/upper"));
+  fs::create_directories(device.inside(Mobile));
+  EXPECT_EQ(device.run({"rehearse", "--upper", device.inside("/upper")}).exitCode, 2);
+  EXPECT_TRUE(fs::is_empty(device.inside("/upper")));
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ ContainerScan::Next ContainerScan::look(const Path& entry) {
     const int number = errno;
     RAVELLE_ADD_LINE(result_.lines, LogLevelError, kIntrospect,
                      "QVRavelle: Failed to stat path %s : %s", path, ErrnoDescription(number));
-    return leave(Reason::cannotBeExamined, entry, PosixCause(number));
+    return leave(Reason::cannotBeExamined, entry, QVPosixCause(number));
   }
   const bool isLink = S_ISLNK(info.st_mode);
   const std::string_view extension = entry.pathExtension();

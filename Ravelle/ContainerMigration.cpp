@@ -20,7 +20,8 @@ constexpr const char* kMissed = "-[QVRavelle _containerHasMissedItems:withIdenti
 void WriteMarker(const ContainerRecord& record, const Path& legacy) {
   const Path marker = legacy.child(MigrationMarkerName);
   Error error;
-  if (Platform().propertyLists->writeDictionary(record, marker, PropertyListFormat::xml, &error)) {
+  if (QVPlatform().propertyLists->writeDictionary(record, marker, PropertyListFormat::xml,
+                                                  &error)) {
     return;
   }
   RAVELLE_LOG(LogLevelError, kMigrate,
@@ -45,7 +46,7 @@ void LogProxyWithoutDataContainer(const BundleProxy& proxy, const std::string& i
 
 std::optional<Path> FindDataContainer(const std::string& identifier) {
   const std::optional<BundleProxy> proxy =
-      Platform().workspace->bundleProxyForIdentifier(identifier);
+      QVPlatform().workspace->bundleProxyForIdentifier(identifier);
   if (!proxy) {
     RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to get bundle proxy for identifier %@",
                 identifier);
@@ -63,7 +64,7 @@ std::optional<Path> FindDataContainer(const std::string& identifier) {
 
 // Makes sure that the registry knows the app.
 bool RegisterApp(QVRavelle& plugin, const RecordFields& fields) {
-  if (Platform().workspace->applicationIsInstalled(fields.identifier)) {
+  if (QVPlatform().workspace->applicationIsInstalled(fields.identifier)) {
     RAVELLE_LOG(LogLevelNotice, kMigrate,
                 "QVRavelle: App %@ is already installed, so not creating placeholder.",
                 fields.identifier);
@@ -117,7 +118,7 @@ bool RemoveContainer(QVFileManager& files, const RecordFields& fields, bool isPl
 bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   const RecordFields fields = FieldsOf(record);
   // Before anything on disk changes: the bundle will be moved.
-  const bool isPlaceholder = files_.bundleAtURLIsPlaceholder(fields.bundle);
+  const bool isPlaceholder = _files.bundleAtURLIsPlaceholder(fields.bundle);
   WriteMarker(record, fields.container);
   const std::optional<Path> dataContainer =
       InStep(MigrationStep::placeholder, [&]() -> std::optional<Path> {
@@ -137,8 +138,8 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
               fields.identifier, fields.container.string());
   Error error;
   const bool removed = InStep(MigrationStep::removal, [&] {
-    return IsLegacyContainer(files_, fields.container, configuration_.oldContainerPath(), &error) &&
-           RemoveContainer(files_, fields, isPlaceholder, outcome == Outcome::migrated, &error);
+    return IsLegacyContainer(_files, fields.container, _configuration.oldContainerPath(), &error) &&
+           RemoveContainer(_files, fields, isPlaceholder, outcome == Outcome::migrated, &error);
   });
   if (!removed) {
     TellProblem(MigrationStep::removal, MigrationReason::notRemoved, fields.container, error);
@@ -150,7 +151,7 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
 
 bool QVRavelle::_containerHasMissedItems(const Path& container, const std::string& identifier) {
   Error error;
-  auto items = files_.urlsForItemsInDirectoryAtURL(container, false, &error);
+  auto items = _files.urlsForItemsInDirectoryAtURL(container, false, &error);
   if (!items) {
     RAVELLE_LOG(LogLevelError, kMissed, "QVRavelle: Failed to enumerate container %@ for %@ : %@",
                 container.string(), identifier, error);

@@ -62,15 +62,15 @@ bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
                                                    const Path& to) {
   // An interrupted run may have copied a directory whole and been killed while removing it.
-  if (AreOnDifferentFileSystems(from, to)) files_.removeRemainsOfMovesInDirectory(from);
+  if (AreOnDifferentFileSystems(from, to)) _files.removeRemainsOfMovesInDirectory(from);
   Error error;
   bool anyMoved = false;
-  for (const std::string& name : configuration_.appUserDataItemNames()) {
+  for (const std::string& name : _configuration.appUserDataItemNames()) {
     const Path source = from.child(name);
     const Path destination = to.child(name);
-    const Presence presence = LookAt(files_, source, &error);
+    const Presence presence = LookAt(_files, source, &error);
     if (presence == Presence::absent) continue;
-    if (presence == Presence::unknown || !ReplaceByMove(files_, source, destination, &error)) {
+    if (presence == Presence::unknown || !ReplaceByMove(_files, source, destination, &error)) {
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }
@@ -79,7 +79,7 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
   if (!anyMoved) return true;
   // Once per container: the marker and the data's new names are stored before the bundle leaves
   // its place and long before the legacy container can go.
-  if (!files_.syncFileSystemsOfItems({from, to}, &error)) {
+  if (!_files.syncFileSystemsOfItems({from, to}, &error)) {
     LogFailedDataMove(from, to, identifier, error);
     return false;
   }
@@ -89,7 +89,7 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
 bool QVRavelle::_migrateGroupContainersForIdentifier(const std::string& identifier) {
   if (!_groupContainerMap || _groupContainerMap->empty()) return true;
   const std::optional<BundleProxy> proxy =
-      Platform().workspace->bundleProxyForIdentifier(identifier);
+      QVPlatform().workspace->bundleProxyForIdentifier(identifier);
   if (!proxy) {
     RAVELLE_LOG(LogLevelError, kGroups, "QVRavelle: Failed to get bundle proxy for %@", identifier);
     TellProblem(MigrationStep::groups, MigrationReason::noRecord, {});
@@ -107,14 +107,14 @@ bool QVRavelle::_migrateGroupContainersForIdentifier(const std::string& identifi
     return true;
   }
   for (const auto& [group, newContainer] : *proxy->groupContainerPaths) {
-    migrateGroup(identifier, group, newContainer);
+    _migrateGroup(identifier, group, newContainer);
   }
   return true;
 }
 
 // One group of one app. Its failures are logged and never those of the app.
-void QVRavelle::migrateGroup(const std::string& identifier, const std::string& group,
-                             const Path& newContainer) {
+void QVRavelle::_migrateGroup(const std::string& identifier, const std::string& group,
+                              const Path& newContainer) {
   _claimedGroups.insert(group);
   const auto entry = _groupContainerMap->find(group);
   if (entry == _groupContainerMap->end() || entry->second.dictionary() == nullptr) {
@@ -137,7 +137,7 @@ void QVRavelle::migrateGroup(const std::string& identifier, const std::string& g
     return;
   }
   const Path oldContainer = Path::directory(*container);
-  if (!files_.itemExistsAtURL(oldContainer)) {
+  if (!_files.itemExistsAtURL(oldContainer)) {
     RAVELLE_LOG(LogLevelError, kOneGroup, "QVRavelle: Missing source group container at %@",
                 oldContainer.string());
     Account().groupEnded({.identifier = group,
@@ -160,7 +160,7 @@ void QVRavelle::migrateGroup(const std::string& identifier, const std::string& g
     return;
   }
   _groupContainerMap->erase(entry);
-  if (!files_.removeItemAtURL(oldContainer, &told.error)) {
+  if (!_files.removeItemAtURL(oldContainer, &told.error)) {
     RAVELLE_LOG(LogLevelError, kOneGroup,
                 "QVRavelle: Failed to remove old group container at %@ : %@", oldContainer.string(),
                 told.error);
@@ -171,7 +171,7 @@ void QVRavelle::migrateGroup(const std::string& identifier, const std::string& g
 }
 
 // Groups that the install map names and no migrated app has.
-void QVRavelle::tellUnclaimedGroups() {
+void QVRavelle::_tellUnclaimedGroups() {
   if (!_groupContainerMap) return;
   for (const auto& [group, record] : *_groupContainerMap) {
     if (_claimedGroups.contains(group)) continue;
@@ -183,7 +183,7 @@ void QVRavelle::tellUnclaimedGroups() {
                            .outcome = MigrationOutcome::left,
                            .reason = MigrationReason::unclaimed};
     if (path == nullptr) told.reason = MigrationReason::entryDamaged;
-    const bool isThere = path != nullptr && files_.itemExistsAtURL(Path::directory(*path));
+    const bool isThere = path != nullptr && _files.itemExistsAtURL(Path::directory(*path));
     if (path != nullptr && !isThere) told.reason = MigrationReason::notThere;
     Account().groupEnded(told);
     if (isThere) Account().leftBehind({*path, MigrationReason::unclaimed});
@@ -195,8 +195,8 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
   *allMoved = false;
   Error error;
   std::optional<std::vector<Path>> items;
-  if (IsGroupContainer(oldContainer, newContainer, configuration_, &error)) {
-    items = files_.urlsForItemsInDirectoryAtURL(oldContainer, false, &error);
+  if (IsGroupContainer(oldContainer, newContainer, _configuration, &error)) {
+    items = _files.urlsForItemsInDirectoryAtURL(oldContainer, false, &error);
   }
   if (!items) {
     RAVELLE_LOG(LogLevelError, kGroupItems,
@@ -210,14 +210,14 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
     // Remains of an interrupted move were copied whole; they go with the old directory.
     if (QVFileManager::isRemainOfMove(item)) continue;
     const Path destination = newContainer.child(item.lastPathComponent());
-    if (!ReplaceByMove(files_, item, destination, &error)) {
+    if (!ReplaceByMove(_files, item, destination, &error)) {
       RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
                   item.string(), destination.string(), error);
       TellNote(MigrationStep::groups, MigrationReason::notMoved, item, error);
       everyItem = false;
     }
   }
-  if (everyItem && !files_.syncDirectoryAtURL(newContainer, &error)) {
+  if (everyItem && !_files.syncDirectoryAtURL(newContainer, &error)) {
     RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
                 oldContainer.string(), newContainer.string(), error);
     TellNote(MigrationStep::groups, MigrationReason::notFlushed, newContainer, error);
@@ -256,7 +256,7 @@ bool QVRavelle::_migrateSafeHarbors() {
     MigratedDirectory told{.identifier = identifier, .path = *path};
     RAVELLE_LOG(LogLevelNotice, kHarbors, "QVRavelle: Migrating safe harbor for %@ at %@",
                 identifier, *path);
-    if (Platform().installationService->QuorvelRegisterSafeHarborForContainerType(
+    if (QVPlatform().installationService->QuorvelRegisterSafeHarborForContainerType(
             *path, identifier, kHarborContainerType, nullptr) == 0) {
       RAVELLE_LOG(LogLevelError, kHarbors,
                   "QVRavelle: Failed to migrate safe harbor for identifier %@ at %@ : %@",
@@ -267,7 +267,7 @@ bool QVRavelle::_migrateSafeHarbors() {
     }
     Account().harborEnded(told);
   }
-  if (ok) files_.removeItemAtURL(configuration_.oldDataDirectoryPath().child(HarborMapName));
+  if (ok) _files.removeItemAtURL(_configuration.oldDataDirectoryPath().child(HarborMapName));
   return ok;
 }
 

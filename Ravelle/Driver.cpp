@@ -23,50 +23,50 @@ constexpr float kDurationPerItem = 2.25F;
 }  // namespace
 
 QVRavelle::QVRavelle(const QVGlobalConfiguration& configuration)
-    : configuration_(configuration), files_(QVFileManager::defaultManager()) {}
+    : _configuration(configuration), _files(QVFileManager::defaultManager()) {}
 
 MigratorPlugin* QVRavelle::init() {
   if (MigratorPlugin::init() == nullptr) return nullptr;
-  const Path legacy = configuration_.oldContainerPath();
-  if (!files_.itemDoesNotExistAtURL(legacy)) {
+  const Path legacy = _configuration.oldContainerPath();
+  if (!_files.itemDoesNotExistAtURL(legacy)) {
     Error error;
-    _itemsToMigrate = files_.urlsForItemsInDirectoryAtURL(legacy, true, &error);
+    _itemsToMigrate = _files.urlsForItemsInDirectoryAtURL(legacy, true, &error);
     if (!_itemsToMigrate) {
       TellProblem(MigrationStep::run, MigrationReason::cannotBeListed, legacy, error);
       RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to get items at %@ : %@", legacy, error);
       return nullptr;
     }
     if (_itemsToMigrate->empty()) {
-      removeEmptyLegacyDirectory();
+      _removeEmptyLegacyDirectory();
       _itemsToMigrate.reset();
     } else {
       RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: %ld items to migrate",
                   static_cast<long>(_itemsToMigrate->size()));
       Account().itemsFound(_itemsToMigrate->size());
-      loadInstallMap();
+      _loadInstallMap();
     }
   }
-  loadHarborMap();
+  _loadHarborMap();
   return this;
 }
 
-void QVRavelle::removeEmptyLegacyDirectory() {
-  const Path legacy = configuration_.oldContainerPath();
-  if (!files_.removeItemAtURL(legacy)) {
+void QVRavelle::_removeEmptyLegacyDirectory() {
+  const Path legacy = _configuration.oldContainerPath();
+  if (!_files.removeItemAtURL(legacy)) {
     RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to remove %@", legacy.string());
   }
-  const Path installMap = configuration_.oldInstallMapPath();
+  const Path installMap = _configuration.oldInstallMapPath();
   Error error;
-  if (!files_.removeItemAtURL(installMap, &error)) {
+  if (!_files.removeItemAtURL(installMap, &error)) {
     RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: Failed to remove %@ : %@", installMap.string(),
                 error);
   }
 }
 
-void QVRavelle::loadInstallMap() {
-  const Path file = configuration_.oldInstallMapPath();
+void QVRavelle::_loadInstallMap() {
+  const Path file = _configuration.oldInstallMapPath();
   Error error;
-  const auto map = Platform().propertyLists->readDictionary(file, &error);
+  const auto map = QVPlatform().propertyLists->readDictionary(file, &error);
   if (!map) {
     if (!error.is(PosixErrorDomain, ENOENT)) {
       TellNote(MigrationStep::run, MigrationReason::mapUnreadable, file, error);
@@ -86,11 +86,11 @@ void QVRavelle::loadInstallMap() {
   }
 }
 
-void QVRavelle::loadHarborMap() {
-  const Path file = configuration_.oldDataDirectoryPath().child(HarborMapName);
-  if (files_.itemDoesNotExistAtURL(file)) return;
+void QVRavelle::_loadHarborMap() {
+  const Path file = _configuration.oldDataDirectoryPath().child(HarborMapName);
+  if (_files.itemDoesNotExistAtURL(file)) return;
   Error error;
-  const auto map = Platform().propertyLists->readDictionary(file, &error);
+  const auto map = QVPlatform().propertyLists->readDictionary(file, &error);
   if (map) {
     _harborMap = std::move(*map);
   } else {
@@ -116,18 +116,18 @@ float QVRavelle::migrationProgress() const {
 
 bool QVRavelle::performMigration() {
   bool result = true;
-  if (_itemsToMigrate) result = migrateRecords(buildWorkList());
-  tellUnclaimedGroups();
+  if (_itemsToMigrate) result = _migrateRecords(_buildWorkList());
+  _tellUnclaimedGroups();
   const bool harborsMigrated = _migrateSafeHarbors();
   const PlistDictionary options = {{kQVUpdateSystemAppDataContainerDataProtection, true}};
-  if (Platform().installationService->QuorvelUpdateContainerDataProtectionForMigratorOnly(
+  if (QVPlatform().installationService->QuorvelUpdateContainerDataProtectionForMigratorOnly(
           options) == 0) {
     RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to update container data protection");
     TellProblem(MigrationStep::run, MigrationReason::protectionRefused, {});
     result = false;
   }
   if (!harborsMigrated) result = false;
-  if (!finishLegacyDirectory()) result = false;
+  if (!_finishLegacyDirectory()) result = false;
   if (!result) {
     RAVELLE_LOG(LogLevelError, kPerform,
                 "QVRavelle: Returning migration failed. Please include the contents of "
@@ -137,7 +137,7 @@ bool QVRavelle::performMigration() {
   return result;
 }
 
-std::deque<QVRavelle::WorkItem> QVRavelle::buildWorkList() {
+std::deque<QVRavelle::WorkItem> QVRavelle::_buildWorkList() {
   std::deque<WorkItem> workList;
   for (std::size_t index = 0; index < _itemsToMigrate->size(); ++index) {
     const Path& item = (*_itemsToMigrate)[index];
@@ -146,15 +146,15 @@ std::deque<QVRavelle::WorkItem> QVRavelle::buildWorkList() {
     if (IsFarewell(item)) {
       Account().containerClassified({.kind = LegacyItemKind::file});
       TellProblem(MigrationStep::introspect, MigrationReason::farewellFile, item);
-      RemoveWithAccount(files_, item);
-      countItem();
+      RemoveWithAccount(_files, item);
+      _countItem();
       continue;
     }
     bool early = false;
     std::optional<ContainerRecord> record =
         InStep(MigrationStep::introspect, [&] { return _introspectContainer(item, &early); });
     if (!record) {
-      countItem();
+      _countItem();
     } else if (early) {
       workList.push_front({index, std::move(*record)});
     } else {
@@ -164,7 +164,7 @@ std::deque<QVRavelle::WorkItem> QVRavelle::buildWorkList() {
   return workList;
 }
 
-bool QVRavelle::migrateRecords(const std::deque<WorkItem>& workList) {
+bool QVRavelle::_migrateRecords(const std::deque<WorkItem>& workList) {
   bool allMigrated = true;
   for (const auto& [index, record] : workList) {
     const RecordFields fields = FieldsOf(record);
@@ -179,17 +179,17 @@ bool QVRavelle::migrateRecords(const std::deque<WorkItem>& workList) {
                   fields.identifier, bundle);
       allMigrated = false;
     }
-    endContainer(entry, fields, migrated);
-    countItem();
+    _endContainer(entry, fields, migrated);
+    _countItem();
   }
   return allMigrated;
 }
 
 // A container that is still there has not been migrated, whatever the sequence says: the run will
 // fail on its account.
-void QVRavelle::endContainer(const Path& entry, const RecordFields& fields, bool migrated) {
-  if (Platform().account == nullptr) return;
-  const bool stays = !files_.itemDoesNotExistAtURL(entry);
+void QVRavelle::_endContainer(const Path& entry, const RecordFields& fields, bool migrated) {
+  if (QVPlatform().account == nullptr) return;
+  const bool stays = !_files.itemDoesNotExistAtURL(entry);
   if (migrated && stays && entry.string() != fields.container.string()) {
     TellProblem(MigrationStep::removal, MigrationReason::foreignMarker, fields.container);
   }
@@ -199,8 +199,8 @@ void QVRavelle::endContainer(const Path& entry, const RecordFields& fields, bool
 
 // Of what is left: that which was no entry to begin with. Links are not, and something may have
 // been added meanwhile.
-void QVRavelle::tellRemaining(const std::vector<Path>& remaining) {
-  if (Platform().account == nullptr) return;
+void QVRavelle::_tellRemaining(const std::vector<Path>& remaining) {
+  if (QVPlatform().account == nullptr) return;
   std::unordered_set<std::string_view> entries;
   if (_itemsToMigrate) {
     for (const Path& item : *_itemsToMigrate) entries.insert(item.lastPathComponent());
@@ -217,11 +217,11 @@ void QVRavelle::tellRemaining(const std::vector<Path>& remaining) {
 
 // Removes the legacy directory and install map once nothing is left in the directory. False when
 // something is left; what cannot be determined or removed is only logged.
-bool QVRavelle::finishLegacyDirectory() {
-  const Path legacy = configuration_.oldContainerPath();
-  const Path installMap = configuration_.oldInstallMapPath();
+bool QVRavelle::_finishLegacyDirectory() {
+  const Path legacy = _configuration.oldContainerPath();
+  const Path installMap = _configuration.oldInstallMapPath();
   Error error;
-  const auto remaining = files_.urlsForItemsInDirectoryAtURL(legacy, false, &error);
+  const auto remaining = _files.urlsForItemsInDirectoryAtURL(legacy, false, &error);
   if (!remaining) {
     if (!error.is(PosixErrorDomain, ENOENT)) {
       RAVELLE_LOG(LogLevelError, kPerform,
@@ -234,11 +234,11 @@ bool QVRavelle::finishLegacyDirectory() {
     RAVELLE_LOG(LogLevelError, kPerform,
                 "QVRavelle: Not removing %@ because %lu items remain unmigrated.",
                 installMap.string(), static_cast<unsigned long>(remaining->size()));
-    tellRemaining(*remaining);
+    _tellRemaining(*remaining);
     return false;
   }
   for (const Path& item : {legacy, installMap}) {
-    if (!files_.removeItemAtURL(item, &error)) {
+    if (!_files.removeItemAtURL(item, &error)) {
       RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to remove %@ : %@", item.string(),
                   error);
     }

@@ -126,7 +126,7 @@ std::string PlaceholderName(const std::string& identifier) {
 
 // Where a placeholder is put together.
 Path PlaceholderDirectory(const std::string& identifier) {
-  return Platform()
+  return QVPlatform()
       .fileData->temporaryDirectory()
       .childDirectory(PlaceholderParentName)
       .childDirectory(PlaceholderName(identifier) + ".app");
@@ -136,7 +136,7 @@ Path PlaceholderDirectory(const std::string& identifier) {
 std::unique_ptr<PlistData> ReadStoreMetadata(const Path& container) {
   const Path file = container.child(StoreMetadataName);
   Error error;
-  std::unique_ptr<PlistData> bytes = Platform().fileData->readWholeFile(file, &error);
+  std::unique_ptr<PlistData> bytes = QVPlatform().fileData->readWholeFile(file, &error);
   if (!bytes && !error.is(PlatformErrorDomain, PlatformFileReadNoSuchFileError)) {
     RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to read %@ : %@", file.string(),
                 error);
@@ -169,7 +169,7 @@ std::optional<PlistDictionary> ReadIdentity(PKBundle* bundle, const Path& path, 
 bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::string& identifier,
                       const Path& directory) {
   Error error;
-  const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(bundlePath, &error);
+  const std::unique_ptr<PKBundle> bundle = QVPlatform().bundles->open(bundlePath, &error);
   std::optional<PlistDictionary> info = ReadIdentity(bundle.get(), bundlePath, &error);
   if (!info) {
     TellProblem(MigrationStep::placeholder, MigrationReason::bundleUnreadable, bundlePath, error);
@@ -186,7 +186,8 @@ bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::stri
   }
   // Binary: unlike XML it holds every string that an app may have put into its dictionary.
   const Path file = directory.child(InfoPlistName);
-  if (!Platform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary, &error)) {
+  if (!QVPlatform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary,
+                                                   &error)) {
     TellProblem(MigrationStep::placeholder, MigrationReason::placeholderFailed, file, error);
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Failed to write placeholder Info.plist to %@", file.string());
@@ -201,9 +202,9 @@ bool InstallPlaceholder(const Path& directory, const std::string& identifier,
   PlistDictionary options = InstallOptions(RXPackageTypePlaceholder, identifier);
   if (metadata) options.set(RXLorvixMetadataKey, std::move(*metadata));
   Error error;
-  if (Platform().workspace->installApplication(directory, options, &error, {})) return true;
+  if (QVPlatform().workspace->installApplication(directory, options, &error, {})) return true;
   RAVELLE_LOG(LogLevelError, kPlaceholder, "QVRavelle: Failed to install placeholder for %@: %@",
-              identifier, DescribeUserInfo(error));
+              identifier, QVDescribeUserInfo(error));
   TellProblem(MigrationStep::placeholder, MigrationReason::placeholderRefused, directory, error);
   return false;
 }
@@ -217,9 +218,9 @@ std::string DescribeBundle(const PKBundle& bundle) {
 bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,
                                             const std::optional<Path>& vpnPlugin,
                                             const Path& container) {
-  const Path legacy = configuration_.oldContainerPath();
+  const Path legacy = _configuration.oldContainerPath();
   if (!InStep(MigrationStep::stage,
-              [&] { return Stage(files_, bundle, vpnPlugin, container, legacy); })) {
+              [&] { return Stage(_files, bundle, vpnPlugin, container, legacy); })) {
     return false;
   }
   PlistDictionary options = InstallOptions(RXPackageTypeCustomer, identifier);
@@ -228,7 +229,7 @@ bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::strin
   return InStep(MigrationStep::install, [&] {
     InstallProgress progress(bundle);
     Error error;
-    if (Platform().workspace->installApplication(
+    if (QVPlatform().workspace->installApplication(
             staging, options, &error,
             [&progress](const PlistDictionary& report) { progress.hear(report); }) ||
         progress.alreadyInstalled()) {
@@ -247,8 +248,8 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
   Error error;
   bool installed = false;
   // What an interrupted run left there is another placeholder's.
-  if (files_.removeItemAtURL(directory, &error) &&
-      files_.createDirectoryAtURL(directory, {.withIntermediateDirectories = true}, &error)) {
+  if (_files.removeItemAtURL(directory, &error) &&
+      _files.createDirectoryAtURL(directory, {.withIntermediateDirectories = true}, &error)) {
     std::unique_ptr<PlistData> metadata = ReadStoreMetadata(container);
     installed = BuildPlaceholder(*this, bundle, identifier, directory) &&
                 InstallPlaceholder(directory, identifier, std::move(metadata));
@@ -258,12 +259,12 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
                 error);
     TellProblem(MigrationStep::placeholder, MigrationReason::placeholderFailed, directory, error);
   }
-  files_.removeItemAtURL(directory);
+  _files.removeItemAtURL(directory);
   return installed;
 }
 
 bool QVRavelle::_writeIconForBundle(PKBundle& bundle, const Path& destination) {
-  IconRenderer& icons = *Platform().icons;
+  IconRenderer& icons = *QVPlatform().icons;
   const std::unique_ptr<Image> image = icons.createHomeScreenIconImage(bundle);
   if (!image) {
     RAVELLE_LOG(LogLevelError, kIcon, "QVRavelle: Failed to create icon from bundle %@",
@@ -286,7 +287,7 @@ bool QVRavelle::_writeIconForBundle(PKBundle& bundle, const Path& destination) {
     return false;
   }
   Error error;
-  if (!Platform().fileData->writeAtomically(buffer, destination, &error)) {
+  if (!QVPlatform().fileData->writeAtomically(buffer, destination, &error)) {
     RAVELLE_LOG(LogLevelError, kIcon, "QVRavelle: Failed to write image data to %@ : %@",
                 destination, error);
     return false;

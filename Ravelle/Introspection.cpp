@@ -50,7 +50,7 @@ bool IsComplete(const ContainerRecord& record, const Path& marker, std::vector<P
 
 std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& container,
                                                                bool* orderResultEarly) {
-  Classification found = ClassifyLegacyContainer(files_, container);
+  Classification found = ClassifyLegacyContainer(_files, container);
   for (const PendingLine& line : found.lines) {
     HostLog(line.file, line.function, line.line, kLogCategory, line.level, "%@", line.message);
   }
@@ -60,7 +60,7 @@ std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& conta
       *orderResultEarly = found.early;
       return std::move(found.record);
     case Classification::Verdict::remove:
-      RemoveWithAccount(files_, container);
+      RemoveWithAccount(_files, container);
       break;
     case Classification::Verdict::leave:
       Account().containerEnded(MigrationOutcome::left, true);
@@ -73,7 +73,7 @@ std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& conta
 }
 
 std::optional<std::string> QVRavelle::_bundleIdentifierForBundle(const Path& bundle, Error* error) {
-  const std::unique_ptr<PKBundle> opened = Platform().bundles->open(bundle, error);
+  const std::unique_ptr<PKBundle> opened = QVPlatform().bundles->open(bundle, error);
   const std::string* identifier = opened ? opened->identifier(error) : nullptr;
   if (identifier == nullptr) return std::nullopt;
   return *identifier;
@@ -81,7 +81,8 @@ std::optional<std::string> QVRavelle::_bundleIdentifierForBundle(const Path& bun
 
 std::optional<ContainerRecord> QVRavelle::_loadAndValidateMigrationMarkerAtURL(
     const Path& marker, std::vector<PendingLine>* lines, Error* error) {
-  std::unique_ptr<PlistDictionary> record = Platform().propertyLists->readDictionary(marker, error);
+  std::unique_ptr<PlistDictionary> record =
+      QVPlatform().propertyLists->readDictionary(marker, error);
   if (!record) {
     RAVELLE_ADD_LINE(*lines, LogLevelError, kLoadMarker,
                      "QVRavelle: Failed to load migration marker file from %@", marker);

@@ -154,7 +154,7 @@ RavellePreview::Course RavellePreview::stop(Step step, Reason reason, const Path
 
 bool RavellePreview::isInstalled(const std::string& identifier) {
   return installed_.contains(identifier) ||
-         Platform().workspace->applicationIsInstalled(identifier);
+         QVPlatform().workspace->applicationIsInstalled(identifier);
 }
 
 RavellePreview::Course RavellePreview::follow(const WorkItem& item) {
@@ -175,7 +175,7 @@ RavellePreview::Course RavellePreview::follow(const WorkItem& item) {
 // Whether the registry would take a placeholder made of the bundle's identity.
 bool RavellePreview::takesPlaceholder(const RecordFields& fields) {
   Error error;
-  const auto bundle = Platform().bundles->open(fields.bundle, &error);
+  const auto bundle = QVPlatform().bundles->open(fields.bundle, &error);
   if (!bundle || bundle->infoDictionary(&error) == nullptr) {
     stop(Step::placeholder, Reason::bundleUnreadable, fields.bundle, error);
     return false;
@@ -193,7 +193,7 @@ bool RavellePreview::takesPlaceholder(const RecordFields& fields) {
 bool RavellePreview::registers(const RecordFields& fields) {
   if (isInstalled(fields.identifier)) return true;
   if (fields.isApp()) return takesPlaceholder(fields);
-  const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
   if (proxy && proxy->dataContainerPath) return true;
   stop(Step::placeholder, proxy ? Reason::noDataContainer : Reason::noRecord, {});
   return false;
@@ -205,7 +205,7 @@ bool RavellePreview::installs(const RecordFields& fields) {
   if (!package.empty()) return takes(fields, package);
   // A repeated request is satisfied by what an earlier one installed.
   if (installedWhole_.contains(fields.identifier)) return true;
-  const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
   const bool isBuiltIn = proxy && !proxy->bundleContainerPath;
   if (proxy && proxy->foundBackingBundle && !proxy->isPlaceholder && !isBuiltIn) return true;
   stop(Step::install, Reason::installRefused, fields.container.childDirectory(StagingName));
@@ -240,7 +240,7 @@ bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& 
 bool RavellePreview::isOfAnotherKind(const std::string& identifier, const Path& bundle) {
   const auto earlier = installed_.find(identifier);
   if (earlier != installed_.end()) return earlier->second != bundle.pathExtension();
-  const auto proxy = Platform().workspace->bundleProxyForIdentifier(identifier);
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(identifier);
   if (!proxy || !proxy->foundBackingBundle) return false;
   return (proxy->bundleType == ContainerTypeApp) != (bundle.pathExtension() == AppExtension);
 }
@@ -293,7 +293,7 @@ RavellePreview::Course RavellePreview::remove(const WorkItem& item, const Record
 void RavellePreview::noteGroups(const RecordFields& fields) {
   bool isKnown = false;
   for (const Path& bundle : PackageOf(files_, fields)) {
-    const auto opened = Platform().bundles->open(bundle);
+    const auto opened = QVPlatform().bundles->open(bundle);
     const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
     const std::string* identifier = opened ? opened->identifier() : nullptr;
     if (identifier == nullptr || *identifier != fields.identifier) continue;
@@ -305,7 +305,7 @@ void RavellePreview::noteGroups(const RecordFields& fields) {
     }
   }
   if (isKnown) return;
-  const auto proxy = Platform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
   if (!proxy || !proxy->groupContainerPaths) return;
   for (const auto& [group, path] : *proxy->groupContainerPaths) claimedGroups_.insert(group);
 }
@@ -344,7 +344,7 @@ MigratedDirectory RavellePreview::foreseeGroup(const PlistEntry& entry) {
 void RavellePreview::tellGroups() {
   const Path file = configuration_.oldInstallMapPath();
   Error error;
-  const auto map = Platform().propertyLists->readDictionary(file, &error);
+  const auto map = QVPlatform().propertyLists->readDictionary(file, &error);
   if (!map && !error.is(PosixErrorDomain, ENOENT)) {
     account_->problem({.step = Step::run,
                        .reason = Reason::mapUnreadable,
@@ -367,7 +367,7 @@ void RavellePreview::tellHarbors() {
   const Path file = configuration_.oldDataDirectoryPath().child(HarborMapName);
   if (files_.itemDoesNotExistAtURL(file)) return;
   Error error;
-  const auto map = Platform().propertyLists->readDictionary(file, &error);
+  const auto map = QVPlatform().propertyLists->readDictionary(file, &error);
   if (!map) {
     account_->problem({.step = Step::run,
                        .reason = Reason::mapUnreadable,

@@ -35,7 +35,7 @@ struct PendingLine;
 
 class QVRavelle final : public MigratorPlugin {
  public:
-  // Takes paths from the configuration, which must outlive it; the services from Platform().
+  // Takes paths from the configuration, which must outlive it; the services from QVPlatform().
   explicit QVRavelle(
       const QVGlobalConfiguration& configuration = QVGlobalConfiguration::sharedInstance());
 
@@ -92,23 +92,23 @@ class QVRavelle final : public MigratorPlugin {
   bool _migrateSafeHarbors();
 
  private:
-  void removeEmptyLegacyDirectory();
-  void loadInstallMap();
-  void loadHarborMap();
+  void _removeEmptyLegacyDirectory();
+  void _loadInstallMap();
+  void _loadHarborMap();
   // A record, and which of the entries it is of.
   struct WorkItem {
     std::size_t index;
     ContainerRecord record;
   };
-  std::deque<WorkItem> buildWorkList();
-  bool migrateRecords(const std::deque<WorkItem>& workList);
-  void endContainer(const Path& entry, const RecordFields& fields, bool migrated);
-  void tellUnclaimedGroups();
-  void tellRemaining(const std::vector<Path>& remaining);
-  bool finishLegacyDirectory();
-  void countItem() { _countItemsMigrated.fetch_add(1, std::memory_order_relaxed); }
-  void migrateGroup(const std::string& identifier, const std::string& group,
-                    const Path& newContainer);
+  std::deque<WorkItem> _buildWorkList();
+  bool _migrateRecords(const std::deque<WorkItem>& workList);
+  void _endContainer(const Path& entry, const RecordFields& fields, bool migrated);
+  void _tellUnclaimedGroups();
+  void _tellRemaining(const std::vector<Path>& remaining);
+  bool _finishLegacyDirectory();
+  void _countItem() { _countItemsMigrated.fetch_add(1, std::memory_order_relaxed); }
+  void _migrateGroup(const std::string& identifier, const std::string& group,
+                     const Path& newContainer);
 
   // Number of entries of the legacy applications directory that are finished with.
   std::atomic<std::uint64_t> _countItemsMigrated{0};
@@ -123,8 +123,8 @@ class QVRavelle final : public MigratorPlugin {
   // Groups that some migrated app has.
   std::set<std::string> _claimedGroups;
 
-  const QVGlobalConfiguration& configuration_;
-  QVFileManager& files_;
+  const QVGlobalConfiguration& _configuration;
+  QVFileManager& _files;
 };
 
 }  // namespace quorvel

@@ -85,7 +85,7 @@ std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Pat
   if (::lstat(root.c_str(), &info) != 0) return std::nullopt;
   MigrationLoss loss{.path = item.string()};
   const std::unique_ptr<TreeWalk> walk =
-      Platform().treeWalker->open(root.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION);
+      QVPlatform().treeWalker->open(root.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION);
   loss.complete = walk != nullptr;
   std::vector<Path> passedOver = except;
   passedOver.push_back(item.child(MigrationMarkerName));
@@ -103,7 +103,7 @@ std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Pat
 
 bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
                        Error* error) {
-  if (Platform().account == nullptr) return files.removeItemAtURL(item, error);
+  if (QVPlatform().account == nullptr) return files.removeItemAtURL(item, error);
   std::optional<MigrationLoss> loss = MeasureLoss(item, except);
   const bool removed = files.removeItemAtURL(item, error);
   if (!loss) return removed;

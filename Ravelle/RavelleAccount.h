@@ -15,7 +15,7 @@ namespace quorvel {
 // The host's account, or one that nobody reads.
 inline MigrationAccount& Account() {
   static MigrationAccount unread;
-  MigrationAccount* account = Platform().account;
+  MigrationAccount* account = QVPlatform().account;
   return account != nullptr ? *account : unread;
 }
 

@@ -6,7 +6,8 @@ include(CMakePackageConfigHelpers)
 # Headers keep their folders below one directory, so that "platform/Path.h" means the same inside
 # and outside this tree. Nothing of platform/linux is among them.
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/quorvel)
-install(DIRECTORY shared DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY shared DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
+  PATTERN ConfigurationForRoot.h EXCLUDE)
 install(DIRECTORY platform DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
   PATTERN linux EXCLUDE PATTERN UniqueDescriptor.h EXCLUDE)
 

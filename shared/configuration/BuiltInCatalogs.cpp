@@ -63,27 +63,27 @@ std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::_bundleIDMapForAppsInD
   return _bundleIDMapForBundlesInDirectory(directory, "app");
 }
 
-std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::appMap(
+std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::_appMap(
     std::shared_ptr<const QVBundleMap>& member, Path (QVGlobalConfiguration::*directory)()) {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!member) member = _bundleIDMapForAppsInDirectory((this->*directory)());
   return member;
 }
 
 std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::systemAppBundleIDToInfoMap() {
-  return appMap(_systemAppBundleIDToInfoMap, &QVGlobalConfiguration::systemAppsDirectory);
+  return _appMap(_systemAppBundleIDToInfoMap, &QVGlobalConfiguration::systemAppsDirectory);
 }
 
 std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::coreServicesAppBundleIDToInfoMap() {
-  return appMap(_coreServicesAppBundleIDToInfoMap, &QVGlobalConfiguration::coreServicesDirectory);
+  return _appMap(_coreServicesAppBundleIDToInfoMap, &QVGlobalConfiguration::coreServicesDirectory);
 }
 
 std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::internalAppBundleIDToInfoMap() {
-  return appMap(_internalAppBundleIDToInfoMap, &QVGlobalConfiguration::internalAppsDirectory);
+  return _appMap(_internalAppBundleIDToInfoMap, &QVGlobalConfiguration::internalAppsDirectory);
 }
 
 std::set<std::string> QVGlobalConfiguration::builtInFrameworkBundleIDs() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_builtInFrameworkBundleIDs) {
     std::set<std::string> identifiers;
     for (const Path& directory : allFrameworksDirectories()) {
@@ -106,18 +106,18 @@ std::set<std::string> QVGlobalConfiguration::builtInApplicationBundleIDs() {
 }
 
 void QVGlobalConfiguration::reScanSystemApps() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   _systemAppBundleIDToInfoMap.reset();
   _builtInFrameworkBundleIDs.reset();
 }
 
 void QVGlobalConfiguration::reScanCoreServicesApps() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   _coreServicesAppBundleIDToInfoMap.reset();
 }
 
 void QVGlobalConfiguration::reScanInternalApps() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   _internalAppBundleIDToInfoMap.reset();
   _builtInFrameworkBundleIDs.reset();
 }

@@ -16,10 +16,10 @@ constexpr const char* kInit = "-[QVGlobalConfiguration init]";
 constexpr const char* kDataDirectoryName = "Library/Quorvel";
 
 std::optional<PlistValue> Preference(const char* key) {
-  const PreferencesStore* preferences = Platform().preferences;
+  const PreferencesStore* preferences = QVPlatform().preferences;
   if (preferences == nullptr) return std::nullopt;
-  return Platform().preferences->copyValue(key, QVPreferencesDomain,
-                                           PreferencesScope::currentUserCurrentHost);
+  return QVPlatform().preferences->copyValue(key, QVPreferencesDomain,
+                                             PreferencesScope::currentUserCurrentHost);
 }
 
 // The integer value of a number, as far as a long can hold it.
@@ -39,18 +39,18 @@ std::optional<long> IntegerValue(const PlistValue& value) {
 }  // namespace
 
 QVGlobalConfiguration& QVGlobalConfiguration::sharedInstance() {
-  static QVGlobalConfiguration instance;
+  static QVGlobalConfiguration& instance = *new QVGlobalConfiguration(Path::directory("/"));
   return instance;
 }
 
 QVGlobalConfiguration::QVGlobalConfiguration(const Path& root) {
-  readPreferences();
+  _readPreferences();
   _quorveldPath = root.childDirectory(DaemonDirectory);
   _mobilePath = root.childDirectory(MobileHomeDirectory);
   _rootPath = root;
 }
 
-void QVGlobalConfiguration::readPreferences() {
+void QVGlobalConfiguration::_readPreferences() {
   if (Preference(LowerInstallPriorityKey) == PlistValue(false)) {
     _lowerInstallPriority = false;
     QV_LOG(LogLevelNotice, kInit,
@@ -109,7 +109,8 @@ std::vector<std::string> QVGlobalConfiguration::appUserDataItemNames() const {
 }
 
 const std::set<std::string>& QVGlobalConfiguration::installationBlacklist() const {
-  static const std::set<std::string> blacklist = {"com.velto.Kyo6Updater"};
+  static const std::set<std::string>& blacklist =
+      *new std::set<std::string>{"com.velto.Kyo6Updater"};
   return blacklist;
 }
 

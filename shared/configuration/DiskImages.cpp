@@ -27,7 +27,7 @@ class Handle {
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
   ~Handle() {
-    if (handle_ != 0) Platform().hardware->release(handle_);
+    if (handle_ != 0) QVPlatform().hardware->release(handle_);
   }
   explicit operator bool() const { return handle_ != 0; }
   std::uint32_t get() const { return handle_; }
@@ -39,7 +39,7 @@ class Handle {
 // The mount point of the medium, when the entry is one and it is mounted.
 std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
                                               const std::vector<MountedFileSystem>& mounts) {
-  HardwareRegistry& hardware = *Platform().hardware;
+  HardwareRegistry& hardware = *QVPlatform().hardware;
   if (!hardware.conformsTo(entry, HRMediaClass)) return std::nullopt;
   const std::optional<std::string> name = hardware.stringProperty(entry, HRBSDNameKey);
   if (!name) return std::nullopt;
@@ -55,12 +55,12 @@ std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
 }  // namespace
 
 std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(HardwareEntry entry) {
-  const std::vector<MountedFileSystem> mounts = Platform().mounts->read();
+  const std::vector<MountedFileSystem> mounts = QVPlatform().mounts->read();
   if (mounts.empty()) {
     QV_LOG(LogLevelError, kMountPointForDevice, "getmntinfo failed: %s", ErrnoDescription(errno));
     return std::nullopt;
   }
-  HardwareRegistry& hardware = *Platform().hardware;
+  HardwareRegistry& hardware = *QVPlatform().hardware;
   HardwareIterator created = 0;
   if (hardware.createDescendantIterator(entry, HRServicePlane, &created) != 0) {
     QV_LOG(LogLevelError, kMountPointForDevice,
@@ -78,8 +78,8 @@ std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(HardwareEn
 }
 
 // The first mounted drive among the entry's descendants; an entry that cannot be walked has none.
-std::optional<std::string> QVGlobalConfiguration::firstMountPointBelow(HardwareEntry entry) {
-  HardwareRegistry& hardware = *Platform().hardware;
+std::optional<std::string> QVGlobalConfiguration::_firstMountPointBelow(HardwareEntry entry) {
+  HardwareRegistry& hardware = *QVPlatform().hardware;
   HardwareIterator created = 0;
   if (hardware.createDescendantIterator(entry, HRServicePlane, &created) != 0) {
     return std::nullopt;
@@ -95,7 +95,7 @@ std::optional<std::string> QVGlobalConfiguration::firstMountPointBelow(HardwareE
 
 std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() {
   std::vector<std::string> mountPoints;
-  HardwareRegistry& hardware = *Platform().hardware;
+  HardwareRegistry& hardware = *QVPlatform().hardware;
   const Handle controller(hardware.firstMatchingService(HRVDKXControllerClass));
   if (!controller) return mountPoints;  // nothing is attached
   HardwareIterator created = 0;
@@ -112,7 +112,7 @@ std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() {
     if (!child) return mountPoints;
     const std::optional<std::string> mountPoint =
         hardware.conformsTo(child.get(), HRVDKXHDDriveClass) ? mountPointForDevice(child.get())
-                                                             : firstMountPointBelow(child.get());
+                                                             : _firstMountPointBelow(child.get());
     if (mountPoint) mountPoints.push_back(*mountPoint);
   }
 }

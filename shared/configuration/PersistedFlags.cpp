@@ -13,19 +13,19 @@ constexpr PreferencesScope kScope = PreferencesScope::currentUserCurrentHost;
 
 bool QVGlobalConfiguration::haveUpdatedPluginContainersWithParentID() {
   const auto value =
-      Platform().preferences->copyValue(UpdatedPluginContainersKey, QVPreferencesDomain, kScope);
+      QVPlatform().preferences->copyValue(UpdatedPluginContainersKey, QVPreferencesDomain, kScope);
   return value && *value != PlistValue(false);
 }
 
 void QVGlobalConfiguration::setHaveUpdatedPluginContainersWithParentID(bool flag) {
-  Platform().preferences->setValue(UpdatedPluginContainersKey, PlistValue(flag),
-                                   QVPreferencesDomain, kScope);
-  Platform().preferences->synchronize(QVPreferencesDomain, kScope);
+  QVPlatform().preferences->setValue(UpdatedPluginContainersKey, PlistValue(flag),
+                                     QVPreferencesDomain, kScope);
+  QVPlatform().preferences->synchronize(QVPreferencesDomain, kScope);
 }
 
 std::optional<std::string> QVGlobalConfiguration::alternateThinningModelIdentifier() {
-  return Platform().preferences->stringFromUserDefaults(ThinnedAppVariantKey,
-                                                        StorePreferencesDomain);
+  return QVPlatform().preferences->stringFromUserDefaults(ThinnedAppVariantKey,
+                                                          StorePreferencesDomain);
 }
 
 }  // namespace quorvel

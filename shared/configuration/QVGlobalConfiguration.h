@@ -36,10 +36,11 @@ inline constexpr const char* QVBundleURLKey = "com.velto.Quorvel.bundleURL";
 
 class QV_EXPORT QVGlobalConfiguration {
  public:
+  // The process's one instance, made on first use and never destroyed: threads that are still
+  // running when the process ends may go on reading it.
   static QVGlobalConfiguration& sharedInstance();
 
-  // `root` stands for the system's "/".
-  explicit QVGlobalConfiguration(const Path& root = Path::directory("/"));
+  ~QVGlobalConfiguration() = default;
   QVGlobalConfiguration(const QVGlobalConfiguration&) = delete;
   QVGlobalConfiguration& operator=(const QVGlobalConfiguration&) = delete;
 
@@ -125,11 +126,16 @@ class QV_EXPORT QVGlobalConfiguration {
   std::shared_ptr<const QVBundleMap> _bundleIDMapForAppsInDirectory(const Path& directory);
 
  private:
-  Path fixedDirectory(std::optional<Path>& member, const Path& base, const char* component);
-  std::shared_ptr<const QVBundleMap> appMap(std::shared_ptr<const QVBundleMap>& member,
-                                            Path (QVGlobalConfiguration::*directory)());
-  std::optional<std::string> firstMountPointBelow(HardwareEntry entry);
-  void readPreferences();
+  // Others are made by tests only (shared/configuration/ConfigurationForRoot.h).
+  friend struct ConfigurationForRoot;
+  // `root` stands for the system's "/".
+  explicit QVGlobalConfiguration(const Path& root);
+
+  Path _fixedDirectory(std::optional<Path>& member, const Path& base, const char* component);
+  std::shared_ptr<const QVBundleMap> _appMap(std::shared_ptr<const QVBundleMap>& member,
+                                             Path (QVGlobalConfiguration::*directory)());
+  std::optional<std::string> _firstMountPointBelow(HardwareEntry entry);
+  void _readPreferences();
 
   // Declared in the order of the service's own description of the class.
   Path _quorveldPath;
@@ -160,7 +166,7 @@ class QV_EXPORT QVGlobalConfiguration {
   std::uint32_t _gid = 33;
 
   // Recursive: operations that fill one lazy member ask for others while they hold it.
-  std::recursive_mutex lock_;
+  std::recursive_mutex _lock;
 };
 
 }  // namespace quorvel

@@ -25,7 +25,7 @@ void Ensure(const Path& directory, std::int32_t protectionClass, const char* fun
 }  // namespace
 
 Path QVGlobalConfiguration::carrierBundlesDirectory() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_carrierBundlesDir) {
     _carrierBundlesDir = _mobilePath.childDirectory("Library/Carrier Bundles");
   }
@@ -36,7 +36,7 @@ Path QVGlobalConfiguration::carrierBundlesDirectory() {
 }
 
 Path QVGlobalConfiguration::stagingRoot() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_stagingRoot) {
     _stagingRoot = cachesDirectory().childDirectory("com.velto.mobile.quorveld.staging");
   }
@@ -54,7 +54,7 @@ Path QVGlobalConfiguration::logDirectory() {
 }
 
 Path QVGlobalConfiguration::dataDirectory() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_dataDir) _dataDir = dataDirectoryPath();
   Ensure(*_dataDir, kProtectionClass, "-[QVGlobalConfiguration dataDirectory]",
          "Failed to create data dir at \"%@\": %@");
@@ -62,54 +62,54 @@ Path QVGlobalConfiguration::dataDirectory() {
 }
 
 Path QVGlobalConfiguration::cachesDirectory() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_cachesDir) _cachesDir = _quorveldPath.childDirectory("Library/Caches");
   Ensure(*_cachesDir, QVNoProtectionClass, "-[QVGlobalConfiguration cachesDirectory]",
          "Failed to create data dir at \"%@\": %@");
   return *_cachesDir;
 }
 
-Path QVGlobalConfiguration::fixedDirectory(std::optional<Path>& member, const Path& base,
-                                           const char* component) {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+Path QVGlobalConfiguration::_fixedDirectory(std::optional<Path>& member, const Path& base,
+                                            const char* component) {
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!member) member = base.childDirectory(component);
   return *member;
 }
 
 Path QVGlobalConfiguration::coreServicesDirectory() {
-  return fixedDirectory(_coreServicesDir, _rootPath, "System/Library/CoreServices");
+  return _fixedDirectory(_coreServicesDir, _rootPath, "System/Library/CoreServices");
 }
 
 Path QVGlobalConfiguration::systemAppsDirectory() {
-  return fixedDirectory(_systemAppsDir, _rootPath, "Applications");
+  return _fixedDirectory(_systemAppsDir, _rootPath, "Applications");
 }
 
 Path QVGlobalConfiguration::internalAppsDirectory() {
-  return fixedDirectory(_internalAppsDir, _rootPath, "VeltoInternal/Applications");
+  return _fixedDirectory(_internalAppsDir, _rootPath, "VeltoInternal/Applications");
 }
 
 Path QVGlobalConfiguration::developerAppsDirectory() {
-  return fixedDirectory(_developerAppsDir, _rootPath, "Developer/Applications");
+  return _fixedDirectory(_developerAppsDir, _rootPath, "Developer/Applications");
 }
 
 Path QVGlobalConfiguration::factoryMountDirectory() {
-  return fixedDirectory(_factoryMountDir, _rootPath, "private/var/factory_mount/");
+  return _fixedDirectory(_factoryMountDir, _rootPath, "private/var/factory_mount/");
 }
 
 Path QVGlobalConfiguration::systemFrameworksRootDirectory() {
-  return fixedDirectory(_systemFrameworksRootDirectory, _rootPath, "System/Library");
+  return _fixedDirectory(_systemFrameworksRootDirectory, _rootPath, "System/Library");
 }
 
 Path QVGlobalConfiguration::internalFrameworksRootDirectory() {
-  return fixedDirectory(_internalFrameworksRootDirectory, _rootPath, "VeltoInternal");
+  return _fixedDirectory(_internalFrameworksRootDirectory, _rootPath, "VeltoInternal");
 }
 
 Path QVGlobalConfiguration::developerFrameworksRootDirectory() {
-  return fixedDirectory(_developerFrameworksRootDirectory, _rootPath, "Developer");
+  return _fixedDirectory(_developerFrameworksRootDirectory, _rootPath, "Developer");
 }
 
 std::set<Path> QVGlobalConfiguration::allFrameworksDirectories() {
-  const std::lock_guard<std::recursive_mutex> lock(lock_);
+  const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_allFrameworksDirectories) {
     _allFrameworksDirectories.emplace();
     for (const Path& root : {systemFrameworksRootDirectory(), internalFrameworksRootDirectory()}) {

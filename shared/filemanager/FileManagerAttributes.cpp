@@ -62,7 +62,7 @@ UniqueDescriptor OpenForClass(const FileSystemRepresentation& path, const char* 
 
 bool ReadClass(const UniqueDescriptor& descriptor, const FileSystemRepresentation& path,
                const char* function, std::int32_t* protectionClass, Error* error) {
-  *protectionClass = Platform().fileSystem->GetProtectionClass(descriptor.get());
+  *protectionClass = QVPlatform().fileSystem->GetProtectionClass(descriptor.get());
   if (*protectionClass >= 0) return true;
   const int number = errno;
   return SetError(
@@ -139,7 +139,7 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
     if (!ReadClass(descriptor, representation, kSetClass, &current, error)) return false;
     if (!ifPredicate(current)) return true;
   }
-  if (Platform().fileSystem->SetProtectionClass(descriptor.get(), protectionClass) == 0) {
+  if (QVPlatform().fileSystem->SetProtectionClass(descriptor.get(), protectionClass) == 0) {
     return true;
   }
   const int number = errno;
@@ -153,14 +153,14 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
 bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) try {
   const std::uint32_t value = 1;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  if (Platform().fileSystem->setxattr(path.c_str(), PlaceholderAttributeName, &value, sizeof value,
-                                      0, XATTR_NOFOLLOW) == 0) {
+  if (QVPlatform().fileSystem->setxattr(path.c_str(), PlaceholderAttributeName, &value,
+                                        sizeof value, 0, XATTR_NOFOLLOW) == 0) {
     return true;
   }
   const int number = errno;
   return SetError(
       error, _CreateAndLogError({kMark, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
-                                {PosixCause(number)}, "Could't set placeholder EA on \"%s\": %s",
+                                {QVPosixCause(number)}, "Could't set placeholder EA on \"%s\": %s",
                                 path, ErrnoDescription(number)));
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kMark, __LINE__, error);
@@ -169,8 +169,8 @@ bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) tr
 bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) try {
   std::uint32_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  return Platform().fileSystem->getxattr(path.c_str(), PlaceholderAttributeName, &value,
-                                         sizeof value, 0, XATTR_NOFOLLOW) == sizeof value;
+  return QVPlatform().fileSystem->getxattr(path.c_str(), PlaceholderAttributeName, &value,
+                                           sizeof value, 0, XATTR_NOFOLLOW) == sizeof value;
 } catch (const std::bad_alloc&) {
   return false;
 }
@@ -178,14 +178,14 @@ bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) try {
 bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle,
                                    Error* error) try {
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  if (Platform().fileSystem->setxattr(path.c_str(), InstallTypeAttributeName, &installType,
-                                      sizeof installType, 0, XATTR_NOFOLLOW) == 0) {
+  if (QVPlatform().fileSystem->setxattr(path.c_str(), InstallTypeAttributeName, &installType,
+                                        sizeof installType, 0, XATTR_NOFOLLOW) == 0) {
     return true;
   }
   const int number = errno;
   return SetError(
       error, _CreateAndLogError({kSetType, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
-                                {PosixCause(number)}, "Could't set installType EA on \"%s\": %s",
+                                {QVPosixCause(number)}, "Could't set installType EA on \"%s\": %s",
                                 path, ErrnoDescription(number)));
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kSetType, __LINE__, error);
@@ -195,16 +195,16 @@ std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bun
                                                                  Error* error) try {
   std::uint64_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  const ssize_t size = Platform().fileSystem->getxattr(path.c_str(), InstallTypeAttributeName,
-                                                       &value, sizeof value, 0, XATTR_NOFOLLOW);
+  const ssize_t size = QVPlatform().fileSystem->getxattr(path.c_str(), InstallTypeAttributeName,
+                                                         &value, sizeof value, 0, XATTR_NOFOLLOW);
   if (size == sizeof value) return value;
   if (size < 0) {
     const int number = errno;
     if (number == ENODATA) return 0;
-    SetError(error,
-             _CreateAndLogError({kGetType, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
-                                {PosixCause(number)}, "Couldn't get installType EA from \"%s\": %s",
-                                path, ErrnoDescription(number)));
+    SetError(error, _CreateAndLogError({kGetType, __LINE__}, QVInstallerErrorDomain,
+                                       QVFileOperationFailed, {QVPosixCause(number)},
+                                       "Couldn't get installType EA from \"%s\": %s", path,
+                                       ErrnoDescription(number)));
   } else {
     SetError(error,
              _CreateAndLogError({kGetType, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,

@@ -71,7 +71,7 @@ bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error*
         error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "opendir of %@ failed: %s",
                             path.string(), ErrnoDescription(number)));
   }
-  if (Platform().fileSystem->SetProtectionClass(directory.get(), protectionClass) != 0) {
+  if (QVPlatform().fileSystem->SetProtectionClass(directory.get(), protectionClass) != 0) {
     const int number = errno;
     return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
                                         "Failed to setclass(%d) on directory %@: %s",
@@ -85,13 +85,13 @@ bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error*
 bool GiveMode(const char* made, mode_t mode) {
   const UniqueDescriptor directory(::open(made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (directory) return ::fchmod(directory.get(), mode) == 0;
-  return errno == EACCES && Platform().fileSystem->lchmod(AT_FDCWD, made, mode) == 0;
+  return errno == EACCES && QVPlatform().fileSystem->lchmod(AT_FDCWD, made, mode) == 0;
 }
 
 bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   if (how.withIntermediateDirectories) {
-    const int number = Platform().fileSystem->MakePath(representation.c_str(), how.mode);
+    const int number = QVPlatform().fileSystem->MakePath(representation.c_str(), how.mode);
     if (number == 0 || number == EEXIST) return true;
     return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
                                         "ensuredirs_np of %@ failed: %s", path.string(),
@@ -114,7 +114,7 @@ QVFileManager& QVFileManager::defaultManager() {
 }
 
 bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
-  const std::unique_ptr<WipeTreeState> state = Platform().fileSystem->allocateWipeTreeState();
+  const std::unique_ptr<WipeTreeState> state = QVPlatform().fileSystem->allocateWipeTreeState();
   if (path.isAbsent()) {
     return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, EFAULT,
                                         "nil url passed to -removeItemAtURL:error:"));
@@ -123,7 +123,8 @@ bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
   int firstNumber = 0;
   PrepareWipe(*state, &firstNumber);
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
-  if (Platform().fileSystem->RemoveTree(representation.c_str(), WIPETREE_RECURSIVE, *state) != 0 &&
+  if (QVPlatform().fileSystem->RemoveTree(representation.c_str(), WIPETREE_RECURSIVE, *state) !=
+          0 &&
       errno != ENOENT) {
     return FailRemoval(path, errno, error);
   }
@@ -155,7 +156,7 @@ std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const 
   SetError(error,
            _CreateAndLogError(
                {kTemporary, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
-               {PosixCause(number), {{QVPathArgumentErrorKey, PlistValue(pattern.string())}}},
+               {QVPosixCause(number), {{QVPathArgumentErrorKey, PlistValue(pattern.string())}}},
                "Failed to create temp dir at path %s", name.c_str()));
   return std::nullopt;
 } catch (const std::bad_alloc&) {
@@ -165,7 +166,7 @@ std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const 
 
 bool QVFileManager::syncDirectoryAtURL(const Path& directory, Error* error) try {
   const FileSystemRepresentation representation = directory.fileSystemRepresentation();
-  if (Platform().fileSystem->SyncDirectory(representation.c_str()) == 0) return true;
+  if (QVPlatform().fileSystem->SyncDirectory(representation.c_str()) == 0) return true;
   const int number = errno;
   return SetError(error,
                   _CreateError(kSync, __LINE__, PosixErrorDomain, number, "sync of %@ failed: %s",
@@ -181,7 +182,7 @@ bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error
     struct stat info {};
     const bool known = ::lstat(representation.c_str(), &info) == 0;
     if (known && !synced.insert(info.st_dev).second) continue;
-    if (known && Platform().fileSystem->SyncFileSystem(representation.c_str()) == 0) continue;
+    if (known && QVPlatform().fileSystem->SyncFileSystem(representation.c_str()) == 0) continue;
     const int number = errno;
     return SetError(error,
                     _CreateError(kSyncFileSystems, __LINE__, PosixErrorDomain, number,

@@ -43,7 +43,7 @@ bool CopyWhole(const Path& source, const Path& destination, Error* error) {
   const auto skipped = [](const char* path) {
     QV_LOG(LogLevelError, kCopy, "clonetree left out the socket %s", path);
   };
-  if (Platform().fileSystem->CopyTree(from.c_str(), to.c_str(), flags, skipped) == 0) return true;
+  if (QVPlatform().fileSystem->CopyTree(from.c_str(), to.c_str(), flags, skipped) == 0) return true;
   const int number = errno;
   return SetError(error, _CreateError(kCopy, __LINE__, PosixErrorDomain, number,
                                       "clonetree of %@ to %@ failed: %s", source, destination,
@@ -80,8 +80,8 @@ bool MakeRemain(QVFileManager& manager, const Path& source, Path* made, Error* e
     const FileSystemRepresentation path = made->fileSystemRepresentation();
     if (::mkdir(path.c_str(), kRemainMode) == 0) {
       constexpr std::uint8_t mark = 1;
-      Platform().fileSystem->setxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0,
-                                      XATTR_NOFOLLOW);
+      QVPlatform().fileSystem->setxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark,
+                                        0, XATTR_NOFOLLOW);
       return manager.syncDirectoryAtURL(*made, error);
     }
     if (errno != EEXIST) return FailMove(source, *made, errno, error);
@@ -203,8 +203,8 @@ bool QVFileManager::isRemainOfMove(const Path& item) {
     return false;
   }
   std::uint8_t mark = 0;
-  if (Platform().fileSystem->getxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0,
-                                      XATTR_NOFOLLOW) == sizeof mark) {
+  if (QVPlatform().fileSystem->getxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark,
+                                        0, XATTR_NOFOLLOW) == sizeof mark) {
     return true;
   }
   // One whose making was interrupted has nothing in it.

@@ -110,8 +110,8 @@ std::size_t FirstCompared(const std::vector<std::string_view>& parts) {
 }
 
 bool RealChildLiesInBase(const Resolution& paths) {
-  const auto baseParts = PathComponents(paths.realBase.string());
-  const auto childParts = PathComponents(paths.realChild.string());
+  const auto baseParts = QVPathComponents(paths.realBase.string());
+  const auto childParts = QVPathComponents(paths.realChild.string());
   const std::string& child = paths.child.string();
   const std::string& base = paths.base.string();
   const std::string& realChild = paths.realChild.string();
@@ -221,7 +221,7 @@ std::optional<Path> QVFileManager::_realPathForURL(const Path& path,
 }
 
 std::optional<Path> QVFileManager::_realPathWhatExistsInPath(const std::string& path) {
-  const std::vector<std::string_view> components = PathComponents(path);
+  const std::vector<std::string_view> components = QVPathComponents(path);
   for (std::size_t count = components.size(); count >= 2; --count) {
     const Path prefix(JoinComponents(components, 0, count));
     if (!itemExistsAtURL(prefix)) continue;
@@ -239,7 +239,7 @@ bool QVFileManager::_validateSymlink(const std::optional<std::string>& path,
                                      std::uint32_t startingDepth, std::uint32_t* endingDepth) {
   if (!path) return false;
   std::int64_t depth = startingDepth;
-  for (const std::string_view component : PathComponents(*path)) {
+  for (const std::string_view component : QVPathComponents(*path)) {
     if (component == "..") {
       --depth;
     } else if (component != "/" && component != ".") {

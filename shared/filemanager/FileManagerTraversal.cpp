@@ -57,10 +57,10 @@ void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) 
 }
 
 void ChangeMode(const TreeWalkEntry& entry) {
-  if (S_ISLNK(entry.info.st_mode) && !Platform().fileSystem->LinksHaveModes()) return;
+  if (S_ISLNK(entry.info.st_mode) && !QVPlatform().fileSystem->LinksHaveModes()) return;
   const mode_t wanted = S_ISDIR(entry.info.st_mode) ? kDirectoryMode : kItemMode;
   if ((entry.info.st_mode & kPermissionBits) == wanted) return;
-  if (Platform().fileSystem->lchmod(entry.parent, entry.name, wanted) == 0) return;
+  if (QVPlatform().fileSystem->lchmod(entry.parent, entry.name, wanted) == 0) return;
   const int number = errno;
   QV_LOG(LogLevelError, kStandardize, "Could not chmod %s: %s", entry.path,
          ErrnoDescription(number));
@@ -82,7 +82,7 @@ bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path
 bool QVFileManager::_traverseDirectory(const Path& root, Error* error,
                                        const TreeVisitor& visitor) try {
   const FileSystemRepresentation representation = root.fileSystemRepresentation();
-  const std::unique_ptr<TreeWalk> walk = Platform().treeWalker->open(
+  const std::unique_ptr<TreeWalk> walk = QVPlatform().treeWalker->open(
       representation.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION | FTS_XDEV_OPTION);
   if (!walk) {
     const int number = errno;

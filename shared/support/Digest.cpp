@@ -120,7 +120,7 @@ bool _ReadFile(const char* path, const ReadFileCallback& callback) {
 }
 
 std::optional<std::string> QVCreateSHA256Digest(const std::string& path) try {
-  const std::unique_ptr<Sha256> computation = Platform().sha256->start();
+  const std::unique_ptr<Sha256> computation = QVPlatform().sha256->start();
   const FileSystemRepresentation representation(path);
   const bool read =
       _ReadFile(representation.c_str(), [&](const std::uint8_t* bytes, std::size_t count) {

@@ -34,7 +34,7 @@ void AddSite(Error::UserInfo& info, ErrorSite site) {
 Error _CreateErrorV(ErrorSite site, const char* domain, std::int64_t code, std::string_view format,
                     FormatArguments arguments) {
   Error::UserInfo info;
-  info.insert_or_assign(LocalizedDescriptionKey, PlistValue(FormatMessageV(format, arguments)));
+  info.insert_or_assign(LocalizedDescriptionKey, PlistValue(QVFormatMessageV(format, arguments)));
   AddSite(info, site);
   return Error(domain, code, std::move(info));
 }
@@ -44,7 +44,7 @@ Error _CreateAndLogErrorV(ErrorSite site, const char* domain, std::int64_t code,
                           FormatArguments arguments) {
   Error::UserInfo& info = context.userInfo;
   if (format) {
-    const std::string description = FormatMessageV(*format, arguments);
+    const std::string description = QVFormatMessageV(*format, arguments);
     if (context.underlying) {
       QV_LOG(LogLevelError, site.function, "%d: %@ (%@)", site.line, description,
              context.underlying);
@@ -58,7 +58,7 @@ Error _CreateAndLogErrorV(ErrorSite site, const char* domain, std::int64_t code,
   return Error(domain, code, std::move(info));
 }
 
-Error PosixCause(int number) { return Error(PosixErrorDomain, number, {}); }
+Error QVPosixCause(int number) { return Error(PosixErrorDomain, number, {}); }
 
 bool OutOfMemory(const char* function, std::int32_t line, Error* error) {
   if (error == nullptr) return false;

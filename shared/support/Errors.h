@@ -84,6 +84,6 @@ inline Error _CreateAndLogError(ErrorSite site, const char* domain, std::int64_t
 QV_EXPORT bool OutOfMemory(const char* function, std::int32_t line, Error* error);
 
 // The record of one errno value with no further information: the usual cause.
-QV_EXPORT Error PosixCause(int number);
+QV_EXPORT Error QVPosixCause(int number);
 
 }  // namespace quorvel

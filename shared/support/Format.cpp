@@ -199,7 +199,7 @@ void AppendArgument(std::string& out, const FormatArgument& argument,
 
 }  // namespace
 
-std::string FormatMessageV(std::string_view format, FormatArguments arguments) {
+std::string QVFormatMessageV(std::string_view format, FormatArguments arguments) {
   std::string out;
   out.reserve(format.size() + 64 * arguments.size());
   std::size_t used = 0;
@@ -219,19 +219,19 @@ std::string FormatMessageV(std::string_view format, FormatArguments arguments) {
   }
 }
 
-std::string DescribeValue(const PlistValue& value) {
+std::string QVDescribeValue(const PlistValue& value) {
   std::string out;
   AppendValue(out, value, 0);
   return out;
 }
 
-std::string DescribeError(const Error& error) {
+std::string QVDescribeError(const Error& error) {
   std::string out;
   AppendError(out, error, 0);
   return out;
 }
 
-std::string DescribeUserInfo(const Error& error) {
+std::string QVDescribeUserInfo(const Error& error) {
   std::string out;
   AppendInfo(out, error.userInfo(), 0);
   return out;

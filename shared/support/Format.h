@@ -211,18 +211,18 @@ FormatArgument::FormatArgument(const T& argument) : object(nullptr) {
 }
 
 // Formats with arguments already packaged. A directive without an argument prints as it stands.
-QV_EXPORT std::string FormatMessageV(std::string_view format, FormatArguments arguments);
+QV_EXPORT std::string QVFormatMessageV(std::string_view format, FormatArguments arguments);
 
 template <class... Arguments>
 std::string FormatMessage(Format<Arguments...> format, const Arguments&... arguments) {
   const std::array<FormatArgument, sizeof...(Arguments)> packaged = {FormatArgument(arguments)...};
-  return FormatMessageV(format.get(), packaged);
+  return QVFormatMessageV(format.get(), packaged);
 }
 
 // The printable descriptions that "%@" inserts.
-QV_EXPORT std::string DescribeValue(const PlistValue& value);
-QV_EXPORT std::string DescribeError(const Error& error);
+QV_EXPORT std::string QVDescribeValue(const PlistValue& value);
+QV_EXPORT std::string QVDescribeError(const Error& error);
 // The userInfo of an Error alone.
-QV_EXPORT std::string DescribeUserInfo(const Error& error);
+QV_EXPORT std::string QVDescribeUserInfo(const Error& error);
 
 }  // namespace quorvel

@@ -84,7 +84,7 @@ std::unique_ptr<PlistDictionary> QVLoadInfoPlist(const Path& path,
     return nullptr;
   }
   const std::lock_guard<std::mutex> lock(gBundleLock);
-  const std::unique_ptr<PKBundle> bundle = Platform().bundles->open(path);
+  const std::unique_ptr<PKBundle> bundle = QVPlatform().bundles->open(path);
   if (!bundle) {
     QV_LOG(LogLevelError, kLoad, "Failed to create PKBundle from URL %@", path);
     return nullptr;

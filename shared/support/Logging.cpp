@@ -7,17 +7,17 @@ namespace quorvel {
 
 LogHandle* gLogHandle = nullptr;
 
-void LogWriteV(const LogHandle* handle, int level, const char* function, std::string_view format,
-               FormatArguments arguments) {
+void QVLogWriteV(const LogHandle* handle, int level, const char* function, std::string_view format,
+                 FormatArguments arguments) {
   // Errors may be built before the host has installed anything.
-  const PlatformServices* services = InstalledPlatformServices();
+  const PlatformServices* services = QVInstalledPlatformServices();
   if (services == nullptr || services->log == nullptr) return;
-  services->log->write(handle, level, function, FormatMessageV(format, arguments));
+  services->log->write(handle, level, function, QVFormatMessageV(format, arguments));
 }
 
-void HostLogV(const char* sourceFile, const char* function, int line, const char* category,
-              int level, std::string_view message) {
-  const PlatformServices* services = InstalledPlatformServices();
+void QVHostLogV(const char* sourceFile, const char* function, int line, const char* category,
+                int level, std::string_view message) {
+  const PlatformServices* services = QVInstalledPlatformServices();
   if (services == nullptr || services->hostLog == nullptr) return;
   services->hostLog->write(sourceFile, function, line, category, level, message);
 }

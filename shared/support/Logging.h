@@ -24,8 +24,8 @@ inline bool ShouldLog(int level) {
   return gLogHandle == nullptr ? level <= LogLevelNotice : gLogHandle->level >= level;
 }
 
-QV_EXPORT void LogWriteV(const LogHandle* handle, int level, const char* function,
-                         std::string_view format, FormatArguments arguments);
+QV_EXPORT void QVLogWriteV(const LogHandle* handle, int level, const char* function,
+                           std::string_view format, FormatArguments arguments);
 
 // One line of the service's log. `function` is the reporting operation's full name, so that the
 // message never repeats it.
@@ -33,7 +33,7 @@ template <class... Arguments>
 void LogWrite(const LogHandle* handle, int level, const char* function, Format<Arguments...> format,
               const Arguments&... arguments) {
   const std::array<FormatArgument, sizeof...(Arguments)> packaged = {FormatArgument(arguments)...};
-  LogWriteV(handle, level, function, format.get(), packaged);
+  QVLogWriteV(handle, level, function, format.get(), packaged);
 }
 
 // LogWrite behind the level test; when it fails the arguments are not even evaluated.
@@ -44,14 +44,14 @@ void LogWrite(const LogHandle* handle, int level, const char* function, Format<A
     }                                                                               \
   } while (false)
 
-QV_EXPORT void HostLogV(const char* sourceFile, const char* function, int line,
-                        const char* category, int level, std::string_view message);
+QV_EXPORT void QVHostLogV(const char* sourceFile, const char* function, int line,
+                          const char* category, int level, std::string_view message);
 
 // One line of the host's log.
 template <class... Arguments>
 void HostLog(const char* sourceFile, const char* function, int line, const char* category,
              int level, Format<Arguments...> format, const Arguments&... arguments) {
-  HostLogV(sourceFile, function, line, category, level, FormatMessage(format, arguments...));
+  QVHostLogV(sourceFile, function, line, category, level, FormatMessage(format, arguments...));
 }
 
 }  // namespace quorvel

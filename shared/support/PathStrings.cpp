@@ -25,13 +25,13 @@ std::string QuorvelAdditions::stringWithFileSystemRepresentation(const char* byt
 }
 
 bool QuorvelAdditions::containsDotDotPathComponents(std::string_view path) {
-  for (const std::string_view component : PathComponents(path)) {
+  for (const std::string_view component : QVPathComponents(path)) {
     if (component == "..") return true;
   }
   return false;
 }
 
-std::vector<std::string_view> PathComponents(std::string_view path) {
+std::vector<std::string_view> QVPathComponents(std::string_view path) {
   std::vector<std::string_view> components;
   if (path.starts_with('/')) components.push_back(path.substr(0, 1));
   while (!path.empty()) {
@@ -58,7 +58,7 @@ void AppendURL(std::string& out, const Path& path) {
   if (path.isDirectory() && out.back() != '/') out += '/';
 }
 
-std::string URLForm(const Path& path) {
+std::string QVURLForm(const Path& path) {
   std::string url;
   AppendURL(url, path);
   return url;

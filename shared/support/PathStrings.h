@@ -24,11 +24,11 @@ struct QV_EXPORT QuorvelAdditions {
 
 // The components of a path text, split on "/"; a leading "/" is a component of its own, further
 // and trailing slashes separate but add nothing. They refer to `path`.
-QV_EXPORT std::vector<std::string_view> PathComponents(std::string_view path);
+QV_EXPORT std::vector<std::string_view> QVPathComponents(std::string_view path);
 
 // Appends the path as a URL: "file://", the absolute path with every byte outside the unreserved
 // and sub-delimiter characters, and ";", percent-escaped, and a final slash for a directory.
 void AppendURL(std::string& out, const Path& path);
-QV_EXPORT std::string URLForm(const Path& path);
+QV_EXPORT std::string QVURLForm(const Path& path);
 
 }  // namespace quorvel

@@ -12,9 +12,9 @@ const PlatformServices* gServices = nullptr;
 
 void QVInstallPlatformServices(const PlatformServices* services) { gServices = services; }
 
-const PlatformServices* InstalledPlatformServices() { return gServices; }
+const PlatformServices* QVInstalledPlatformServices() { return gServices; }
 
-const PlatformServices& Platform() {
+const PlatformServices& QVPlatform() {
   if (gServices == nullptr) {
     std::fputs("quorvel: no platform services are installed\n", stderr);
     std::abort();

@@ -13,9 +13,9 @@ QV_EXPORT void QVInstallPlatformServices(const PlatformServices* services);
 
 // The installed set. Reaching for a service without one ends the process with a message: it is
 // a fault of the program's start, not of its input.
-QV_EXPORT const PlatformServices& Platform();
+QV_EXPORT const PlatformServices& QVPlatform();
 
 // The installed set, or null.
-QV_EXPORT const PlatformServices* InstalledPlatformServices();
+QV_EXPORT const PlatformServices* QVInstalledPlatformServices();
 
 }  // namespace quorvel

@@ -7,7 +7,7 @@
 
 namespace quorvel {
 
-bool PlistValueIsOfType(const PlistValue& value, PlistType type) {
+bool QVPlistValueIsOfType(const PlistValue& value, PlistType type) {
   switch (type) {
     case PlistType::string:
       return value.string() != nullptr;
@@ -31,12 +31,12 @@ bool PlistValueIsOfType(const PlistValue& value, PlistType type) {
 
 std::optional<std::string> QVStringifyObject(const PlistValue* value) {
   if (value == nullptr) return std::nullopt;
-  return DescribeValue(*value);
+  return QVDescribeValue(*value);
 }
 
 bool QVArrayContainsOnlyClass(const PlistArray& array, PlistType type) {
   return std::all_of(array.begin(), array.end(), [type](const PlistValue& element) {
-    return PlistValueIsOfType(element, type);
+    return QVPlistValueIsOfType(element, type);
   });
 }
 
@@ -55,7 +55,7 @@ std::optional<PlistArray> QVArrayifyThing(const PlistValue* value, PlistType typ
     return members;
   };
   if (const PlistArray* array = value->array()) return onlyIfAll(*array);
-  if (PlistValueIsOfType(*value, type)) return PlistArray{*value};
+  if (QVPlistValueIsOfType(*value, type)) return PlistArray{*value};
   if (const PlistSet* set = value->set()) return onlyIfAll(set->members);
   return std::nullopt;
 }

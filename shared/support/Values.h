@@ -13,7 +13,7 @@ namespace quorvel {
 // The types that a value can be tested against. A boolean is also a number.
 enum class PlistType { string, number, boolean, data, date, array, dictionary, set };
 
-QV_EXPORT bool PlistValueIsOfType(const PlistValue& value, PlistType type);
+QV_EXPORT bool QVPlistValueIsOfType(const PlistValue& value, PlistType type);
 
 // A string unchanged, anything else as its printable description; absent for absent.
 QV_EXPORT std::optional<std::string> QVStringifyObject(const PlistValue* value);

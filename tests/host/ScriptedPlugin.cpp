@@ -24,7 +24,7 @@
 
 namespace {
 
-using quorvel::HostLogV;
+using quorvel::QVHostLogV;
 
 bool Scripted(std::string_view word) {
   const char* script = std::getenv("SCRIPT");
@@ -35,10 +35,10 @@ bool Scripted(std::string_view word) {
 void Touch(const char* path) { ::close(::open(path, O_CREAT | O_WRONLY | O_CLOEXEC, 0666)); }
 
 void Log(const char* function, int level, const std::string& message) {
-  HostLogV(__FILE__, function, __LINE__, "Corvennad", level, "QVRavelle: " + message);
+  QVHostLogV(__FILE__, function, __LINE__, "Corvennad", level, "QVRavelle: " + message);
 }
 
-quorvel::MigrationAccount& Account() { return *quorvel::Platform().account; }
+quorvel::MigrationAccount& Account() { return *quorvel::QVPlatform().account; }
 
 constexpr const char* Driver = "-[QVRavelle performMigration]";
 constexpr int Items = 3;

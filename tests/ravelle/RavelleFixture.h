@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Ravelle/Ravelle.h"
+#include "shared/configuration/ConfigurationForRoot.h"
 #include "tests/support/FakeApplicationWorkspace.h"
 #include "tests/support/FakeInstallationService.h"
 #include "tests/support/TestPlatform.h"
@@ -94,7 +95,7 @@ class RavelleFixture : public ::testing::Test {
     platform_.set.account = &account_;
     platform_.set.workspace = &workspace_;
     platform_.set.installationService = &service_;
-    configuration_ = std::make_unique<QVGlobalConfiguration>(Path::directory(root_));
+    configuration_ = ConfigurationForRoot::make(Path::directory(root_));
   }
 
   std::unique_ptr<QVRavelle> makePlugin() { return std::make_unique<QVRavelle>(*configuration_); }

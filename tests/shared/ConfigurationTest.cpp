@@ -1,11 +1,14 @@
 // The configuration: preferences, directories, catalogs, disk images, persisted flags and threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <thread>
 
+#include "shared/configuration/ConfigurationForRoot.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
@@ -118,7 +121,7 @@ TEST_F(Configuration, PreferencesCountOnlyInTheirOwnKind) {
       {"SimultaneousInstallsNumber", "8", true, false, false, 4, {}},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(::testing::Message() << row.key << ' ' << DescribeValue(row.value));
+    SCOPED_TRACE(::testing::Message() << row.key << ' ' << QVDescribeValue(row.value));
     FakePreferencesStore preferences;
     preferences.setValue(row.key, row.value, "com.velto.quorvel", kScope);
     // Another scope is not asked.
@@ -126,7 +129,8 @@ TEST_F(Configuration, PreferencesCountOnlyInTheirOwnKind) {
                          PreferencesScope::currentUserAnyHost);
     platform_.set.preferences = &preferences;
     platform_.log.clear();
-    const QVGlobalConfiguration configuration(root());
+    const auto made = ConfigurationForRoot::make(root());
+    const QVGlobalConfiguration& configuration = *made;
     EXPECT_EQ(configuration.lowerInstallPriority(), row.priority);
     EXPECT_EQ(configuration.skipDeviceFamilyCheck(), row.family);
     EXPECT_EQ(configuration.skipThinningCheck(), row.thinning);
@@ -139,13 +143,15 @@ TEST_F(Configuration, PreferencesCountOnlyInTheirOwnKind) {
 }
 
 TEST_F(Configuration, LaterChangesOfPreferencesDoNothing) {
-  const QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  const QVGlobalConfiguration& configuration = *made;
   preferences_.setValue("SkipThinningCheck", true, "com.velto.quorvel", kScope);
   EXPECT_FALSE(configuration.skipThinningCheck());
 }
 
 TEST_F(Configuration, TheDevicesLayout) {
-  QVGlobalConfiguration device;
+  const auto made = ConfigurationForRoot::make(Path::directory("/"));
+  QVGlobalConfiguration& device = *made;
   const std::pair<Path, std::string> paths[] = {
       {device.oldContainerPath(), "file:///private/var/mobile/Applications/"},
       {device.oldInstallMapPath(),
@@ -181,7 +187,8 @@ TEST_F(Configuration, TheDevicesLayout) {
 // --- Working directories ----------------------------------------------------------------------
 
 TEST_F(Configuration, WorkingDirectoriesAreMadeOnEveryCall) {
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   struct Row {
     Path (QVGlobalConfiguration::*directory)();
     const char* path;
@@ -224,7 +231,8 @@ TEST_F(Configuration, WorkingDirectoriesAreMadeOnEveryCall) {
 TEST_F(Configuration, DirectoriesThatCannotBeMadeAreNamedInTheLog) {
   platform_.tree.write("private/var/quorveld/Library", "a file");
   platform_.tree.write("private/var/mobile/Library", "a file");
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   const auto expect = [&](const Path& path, const char* name, const std::string& message) {
     const auto lines = platform_.log.lines();
     ASSERT_FALSE(lines.empty());
@@ -256,7 +264,8 @@ TEST_F(Configuration, ACatalogHoldsWhatHasAnIdentifier) {
   platform_.tree.write("Applications/F.app", "a file");
   platform_.tree.write("Applications/plain", "");
   platform_.tree.write("Applications/D.app/Info.plist", "damaged");
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   const auto map = configuration.systemAppBundleIDToInfoMap();
   ASSERT_NE(map, nullptr);
   const std::string url = at("Applications/A.app");
@@ -280,7 +289,8 @@ TEST_F(Configuration, ACatalogHoldsWhatHasAnIdentifier) {
 }
 
 TEST_F(Configuration, CatalogsAreScannedOnceUntilDiscarded) {
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   EXPECT_EQ(configuration.systemAppBundleIDToInfoMap(), nullptr);
   EXPECT_THAT(platform_.log.messages(), IsEmpty());  // a missing directory is nothing to tell
   app("Applications/A.app", "a");
@@ -315,7 +325,8 @@ TEST_F(Configuration, CatalogsAreScannedOnceUntilDiscarded) {
 
 TEST_F(Configuration, ADirectoryThatCannotBeListedIsToldOnce) {
   platform_.tree.write("Applications", "a file");
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   EXPECT_EQ(configuration.systemAppBundleIDToInfoMap(), nullptr);
   ASSERT_EQ(platform_.log.lines().size(), 1U);
   EXPECT_EQ(platform_.log.lines()[0].level, 3);
@@ -342,7 +353,8 @@ class DiskImages : public Configuration {
     EXPECT_EQ(hardware_.outstandingReferences(), 0U);
     EXPECT_EQ(hardware_.misuses(), 0U);
   }
-  QVGlobalConfiguration configuration_{root()};
+  const std::unique_ptr<QVGlobalConfiguration> made_ = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration_ = *made_;
 };
 
 TEST_F(DiskImages, NoneIsSilence) {
@@ -437,7 +449,8 @@ TEST_F(Configuration, FlagsLiveInTheStoreAlone) {
   auto storage = std::make_shared<FakePreferencesStore::Storage>();
   FakePreferencesStore mine(storage), other(storage);
   platform_.set.preferences = &mine;
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   EXPECT_FALSE(configuration.haveUpdatedPluginContainersWithParentID());
   for (const bool flag : {true, false}) {
     configuration.setHaveUpdatedPluginContainersWithParentID(flag);
@@ -516,7 +529,8 @@ TEST_F(Configuration, LazyMembersRescansAndTheBundleLockFromManyThreads) {
     app(std::string("VeltoInternal/Applications/i") + name + ".app", std::string("i") + name);
     app(std::string("System/Library/Frameworks/") + name + ".framework", name);
   }
-  QVGlobalConfiguration configuration(root());
+  const auto made = ConfigurationForRoot::make(root());
+  QVGlobalConfiguration& configuration = *made;
   std::atomic<int> wrong{0};
   OnManyThreads([&](int thread) {
     for (int round = 0; round < 8; ++round) {
@@ -546,6 +560,24 @@ TEST_F(Configuration, LazyMembersRescansAndTheBundleLockFromManyThreads) {
     }
   });
   EXPECT_EQ(wrong, 0);
+}
+
+// What is still running when the process ends reads paths that removals are made from.
+TEST(ConfigurationAtTheEnd, TheSharedInstanceOutlivesEverything) {
+  EXPECT_EXIT(
+      {
+        // Registered first, so that it runs after the end of whatever is made afterwards.
+        std::atexit([] {
+          const QVGlobalConfiguration& shared = QVGlobalConfiguration::sharedInstance();
+          const bool isWhole =
+              shared.oldContainerPath().string() == "/private/var/mobile/Applications" &&
+              shared.installationBlacklist().contains("com.velto.Kyo6Updater");
+          ::_exit(isWhole ? 0 : 1);
+        });
+        (void)QVGlobalConfiguration::sharedInstance().installationBlacklist();
+        std::exit(2);  // NOLINT(concurrency-mt-unsafe): the child has one thread
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

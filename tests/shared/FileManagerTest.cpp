@@ -250,7 +250,7 @@ TEST_F(FileManager, CreationFailsWithItsStep) {
 }
 
 TEST_F(FileManager, TemporaryDirectoriesAreNewAndPrivate) {
-  error_ = PosixCause(EIO);
+  error_ = QVPosixCause(EIO);
   const auto one = manager_.createTemporaryDirectoryInDirectoryURL(directory(""), &error_);
   const auto two = manager_.createTemporaryDirectoryInDirectoryURL(directory(""));
   ASSERT_TRUE(one && two);

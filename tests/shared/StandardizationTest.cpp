@@ -242,7 +242,7 @@ TEST_F(Standardization, AWalkThatEndsEarlyIsNeverASuccess) {
 }
 
 TEST_F(Standardization, TheVisitorsErrorIsTheResultsAndOutlivesAFailedClose) {
-  const Error mine = PosixCause(EDOM);
+  const Error mine = QVPosixCause(EDOM);
   breakWalk("close", 1, EIO);
   int visits = 0;
   EXPECT_FALSE(manager_._traverseDirectory(Path::directory(at("t")), &error_,

@@ -46,7 +46,7 @@ TEST(ErrorRecords, LoggedRecordTakesExtraEntriesAndCause) {
   TestPlatform platform;
   const Error error = _CreateAndLogError(
       {"_f", 281}, QVInstallerErrorDomain, 4,
-      {PosixCause(EACCES), {{QVPathArgumentErrorKey, PlistValue("/p")}}}, "no %s", "luck");
+      {QVPosixCause(EACCES), {{QVPathArgumentErrorKey, PlistValue("/p")}}}, "no %s", "luck");
   EXPECT_THAT(KeysOf(error), ElementsAre("FunctionName", "LocalizedDescription", "PathArgument",
                                          "SourceFileLine", "UnderlyingError"));
   EXPECT_TRUE(error.underlying().is(PosixErrorDomain, EACCES));
@@ -64,10 +64,10 @@ TEST(ErrorRecords, TheConstructorsOwnEntriesWin) {
     return Error::UserInfo{{QVFunctionNameErrorKey, PlistValue("forged")},
                            {QVSourceFileLineErrorKey, PlistValue("forged")},
                            {LocalizedDescriptionKey, PlistValue("given")},
-                           {UnderlyingErrorKey, PosixCause(EIO)}};
+                           {UnderlyingErrorKey, QVPosixCause(EIO)}};
   };
   const Error with =
-      _CreateAndLogError({"_f", 1}, "d", 7, {PosixCause(EPERM), extra()}, "formatted");
+      _CreateAndLogError({"_f", 1}, "d", 7, {QVPosixCause(EPERM), extra()}, "formatted");
   EXPECT_EQ(*with.infoString(QVFunctionNameErrorKey), "_f");
   EXPECT_EQ(with.infoString(QVSourceFileLineErrorKey), nullptr);  // a number now
   EXPECT_EQ(with.description(), "formatted");
@@ -140,8 +140,8 @@ TEST(Formats, NumbersTextsAndObjects) {
 }
 
 TEST(Formats, TooFewArgumentsAtRunTimeStayVisible) {
-  EXPECT_EQ(FormatMessageV("%d and %@", {}), "%d and %@");
-  EXPECT_EQ(FormatMessageV("ends in %", {}), "ends in %");
+  EXPECT_EQ(QVFormatMessageV("%d and %@", {}), "%d and %@");
+  EXPECT_EQ(QVFormatMessageV("ends in %", {}), "ends in %");
 }
 
 TEST(Formats, AnErrorShowsDomainCodeAndInfoDownToItsCause) {
@@ -155,7 +155,7 @@ TEST(Formats, AnErrorShowsDomainCodeAndInfoDownToItsCause) {
 TEST(Formats, DescriptionsOfDeepValuesAreCut) {
   PlistValue deep = 1;
   for (int i = 0; i < 2000; ++i) deep = PlistArray{std::move(deep)};
-  const std::string text = DescribeValue(deep);
+  const std::string text = QVDescribeValue(deep);
   EXPECT_LT(text.size(), 100U);
   EXPECT_NE(text.find("..."), std::string::npos);
 }
@@ -213,20 +213,20 @@ TEST(PathTexts, DotDotComponentsAndComponents) {
   for (const char* path : {"", "/", "/a/b", "a/..b", "...", "a../b", "/.. /x"}) {
     EXPECT_FALSE(QuorvelAdditions::containsDotDotPathComponents(path)) << path;
   }
-  EXPECT_THAT(PathComponents("/var//mobile/"), ElementsAre("/", "var", "mobile"));
-  EXPECT_THAT(PathComponents("a/./b"), ElementsAre("a", ".", "b"));
-  EXPECT_THAT(PathComponents(""), IsEmpty());
+  EXPECT_THAT(QVPathComponents("/var//mobile/"), ElementsAre("/", "var", "mobile"));
+  EXPECT_THAT(QVPathComponents("a/./b"), ElementsAre("a", ".", "b"));
+  EXPECT_THAT(QVPathComponents(""), IsEmpty());
 }
 
 TEST(PathTexts, URLFormEscapesTheNamesBytes) {
-  EXPECT_EQ(URLForm(Path::directory("/var/mobile/x")), "file:///var/mobile/x/");
-  EXPECT_EQ(URLForm(Path::directory("/")), "file:///");
-  EXPECT_EQ(URLForm(Path("/a b/100%?#[].plist")), "file:///a%20b/100%25%3F%23%5B%5D.plist");
-  EXPECT_EQ(URLForm(Path("/sub-delims!$&'()*+,;=:@~_")), "file:///sub-delims!$&'()*+,%3B=:@~_");
-  EXPECT_EQ(URLForm(Path("/\xC3\xBC")), "file:///%C3%BC");
+  EXPECT_EQ(QVURLForm(Path::directory("/var/mobile/x")), "file:///var/mobile/x/");
+  EXPECT_EQ(QVURLForm(Path::directory("/")), "file:///");
+  EXPECT_EQ(QVURLForm(Path("/a b/100%?#[].plist")), "file:///a%20b/100%25%3F%23%5B%5D.plist");
+  EXPECT_EQ(QVURLForm(Path("/sub-delims!$&'()*+,;=:@~_")), "file:///sub-delims!$&'()*+,%3B=:@~_");
+  EXPECT_EQ(QVURLForm(Path("/\xC3\xBC")), "file:///%C3%BC");
   // A name that is no UTF-8 shows the bytes that it has on disk, not their stand-ins.
   const Path raw(QuorvelAdditions::stringWithFileSystemRepresentation("/\xFF\n\x01", 4));
-  EXPECT_EQ(URLForm(raw), "file:///%FF%0A%01");
+  EXPECT_EQ(QVURLForm(raw), "file:///%FF%0A%01");
 }
 
 TEST(PathTexts, LengthCountsNotTheTerminator) {

@@ -118,7 +118,7 @@ class RecordingHostLog final : public HostLogWriter, public LineRecord<HostLogLi
 // time: what is installed is this very object. Temporary files and preferences are in `tree`.
 class TestPlatform {
  public:
-  TestPlatform() : previous_(InstalledPlatformServices()) {
+  TestPlatform() : previous_(QVInstalledPlatformServices()) {
     set.log = &log;
     set.hostLog = &hostLog;
     set.bundles = &bundles;

@@ -63,10 +63,10 @@ void UseSupport() {
   const PlistValue five(5);
   Check(QVStringifyObject(&five) == "5", "QVStringifyObject");
   Check(QVBooleanValue(&five, false), "QVBooleanValue");
-  Check(URLForm(Path::directory("/a b")) == "file:///a%20b/", "URLForm");
+  Check(QVURLForm(Path::directory("/a b")) == "file:///a%20b/", "QVURLForm");
   Check(QuorvelAdditions::containsDotDotPathComponents("a/../b"), "dot dot");
   const Error error = _CreateAndLogError({"consumer", __LINE__}, QVInstallerErrorDomain, 4,
-                                         {PosixCause(ENOENT)}, "no %@ in %d", "luck", 3);
+                                         {QVPosixCause(ENOENT)}, "no %@ in %d", "luck", 3);
   Check(error.description() == "no luck in 3", "_CreateAndLogError");
   Check(FormatMessage("%@", error).find("FunctionName") != std::string::npos, "FormatMessage");
 }

@@ -71,6 +71,7 @@ void QVRavelle::_loadInstallMap() {
     if (!error.is(PosixErrorDomain, ENOENT)) {
       TellNote(MigrationStep::run, MigrationReason::mapUnreadable, file, error);
     }
+    if (!IsCertainlyUnusable(error)) _installMapFailure = error;
     RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: Old install map not found at %@", file.string());
     return;
   }
@@ -237,12 +238,20 @@ bool QVRavelle::_finishLegacyDirectory() {
     _tellRemaining(*remaining);
     return false;
   }
-  for (const Path& item : {legacy, installMap}) {
-    if (!_files.removeItemAtURL(item, &error)) {
-      RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to remove %@ : %@", item.string(),
-                  error);
-    }
+  const auto remove = [&](const Path& item) {
+    if (_files.removeItemAtURL(item, &error)) return;
+    RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to remove %@ : %@", item.string(),
+                error);
+  };
+  remove(legacy);
+  if (!_installMapFailure) {
+    remove(installMap);
+    return true;
   }
+  // What could not be read may name groups that nobody else knows of.
+  RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Failed to remove %@ : %@", installMap.string(),
+              *_installMapFailure);
+  Account().leftBehind({installMap.string(), MigrationReason::mapUnreadable});
   return true;
 }
 

@@ -115,6 +115,9 @@ class QVRavelle final : public MigratorPlugin {
   // Those entries; none when there is no legacy directory.
   std::optional<std::vector<Path>> _itemsToMigrate;
   std::optional<PlistDictionary> _installMap;
+  // Why it is not known what the install map holds; none when it was read, is not there or is
+  // certain to be damaged.
+  std::optional<Error> _installMapFailure;
   std::optional<PlistDictionary> _harborMap;
   // Group identifier to legacy record; an entry goes when its group was moved. A map of its own,
   // because a dictionary loses entries in linear time.

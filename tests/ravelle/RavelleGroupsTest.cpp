@@ -158,6 +158,23 @@ TEST_F(GroupsTest, GroupWhoseOldAndNewContainerAreOneIsLeftAlone) {
 }
 
 // Moving what such a path holds would take the device apart.
+// It may name groups that nobody else knows of; one that is certain to be damaged does not.
+TEST_F(GroupsTest, InstallMapThatCouldNotBeReadIsNotRemoved) {
+  const std::string map = root_ + "/private/var/mobile/Library/Caches/com.velto.quorvel.plist";
+  for (const int number : {EIO, ENOMEM, 0}) {
+    makeApp("A", "com.example.a");
+    writeInstallMap({{"group.g", entry("G")}});
+    if (number == 0) writeFile(map, "damaged");
+    Fault fault(number != 0 ? "readDictionary" : "none", 1, number);
+    FaultyPropertyListStore lists(platform_.propertyLists, fault);
+    platform_.set.propertyLists = &lists;
+    EXPECT_TRUE(migrate());
+    platform_.set.propertyLists = &platform_.propertyLists;
+    EXPECT_FALSE(exists(legacy()));
+    EXPECT_EQ(exists(map), number != 0) << number;
+  }
+}
+
 TEST_F(GroupsTest, GroupRecordedAtADirectoryThatAllUseIsLeftAlone) {
   std::filesystem::create_directories(root_);
   std::filesystem::create_directory_symlink(root_ + "/private/var", root_ + "/alias");

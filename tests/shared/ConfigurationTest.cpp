@@ -564,6 +564,7 @@ TEST_F(Configuration, LazyMembersRescansAndTheBundleLockFromManyThreads) {
 
 // What is still running when the process ends reads paths that removals are made from.
 TEST(ConfigurationAtTheEnd, TheSharedInstanceOutlivesEverything) {
+  const TestPlatform platform;
   EXPECT_EXIT(
       {
         // Registered first, so that it runs after the end of whatever is made afterwards.

@@ -10,7 +10,7 @@ namespace quorvel {
 
 // Both are bytes as the kernel gives them, with the table's own escapes undone.
 struct MountedFileSystem {
-  std::string mountedFrom;  // device path
+  std::string mountedFrom;  // device path; empty where only a part of its file system is shown
   std::string mountPoint;
 };
 

@@ -74,7 +74,11 @@ void AppendValue(std::string& out, const PlistValue& value, int depth) {
   if (depth > kDeepestDescription) {
     out += "...";
   } else if (const std::string* text = value.string()) {
-    depth == 0 ? void(out += *text) : AppendQuoted(out, *text);
+    if (depth == 0) {
+      out += *text;
+    } else {
+      AppendQuoted(out, *text);
+    }
   } else if (const bool* flag = value.boolean()) {
     out += *flag ? '1' : '0';  // a boolean is a number
   } else if (const auto* integer = value.signedInteger()) {
@@ -118,7 +122,11 @@ void AppendInfo(std::string& out, const Error::UserInfo& info, int depth) {
     out += key;
     out += " = ";
     if (const auto* cause = std::get_if<Error>(&value)) {
-      depth < kDeepestDescription ? AppendError(out, *cause, depth + 1) : void(out += "...");
+      if (depth < kDeepestDescription) {
+        AppendError(out, *cause, depth + 1);
+      } else {
+        out += "...";
+      }
     } else {
       AppendValue(out, std::get<PlistValue>(value), 1);
     }

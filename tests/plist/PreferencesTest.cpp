@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -159,6 +160,36 @@ class PreferencesOnDisk : public ::testing::Test {
   const Path directory_ = Path::directory(tree_.at("Preferences"));
   PreferencesPlist store_{directory_};
 };
+
+TEST_F(PreferencesOnDisk, FilesAndDirectoriesStayWhoseTheyAre) {
+  if (::geteuid() != 0) GTEST_SKIP() << "giving files away needs privileges";
+  constexpr uid_t user = 501;
+  const auto owner = [](const std::string& path) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
+    return std::pair(info.st_uid, info.st_mode & 07777U);
+  };
+  const mode_t previous = ::umask(077);
+  ASSERT_EQ(::chown(tree_.path().c_str(), user, user), 0);
+  store_.setValue("Key", 1, Domain, CurrentHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_EQ(owner(tree_.at("Preferences/ByHost")), std::pair(user, 0755U));
+  EXPECT_EQ(owner(file()), std::pair(user, 0644U));
+  EXPECT_EQ(owner(tree_.at("Preferences/ByHost/." + Domain + ".plist.lock")),
+            std::pair(user, 0644U));
+  ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
+  const bool hasAttributes = ::lsetxattr(file().c_str(), "user.mark", "kept", 4, 0) == 0;
+  store_.setValue("Key", 2, Domain, CurrentHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  ::umask(previous);
+  EXPECT_EQ(owner(file()), std::pair(user, 0600U));
+  char mark[8] = {};
+  EXPECT_EQ(::lgetxattr(file().c_str(), "user.mark", mark, sizeof mark), hasAttributes ? 4 : -1);
+  writeFile("damaged");
+  store_.setValue("Key", 3, Domain, CurrentHost);
+  EXPECT_TRUE(store_.synchronize(Domain, CurrentHost));
+  EXPECT_EQ(store_.filesSetAside(), std::vector{file(".damaged")});
+}
 
 TEST_F(PreferencesOnDisk, FilesStandWhereOthersLookForThem) {
   const mode_t previous = ::umask(077);

@@ -116,8 +116,11 @@ TEST_F(DriverTest, AppsComeFirstInReverseOrderOfDiscovery) {
   for (const std::string& line : log_.take()) {
     if (line.find("Introspecting") != std::string::npos) {
       const std::string identifier = "id." + line.substr(line.size() - 1);
-      (line.back() % 2 == 1) ? void(apps.insert(apps.begin(), identifier))
-                             : plugins.push_back(identifier);
+      if (line.back() % 2 == 1) {
+        apps.insert(apps.begin(), identifier);
+      } else {
+        plugins.push_back(identifier);
+      }
     }
     const std::string prefix = std::string("5 ") + kPerform + "QVRavelle: Migrating ";
     if (line.starts_with(prefix)) migrated.push_back(line.substr(prefix.size(), 4));

@@ -127,11 +127,13 @@ TEST(HardwareRegistryLinux, FollowsDevicesThatComeAndGo) {
   HardwareIterator iterator = 0;
   ASSERT_EQ(registry.createDescendantIterator(drive, HRServicePlane, &iterator), 0);
   std::filesystem::remove_all(tree.at("loop4"));
-  EXPECT_EQ(registry.createDescendantIterator(drive, HRServicePlane, &iterator), ENODEV);
+  HardwareIterator afterwards = 0;
+  EXPECT_EQ(registry.createDescendantIterator(drive, HRServicePlane, &afterwards), 0);
+  EXPECT_EQ(registry.next(afterwards), 0U) << "detached: nothing is below it";
   const HardwareEntry medium = registry.next(iterator);  // of before
   EXPECT_EQ(registry.stringProperty(medium, HRBSDNameKey), "loop4");
   EXPECT_EQ(registry.firstMatchingService(HRVDKXControllerClass), 0U);
-  for (const std::uint32_t handle : {drive, iterator, medium}) registry.release(handle);
+  for (const std::uint32_t handle : {drive, iterator, afterwards, medium}) registry.release(handle);
   EXPECT_EQ(registry.outstandingReferences(), 0U);
   EXPECT_EQ(HardwareRegistryLinux(tree.at("missing")).firstMatchingService(HRVDKXControllerClass),
             0U);
@@ -171,10 +173,11 @@ std::string Shown(const std::vector<MountedFileSystem>& table) {
 
 TEST(MountTableLinux, UndoesEscapesInBothForms) {
   EXPECT_EQ(Shown(ParseMountTable(
-                "36 35 98:0 /root /mnt/a\\040b\\134040 rw master:1 - ext4 /dev/loop0p1 rw\n"
-                "37 35 0:5 / /dev rw,nosuid - tmpfs  rw\n"  // mounted from ""
+                "36 35 98:0 / /mnt/a\\040b\\134040 rw master:1 - ext4 /dev/loop0p1 rw\n"
+                "39 35 98:0 /part /bound rw - ext4 /dev/loop0p1 rw\n"  // a part of the same
+                "37 35 0:5 / /dev rw,nosuid - tmpfs  rw\n"             // mounted from ""
                 "38 35 0:6 / /x rw shared:1 master:2 propagate_from:3 - fuse.a\\040b - rw\n")),
-            "[/dev/loop0p1|/mnt/a b\\040][|/dev][-|/x]");
+            "[/dev/loop0p1|/mnt/a b\\040][|/bound][|/dev][-|/x]");
   EXPECT_EQ(Shown(ParseMountTable("/dev/loop1 /mnt/tab\\011new\\012hash\\043\\377 ext4 rw 0 0\n"
                                   "none /no\\04 tmpfs rw 0 0")),
             "[/dev/loop1|/mnt/tab\tnew\nhash#\xFF][none|/no\\04]");

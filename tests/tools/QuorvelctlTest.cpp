@@ -498,9 +498,32 @@ TEST_F(QuorvelctlTest, ConfigurationAndCatalogsAreTheDevices) {
   EXPECT_EQ(RunHost({"info", "device" + bundle, "PKBundleVersion", "Other"}).out, "1\n7\n");
   EXPECT_EQ(object({"info", "device" + bundle, "Absent", "Other"}, 1),
             json({{"Absent", nullptr}, {"Other", 7}}));
+  tree_.write("device/private/var/mobile/Library/Preferences/ByHost/com.velto.quorvel.plist",
+              "damaged");
+  const HostRun set = RunHost({"flags", "set", Flag, "true", "--root", device(), "--json"});
+  EXPECT_EQ(set.exitCode, 0);
+  EXPECT_NE(set.err.find(".damaged"), std::string::npos) << set.err;
+  EXPECT_NE(set.out.find("com.velto.quorvel.plist.damaged\"]"), std::string::npos) << set.out;
   const HostRun none = RunHost({"info", "device"});
   EXPECT_EQ(none.exitCode, 1);
   EXPECT_NE(none.err.find("no Info.plist"), std::string::npos) << none.err;
+
+  // A bundle that is left out does not make the catalog less whole, but is told.
+  tree_.write("device/Applications/Broken.app/Info.plist", "<plist><dict>");
+  fs::create_directories(tree_.at("device/Applications/Empty.app"));
+  const json partly = object({"catalog", "--root", device()});
+  EXPECT_EQ(partly["systemApps"].size(), 1U);
+  for (const char* name : {"Broken.app", "Empty.app"}) {
+    EXPECT_NE(partly["leftOut"].dump().find(name), std::string::npos) << partly["leftOut"];
+  }
+  for (const bool verbose : {false, true}) {
+    const std::string log = tree_.at(verbose ? "verbose.log" : "log");
+    Words words = {"catalog", "--root", device(), "--log", log};
+    if (verbose) words.push_back("--verbose");
+    EXPECT_EQ(RunHost(words).exitCode, 0);
+    const std::string lines = shell("cat '" + log + "'");
+    EXPECT_EQ(lines.find("Missing Info.plist") != std::string::npos, verbose) << lines;
+  }
 
   // A catalog that is not whole is no success: here one "directory" is a file.
   tree_.write("device/VeltoInternal/Applications", "");
@@ -657,7 +680,7 @@ TEST(ConfinedMountTableTest, ShowsTheMountsInsideUnderTheirPathsThere) {
   for (const MountedFileSystem& mounted : ctl::ConfinedMountTable(machine, "/trees/d").read()) {
     if (!mounted.mountedFrom.empty()) seen[mounted.mountedFrom] = mounted.mountPoint;
   }
-  EXPECT_EQ(seen, (std::map<std::string, std::string>{{"/dev/b", "/"}, {"/dev/c", "/Developer"}}));
+  EXPECT_EQ(seen, (std::map<std::string, std::string>{{"/dev/c", "/Developer"}}));
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The service's configuration of a device.
 #include <array>
+#include <initializer_list>
+#include <set>
 
 #include "platform/linux/plist/PreferencesPlist.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
@@ -100,10 +102,12 @@ class Catalog final : public Command {
  public:
   explicit Catalog(CLI::App& parser) {
     AddFlag(parser, "--rescan", rescan_, "Discard what was scanned and scan again");
+    AddFlag(parser, "--verbose", verbose_, "Debug lines reach the log of --log, too");
   }
 
   int run(Session& session) override {
     QVGlobalConfiguration& own = Configuration();
+    session.writeDetails(verbose_);
     if (rescan_) {
       (void)own.builtInFrameworkBundleIDs();
       (void)own.builtInApplicationBundleIDs();
@@ -112,18 +116,22 @@ class Catalog final : public Command {
       own.reScanInternalApps();
     }
     Json object;
-    object["systemApps"] = catalog(own.systemAppBundleIDToInfoMap().get());
-    object["internalApps"] = catalog(own.internalAppBundleIDToInfoMap().get());
+    // Each directory once: the identifiers of all built-in apps are those of three of the maps.
+    const auto system = own.systemAppBundleIDToInfoMap();
+    const auto internal = own.internalAppBundleIDToInfoMap();
+    object["systemApps"] = catalog(system.get());
+    object["internalApps"] = catalog(internal.get());
     object["coreServicesApps"] = catalog(own.coreServicesAppBundleIDToInfoMap().get());
     const QVBundleMap images = own.diskImageAppBundleIDToInfoMap();
     object["diskImageApps"] = catalog(&images);
     object["diskImageMountPoints"] = ListOf(own.diskImageMountPoints());
     object["diskImageApplicationsDirectories"] = ListOf(own.diskImageApplicationsDirectories());
     object["builtInFrameworkBundleIDs"] = ListOf(own.builtInFrameworkBundleIDs());
-    object["builtInApplicationBundleIDs"] = ListOf(own.builtInApplicationBundleIDs());
-    // A directory that exists and cannot be listed is an error line: the catalog is not whole.
-    return session.finish(object,
-                          session.errorLines() == 0 ? host::ExitSucceeded : host::ExitFailed);
+    object["builtInApplicationBundleIDs"] =
+        ListOf(identifiers({system.get(), internal.get(), &images}));
+    object["leftOut"] = session.lines().leftOutBundles();
+    const bool isWhole = session.lines().unlistedDirectories() == 0;
+    return session.finish(object, isWhole ? host::ExitSucceeded : host::ExitFailed);
   }
 
  private:
@@ -135,7 +143,17 @@ class Catalog final : public Command {
     return object;
   }
 
+  static std::set<std::string> identifiers(std::initializer_list<const QVBundleMap*> maps) {
+    std::set<std::string> all;
+    for (const QVBundleMap* map : maps) {
+      if (map == nullptr) continue;
+      for (const auto& [identifier, info] : *map) all.insert(identifier);
+    }
+    return all;
+  }
+
   bool rescan_ = false;
+  bool verbose_ = false;
 };
 
 constexpr const char* UpdatedFlag = "haveUpdatedPluginContainersWithParentID";
@@ -190,10 +208,16 @@ class Flags final : public Command {
     // The operation does not say whether the value was stored: a store that has no pending
     // changes of its own does.
     onlinux::PreferencesPlist stored;
-    const auto found =
-        stored.copyValue("UpdatedPluginContainersWithParentIDWithSafeHarborFix",
-                         QVPreferencesDomain, PreferencesScope::currentUserCurrentHost);
-    if (found && *found == PlistValue(wanted)) return session.succeed();
+    const auto found = stored.copyValue(UpdatedPluginContainersKey, QVPreferencesDomain,
+                                        PreferencesScope::currentUserCurrentHost);
+    const std::vector<std::string> setAside = session.preferencesSetAside();
+    for (const std::string& file : setAside) {
+      session.note("the preferences could not be understood and are kept as " + file);
+    }
+    if (found && *found == PlistValue(wanted)) {
+      if (setAside.empty()) return session.succeed();
+      return session.finish({{"succeeded", true}, {"setAside", setAside}}, "");
+    }
     return session.failAsLogged("the flag could not be stored in the preferences");
   }
 

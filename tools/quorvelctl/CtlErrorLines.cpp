@@ -10,8 +10,14 @@
 
 namespace quorvel::ctl {
 
-void ErrorLines::write(const LogHandle* /*handle*/, int level, const char* /*function*/,
+void ErrorLines::write(const LogHandle* /*handle*/, int level, const char* function,
                        std::string_view message) {
+  const std::string_view reporter = function;
+  const bool isScan = reporter.ends_with("_bundleIDMapForBundlesInDirectory:withExtension:]");
+  if (isScan && level == LogLevelError) ++unlisted_;
+  if (reporter == "QVLoadInfoPlist" || (isScan && level > LogLevelError)) {
+    leftOut_.emplace_back(message);
+  }
   if (level > LogLevelError) return;
   flush();
   held_ = std::string(message);

@@ -10,8 +10,9 @@
 namespace quorvel::ctl {
 
 // The kernel's table, opened before confinement, speaks of the machine's root. This one leaves
-// out what lies outside the directory and takes the directory's path off the rest. As safe
-// between threads as the table behind it, which must outlive it.
+// out what lies outside the directory, and the device of the directory itself, which is none of the
+// tree's images, and takes the directory's path off the rest. As safe between threads as the table
+// behind it, which must outlive it.
 class ConfinedMountTable final : public MountTable {
  public:
   // `directory` is the real path, as bytes.
@@ -21,9 +22,7 @@ class ConfinedMountTable final : public MountTable {
   std::vector<MountedFileSystem> read() override {
     std::vector<MountedFileSystem> inside;
     for (MountedFileSystem& mounted : table_.read()) {
-      if (mounted.mountPoint == directory_) {
-        mounted.mountPoint = "/";
-      } else if (mounted.mountPoint.starts_with(directory_ + "/")) {
+      if (mounted.mountPoint.starts_with(directory_ + "/")) {
         mounted.mountPoint.erase(0, directory_.size());
       } else {
         // Stays, under a name that no device has: an empty table means that it cannot be read.

@@ -25,6 +25,7 @@
 #include "platform/linux/system/HardwareRegistryLinux.h"
 #include "platform/linux/system/MountTableLinux.h"
 #include "platform/linux/system/Sha256Linux.h"
+#include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
 #include "tools/quorvelctl/CtlMountTable.h"
 
@@ -40,6 +41,16 @@ using host::Printable;
 // Made before the process is confined: what they need from outside is opened then. The services
 // that no public operation of the shared code reaches are absent.
 struct Session::Services {
+  // What reaches the log file.
+  struct UpToLevel final : LogWriter {
+    LogWriter* file = nullptr;
+    int highest = LogLevelNotice;
+    void write(const LogHandle* handle, int level, const char* function,
+               std::string_view message) override {
+      if (level <= highest) file->write(handle, level, function, message);
+    }
+  };
+
   onlinux::FileSystemLinux fileSystem;
   onlinux::TreeWalkerLinux treeWalker;
   onlinux::BundleReaderLinux bundles;
@@ -51,12 +62,16 @@ struct Session::Services {
   std::optional<onlinux::Sha256ProviderLinux> sha256;
   std::optional<ConfinedMountTable> mountsInside;
   std::optional<onlinux::JsonLineLog> jsonLog;
+  UpToLevel fileLog;
   std::optional<onlinux::TeeLog> log;
   PlatformServices set;
 
   void install(LogWriter& errorLines) {
     std::vector<LogWriter*> sinks = {&errorLines};
-    if (jsonLog) sinks.push_back(&*jsonLog);
+    if (jsonLog) {
+      fileLog.file = &*jsonLog;
+      sinks.push_back(&fileLog);
+    }
     log.emplace(std::move(sinks));
     set.log = &*log;
     set.bundles = &bundles;
@@ -116,6 +131,16 @@ Session::Session(CommonOptions options)
       services_(std::make_unique<Services>()) {}
 
 Session::~Session() { QVInstallPlatformServices(nullptr); }
+
+void Session::writeDetails(bool toFile) {
+  static LogHandle everything{LogLevelDebug};
+  gLogHandle = &everything;
+  if (toFile) services_->fileLog.highest = LogLevelDebug;
+}
+
+std::vector<std::string> Session::preferencesSetAside() {
+  return services_->preferences.filesSetAside();
+}
 
 void Session::prepareDigests() { services_->sha256.emplace(); }
 

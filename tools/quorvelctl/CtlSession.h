@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/console/ExitCode.h"
 #include "platform/Error.h"
@@ -49,6 +50,11 @@ class Session {
   std::string shown(const std::string& text) const;
   // Whether standard output is read by a person at a terminal.
   bool toTerminal() const { return toTerminal_; }
+  // Debug lines are written from here on; into the log file only with `toFile`.
+  void writeDetails(bool toFile);
+  const ErrorLines& lines() const { return errorLines_; }
+  // Preferences files that could not be understood and got these names.
+  std::vector<std::string> preferencesSetAside();
   // Lines that the operations logged as errors so far, whether or not they failed for them.
   std::size_t errorLines() const { return errorLines_.count(); }
 

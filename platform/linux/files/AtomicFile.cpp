@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -101,14 +103,47 @@ bool Flush(int file) {
   return Uninterrupted([&] { return ::fsync(file); }) == 0;
 }
 
+// Attributes that may not be given are left out: the file's bytes matter more.
+void TakeAttributes(int from, int to) {
+  std::string names(std::size_t{64} << 10U, '\0');
+  const ssize_t size = ::flistxattr(from, names.data(), names.size());
+  std::vector<char> value(std::size_t{64} << 10U);
+  for (std::size_t at = 0; size > 0 && at < static_cast<std::size_t>(size);) {
+    const char* name = names.data() + at;
+    const ssize_t length = ::fgetxattr(from, name, value.data(), value.size());
+    if (length >= 0) ::fsetxattr(to, name, value.data(), static_cast<std::size_t>(length), 0);
+    at += std::strlen(name) + 1;
+  }
+}
+
+// The new file, private until it has its owner, becomes what the old one is.
+bool TakeOver(int directory, const std::string& name, int file) {
+  const UniqueDescriptor old(Uninterrupted([&] {
+    return ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  }));
+  if (!old && errno != ENOENT && errno != ELOOP) return false;
+  struct stat info {};
+  const bool isFile = old && ::fstat(old.get(), &info) == 0 && S_ISREG(info.st_mode);
+  // A new one belongs to whom its directory belongs.
+  if (!isFile && ::fstat(directory, &info) != 0) return false;
+  // Who may not give a file away keeps it, and the mode then says no more than before.
+  if (::fchown(file, info.st_uid, info.st_gid) != 0 && errno != EPERM) return false;
+  if (isFile) TakeAttributes(old.get(), file);
+  return ::fchmod(file, isFile ? info.st_mode & 07777U : NewFileMode) == 0;
+}
+
 // The step that failed; null with success.
 const char* Replace(int directory, const std::string& name, std::span<const std::uint8_t> bytes,
-                    Durability durability) {
+                    Durability durability, Ownership ownership) {
   const std::string temporary = TemporaryNameFor(name);
-  const UniqueDescriptor file = CreateTemporary(directory, temporary.c_str(), NewFileMode);
+  const bool takesOver = ownership == Ownership::taken;
+  const UniqueDescriptor file =
+      CreateTemporary(directory, temporary.c_str(), takesOver ? 0600 : NewFileMode);
   if (!file) return "Creating a temporary file";
   const char* failed = nullptr;
-  if (!WriteAll(file.get(), bytes)) {
+  if (takesOver && !TakeOver(directory, name, file.get())) {
+    failed = "Taking over the owner and mode";
+  } else if (!WriteAll(file.get(), bytes)) {
     failed = "Writing";
   } else if (durability == Durability::contentFirst && !Flush(file.get())) {
     failed = "Flushing";
@@ -176,8 +211,8 @@ UniqueDescriptor OpenParentDirectory(const Path& file) {
 
 bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
                              std::span<const std::uint8_t> bytes, Durability durability,
-                             const Path& file, Error* error) {
-  const char* failed = Replace(directory, name, bytes, durability);
+                             const Path& file, Error* error, Ownership ownership) {
+  const char* failed = Replace(directory, name, bytes, durability, ownership);
   if (failed == nullptr) return true;
   const int failure = errno;
   return SetError(error, PosixFailure(failure, std::string(failed) + " for " + file.string()));

@@ -22,6 +22,14 @@ enum class Durability {
   none,          // for a caller that syncs the file system before it relies on the file
 };
 
+// Whose a replaced file is afterwards.
+enum class Ownership {
+  own,    // the writer's, mode 0644
+  taken,  // owner, group, mode and attributes (access lists and protection class among them) of the
+          // regular file that is replaced, as far as they may be given; where there is none, the
+          // owner and group of the directory, mode 0644
+};
+
 // Replaces the file by a regular file with these bytes (the umask does not apply to its
 // mode), in one rename. The rename itself may be undone by a power cut until the directory is
 // flushed (FlushDirectory) or its file system synced. A link of that name is replaced, not
@@ -38,7 +46,7 @@ bool ReplaceFileAtomically(const Path& file, std::span<const std::uint8_t> bytes
 // as a system call takes it; `file` is what messages call it.
 bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
                              std::span<const std::uint8_t> bytes, Durability durability,
-                             const Path& file, Error* error);
+                             const Path& file, Error* error, Ownership ownership = Ownership::own);
 
 // Brings renames in an open directory to stable storage; false with errno.
 bool FlushDirectory(int directory);

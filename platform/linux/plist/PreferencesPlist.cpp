@@ -45,6 +45,15 @@ int OpenAt(int directory, const char* name, int flags, mode_t mode = 0) {
   return result;
 }
 
+// Gives what was made in a directory to whom the directory belongs, and the mode that the umask may
+// have narrowed. Who may not give anything away keeps it.
+bool GiveTo(int directory, int made, mode_t mode) {
+  struct stat owner {};
+  if (::fstat(directory, &owner) != 0) return false;
+  if (::fchown(made, owner.st_uid, owner.st_gid) != 0 && errno != EPERM) return false;
+  return ::fchmod(made, mode) == 0;
+}
+
 // Opens a child directory, creating it when it is missing.
 UniqueDescriptor EnterDirectory(int parent, const char* name) {
   UniqueDescriptor child(OpenAt(parent, name, DirectoryFlags));
@@ -52,9 +61,9 @@ UniqueDescriptor EnterDirectory(int parent, const char* name) {
   const bool created = ::mkdirat(parent, name, DirectoryMode) == 0;
   if (!created && errno != EEXIST) return child;
   child.reset(OpenAt(parent, name, DirectoryFlags));
-  // The umask may have taken bits away; and what is in a directory that a power cut takes away
-  // is lost with it. A failure of this flush shows again when the file is flushed.
-  if (child && created && (::fchmod(child.get(), DirectoryMode) != 0 || ::fsync(parent) != 0)) {
+  // What is in a directory that a power cut takes away is lost with it. A failure of this flush
+  // shows again when the file is flushed.
+  if (child && created && (!GiveTo(parent, child.get(), DirectoryMode) || ::fsync(parent) != 0)) {
     return UniqueDescriptor();
   }
   return child;
@@ -82,18 +91,25 @@ UniqueDescriptor LockFor(int directory, const std::string& fileName) {
   UniqueDescriptor lock(OpenAt(directory, name.c_str(),
                                O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, FileMode));
   if (!lock) return lock;
+  struct stat info {};
+  // Every user of the directory must be able to open it.
+  if (::fstat(lock.get(), &info) == 0 && info.st_uid == ::geteuid() &&
+      (info.st_mode & 07777U) != FileMode && !GiveTo(directory, lock.get(), FileMode)) {
+    return UniqueDescriptor();
+  }
   int result = ::flock(lock.get(), LOCK_EX);
   while (result != 0 && errno == EINTR) result = ::flock(lock.get(), LOCK_EX);
   if (result != 0) lock.reset();
   return lock;
 }
 
-// Gives a file that was not understood a name that is free.
-bool SetAside(int directory, const std::string& fileName) {
+// Gives a file that was not understood a name that is free, which is told.
+bool SetAside(int directory, const std::string& fileName, std::string* newName) {
   for (int number = 1; number <= MostDamagedFiles; ++number) {
     const std::string name =
         fileName + ".damaged" + (number > 1 ? "." + std::to_string(number) : std::string());
     if (::renameat2(directory, fileName.c_str(), directory, name.c_str(), RENAME_NOREPLACE) == 0) {
+      *newName = name;
       return true;
     }
     if (errno != EEXIST) return false;
@@ -104,17 +120,17 @@ bool SetAside(int directory, const std::string& fileName) {
 // What the file holds now: empty when it is missing, or damaged and now set aside. Null when it
 // cannot be read or be set aside.
 std::unique_ptr<PlistDictionary> ReadToChange(int directory, const std::string& fileName,
-                                              const Path& file) {
+                                              const Path& file, std::string* setAside) {
   Error error;
   bool isExact = true;
   auto stored = ReadDictionaryAt(directory, fileName.c_str(), file, &error, &isExact);
   // What the reader could not take over is in the old file only.
-  if (stored != nullptr && (isExact || SetAside(directory, fileName))) return stored;
+  if (stored != nullptr && (isExact || SetAside(directory, fileName, setAside))) return stored;
   if (stored != nullptr) return nullptr;
   const bool missing = error.is(PosixErrorDomain, ENOENT);
   const bool damaged = error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError) ||
                        error.is(PosixErrorDomain, ENOTSUP);
-  if (!missing && !(damaged && SetAside(directory, fileName))) return nullptr;
+  if (!missing && !(damaged && SetAside(directory, fileName, setAside))) return nullptr;
   return std::make_unique<PlistDictionary>();
 }
 
@@ -162,14 +178,19 @@ bool PreferencesPlist::synchronize(const std::string& domain, PreferencesScope s
   const Changes changes = pendingChanges({domain, scope});
   if (changes.empty()) return true;
   const Path file = directoryPath.child(domain + ".plist");
-  const auto stored = ReadToChange(directory.get(), fileName, file);
+  std::string setAside;
+  const auto stored = ReadToChange(directory.get(), fileName, file, &setAside);
+  if (!setAside.empty()) {
+    const std::lock_guard guard(mutex_);
+    setAside_.push_back(directoryPath.child(StringFromFileSystemRepresentation(setAside)).string());
+  }
   if (stored == nullptr) return false;
   for (const auto& [key, change] : changes) stored->set(key, change.value);
   std::vector<std::uint8_t> bytes;
   if (!SerializePropertyList(PlistValue(std::move(*stored)), PropertyListFormat::binary, bytes,
                              nullptr) ||
       !ReplaceFileAtomicallyAt(directory.get(), fileName, bytes, Durability::contentFirst, file,
-                               nullptr) ||
+                               nullptr, Ownership::taken) ||
       !FlushDirectory(directory.get())) {
     return false;
   }
@@ -188,6 +209,11 @@ std::optional<std::string> PreferencesPlist::stringFromUserDefaults(const std::s
     return std::nullopt;
   }
   return std::nullopt;
+}
+
+std::vector<std::string> PreferencesPlist::filesSetAside() {
+  const std::lock_guard guard(mutex_);
+  return setAside_;
 }
 
 PreferencesPlist::Changes PreferencesPlist::pendingChanges(const Domain& domain) {

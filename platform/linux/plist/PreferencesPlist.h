@@ -31,12 +31,15 @@ class PreferencesPlist : public PreferencesStore {
                                       PreferencesScope scope) override;
   void setValue(const std::string& key, const PlistValue& value, const std::string& domain,
                 PreferencesScope scope) override;
-  // Missing directories are created with mode 0755. A file that cannot be understood is set aside
-  // as "<file>.damaged" (or ".damaged.2" and so on: nothing is overwritten) and a new one begun;
-  // one that cannot be read at all makes this fail.
+  // Missing directories are created with mode 0755 and belong to whom the one above belongs. The
+  // file keeps its owner, mode and attributes; a new one belongs to whom its directory belongs. A
+  // file that cannot be understood is set aside as "<file>.damaged" (or ".damaged.2" and so on:
+  // nothing is overwritten) and a new one begun; one that cannot be read at all makes this fail.
   bool synchronize(const std::string& domain, PreferencesScope scope) override;
   std::optional<std::string> stringFromUserDefaults(const std::string& key,
                                                     const std::string& domain) override;
+  // The names that files which could not be understood got from this object, in order.
+  std::vector<std::string> filesSetAside();
 
  private:
   // The serial tells a change from a later one of the same key.
@@ -55,6 +58,7 @@ class PreferencesPlist : public PreferencesStore {
   std::mutex mutex_;  // guards what follows; never held during I/O
   std::map<Domain, Changes> pending_;
   std::uint64_t serial_ = 0;
+  std::vector<std::string> setAside_;
 };
 
 }  // namespace quorvel::onlinux

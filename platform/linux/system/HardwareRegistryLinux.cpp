@@ -131,10 +131,13 @@ std::int32_t HardwareRegistryLinux::createIterator(HardwareEntry entry, const ch
   const std::lock_guard lock(mutex_);
   const Held* held = find(entry);
   if (held == nullptr) return EINVAL;
-  if (held->node.kind != Kind::controller && !isAttached(held->node.device)) return ENODEV;
-  // Parents before children: a stack whose top is the next node of the order.
+  // Parents before children: a stack whose top is the next node of the order. A device that was
+  // detached since it was found has nothing below it any more.
   Walk walk;
-  std::vector<Node> pending = childrenOf(held->node);
+  std::vector<Node> pending;
+  if (held->node.kind == Kind::controller || isAttached(held->node.device)) {
+    pending = childrenOf(held->node);
+  }
   std::reverse(pending.begin(), pending.end());
   while (!pending.empty()) {
     walk.nodes.push_back(pending.back());

@@ -57,7 +57,10 @@ std::optional<MountedFileSystem> ParseLine(std::string_view line) {
   const auto separator = std::find(fields.begin() + std::min<std::ptrdiff_t>(6, std::ssize(fields)),
                                    fields.end(), "-");
   if (fields.end() - separator < 3) return std::nullopt;
-  return MountedFileSystem{UndoEscapes(separator[2]), UndoEscapes(fields[4])};
+  // Where only a part of a file system is shown the point is not where its device is mounted.
+  const bool isWhole = fields[3] == "/";
+  return MountedFileSystem{isWhole ? UndoEscapes(separator[2]) : std::string(),
+                           UndoEscapes(fields[4])};
 }
 
 // Reads at positions, not from the descriptor's own: several threads may read at once.

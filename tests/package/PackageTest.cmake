@@ -1,6 +1,7 @@
 # Installs the build to a prefix of its own, moves that away, and builds and runs a small program
 # from there: once through the CMake package, once through pkg-config.
-#   cmake -DBUILD=... -DCONSUMER=... -DCOMPILER=... -DFLAGS=... -P PackageTest.cmake
+#   cmake -DBUILD=... -DCONSUMER=... -DCOMPILER=... -DFLAGS=... -DGENERATOR=...
+#     -DMAKE_PROGRAM=... -P PackageTest.cmake
 # A confined process has no /proc, without which a leak checker ends it as failed.
 set(ENV{ASAN_OPTIONS} detect_leaks=0)
 execute_process(COMMAND mktemp -d OUTPUT_VARIABLE work OUTPUT_STRIP_TRAILING_WHITESPACE)
@@ -46,8 +47,8 @@ if("${output}" MATCHES "not found")
   fail("the plug-in misses a library:\n${output}")
 endif()
 
-run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${work}/consumer -DCMAKE_PREFIX_PATH=${prefix}
-  -DCMAKE_CXX_COMPILER=${COMPILER} -DCMAKE_CXX_FLAGS=${FLAGS})
+run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${work}/consumer -G ${GENERATOR}
+  -DCMAKE_MAKE_PROGRAM=${MAKE_PROGRAM} -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${COMPILER} -DCMAKE_CXX_FLAGS=${FLAGS})
 run(${CMAKE_COMMAND} --build ${work}/consumer)
 run(${work}/consumer/consumer)
 

@@ -128,10 +128,15 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   if (!dataContainer) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Moving data from container %@ to %@",
               fields.container.string(), dataContainer->string());
+  bool flushed = false;
   const bool dataMoved = InStep(MigrationStep::data, [&] {
-    return _migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer);
+    return _migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer,
+                                              &flushed);
   });
   if (!dataMoved) return false;
+  // Without data nothing has stored the marker's name yet, which must outlive the bundle's place. A
+  // failure shows again when the bundle is staged there.
+  if (!flushed && !isPlaceholder) _files.syncDirectoryAtURL(fields.container);
   const Outcome outcome = isPlaceholder ? Outcome::migrated : InstallAndCheck(*this, fields);
   if (outcome == Outcome::keptBack) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Removing container for %@ at %@",

@@ -60,11 +60,11 @@ bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
 }  // namespace
 
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
-                                                   const Path& to) {
+                                                   const Path& to, bool* anyMoved) {
   // An interrupted run may have copied a directory whole and been killed while removing it.
   if (AreOnDifferentFileSystems(from, to)) _files.removeRemainsOfMovesInDirectory(from);
   Error error;
-  bool anyMoved = false;
+  bool moved = false;
   for (const std::string& name : _configuration.appUserDataItemNames()) {
     const Path source = from.child(name);
     const Path destination = to.child(name);
@@ -74,9 +74,10 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }
-    anyMoved = true;
+    moved = true;
   }
-  if (!anyMoved) return true;
+  if (anyMoved != nullptr) *anyMoved = moved;
+  if (!moved) return true;
   // Once per container: the marker and the data's new names are stored before the bundle leaves
   // its place and long before the legacy container can go.
   if (!_files.syncFileSystemsOfItems({from, to}, &error)) {

@@ -68,9 +68,10 @@ class QVRavelle final : public MigratorPlugin {
   // container is then kept with its marker, unless only its bundle could not be installed.
   bool _migrateContainerWithInfo(const ContainerRecord& record);
 
-  // Moves the user data items; stops at the first that cannot be moved.
+  // Moves the user data items; stops at the first that cannot be moved. *anyMoved, where it is
+  // asked for, tells with success whether there was one; only then the file systems were flushed.
   bool _migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
-                                          const Path& to);
+                                          const Path& to, bool* anyMoved = nullptr);
   // Stages the bundle (and plug-in, unless absent) with its store metadata and has the registry
   // install it. True also when a newer copy is built in.
   bool _stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,

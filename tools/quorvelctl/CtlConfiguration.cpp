@@ -212,7 +212,8 @@ class Flags final : public Command {
                                         PreferencesScope::currentUserCurrentHost);
     const std::vector<std::string> setAside = session.preferencesSetAside();
     for (const std::string& file : setAside) {
-      session.note("the preferences could not be understood and are kept as " + file);
+      session.note("what the preferences hold could not be taken over whole; they are kept as " +
+                   file);
     }
     if (found && *found == PlistValue(wanted)) {
       if (setAside.empty()) return session.succeed();

@@ -103,17 +103,22 @@ bool Flush(int file) {
   return Uninterrupted([&] { return ::fsync(file); }) == 0;
 }
 
-// Attributes that may not be given are left out: the file's bytes matter more.
-void TakeAttributes(int from, int to) {
+// Attributes that may not be given are left out: the file's bytes matter more. False when an access
+// list is among them, whose mask the mode's group bits then are not.
+bool TakeAttributes(int from, int to) {
+  bool hasLists = true;
   std::string names(std::size_t{64} << 10U, '\0');
   const ssize_t size = ::flistxattr(from, names.data(), names.size());
   std::vector<char> value(std::size_t{64} << 10U);
   for (std::size_t at = 0; size > 0 && at < static_cast<std::size_t>(size);) {
     const char* name = names.data() + at;
     const ssize_t length = ::fgetxattr(from, name, value.data(), value.size());
-    if (length >= 0) ::fsetxattr(to, name, value.data(), static_cast<std::size_t>(length), 0);
+    const bool taken = length >= 0 && ::fsetxattr(to, name, value.data(),
+                                                  static_cast<std::size_t>(length), 0) == 0;
+    if (!taken && std::string_view(name).starts_with("system.")) hasLists = false;
     at += std::strlen(name) + 1;
   }
+  return hasLists;
 }
 
 // The new file, private until it has its owner, becomes what the old one is.
@@ -126,10 +131,12 @@ bool TakeOver(int directory, const std::string& name, int file) {
   const bool isFile = old && ::fstat(old.get(), &info) == 0 && S_ISREG(info.st_mode);
   // A new one belongs to whom its directory belongs.
   if (!isFile && ::fstat(directory, &info) != 0) return false;
-  // Who may not give a file away keeps it, and the mode then says no more than before.
-  if (::fchown(file, info.st_uid, info.st_gid) != 0 && errno != EPERM) return false;
-  if (isFile) TakeAttributes(old.get(), file);
-  return ::fchmod(file, isFile ? info.st_mode & 07777U : NewFileMode) == 0;
+  // Who may not give a file away keeps it. What the group bits allow is then meant for others.
+  const bool isGiven = ::fchown(file, info.st_uid, info.st_gid) == 0;
+  if (!isGiven && errno != EPERM) return false;
+  if (!isFile) return ::fchmod(file, NewFileMode) == 0;
+  const bool isSame = TakeAttributes(old.get(), file) && isGiven;
+  return ::fchmod(file, info.st_mode & (isSame ? 07777U : 0707U)) == 0;
 }
 
 // The step that failed; null with success.

@@ -108,7 +108,11 @@ bool SetAside(int directory, const std::string& fileName, std::string* newName) 
   for (int number = 1; number <= MostDamagedFiles; ++number) {
     const std::string name =
         fileName + ".damaged" + (number > 1 ? "." + std::to_string(number) : std::string());
-    if (::renameat2(directory, fileName.c_str(), directory, name.c_str(), RENAME_NOREPLACE) == 0) {
+    // A second name: what replaces the file takes over whose it is. Where the file system has no
+    // second names the file gets the new one alone.
+    if (::linkat(directory, fileName.c_str(), directory, name.c_str(), 0) == 0 ||
+        (errno == EPERM && ::renameat2(directory, fileName.c_str(), directory, name.c_str(),
+                                       RENAME_NOREPLACE) == 0)) {
       *newName = name;
       return true;
     }

@@ -29,8 +29,8 @@ class HardwareRegistryLinux final : public HardwareRegistry {
   explicit HardwareRegistryLinux(const std::string& blockDirectory = "/sys/block");
 
   HardwareEntry firstMatchingService(const char* className) override;
-  // Fail with EINVAL for another plane or what is no entry, ENODEV when the entry's device is no
-  // longer attached.
+  // Fail with EINVAL for another plane or what is no entry. A device that is no longer attached has
+  // nothing below it.
   std::int32_t createChildIterator(HardwareEntry entry, const char* plane,
                                    HardwareIterator* iterator) override;
   std::int32_t createDescendantIterator(HardwareEntry entry, const char* plane,

@@ -38,11 +38,12 @@ enum class Presence { present, absent, unknown };
 // An item that only could not be looked at must not be passed over: a placeholder's container is
 // removed without a further look.
 Presence LookAt(QVFileManager& files, const Path& item, Error* error) {
-  if (files.itemExistsAtURL(item)) return Presence::present;
   struct stat info {};
   if (::lstat(item.fileSystemRepresentation().c_str(), &info) == 0) return Presence::present;
   const int number = errno;
   if (number == ENOENT) return Presence::absent;
+  // What cannot be told is looked at once more, by the operation that logs why.
+  if (files.itemExistsAtURL(item)) return Presence::present;
   SetError(error, _CreateError(kData, __LINE__, PosixErrorDomain, number, "stat of %@ failed: %s",
                                item, ErrnoDescription(number)));
   return Presence::unknown;
@@ -55,6 +56,40 @@ bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
   return ::lstat(from.fileSystemRepresentation().c_str(), &source) == 0 &&
          ::lstat(to.fileSystemRepresentation().c_str(), &destination) == 0 &&
          source.st_dev != destination.st_dev;
+}
+
+// The path of an entry of the harbor map; null, and logged, when the entry is damaged.
+const std::string* HarborPathOf(const std::string& identifier, const PlistValue& entry) {
+  if (entry.dictionary() == nullptr) {
+    RAVELLE_LOG(LogLevelError, kHarbors, "QVRavelle: Failed to get harbor info for identifier %@",
+                identifier);
+    return nullptr;
+  }
+  const std::string* path = entry.dictionary()->findString(HarborPathKey);
+  if (path == nullptr) {
+    RAVELLE_LOG(LogLevelError, kHarbors,
+                "QVRavelle: Failed to get harbor path from harbor entry for %@ : %@", identifier,
+                entry);
+  }
+  return path;
+}
+
+bool RegisterHarbor(const std::string& identifier, const std::string& path) {
+  MigratedDirectory told{.identifier = identifier, .path = path};
+  RAVELLE_LOG(LogLevelNotice, kHarbors, "QVRavelle: Migrating safe harbor for %@ at %@", identifier,
+              path);
+  const bool registered =
+      QVPlatform().installationService->QuorvelRegisterSafeHarborForContainerType(
+          path, identifier, kHarborContainerType, nullptr) != 0;
+  if (!registered) {
+    RAVELLE_LOG(LogLevelError, kHarbors,
+                "QVRavelle: Failed to migrate safe harbor for identifier %@ at %@ : %@", identifier,
+                path, nullptr);
+    told.outcome = MigrationOutcome::failed;
+    told.reason = MigrationReason::harborRefused;
+  }
+  Account().harborEnded(told);
+  return registered;
 }
 
 }  // namespace
@@ -173,7 +208,7 @@ void QVRavelle::_migrateGroup(const std::string& identifier, const std::string& 
 
 // Groups that the install map names and no migrated app has.
 void QVRavelle::_tellUnclaimedGroups() {
-  if (!_groupContainerMap) return;
+  if (!_groupContainerMap || QVPlatform().account == nullptr) return;
   for (const auto& [group, record] : *_groupContainerMap) {
     if (_claimedGroups.contains(group)) continue;
     const std::string* path = record.dictionary() != nullptr
@@ -236,37 +271,13 @@ bool QVRavelle::_migrateSafeHarbors() {
                 "QVRavelle: Identifier in harbor map was not string; skipping");
   }
   for (const auto& [identifier, entry] : *_harborMap) {
-    if (entry.dictionary() == nullptr) {
-      RAVELLE_LOG(LogLevelError, kHarbors, "QVRavelle: Failed to get harbor info for identifier %@",
-                  identifier);
+    if (const std::string* path = HarborPathOf(identifier, entry)) {
+      if (!RegisterHarbor(identifier, *path)) ok = false;
+    } else {
       Account().harborEnded({.identifier = identifier,
                              .outcome = MigrationOutcome::left,
                              .reason = MigrationReason::entryDamaged});
-      continue;
     }
-    const std::string* path = entry.dictionary()->findString(HarborPathKey);
-    if (path == nullptr) {
-      RAVELLE_LOG(LogLevelError, kHarbors,
-                  "QVRavelle: Failed to get harbor path from harbor entry for %@ : %@", identifier,
-                  entry);
-      Account().harborEnded({.identifier = identifier,
-                             .outcome = MigrationOutcome::left,
-                             .reason = MigrationReason::entryDamaged});
-      continue;
-    }
-    MigratedDirectory told{.identifier = identifier, .path = *path};
-    RAVELLE_LOG(LogLevelNotice, kHarbors, "QVRavelle: Migrating safe harbor for %@ at %@",
-                identifier, *path);
-    if (QVPlatform().installationService->QuorvelRegisterSafeHarborForContainerType(
-            *path, identifier, kHarborContainerType, nullptr) == 0) {
-      RAVELLE_LOG(LogLevelError, kHarbors,
-                  "QVRavelle: Failed to migrate safe harbor for identifier %@ at %@ : %@",
-                  identifier, *path, nullptr);
-      told.outcome = MigrationOutcome::failed;
-      told.reason = MigrationReason::harborRefused;
-      ok = false;
-    }
-    Account().harborEnded(told);
   }
   if (ok) _files.removeItemAtURL(_configuration.oldDataDirectoryPath().child(HarborMapName));
   return ok;

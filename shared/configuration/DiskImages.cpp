@@ -54,7 +54,9 @@ std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
 
 }  // namespace
 
+// Where there is no device tree or mount table, nothing is attached or mounted.
 std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(HardwareEntry entry) {
+  if (QVPlatform().hardware == nullptr || QVPlatform().mounts == nullptr) return std::nullopt;
   const std::vector<MountedFileSystem> mounts = QVPlatform().mounts->read();
   if (mounts.empty()) {
     QV_LOG(LogLevelError, kMountPointForDevice, "getmntinfo failed: %s", ErrnoDescription(errno));
@@ -95,6 +97,7 @@ std::optional<std::string> QVGlobalConfiguration::_firstMountPointBelow(Hardware
 
 std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() {
   std::vector<std::string> mountPoints;
+  if (QVPlatform().hardware == nullptr) return mountPoints;
   HardwareRegistry& hardware = *QVPlatform().hardware;
   const Handle controller(hardware.firstMatchingService(HRVDKXControllerClass));
   if (!controller) return mountPoints;  // nothing is attached

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "tests/ravelle/RavelleFixture.h"
+#include "tests/support/FaultWrappers.h"
 #include "tests/support/TemporaryTree.h"
 
 namespace quorvel::tests {
@@ -268,6 +269,14 @@ TEST_F(MigrationTest, DataStepOfAContainerWithoutDataTouchesNothing) {
   EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("A"), nowhere));
   EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("gone"), nowhere));
   EXPECT_THAT(log_.take(), IsEmpty());
+  // The marker's name is stored all the same before the bundle leaves its place.
+  Fault counter;
+  FaultyFileSystem counted(platform_.fileSystem, counter);
+  platform_.set.fileSystem = &counted;
+  EXPECT_TRUE(migrateContainer("A"));
+  platform_.set.fileSystem = &platform_.fileSystem;
+  EXPECT_EQ(counter.calls("SyncDirectory"), 1);
+  log_.take();
   // An item that could not be looked at is not passed over.
   std::filesystem::create_symlink("loop", legacy("loop"));
   EXPECT_FALSE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("loop"), nowhere));

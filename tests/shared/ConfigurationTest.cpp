@@ -562,6 +562,18 @@ TEST_F(Configuration, LazyMembersRescansAndTheBundleLockFromManyThreads) {
   EXPECT_EQ(wrong, 0);
 }
 
+TEST(ConfigurationWithoutServices, AnswersWhatIsKnownWithoutThem) {
+  TestPlatform platform;
+  platform.set.preferences = nullptr;
+  const auto made = ConfigurationForRoot::make(Path::directory("/nowhere"));
+  EXPECT_EQ(made->nSimultaneousInstallations(), 4);
+  made->setHaveUpdatedPluginContainersWithParentID(true);
+  EXPECT_FALSE(made->haveUpdatedPluginContainersWithParentID());
+  EXPECT_EQ(made->alternateThinningModelIdentifier(), std::nullopt);
+  EXPECT_TRUE(made->diskImageMountPoints().empty());
+  EXPECT_EQ(made->mountPointForDevice(1), std::nullopt);
+}
+
 // What is still running when the process ends reads paths that removals are made from.
 TEST(ConfigurationAtTheEnd, TheSharedInstanceOutlivesEverything) {
   const TestPlatform platform;

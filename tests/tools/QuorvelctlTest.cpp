@@ -513,6 +513,7 @@ TEST_F(QuorvelctlTest, ConfigurationAndCatalogsAreTheDevices) {
   fs::create_directories(tree_.at("device/Applications/Empty.app"));
   const json partly = object({"catalog", "--root", device()});
   EXPECT_EQ(partly["systemApps"].size(), 1U);
+  EXPECT_EQ(object({"catalog", "--root", device(), "--rescan"})["leftOut"], partly["leftOut"]);
   for (const char* name : {"Broken.app", "Empty.app"}) {
     EXPECT_NE(partly["leftOut"].dump().find(name), std::string::npos) << partly["leftOut"];
   }

@@ -16,7 +16,7 @@ void ErrorLines::write(const LogHandle* /*handle*/, int level, const char* funct
   const bool isScan = reporter.ends_with("_bundleIDMapForBundlesInDirectory:withExtension:]");
   if (isScan && level == LogLevelError) ++unlisted_;
   if (reporter == "QVLoadInfoPlist" || (isScan && level > LogLevelError)) {
-    leftOut_.emplace_back(message);
+    leftOut_.emplace(message);
   }
   if (level > LogLevelError) return;
   flush();

@@ -3,10 +3,10 @@
 
 #include <cstddef>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "platform/Log.h"
 
@@ -33,15 +33,16 @@ class ErrorLines final : public LogWriter {
   std::size_t count() const { return count_; }
   // Of those, the ones that say that a directory of bundles could not be listed.
   std::size_t unlistedDirectories() const { return unlisted_; }
-  // What says why a bundle is in no catalog, debug lines included where they are written.
-  const std::vector<std::string>& leftOutBundles() const { return leftOut_; }
+  // What says why a bundle is in no catalog, each line once, debug lines included where they are
+  // written.
+  const std::set<std::string>& leftOutBundles() const { return leftOut_; }
 
  private:
   const std::string command_;
   std::optional<std::string> held_;
   std::size_t count_ = 0;
   std::size_t unlisted_ = 0;
-  std::vector<std::string> leftOut_;
+  std::set<std::string> leftOut_;
 };
 
 }  // namespace quorvel::ctl

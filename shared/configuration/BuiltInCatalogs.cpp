@@ -70,19 +70,20 @@ std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::_appMap(
   return member;
 }
 
-std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::systemAppBundleIDToInfoMap() {
+std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::systemAppBundleIDToInfoMap() noexcept {
   return _appMap(_systemAppBundleIDToInfoMap, &QVGlobalConfiguration::systemAppsDirectory);
 }
 
-std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::coreServicesAppBundleIDToInfoMap() {
+std::shared_ptr<const QVBundleMap>
+QVGlobalConfiguration::coreServicesAppBundleIDToInfoMap() noexcept {
   return _appMap(_coreServicesAppBundleIDToInfoMap, &QVGlobalConfiguration::coreServicesDirectory);
 }
 
-std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::internalAppBundleIDToInfoMap() {
+std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::internalAppBundleIDToInfoMap() noexcept {
   return _appMap(_internalAppBundleIDToInfoMap, &QVGlobalConfiguration::internalAppsDirectory);
 }
 
-std::set<std::string> QVGlobalConfiguration::builtInFrameworkBundleIDs() {
+std::set<std::string> QVGlobalConfiguration::builtInFrameworkBundleIDs() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_builtInFrameworkBundleIDs) {
     std::set<std::string> identifiers;
@@ -96,7 +97,7 @@ std::set<std::string> QVGlobalConfiguration::builtInFrameworkBundleIDs() {
 }
 
 // No lock of its own: each map is consistent, all three together need not be.
-std::set<std::string> QVGlobalConfiguration::builtInApplicationBundleIDs() {
+std::set<std::string> QVGlobalConfiguration::builtInApplicationBundleIDs() noexcept {
   std::set<std::string> identifiers;
   InsertIdentifiers(systemAppBundleIDToInfoMap().get(), identifiers);
   InsertIdentifiers(internalAppBundleIDToInfoMap().get(), identifiers);
@@ -105,18 +106,18 @@ std::set<std::string> QVGlobalConfiguration::builtInApplicationBundleIDs() {
   return identifiers;
 }
 
-void QVGlobalConfiguration::reScanSystemApps() {
+void QVGlobalConfiguration::reScanSystemApps() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   _systemAppBundleIDToInfoMap.reset();
   _builtInFrameworkBundleIDs.reset();
 }
 
-void QVGlobalConfiguration::reScanCoreServicesApps() {
+void QVGlobalConfiguration::reScanCoreServicesApps() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   _coreServicesAppBundleIDToInfoMap.reset();
 }
 
-void QVGlobalConfiguration::reScanInternalApps() {
+void QVGlobalConfiguration::reScanInternalApps() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   _internalAppBundleIDToInfoMap.reset();
   _builtInFrameworkBundleIDs.reset();

@@ -38,7 +38,7 @@ std::optional<long> IntegerValue(const PlistValue& value) {
 
 }  // namespace
 
-QVGlobalConfiguration& QVGlobalConfiguration::sharedInstance() {
+QVGlobalConfiguration& QVGlobalConfiguration::sharedInstance() noexcept {
   static QVGlobalConfiguration& instance = *new QVGlobalConfiguration(Path::directory("/"));
   return instance;
 }
@@ -72,43 +72,43 @@ void QVGlobalConfiguration::_readPreferences() {
   }
 }
 
-Path QVGlobalConfiguration::oldContainerPath() const {
+Path QVGlobalConfiguration::oldContainerPath() const noexcept {
   return _mobilePath.childDirectory(LegacyApplicationsName);
 }
 
-Path QVGlobalConfiguration::oldInstallMapPath() const {
+Path QVGlobalConfiguration::oldInstallMapPath() const noexcept {
   return _mobilePath.child(LegacyInstallMapPath);
 }
 
-Path QVGlobalConfiguration::oldDataDirectoryPath() const {
+Path QVGlobalConfiguration::oldDataDirectoryPath() const noexcept {
   return _mobilePath.childDirectory(kDataDirectoryName);
 }
 
-Path QVGlobalConfiguration::oldLoggingPath() const {
+Path QVGlobalConfiguration::oldLoggingPath() const noexcept {
   return _mobilePath.childDirectory("Library/Logs/Quorvel");
 }
 
-Path QVGlobalConfiguration::oldArchiveDirectory() const {
+Path QVGlobalConfiguration::oldArchiveDirectory() const noexcept {
   return _mobilePath.childDirectory("Media/ApplicationArchives");
 }
 
-Path QVGlobalConfiguration::dataDirectoryPath() const {
+Path QVGlobalConfiguration::dataDirectoryPath() const noexcept {
   return _quorveldPath.childDirectory(kDataDirectoryName);
 }
 
-Path QVGlobalConfiguration::roleUserMigrationMarkerFilePath() const {
+Path QVGlobalConfiguration::roleUserMigrationMarkerFilePath() const noexcept {
   return dataDirectoryPath().child("RoleUserMigration.plist");
 }
 
-std::vector<std::string> QVGlobalConfiguration::appBundleMetadataItemNames() const {
+std::vector<std::string> QVGlobalConfiguration::appBundleMetadataItemNames() const noexcept {
   return {StoreMetadataItemNames.begin(), StoreMetadataItemNames.end()};
 }
 
-std::vector<std::string> QVGlobalConfiguration::appUserDataItemNames() const {
+std::vector<std::string> QVGlobalConfiguration::appUserDataItemNames() const noexcept {
   return {UserDataItemNames.begin(), UserDataItemNames.end()};
 }
 
-const std::set<std::string>& QVGlobalConfiguration::installationBlacklist() const {
+const std::set<std::string>& QVGlobalConfiguration::installationBlacklist() const noexcept {
   static const std::set<std::string>& blacklist =
       *new std::set<std::string>{"com.velto.Kyo6Updater"};
   return blacklist;

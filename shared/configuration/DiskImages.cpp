@@ -55,7 +55,8 @@ std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
 }  // namespace
 
 // Where there is no device tree or mount table, nothing is attached or mounted.
-std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(HardwareEntry entry) {
+std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(
+    HardwareEntry entry) noexcept {
   if (QVPlatform().hardware == nullptr || QVPlatform().mounts == nullptr) return std::nullopt;
   const std::vector<MountedFileSystem> mounts = QVPlatform().mounts->read();
   if (mounts.empty()) {
@@ -95,7 +96,7 @@ std::optional<std::string> QVGlobalConfiguration::_firstMountPointBelow(Hardware
   }
 }
 
-std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() {
+std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() noexcept {
   std::vector<std::string> mountPoints;
   if (QVPlatform().hardware == nullptr) return mountPoints;
   HardwareRegistry& hardware = *QVPlatform().hardware;
@@ -120,7 +121,7 @@ std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() {
   }
 }
 
-std::vector<Path> QVGlobalConfiguration::diskImageApplicationsDirectories() {
+std::vector<Path> QVGlobalConfiguration::diskImageApplicationsDirectories() noexcept {
   const Path developerApps = developerAppsDirectory();
   std::vector<Path> directories;
   for (const std::string& mountPoint : diskImageMountPoints()) {
@@ -134,7 +135,7 @@ std::vector<Path> QVGlobalConfiguration::diskImageApplicationsDirectories() {
   return directories;
 }
 
-QVBundleMap QVGlobalConfiguration::diskImageAppBundleIDToInfoMap() {
+QVBundleMap QVGlobalConfiguration::diskImageAppBundleIDToInfoMap() noexcept {
   QVBundleMap apps;
   for (const Path& directory : diskImageApplicationsDirectories()) {
     const auto map = _bundleIDMapForAppsInDirectory(directory);

@@ -4,7 +4,8 @@
 // One instance serves the process (sharedInstance); a test builds its own on a temporary root.
 // Preferences are read once, when an instance is made. Accessors report no errors: a directory
 // that cannot be created is logged and its path returned, what cannot be scanned is missing from
-// its catalog.
+// its catalog. When memory runs out the process ends (noexcept): an answer with less in it than
+// there is would decide what is installed.
 //
 //   const Path legacy = QVGlobalConfiguration::sharedInstance().oldContainerPath();
 //
@@ -38,7 +39,7 @@ class QV_EXPORT QVGlobalConfiguration {
  public:
   // The process's one instance, made on first use and never destroyed: threads that are still
   // running when the process ends may go on reading it.
-  static QVGlobalConfiguration& sharedInstance();
+  static QVGlobalConfiguration& sharedInstance() noexcept;
 
   ~QVGlobalConfiguration() = default;
   QVGlobalConfiguration(const QVGlobalConfiguration&) = delete;
@@ -46,78 +47,78 @@ class QV_EXPORT QVGlobalConfiguration {
 
   // --- Preferences and fixed values ---------------------------------------------------------
 
-  bool lowerInstallPriority() const { return _lowerInstallPriority; }
-  bool skipDeviceFamilyCheck() const { return _skipDeviceFamilyCheck; }
-  bool skipThinningCheck() const { return _skipThinningCheck; }
+  bool lowerInstallPriority() const noexcept { return _lowerInstallPriority; }
+  bool skipDeviceFamilyCheck() const noexcept { return _skipDeviceFamilyCheck; }
+  bool skipThinningCheck() const noexcept { return _skipThinningCheck; }
   // As stored: 0 and negative numbers included.
-  long nSimultaneousInstallations() const { return _nSimultaneousInstallations; }
-  std::uint32_t uid() const { return _uid; }
-  std::uint32_t gid() const { return _gid; }
+  long nSimultaneousInstallations() const noexcept { return _nSimultaneousInstallations; }
+  std::uint32_t uid() const noexcept { return _uid; }
+  std::uint32_t gid() const noexcept { return _gid; }
 
   // --- Paths and lists that need no disk ----------------------------------------------------
 
-  Path oldContainerPath() const;      // legacy applications directory
-  Path oldInstallMapPath() const;     // legacy install map, a file
-  Path oldDataDirectoryPath() const;  // holds the legacy harbor map
-  Path oldLoggingPath() const;
-  Path oldArchiveDirectory() const;
+  Path oldContainerPath() const noexcept;      // legacy applications directory
+  Path oldInstallMapPath() const noexcept;     // legacy install map, a file
+  Path oldDataDirectoryPath() const noexcept;  // holds the legacy harbor map
+  Path oldLoggingPath() const noexcept;
+  Path oldArchiveDirectory() const noexcept;
   // The device's root and the mobile user's home.
-  const Path& rootPath() const { return _rootPath; }
-  const Path& mobileHomePath() const { return _mobilePath; }
-  Path dataDirectoryPath() const;
-  Path roleUserMigrationMarkerFilePath() const;  // a file
-  std::vector<std::string> appBundleMetadataItemNames() const;
-  std::vector<std::string> appUserDataItemNames() const;
+  const Path& rootPath() const noexcept { return _rootPath; }
+  const Path& mobileHomePath() const noexcept { return _mobilePath; }
+  Path dataDirectoryPath() const noexcept;
+  Path roleUserMigrationMarkerFilePath() const noexcept;  // a file
+  std::vector<std::string> appBundleMetadataItemNames() const noexcept;
+  std::vector<std::string> appUserDataItemNames() const noexcept;
   // Identifiers that are never installed; the same set for every instance.
-  const std::set<std::string>& installationBlacklist() const;
+  const std::set<std::string>& installationBlacklist() const noexcept;
 
   // --- Working directories of the service: created on every call ----------------------------
 
-  Path carrierBundlesDirectory();
-  Path stagingRoot();
-  Path logDirectory();
-  Path dataDirectory();
-  Path cachesDirectory();
+  Path carrierBundlesDirectory() noexcept;
+  Path stagingRoot() noexcept;
+  Path logDirectory() noexcept;
+  Path dataDirectory() noexcept;
+  Path cachesDirectory() noexcept;
 
   // --- Directories of the system image: computed once, never created ------------------------
 
-  Path coreServicesDirectory();
-  Path systemAppsDirectory();
-  Path internalAppsDirectory();
-  Path developerAppsDirectory();
-  Path factoryMountDirectory();
-  Path systemFrameworksRootDirectory();
-  Path internalFrameworksRootDirectory();
-  Path developerFrameworksRootDirectory();
-  std::set<Path> allFrameworksDirectories();
+  Path coreServicesDirectory() noexcept;
+  Path systemAppsDirectory() noexcept;
+  Path internalAppsDirectory() noexcept;
+  Path developerAppsDirectory() noexcept;
+  Path factoryMountDirectory() noexcept;
+  Path systemFrameworksRootDirectory() noexcept;
+  Path internalFrameworksRootDirectory() noexcept;
+  Path developerFrameworksRootDirectory() noexcept;
+  std::set<Path> allFrameworksDirectories() noexcept;
 
   // --- Catalogs: scanned on first use, kept until rescanned ---------------------------------
   // A map is null when its directory does not exist or cannot be listed; the next call looks
   // again. Maps are immutable and stay valid whatever is rescanned.
 
-  std::shared_ptr<const QVBundleMap> systemAppBundleIDToInfoMap();
-  std::shared_ptr<const QVBundleMap> coreServicesAppBundleIDToInfoMap();
-  std::shared_ptr<const QVBundleMap> internalAppBundleIDToInfoMap();
-  std::set<std::string> builtInFrameworkBundleIDs();
+  std::shared_ptr<const QVBundleMap> systemAppBundleIDToInfoMap() noexcept;
+  std::shared_ptr<const QVBundleMap> coreServicesAppBundleIDToInfoMap() noexcept;
+  std::shared_ptr<const QVBundleMap> internalAppBundleIDToInfoMap() noexcept;
+  std::set<std::string> builtInFrameworkBundleIDs() noexcept;
   // Identifiers of the system, internal and disk-image apps; put together anew on each call.
-  std::set<std::string> builtInApplicationBundleIDs();
-  void reScanSystemApps();
-  void reScanCoreServicesApps();
-  void reScanInternalApps();
+  std::set<std::string> builtInApplicationBundleIDs() noexcept;
+  void reScanSystemApps() noexcept;
+  void reScanCoreServicesApps() noexcept;
+  void reScanInternalApps() noexcept;
 
   // --- Apps on attached disk images: looked up on every call --------------------------------
 
   // Where the first mounted medium below the entry is mounted.
-  std::optional<std::string> mountPointForDevice(HardwareEntry entry);
-  std::vector<std::string> diskImageMountPoints();
-  std::vector<Path> diskImageApplicationsDirectories();
-  QVBundleMap diskImageAppBundleIDToInfoMap();
+  std::optional<std::string> mountPointForDevice(HardwareEntry entry) noexcept;
+  std::vector<std::string> diskImageMountPoints() noexcept;
+  std::vector<Path> diskImageApplicationsDirectories() noexcept;
+  QVBundleMap diskImageAppBundleIDToInfoMap() noexcept;
 
   // --- Persisted flags: read and written on every call --------------------------------------
 
-  bool haveUpdatedPluginContainersWithParentID();
-  void setHaveUpdatedPluginContainersWithParentID(bool flag);
-  std::optional<std::string> alternateThinningModelIdentifier();
+  bool haveUpdatedPluginContainersWithParentID() noexcept;
+  void setHaveUpdatedPluginContainersWithParentID(bool flag) noexcept;
+  std::optional<std::string> alternateThinningModelIdentifier() noexcept;
 
   // --- Steps of the above, not exported by the shared library -------------------------------
 

@@ -24,7 +24,7 @@ void Ensure(const Path& directory, std::int32_t protectionClass, const char* fun
 
 }  // namespace
 
-Path QVGlobalConfiguration::carrierBundlesDirectory() {
+Path QVGlobalConfiguration::carrierBundlesDirectory() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_carrierBundlesDir) {
     _carrierBundlesDir = _mobilePath.childDirectory("Library/Carrier Bundles");
@@ -35,7 +35,7 @@ Path QVGlobalConfiguration::carrierBundlesDirectory() {
   return *_carrierBundlesDir;
 }
 
-Path QVGlobalConfiguration::stagingRoot() {
+Path QVGlobalConfiguration::stagingRoot() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_stagingRoot) {
     _stagingRoot = cachesDirectory().childDirectory("com.velto.mobile.quorveld.staging");
@@ -46,14 +46,14 @@ Path QVGlobalConfiguration::stagingRoot() {
 }
 
 // Not remembered and not locked: creating what exists is harmless.
-Path QVGlobalConfiguration::logDirectory() {
+Path QVGlobalConfiguration::logDirectory() noexcept {
   Path directory = _quorveldPath.childDirectory("Library/Logs/Quorvel");
   Ensure(directory, kProtectionClass, "-[QVGlobalConfiguration logDirectory]",
          "Failed to create log directory at \"%@\": %@");
   return directory;
 }
 
-Path QVGlobalConfiguration::dataDirectory() {
+Path QVGlobalConfiguration::dataDirectory() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_dataDir) _dataDir = dataDirectoryPath();
   Ensure(*_dataDir, kProtectionClass, "-[QVGlobalConfiguration dataDirectory]",
@@ -61,7 +61,7 @@ Path QVGlobalConfiguration::dataDirectory() {
   return *_dataDir;
 }
 
-Path QVGlobalConfiguration::cachesDirectory() {
+Path QVGlobalConfiguration::cachesDirectory() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_cachesDir) _cachesDir = _quorveldPath.childDirectory("Library/Caches");
   Ensure(*_cachesDir, QVNoProtectionClass, "-[QVGlobalConfiguration cachesDirectory]",
@@ -76,39 +76,39 @@ Path QVGlobalConfiguration::_fixedDirectory(std::optional<Path>& member, const P
   return *member;
 }
 
-Path QVGlobalConfiguration::coreServicesDirectory() {
+Path QVGlobalConfiguration::coreServicesDirectory() noexcept {
   return _fixedDirectory(_coreServicesDir, _rootPath, "System/Library/CoreServices");
 }
 
-Path QVGlobalConfiguration::systemAppsDirectory() {
+Path QVGlobalConfiguration::systemAppsDirectory() noexcept {
   return _fixedDirectory(_systemAppsDir, _rootPath, "Applications");
 }
 
-Path QVGlobalConfiguration::internalAppsDirectory() {
+Path QVGlobalConfiguration::internalAppsDirectory() noexcept {
   return _fixedDirectory(_internalAppsDir, _rootPath, "VeltoInternal/Applications");
 }
 
-Path QVGlobalConfiguration::developerAppsDirectory() {
+Path QVGlobalConfiguration::developerAppsDirectory() noexcept {
   return _fixedDirectory(_developerAppsDir, _rootPath, "Developer/Applications");
 }
 
-Path QVGlobalConfiguration::factoryMountDirectory() {
+Path QVGlobalConfiguration::factoryMountDirectory() noexcept {
   return _fixedDirectory(_factoryMountDir, _rootPath, "private/var/factory_mount/");
 }
 
-Path QVGlobalConfiguration::systemFrameworksRootDirectory() {
+Path QVGlobalConfiguration::systemFrameworksRootDirectory() noexcept {
   return _fixedDirectory(_systemFrameworksRootDirectory, _rootPath, "System/Library");
 }
 
-Path QVGlobalConfiguration::internalFrameworksRootDirectory() {
+Path QVGlobalConfiguration::internalFrameworksRootDirectory() noexcept {
   return _fixedDirectory(_internalFrameworksRootDirectory, _rootPath, "VeltoInternal");
 }
 
-Path QVGlobalConfiguration::developerFrameworksRootDirectory() {
+Path QVGlobalConfiguration::developerFrameworksRootDirectory() noexcept {
   return _fixedDirectory(_developerFrameworksRootDirectory, _rootPath, "Developer");
 }
 
-std::set<Path> QVGlobalConfiguration::allFrameworksDirectories() {
+std::set<Path> QVGlobalConfiguration::allFrameworksDirectories() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_allFrameworksDirectories) {
     _allFrameworksDirectories.emplace();

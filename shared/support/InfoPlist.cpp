@@ -2,6 +2,7 @@
 #include "shared/support/InfoPlist.h"
 
 #include <mutex>
+#include <new>
 
 #include "platform/DeviceNames.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -76,8 +77,8 @@ std::unique_ptr<PlistDictionary> ReadWhole(PKBundle& bundle, const Path& path) {
 
 }  // namespace
 
-std::unique_ptr<PlistDictionary> QVLoadInfoPlist(const Path& path,
-                                                 const std::optional<std::set<std::string>>& keys) {
+std::unique_ptr<PlistDictionary> QVLoadInfoPlist(
+    const Path& path, const std::optional<std::set<std::string>>& keys) try {
   const Path file = path.child(InfoPlistName);
   if (QVFileManager::defaultManager().itemDoesNotExistAtURL(file)) {
     QV_LOG(LogLevelDebug, kLoad, "Missing Info.plist at %@", file);
@@ -91,6 +92,8 @@ std::unique_ptr<PlistDictionary> QVLoadInfoPlist(const Path& path,
   }
   if (keys) return ReadFiltered(*bundle, *keys);
   return ReadWhole(*bundle, path);
+} catch (const std::bad_alloc&) {
+  return nullptr;  // without a line: it would take memory too
 }
 
 }  // namespace quorvel

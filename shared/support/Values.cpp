@@ -7,7 +7,7 @@
 
 namespace quorvel {
 
-bool QVPlistValueIsOfType(const PlistValue& value, PlistType type) {
+bool QVPlistValueIsOfType(const PlistValue& value, PlistType type) noexcept {
   switch (type) {
     case PlistType::string:
       return value.string() != nullptr;
@@ -29,18 +29,18 @@ bool QVPlistValueIsOfType(const PlistValue& value, PlistType type) {
   return false;
 }
 
-std::optional<std::string> QVStringifyObject(const PlistValue* value) {
+std::optional<std::string> QVStringifyObject(const PlistValue* value) noexcept {
   if (value == nullptr) return std::nullopt;
   return QVDescribeValue(*value);
 }
 
-bool QVArrayContainsOnlyClass(const PlistArray& array, PlistType type) {
+bool QVArrayContainsOnlyClass(const PlistArray& array, PlistType type) noexcept {
   return std::all_of(array.begin(), array.end(), [type](const PlistValue& element) {
     return QVPlistValueIsOfType(element, type);
   });
 }
 
-bool QVBooleanValue(const PlistValue* value, bool defaultValue) {
+bool QVBooleanValue(const PlistValue* value, bool defaultValue) noexcept {
   if (value == nullptr || !value->isNumber()) return defaultValue;
   if (const bool* flag = value->boolean()) return *flag;
   if (const auto* integer = value->signedInteger()) return *integer != 0;
@@ -48,7 +48,7 @@ bool QVBooleanValue(const PlistValue* value, bool defaultValue) {
   return true;  // an integer too large to be signed
 }
 
-std::optional<PlistArray> QVArrayifyThing(const PlistValue* value, PlistType type) {
+std::optional<PlistArray> QVArrayifyThing(const PlistValue* value, PlistType type) noexcept {
   if (value == nullptr) return std::nullopt;
   const auto onlyIfAll = [type](const PlistArray& members) -> std::optional<PlistArray> {
     if (!QVArrayContainsOnlyClass(members, type)) return std::nullopt;

@@ -5,6 +5,7 @@
 
 #include "platform/linux/system/Sha256Linux.h"
 #include "shared/support/Digest.h"
+#include "shared/support/InfoPlist.h"
 #include "tests/shared/FileManagerFixture.h"
 
 namespace {
@@ -32,6 +33,7 @@ TEST_F(FileManager, MemoryThatRunsOutIsAFailureLikeAnyOther) {
   platform_.set.sha256 = &sha256;
   MakeDirectory(at("d"));
   WriteFile(at("d/f"), "x");
+  WriteFile(at("d/Info.plist"), "<plist><dict><key>k</key><string>v</string></dict></plist>");
   MakeLink("f", at("d/l"));
   const Path d = directory("d");
   const Path f = file("d/f");
@@ -105,6 +107,8 @@ TEST_F(FileManager, MemoryThatRunsOutIsAFailureLikeAnyOther) {
         allocations, [&](Error*) { return m.bundleAtURLIsPlaceholder(d); }, nullptr);
     attempt(
         allocations, [&](Error*) { return QVCreateSHA256Digest(name).has_value(); }, nullptr);
+    attempt(
+        allocations, [&](Error*) { return QVLoadInfoPlist(d, std::nullopt) != nullptr; }, nullptr);
   }
 }
 

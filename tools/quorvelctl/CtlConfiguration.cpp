@@ -212,8 +212,7 @@ class Flags final : public Command {
                                         PreferencesScope::currentUserCurrentHost);
     const std::vector<std::string> setAside = session.preferencesSetAside();
     for (const std::string& file : setAside) {
-      session.note("what the preferences hold could not be taken over whole; they are kept as " +
-                   file);
+      session.note("the preferences file could not be read whole; as it was it is kept as " + file);
     }
     if (found && *found == PlistValue(wanted)) {
       if (setAside.empty()) return session.succeed();

@@ -107,7 +107,7 @@ TEST_F(DriverTest, AppsComeFirstInReverseOrderOfDiscovery) {
     const bool app = name[0] % 2 == 1;
     const std::string identifier = std::string("id.") + name;
     makeBundle(name, app ? "Foo.app" : "Tun.vpnplugin", identifier);
-    workspace_.registerIdentifier(identifier);
+    registry_.registerIdentifier(identifier, nullptr);
   }
   EXPECT_TRUE(migrate());
   Lines apps;
@@ -164,7 +164,7 @@ TEST_F(DriverTest, LinkInTheLegacyDirectoryIsNoItemButRemains) {
 
 TEST_F(DriverTest, FailedProtectionUpdateAndFailedHarborFailTheRunButNotTheRest) {
   makeApp("A", "com.example.a");
-  service_.refuseDataProtection = true;
+  service_.insteadOfDataProtection = [] { return 0; };
   EXPECT_FALSE(migrate());
   EXPECT_THAT(withoutIconLines(log_.takeErrors()),
               ElementsAre(std::string("3 ") + kPerform +
@@ -172,22 +172,21 @@ TEST_F(DriverTest, FailedProtectionUpdateAndFailedHarborFailTheRunButNotTheRest)
                           kFinal));
   EXPECT_FALSE(exists(legacy()));
   EXPECT_EQ(readFile(dataOf("com.example.a") + "/Documents/letter"), "letter of com.example.a");
+  service_.insteadOfDataProtection = nullptr;
+  makeApp("B", "com.example.b");
+  writePlist(harborMap(), {{"h", PlistDictionary{{"HarborPathKey", root_ + "/missing"}}}});
+  EXPECT_FALSE(migrate());
+  EXPECT_THAT(withoutIconLines(log_.takeErrors()),
+              ElementsAre(HasSubstr("Failed to migrate safe harbor for identifier h"), kFinal));
+  EXPECT_FALSE(exists(legacy()));
 }
 
 TEST_F(DriverTest, LegacyDirectoryThatCannotBeListedAtTheEndIsOnlyLogged) {
-  class Saboteur : public FakeInstallationService {
-   public:
-    explicit Saboteur(std::string directory) : directory_(std::move(directory)) {}
-    int QuorvelUpdateContainerDataProtectionForMigratorOnly(const PlistDictionary&) override {
-      std::filesystem::remove_all(directory_);
-      std::ofstream(directory_) << "now a file";
-      return 1;
-    }
-
-   private:
-    std::string directory_;
-  } saboteur(legacy());
-  platform_.set.installationService = &saboteur;
+  service_.insteadOfDataProtection = [this] {
+    std::filesystem::remove_all(legacy());
+    writeFile(legacy(), "now a file");
+    return 1;
+  };
   makeApp("A", "com.example.a");
   EXPECT_TRUE(migrate());
   EXPECT_THAT(withoutIconLines(log_.takeErrors()),

@@ -1,5 +1,5 @@
 // A legacy device on a temporary root, with the plug-in on it: real files, real property lists,
-// an application registry and an installation service in memory, and the host's log recorded.
+// the real registry behind a script, and the host's log recorded.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -14,8 +14,7 @@
 
 #include "Ravelle/Ravelle.h"
 #include "shared/configuration/ConfigurationForRoot.h"
-#include "tests/support/FakeApplicationWorkspace.h"
-#include "tests/support/FakeInstallationService.h"
+#include "tests/support/ScriptedRegistry.h"
 #include "tests/support/TestPlatform.h"
 
 namespace quorvel::tests {
@@ -89,8 +88,7 @@ class RecordingAccount : public MigrationAccount {
 
 class RavelleFixture : public ::testing::Test {
  protected:
-  RavelleFixture()
-      : root_(platform_.tree.path() + "/device"), workspace_(root_, platform_.bundles) {
+  RavelleFixture() {
     platform_.set.hostLog = &log_;
     platform_.set.account = &account_;
     platform_.set.workspace = &workspace_;
@@ -153,6 +151,11 @@ class RavelleFixture : public ::testing::Test {
     const auto proxy = workspace_.bundleProxyForIdentifier(identifier);
     return proxy && proxy->dataContainerPath ? proxy->dataContainerPath->string() : "(none)";
   }
+  std::vector<onlinux::SafeHarborRecord> harbors() {
+    onlinux::RegistrySnapshot known;
+    EXPECT_TRUE(registry_.snapshot(&known, nullptr));
+    return known.safeHarbors;
+  }
   std::string groupOf(const std::string& identifier, const std::string& group) {
     return workspace_.bundleProxyForIdentifier(identifier)->groupContainerPaths->at(group).string();
   }
@@ -166,11 +169,13 @@ class RavelleFixture : public ::testing::Test {
   }
 
   TestPlatform platform_;
-  std::string root_;
+  const std::string root_ = platform_.tree.path() + "/device";
   HostLogRecorder log_;
   RecordingAccount account_;
-  FakeApplicationWorkspace workspace_;
-  FakeInstallationService service_;
+  onlinux::ApplicationRegistryLinux registry_{
+      platform_.fileSystem, platform_.bundles, {.deviceRoot = root_}};
+  ScriptedWorkspace workspace_{registry_.workspace()};
+  ScriptedInstallationService service_{registry_.installationService()};
   std::unique_ptr<QVGlobalConfiguration> configuration_;
 };
 

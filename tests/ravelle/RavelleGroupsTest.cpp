@@ -191,7 +191,7 @@ TEST_F(GroupsTest, GroupRecordedAtADirectoryThatAllUseIsLeftAlone) {
                    {"group.daemon", PlistDictionary{{"Container", root_ + "/alias/quorveld"}}},
                    {"group.new", PlistDictionary{{"Container", containers + "/Data"}}},
                    {"group.builtin", PlistDictionary{{"Container", root_ + "/Applications"}}}});
-  writeFile(root_ + "/private/var/quorveld/Library/Registry/registry.db", "records");
+  writeFile(root_ + "/private/var/quorveld/Library/Registry/kept", "records");
   writeFile(containers + "/Data/other/Documents/letter", "of another app");
   writeFile(root_ + "/Applications/Built.app/executable", "built in");
   const PlistArray groups{"group.root", "group.home",   "group.apps",   "group.app",
@@ -202,7 +202,7 @@ TEST_F(GroupsTest, GroupRecordedAtADirectoryThatAllUseIsLeftAlone) {
   EXPECT_TRUE(migrate()) << "of both apps";
   EXPECT_EQ(readFile(dataOf("com.example.b") + "/Documents/letter"), "letter of com.example.b");
   EXPECT_EQ(readFile(root_ + "/System/file"), "of the device");
-  EXPECT_EQ(readFile(root_ + "/private/var/quorveld/Library/Registry/registry.db"), "records");
+  EXPECT_EQ(readFile(root_ + "/private/var/quorveld/Library/Registry/kept"), "records");
   EXPECT_EQ(readFile(containers + "/Data/other/Documents/letter"), "of another app");
   EXPECT_EQ(readFile(root_ + "/Applications/Built.app/executable"), "built in");
   for (const PlistValue& group : groups) {
@@ -230,9 +230,8 @@ TEST_F(HarborsTest, EveryEntryIsRegisteredAndTheMapGoes) {
   writePlist(file(), {{"com.example.a", PlistDictionary{{"HarborPathKey", harbor("a")}}},
                       {"com.example.b", PlistDictionary{{"HarborPathKey", harbor("b")}}}});
   EXPECT_TRUE(migrate());
-  EXPECT_EQ(service_.safeHarbors(),
-            (std::vector<FakeInstallationService::SafeHarbor>{{"com.example.a", harbor("a"), 2},
-                                                              {"com.example.b", harbor("b"), 2}}));
+  EXPECT_EQ(harbors(), (std::vector<onlinux::SafeHarborRecord>{{"com.example.a", harbor("a"), 2},
+                                                               {"com.example.b", harbor("b"), 2}}));
   EXPECT_TRUE(service_.everyReservedArgumentWasNull);
   EXPECT_FALSE(exists(file()));
   EXPECT_THAT(
@@ -253,7 +252,7 @@ TEST_F(HarborsTest, DamagedEntriesAreSkippedAndFailedOnesKeepTheMap) {
   writePlist(file(), map);
   EXPECT_FALSE(migrate());
   EXPECT_TRUE(exists(file()));
-  EXPECT_EQ(service_.safeHarbors().size(), 1U);
+  EXPECT_EQ(harbors().size(), 1U);
   const std::string prefix = std::string("3 ") + kHarbors + "QVRavelle: ";
   EXPECT_THAT(log_.takeErrors(),
               ElementsAre(prefix + "Failed to get harbor info for identifier a",
@@ -264,7 +263,7 @@ TEST_F(HarborsTest, DamagedEntriesAreSkippedAndFailedOnesKeepTheMap) {
                           HasSubstr("Returning migration failed")));
   std::filesystem::create_directories(root_ + "/missing");
   EXPECT_TRUE(migrate()) << "all are registered again";
-  EXPECT_EQ(service_.safeHarbors().size(), 2U);
+  EXPECT_EQ(harbors().size(), 2U);
   EXPECT_FALSE(exists(file()));
 }
 
@@ -292,7 +291,7 @@ TEST_F(HarborsTest, KeyThatIsNoStringIsSkippedAndTheOthersServe) {
   EXPECT_THAT(log_.takeErrors(),
               ElementsAre(std::string("3 ") + kHarbors +
                           "QVRavelle: Identifier in harbor map was not string; skipping"));
-  EXPECT_EQ(service_.safeHarbors().size(), 1U);
+  EXPECT_EQ(harbors().size(), 1U);
 }
 
 }  // namespace

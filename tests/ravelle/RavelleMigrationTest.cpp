@@ -101,7 +101,7 @@ TEST_F(MigrationTest, VPNContainerNeedsARecordAndGetsNoPlaceholder) {
                                        "com.example.v"));
   EXPECT_TRUE(exists(marker("V")));
   EXPECT_EQ(readFile(legacy("V") + "/Documents/letter"), "letter");
-  workspace_.registerIdentifier("com.example.v");
+  registry_.registerIdentifier("com.example.v", nullptr);
   EXPECT_TRUE(migrateContainer("V"));
   EXPECT_THAT(log_.take(),
               ElementsAre(HasSubstr("Moving data"), HasSubstr("(and secondary (null))"),
@@ -127,7 +127,7 @@ TEST_F(MigrationTest, RecordWithoutDataContainerIsDescribedInSixLines) {
                   prefix + "Proxy did have backing bundle"));
   EXPECT_TRUE(exists(legacy("A") + "/Documents/letter"));
   makeBundle("V", "Tun.vpnplugin", "com.example.v");
-  workspace_.registerIdentifier("com.example.v");
+  registry_.registerIdentifier("com.example.v", nullptr);
   EXPECT_FALSE(migrateContainer("V"));
   EXPECT_THAT(
       log_.takeErrors(),
@@ -195,7 +195,7 @@ TEST_F(MigrationTest, DataIsReplacedNeverMergedAndLinksMoveAsLinks) {
   makeApp("A", "com.example.a");
   std::filesystem::remove(legacy("A") + "/tmp");
   std::filesystem::create_symlink("/nowhere", legacy("A") + "/tmp");
-  workspace_.registerIdentifier("com.example.a");
+  registry_.registerIdentifier("com.example.a", nullptr);
   const std::string data = dataOf("com.example.a");
   writeFile(data + "/Library/old", "from before");
   writeFile(data + "/Other/kept", "not in the list");

@@ -14,8 +14,6 @@
 #include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/plist/BundleReaderLinux.h"
 #include "platform/linux/registry/ApplicationRegistryLinux.h"
-#include "tests/support/FakeApplicationWorkspace.h"
-#include "tests/support/FakeInstallationService.h"
 #include "tests/support/RegistryTesting.h"
 
 namespace quorvel::tests {
@@ -45,22 +43,6 @@ class OnDisk {
   onlinux::FileSystemLinux files_;
   onlinux::BundleReaderLinux bundles_;
   onlinux::ApplicationRegistryLinux registry_;
-};
-
-class InMemory {
- public:
-  explicit InMemory(const std::string& root) : workspace_(root, bundles_, Blacklist) {}
-  ApplicationWorkspace& workspace() { return workspace_; }
-  InstallationService& service() { return service_; }
-  bool registerIdentifier(const std::string& id) { return workspace_.registerIdentifier(id); }
-  std::vector<BundleProxy> bundles() { return workspace_.snapshot(); }
-  std::vector<FakeInstallationService::SafeHarbor> harbors() { return service_.safeHarbors(); }
-  bool dataProtectionUpdated() { return service_.dataProtectionUpdated(); }
-
- private:
-  onlinux::BundleReaderLinux bundles_;
-  FakeApplicationWorkspace workspace_;
-  FakeInstallationService service_;
 };
 
 template <class Registry>
@@ -107,7 +89,7 @@ class ApplicationRegistryContract : public ::testing::Test {
   std::unique_ptr<Registry> registry_;
 };
 
-using Implementations = ::testing::Types<OnDisk, InMemory>;
+using Implementations = ::testing::Types<OnDisk>;
 TYPED_TEST_SUITE(ApplicationRegistryContract, Implementations);
 
 TYPED_TEST(ApplicationRegistryContract, InstallsAnAppWithPluginMetadataAndGroups) {

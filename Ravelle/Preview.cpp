@@ -93,7 +93,7 @@ bool RavellePreview::preview(MigrationAccount& account, Error* error) {
       for (const WorkItem& item : classify(*items)) {
         account.containerBegan(item.index, item.entry.string());
         const Course course = follow(item);
-        if (!course.stays) gone_.push_back(item.entry.string());
+        if (!course.stays) gone_.insert(item.entry.string());
         account.containerEnded(course.outcome, course.stays);
       }
       tellGroups();
@@ -133,7 +133,7 @@ void RavellePreview::lookAt(WorkItem item, std::deque<WorkItem>& workList) {
       break;
     case Classification::Verdict::remove:
       if (const auto loss = MeasureLoss(item.entry)) account_->lost(*loss);
-      gone_.push_back(item.entry.string());
+      gone_.insert(item.entry.string());
       account_->containerEnded(MigrationOutcome::removed, false);
       break;
     case Classification::Verdict::leave:
@@ -310,11 +310,15 @@ void RavellePreview::noteGroups(const RecordFields& fields) {
   for (const auto& [group, path] : *proxy->groupContainerPaths) claimedGroups_.insert(group);
 }
 
+// Neither the path nor a directory above it is an entry that goes. Asked for every container and
+// every group, so that it must not look through all entries.
 bool RavellePreview::willBeThere(const Path& path) {
   if (!files_.itemExistsAtURL(path)) return false;
-  return std::none_of(gone_.begin(), gone_.end(), [&path](const std::string& entry) {
-    return path.string() == entry || path.string().starts_with(entry + "/");
-  });
+  for (std::string at = path.string(); !at.empty(); at.resize(at.find_last_of('/'))) {
+    if (gone_.contains(at)) return false;
+    if (at.find('/') == std::string::npos) break;
+  }
+  return true;
 }
 
 MigratedDirectory RavellePreview::foreseeGroup(const PlistEntry& entry) {

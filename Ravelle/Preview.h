@@ -62,7 +62,7 @@ class RavellePreview final : public MigrationPreview {
   // What containers that come earlier install: identifier to the bundle's extension.
   std::map<std::string, std::string> installed_;
   std::set<std::string> installedWhole_;  // those that are more than placeholders
-  std::vector<std::string> gone_;         // the entries that will not be there at the end
+  std::set<std::string> gone_;            // the entries that will not be there at the end
   std::set<std::string> claimedGroups_;
 };
 

@@ -62,6 +62,8 @@ Classification ContainerScan::run(const std::vector<Path>& entries) {
   return std::move(result_);
 }
 
+// An entry is known by its name alone; what it is shows when it is opened. Links are never
+// followed, since they may lead into another container.
 ContainerScan::Next ContainerScan::look(const Path& entry) {
   struct stat info {};
   const FileSystemRepresentation path = entry.fileSystemRepresentation();
@@ -96,6 +98,7 @@ void ContainerScan::note(bool isCertain, Reason certain, Reason unknown, const P
   if (!isCertain && !unread_) unread_ = problem;
 }
 
+// Absent, too, when nothing is known of the bundle yet; which of the two was noted decides later.
 std::optional<ContainerScan::Bundle> ContainerScan::openBundle(const Path& entry) {
   Error error;
   if (auto identifier = QVRavelle::_bundleIdentifierForBundle(entry, &error)) {
@@ -122,6 +125,7 @@ ContainerScan::Next ContainerScan::lookAtApp(const Path& entry, bool isLink) {
   return Next::entry;
 }
 
+// The last plug-in found counts, as does the last app: a container has one of each.
 ContainerScan::Next ContainerScan::lookAtVPNPlugin(const Path& entry, bool isLink) {
   RAVELLE_ADD_LINE(result_.lines, LogLevelNotice, kIntrospect, "QVRavelle: Found vpn plugin %@",
                    entry.string());
@@ -134,6 +138,7 @@ ContainerScan::Next ContainerScan::lookAtVPNPlugin(const Path& entry, bool isLin
   return Next::entry;
 }
 
+// A good marker says all there is to know: it was written when the bundle was still in its place.
 ContainerScan::Next ContainerScan::lookAtMarker(const Path& entry, bool isLink) {
   RAVELLE_ADD_LINE(result_.lines, LogLevelNotice, kIntrospect,
                    "QVRavelle: Found migration marker %@", entry.string());
@@ -195,6 +200,8 @@ void ContainerScan::leaveUnread() {
   result_.problems.push_back(std::move(*unread_));
 }
 
+// What stands where a container should be. A file there was never an app; anything that can still
+// be a directory stays.
 Classification WithoutListing(const Path& container, const Error& error) {
   Classification result;
   MigrationProblem problem = {.path = container.string()};

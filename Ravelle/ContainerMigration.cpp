@@ -17,6 +17,8 @@ namespace {
 constexpr const char* kMigrate = "-[QVRavelle _migrateContainerWithInfo:]";
 constexpr const char* kMissed = "-[QVRavelle _containerHasMissedItems:withIdentifier:]";
 
+// The marker is what an interrupted run is resumed from, once the bundle has left its place.
+// Without one the sequence still goes on: most likely nobody will need it.
 void WriteMarker(const ContainerRecord& record, const Path& legacy) {
   const Path marker = legacy.child(MigrationMarkerName);
   Error error;
@@ -44,6 +46,7 @@ void LogProxyWithoutDataContainer(const BundleProxy& proxy, const std::string& i
               proxy.foundBackingBundle ? "did" : "did not");
 }
 
+// A record without a data container stops the container before anything of it is moved.
 std::optional<Path> FindDataContainer(const std::string& identifier) {
   const std::optional<BundleProxy> proxy =
       QVPlatform().workspace->bundleProxyForIdentifier(identifier);
@@ -115,6 +118,8 @@ bool RemoveContainer(QVFileManager& files, const RecordFields& fields, bool isPl
 
 }  // namespace
 
+// The sequence of one container. Data goes before the bundle, so that whatever fails later has lost
+// no document; the container goes last, and stays where something in it is not accounted for.
 bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   const RecordFields fields = FieldsOf(record);
   // Before anything on disk changes: the bundle will be moved.
@@ -154,6 +159,7 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   return outcome == Outcome::migrated;
 }
 
+// The last look before a removal. A directory that cannot be listed may hold anything.
 bool QVRavelle::_containerHasMissedItems(const Path& container, const std::string& identifier) {
   Error error;
   auto items = _files.urlsForItemsInDirectoryAtURL(container, false, &error);

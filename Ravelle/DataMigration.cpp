@@ -74,6 +74,7 @@ const std::string* HarborPathOf(const std::string& identifier, const PlistValue&
   return path;
 }
 
+// The directory stays where it is; the service takes it over by its path.
 bool RegisterHarbor(const std::string& identifier, const std::string& path) {
   MigratedDirectory told{.identifier = identifier, .path = path};
   RAVELLE_LOG(LogLevelNotice, kHarbors, "QVRavelle: Migrating safe harbor for %@ at %@", identifier,
@@ -94,6 +95,8 @@ bool RegisterHarbor(const std::string& identifier, const std::string& path) {
 
 }  // namespace
 
+// In the order of the configuration's names, the first failure ending the step: what was moved
+// stays moved, and a later run passes over it.
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
                                                    const Path& to, bool* anyMoved) {
   // An interrupted run may have copied a directory whole and been killed while removing it.
@@ -122,6 +125,8 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
   return true;
 }
 
+// A group belongs to several apps and goes with the first that lists it; for the others its entry
+// is gone. Only what the registry cannot tell is the app's own failure.
 bool QVRavelle::_migrateGroupContainersForIdentifier(const std::string& identifier) {
   if (!_groupContainerMap || _groupContainerMap->empty()) return true;
   const std::optional<BundleProxy> proxy =
@@ -263,6 +268,8 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
   return true;
 }
 
+// Registered again by a later run if the map stays: the service keeps one record for each
+// identifier.
 bool QVRavelle::_migrateSafeHarbors() {
   if (!_harborMap) return true;
   bool ok = true;

@@ -25,6 +25,8 @@ constexpr float kDurationPerItem = 2.25F;
 QVRavelle::QVRavelle(const QVGlobalConfiguration& configuration)
     : _configuration(configuration), _files(QVFileManager::defaultManager()) {}
 
+// Order matters: a directory that cannot be listed ends the run before any map is read, and an
+// empty one takes the install map with it, which therefore is loaded only when there are entries.
 MigratorPlugin* QVRavelle::init() {
   if (MigratorPlugin::init() == nullptr) return nullptr;
   const Path legacy = _configuration.oldContainerPath();
@@ -50,6 +52,8 @@ MigratorPlugin* QVRavelle::init() {
   return this;
 }
 
+// What an earlier run finished but was killed before it could take away. Neither failure stops the
+// run: the closing steps meet the same directory again.
 void QVRavelle::_removeEmptyLegacyDirectory() {
   const Path legacy = _configuration.oldContainerPath();
   if (!_files.removeItemAtURL(legacy)) {
@@ -63,6 +67,8 @@ void QVRavelle::_removeEmptyLegacyDirectory() {
   }
 }
 
+// A map that is missing or damaged means that no group is known, and the apps are migrated all the
+// same. One that could not be read is remembered: it must not be removed at the end.
 void QVRavelle::_loadInstallMap() {
   const Path file = _configuration.oldInstallMapPath();
   Error error;
@@ -81,12 +87,14 @@ void QVRavelle::_loadInstallMap() {
     RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: No group container map found in install map");
     return;
   }
+  // A copy of its own, from which each moved group goes; hinted, since the entries come in order.
   _groupContainerMap.emplace();
   for (const PlistEntry& entry : *groups->dictionary()) {
     _groupContainerMap->emplace_hint(_groupContainerMap->end(), entry.key, entry.value);
   }
 }
 
+// Nothing else rests on the harbor map: a damaged one costs the harbors and stays where it is.
 void QVRavelle::_loadHarborMap() {
   const Path file = _configuration.oldDataDirectoryPath().child(HarborMapName);
   if (_files.itemDoesNotExistAtURL(file)) return;
@@ -108,6 +116,8 @@ float QVRavelle::estimatedDuration() const {
   return kBaseDuration + kDurationPerItem * static_cast<float>(_itemsToMigrate->size());
 }
 
+// Half done, when there is nothing to do, and -1 for a list without entries, are what the host
+// expects. Relaxed: the number stands for itself, nothing is read on its account.
 float QVRavelle::migrationProgress() const {
   if (!_itemsToMigrate) return 0.5F;
   if (_itemsToMigrate->empty()) return -1.0F;
@@ -115,6 +125,8 @@ float QVRavelle::migrationProgress() const {
   return static_cast<float>(done) / static_cast<float>(_itemsToMigrate->size());
 }
 
+// Each part is tried whatever became of the others. The legacy directory comes last: by then it
+// must be empty.
 bool QVRavelle::performMigration() {
   bool result = true;
   if (_itemsToMigrate) result = _migrateRecords(_buildWorkList());
@@ -138,6 +150,8 @@ bool QVRavelle::performMigration() {
   return result;
 }
 
+// All entries are looked at before the first is migrated: apps go before plug-ins, which may belong
+// to one of them and then find its record. What is removed here is counted here.
 std::deque<QVRavelle::WorkItem> QVRavelle::_buildWorkList() {
   std::deque<WorkItem> workList;
   for (std::size_t index = 0; index < _itemsToMigrate->size(); ++index) {

@@ -29,6 +29,7 @@ constexpr const char* kIdentityKeys[] = {"PKBundleIdentifier", "PKBundleDisplayN
                                          "PKBundleExecutable", "PKBundleVersion",
                                          "PKBundleShortVersionString"};
 
+// The blacklist is skipped: what is on it was installed before, and its data is the user's.
 PlistDictionary InstallOptions(const char* packageType, const std::string& identifier) {
   return {{RXInstallTypeKey, kMigrationInstallType},
           {RXPackageTypeKey, packageType},
@@ -196,6 +197,7 @@ bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::stri
   return true;
 }
 
+// No progress callback: of a placeholder the Error says all there is to say.
 bool InstallPlaceholder(const Path& directory, const std::string& identifier,
                         std::unique_ptr<PlistData> metadata) {
   RAVELLE_LOG(LogLevelNotice, kPlaceholder, "QVRavelle: Installing placeholder for %@", identifier);
@@ -215,6 +217,8 @@ std::string DescribeBundle(const PKBundle& bundle) {
 
 }  // namespace
 
+// The registry's refusal because of a newer built-in copy is success: the data has its container,
+// and the user has the app.
 bool QVRavelle::_stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,
                                             const std::optional<Path>& vpnPlugin,
                                             const Path& container) {
@@ -263,6 +267,8 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
   return installed;
 }
 
+// An icon is worth a line in the log, and never a migration: each failure here is passed over by
+// the caller.
 bool QVRavelle::_writeIconForBundle(PKBundle& bundle, const Path& destination) {
   IconRenderer& icons = *QVPlatform().icons;
   const std::unique_ptr<Image> image = icons.createHomeScreenIconImage(bundle);

@@ -21,6 +21,8 @@ bool FailMarker(std::vector<PendingLine>& lines, int line, std::string message, 
                                {{LocalizedDescriptionKey, PlistValue(lines.back().message)}}));
 }
 
+// In the order in which a reader of the log expects the complaints; the first one is enough. Keys
+// that are not asked for here are kept as they are.
 bool IsComplete(const ContainerRecord& record, const Path& marker, std::vector<PendingLine>& lines,
                 Error* error) {
   static constexpr struct {
@@ -48,6 +50,7 @@ bool IsComplete(const ContainerRecord& record, const Path& marker, std::vector<P
 
 }  // namespace
 
+// The lines come first, so that the log tells why before it tells what.
 std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& container,
                                                                bool* orderResultEarly) {
   Classification found = ClassifyLegacyContainer(_files, container);
@@ -72,6 +75,7 @@ std::optional<ContainerRecord> QVRavelle::_introspectContainer(const Path& conta
   return std::nullopt;
 }
 
+// An empty identifier is one that could be read; what it is worth is for the registry to say.
 std::optional<std::string> QVRavelle::_bundleIdentifierForBundle(const Path& bundle, Error* error) {
   const std::unique_ptr<PKBundle> opened = QVPlatform().bundles->open(bundle, error);
   const std::string* identifier = opened ? opened->identifier(error) : nullptr;

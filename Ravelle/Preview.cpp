@@ -104,6 +104,8 @@ bool RavellePreview::preview(MigrationAccount& account, Error* error) {
   return true;
 }
 
+// The same passes as the migration: all entries first, then the work list in its order, so that
+// what one container installs is known when another asks.
 std::deque<RavellePreview::WorkItem> RavellePreview::classify(const std::vector<Path>& items) {
   std::deque<WorkItem> workList;
   for (std::size_t index = 0; index < items.size(); ++index) {
@@ -157,6 +159,7 @@ bool RavellePreview::isInstalled(const std::string& identifier) {
          QVPlatform().workspace->applicationIsInstalled(identifier);
 }
 
+// Each question stands for the step of the same place in the sequence.
 RavellePreview::Course RavellePreview::follow(const WorkItem& item) {
   const RecordFields fields = FieldsOf(*item.found.record);
   if (!registers(fields)) return {MigrationOutcome::failed, true};
@@ -237,6 +240,7 @@ bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& 
   return true;
 }
 
+// What this run would have installed by then goes before what the registry has now.
 bool RavellePreview::isOfAnotherKind(const std::string& identifier, const Path& bundle) {
   const auto earlier = installed_.find(identifier);
   if (earlier != installed_.end()) return earlier->second != bundle.pathExtension();
@@ -271,6 +275,7 @@ std::vector<std::string> RavellePreview::missedItems(const WorkItem& item,
   return names;
 }
 
+// A marker may name another container than its own: that one goes, and this one stays.
 RavellePreview::Course RavellePreview::remove(const WorkItem& item, const RecordFields& fields,
                                               bool installed) {
   const Path legacy = configuration_.oldContainerPath();
@@ -321,6 +326,7 @@ bool RavellePreview::willBeThere(const Path& path) {
   return true;
 }
 
+// Judged at the end of the run: a group inside a container that goes is gone by then.
 MigratedDirectory RavellePreview::foreseeGroup(const PlistEntry& entry) {
   MigratedDirectory group{.identifier = entry.key, .outcome = MigrationOutcome::left};
   const PlistDictionary* record = entry.value.dictionary();
@@ -367,6 +373,7 @@ void RavellePreview::tellGroups() {
   }
 }
 
+// The service refuses what is no directory, and nothing else.
 void RavellePreview::tellHarbors() {
   const Path file = configuration_.oldDataDirectoryPath().child(HarborMapName);
   if (files_.itemDoesNotExistAtURL(file)) return;

@@ -13,6 +13,8 @@ namespace quorvel {
 
 namespace {
 
+// Directories count for nothing: they are made again by whoever needs them. What could not be
+// looked into may hold anything.
 void CountEntry(const TreeWalkEntry& entry, MigrationLoss& loss) {
   switch (entry.kind) {
     case TreeWalkKind::file:
@@ -79,6 +81,8 @@ void TellClassification(const Classification& found, MigrationAccount& account) 
   for (const MigrationProblem& problem : found.problems) account.problem(problem);
 }
 
+// A walk of the whole tree, for containers that go without having been migrated and only where
+// somebody keeps an account.
 std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Path>& except) {
   struct stat info {};
   const FileSystemRepresentation root = item.fileSystemRepresentation();

@@ -78,6 +78,7 @@ std::vector<Path> DirectoriesInUse(const QVGlobalConfiguration& configuration) {
 
 }  // namespace
 
+// Real paths on both sides: a prefix of the texts says nothing where links or ".." are involved.
 bool LiesBelow(const Path& item, const Path& directory) {
   const std::string location = RealLocationOf(item);
   const std::string above = RealPathOf(directory.fileSystemRepresentation().c_str());
@@ -104,6 +105,8 @@ bool IsGroupContainer(const Path& recorded, const Path& newContainer,
   return true;
 }
 
+// Replacing and never merging: what is at the destination is either the beginning of an interrupted
+// copy or the content of a fresh container.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination,
                    Error* error) {
   // The normal case needs no further look.

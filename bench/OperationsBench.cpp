@@ -23,6 +23,7 @@
 #include "platform/linux/plist/BundleReaderLinux.h"
 #include "platform/linux/plist/PropertyList.h"
 #include "platform/linux/plist/PropertyListFiles.h"
+#include "platform/linux/services/QVLinuxServices.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Platform.h"
@@ -245,14 +246,8 @@ BENCHMARK(LogLinePeer)->Name("log/peer");
 }  // namespace
 
 int main(int argc, char** argv) {
-  onlinux::FileSystemLinux fileSystem;
-  onlinux::BundleReaderLinux bundles;
-  onlinux::PropertyListFiles propertyLists;
-  PlatformServices services;
-  services.fileSystem = &fileSystem;
-  services.bundles = &bundles;
-  services.propertyLists = &propertyLists;
-  QVInstallPlatformServices(&services);
+  const auto services = QVLinuxServices::create(Path::directory("/"), {}, nullptr);
+  QVInstallPlatformServices(&services->set());
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -10,16 +10,10 @@
 
 #include "host/console/TerminalText.h"
 #include "platform/DeviceNames.h"
-#include "platform/linux/files/FileDataLinux.h"
-#include "platform/linux/files/FileSystemLinux.h"
-#include "platform/linux/files/TreeWalkerLinux.h"
-#include "platform/linux/icons/IconRendererLinux.h"
 #include "platform/linux/log/DeviceLog.h"
 #include "platform/linux/log/JsonLineLog.h"
 #include "platform/linux/log/TeeLog.h"
-#include "platform/linux/plist/BundleReaderLinux.h"
-#include "platform/linux/plist/PreferencesPlist.h"
-#include "platform/linux/plist/PropertyListFiles.h"
+#include "platform/linux/services/LinuxServiceParts.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/support/Platform.h"
 
@@ -35,6 +29,19 @@ constexpr const char* ServiceLogDirectory = "/private/var/mobile/Library/Logs/Qu
 const std::string kRegistryLog =
     std::string(DaemonDirectory) + RegistryDirectoryPath + "/" + RegistryFileName + "-wal";
 
+// No migration computes a digest. The blacklist is the configuration's, which is only there once
+// the services are installed.
+std::unique_ptr<QVLinuxServices> MakeServices(DeviceAccess access) {
+  QVLinuxServicesOptions options;
+  options.readOnly = access == DeviceAccess::look;
+  options.digests = false;
+  options.processWillEnterRoot = true;
+  options.isBlacklisted = [](const std::string& identifier) {
+    return QVGlobalConfiguration::sharedInstance().installationBlacklist().contains(identifier);
+  };
+  return QVLinuxServices::create(Path::directory("/"), options, nullptr);
+}
+
 }  // namespace
 
 DeviceRoot::View ViewForLooking(const DeviceRoot& root) {
@@ -44,16 +51,10 @@ DeviceRoot::View ViewForLooking(const DeviceRoot& root) {
 }
 
 struct HostServices::Services {
-  explicit Services(DeviceAccess wanted) : access(wanted) {}
+  explicit Services(DeviceAccess wanted) : access(wanted), device(MakeServices(wanted)) {}
 
   const DeviceAccess access;
-  onlinux::FileSystemLinux fileSystem;
-  onlinux::TreeWalkerLinux treeWalker;
-  onlinux::BundleReaderLinux bundles;
-  onlinux::PropertyListFiles propertyLists;
-  onlinux::FileDataLinux fileData;
-  onlinux::IconRendererLinux icons;
-  onlinux::PreferencesPlist preferences;
+  const std::unique_ptr<QVLinuxServices> device;
   std::optional<onlinux::JsonLineLog> jsonLog;
   onlinux::DeviceHostLog deviceHostLog{HostLogDirectory};
   onlinux::DeviceLog deviceLog{ServiceLogDirectory};
@@ -61,8 +62,7 @@ struct HostServices::Services {
   std::vector<LogWriter*> sinks;
   std::optional<onlinux::TeeHostLog> hostLog;
   std::optional<onlinux::TeeLog> log;
-  std::optional<onlinux::ApplicationRegistryLinux> registry;
-  PlatformServices set;
+  PlatformServices set = device->set();
 };
 
 HostServices::HostServices(DeviceAccess access) : services_(std::make_unique<Services>(access)) {}
@@ -100,26 +100,13 @@ void HostServices::install() {
   own.log.emplace(own.sinks);
   own.set.log = &*own.log;
   own.set.hostLog = &*own.hostLog;
-  own.set.bundles = &own.bundles;
-  own.set.icons = &own.icons;
-  own.set.propertyLists = &own.propertyLists;
-  own.set.fileData = &own.fileData;
-  own.set.fileSystem = &own.fileSystem;
-  own.set.treeWalker = &own.treeWalker;
-  own.set.preferences = &own.preferences;
   QVInstallPlatformServices(&own.set);
-
-  // The blacklist is the configuration's, which needs the services above.
-  onlinux::RegistryOptions options;
-  options.readOnly = own.access == DeviceAccess::look;
-  options.blacklist = QVGlobalConfiguration::sharedInstance().installationBlacklist();
-  own.registry.emplace(own.fileSystem, own.bundles, std::move(options));
-  own.set.workspace = &own.registry->workspace();
-  own.set.installationService = &own.registry->installationService();
 }
 
 const PlatformServices& HostServices::set() const { return services_->set; }
 
-onlinux::ApplicationRegistryLinux& HostServices::registry() { return *services_->registry; }
+onlinux::ApplicationRegistryLinux& HostServices::registry() {
+  return services_->device->parts().registry;
+}
 
 }  // namespace quorvel::host

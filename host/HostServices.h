@@ -20,8 +20,7 @@ enum class DeviceAccess {
 DeviceRoot::View ViewForLooking(const DeviceRoot& root);
 
 // Made before the process is confined: what the services need from outside is opened then. One per
-// process; it must live as long as anything uses the services. The services that a migration
-// never reaches are absent.
+// process; it must live as long as anything uses the services.
 class HostServices {
  public:
   explicit HostServices(DeviceAccess access);

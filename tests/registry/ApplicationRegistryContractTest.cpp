@@ -24,7 +24,10 @@ const std::set<std::string> Blacklist{"com.velto.never"};
 class OnDisk {
  public:
   explicit OnDisk(const std::string& root)
-      : registry_(files_, bundles_, {.deviceRoot = root, .blacklist = Blacklist}) {}
+      : registry_(files_, bundles_,
+                  {.deviceRoot = root, .isBlacklisted = [](const auto& identifier) {
+                     return Blacklist.contains(identifier);
+                   }}) {}
   ApplicationWorkspace& workspace() { return registry_.workspace(); }
   InstallationService& service() { return registry_.installationService(); }
   bool registerIdentifier(const std::string& id) {

@@ -7,23 +7,18 @@
 //   ...
 //   EXPECT_THAT(platform.log.lines(), ElementsAre(LogLine{3, "QVLoadInfoPlist", "..."}));
 //
-// Services that a test does not name are left out: workspace, installationService, hardware,
-// mounts, sha256, transaction, cpuMonitor and crashReport are null until it sets them.
+// What a test must not meet unless it means to is left out until it sets it: workspace,
+// installationService, hardware, mounts, transaction, cpuMonitor and crashReport are null.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/files/FileDataLinux.h"
-#include "platform/linux/files/FileSystemLinux.h"
-#include "platform/linux/files/TreeWalkerLinux.h"
-#include "platform/linux/icons/IconRendererLinux.h"
-#include "platform/linux/plist/BundleReaderLinux.h"
-#include "platform/linux/plist/PreferencesPlist.h"
-#include "platform/linux/plist/PropertyListFiles.h"
+#include "platform/linux/services/QVLinuxServices.h"
 #include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
 #include "tests/support/TemporaryTree.h"
@@ -119,15 +114,13 @@ class RecordingHostLog final : public HostLogWriter, public LineRecord<HostLogLi
 class TestPlatform {
  public:
   TestPlatform() : previous_(QVInstalledPlatformServices()) {
-    set.log = &log;
-    set.hostLog = &hostLog;
-    set.bundles = &bundles;
-    set.icons = &icons;
-    set.propertyLists = &propertyLists;
-    set.fileData = &fileData;
-    set.fileSystem = &fileSystem;
-    set.treeWalker = &treeWalker;
-    set.preferences = &preferences;
+    set.workspace = nullptr;
+    set.installationService = nullptr;
+    set.hardware = nullptr;
+    set.mounts = nullptr;
+    set.transaction = nullptr;
+    set.cpuMonitor = nullptr;
+    set.crashReport = nullptr;
     QVInstallPlatformServices(&set);
   }
   TestPlatform(const TestPlatform&) = delete;
@@ -137,14 +130,14 @@ class TestPlatform {
   quorvel::testing::TemporaryTree tree;
   RecordingLog log;
   RecordingHostLog hostLog;
-  onlinux::FileSystemLinux fileSystem;
-  onlinux::TreeWalkerLinux treeWalker;
-  onlinux::BundleReaderLinux bundles;
-  onlinux::IconRendererLinux icons;
-  onlinux::PropertyListFiles propertyLists;
-  onlinux::FileDataLinux fileData{Path::directory(tree.at("temporary"))};
-  onlinux::PreferencesPlist preferences{Path::directory(tree.at("preferences"))};
-  PlatformServices set;
+  const std::unique_ptr<QVLinuxServices> services = QVLinuxServices::create(
+      Path::directory(tree.path()), {.log = &log, .hostLog = &hostLog, .digests = false}, nullptr);
+  PlatformServices set = services->set();
+  // The real ones, whatever the set has been given.
+  FileSystem& fileSystem = *services->set().fileSystem;
+  TreeWalker& treeWalker = *services->set().treeWalker;
+  BundleReader& bundles = *services->set().bundles;
+  PropertyListStore& propertyLists = *services->set().propertyLists;
 
  private:
   const PlatformServices* previous_;

@@ -11,10 +11,10 @@
 #include <set>
 
 #include "platform/FileSystemRepresentation.h"
+#include "platform/linux/system/ConfinedMountTable.h"
 #include "tests/support/HostProcess.h"
 #include "tests/support/PropertyListTesting.h"
 #include "tests/support/TemporaryTree.h"
-#include "tools/quorvelctl/CtlMountTable.h"
 
 namespace quorvel::testing {
 namespace {
@@ -678,7 +678,7 @@ TEST(ConfinedMountTableTest, ShowsTheMountsInsideUnderTheirPathsThere) {
     }
   } machine;
   std::map<std::string, std::string> seen;
-  for (const MountedFileSystem& mounted : ctl::ConfinedMountTable(machine, "/trees/d").read()) {
+  for (const MountedFileSystem& mounted : onlinux::ConfinedMountTable(machine, "/trees/d").read()) {
     if (!mounted.mountedFrom.empty()) seen[mounted.mountedFrom] = mounted.mountPoint;
   }
   EXPECT_EQ(seen, (std::map<std::string, std::string>{{"/dev/c", "/Developer"}}));

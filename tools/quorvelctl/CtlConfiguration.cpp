@@ -207,7 +207,7 @@ class Flags final : public Command {
     Configuration().setHaveUpdatedPluginContainersWithParentID(wanted);
     // The operation does not say whether the value was stored: a store that has no pending
     // changes of its own does.
-    onlinux::PreferencesPlist stored;
+    onlinux::PreferencesPlist stored(onlinux::PreferencesDirectory());
     const auto found = stored.copyValue(UpdatedPluginContainersKey, QVPreferencesDomain,
                                         PreferencesScope::currentUserCurrentHost);
     const std::vector<std::string> setAside = session.preferencesSetAside();

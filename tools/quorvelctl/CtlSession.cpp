@@ -14,20 +14,11 @@
 #include "host/console/Terminal.h"
 #include "host/console/TerminalText.h"
 #include "platform/Services.h"
-#include "platform/linux/files/FileDataLinux.h"
-#include "platform/linux/files/FileSystemLinux.h"
-#include "platform/linux/files/TreeWalkerLinux.h"
 #include "platform/linux/log/JsonLineLog.h"
 #include "platform/linux/log/TeeLog.h"
-#include "platform/linux/plist/BundleReaderLinux.h"
-#include "platform/linux/plist/PreferencesPlist.h"
-#include "platform/linux/plist/PropertyListFiles.h"
-#include "platform/linux/system/HardwareRegistryLinux.h"
-#include "platform/linux/system/MountTableLinux.h"
-#include "platform/linux/system/Sha256Linux.h"
+#include "platform/linux/services/LinuxServiceParts.h"
 #include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
-#include "tools/quorvelctl/CtlMountTable.h"
 
 namespace quorvel::ctl {
 
@@ -38,8 +29,6 @@ using host::Fail;
 using host::FatalError;
 using host::Printable;
 
-// Made before the process is confined: what they need from outside is opened then. The services
-// that no public operation of the shared code reaches are absent.
 struct Session::Services {
   // What reaches the log file.
   struct UpToLevel final : LogWriter {
@@ -51,20 +40,23 @@ struct Session::Services {
     }
   };
 
-  onlinux::FileSystemLinux fileSystem;
-  onlinux::TreeWalkerLinux treeWalker;
-  onlinux::BundleReaderLinux bundles;
-  onlinux::PropertyListFiles propertyLists;
-  onlinux::FileDataLinux fileData;
-  onlinux::PreferencesPlist preferences;
-  onlinux::HardwareRegistryLinux hardware;
-  onlinux::MountTableLinux mounts;
-  std::optional<onlinux::Sha256ProviderLinux> sha256;
-  std::optional<ConfinedMountTable> mountsInside;
+  std::unique_ptr<QVLinuxServices> device;
+  bool computesDigests = false;
   std::optional<onlinux::JsonLineLog> jsonLog;
   UpToLevel fileLog;
   std::optional<onlinux::TeeLog> log;
   PlatformServices set;
+
+  // Before the process is confined.
+  bool make(const std::string& root, FatalError& failure) {
+    QVLinuxServicesOptions options;
+    options.digests = computesDigests;
+    options.processWillEnterRoot = true;
+    Error error;
+    device = QVLinuxServices::create(Path::directory(root), options, &error);
+    return device != nullptr || Fail(failure, host::ExitRootUnusable, error.description(),
+                                     "Name a directory that you may read with --root");
+  }
 
   void install(LogWriter& errorLines) {
     std::vector<LogWriter*> sinks = {&errorLines};
@@ -73,17 +65,8 @@ struct Session::Services {
       sinks.push_back(&fileLog);
     }
     log.emplace(std::move(sinks));
+    set = device->set();
     set.log = &*log;
-    set.bundles = &bundles;
-    set.propertyLists = &propertyLists;
-    set.fileData = &fileData;
-    set.fileSystem = &fileSystem;
-    set.treeWalker = &treeWalker;
-    set.preferences = &preferences;
-    set.hardware = &hardware;
-    set.mounts = &mounts;
-    if (mountsInside) set.mounts = &*mountsInside;
-    if (sha256) set.sha256 = &*sha256;
     QVInstallPlatformServices(&set);
   }
 };
@@ -139,17 +122,19 @@ void Session::writeDetails(bool toFile) {
 }
 
 std::vector<std::string> Session::preferencesSetAside() {
-  return services_->preferences.filesSetAside();
+  return services_->device->parts().preferences.filesSetAside();
 }
 
-void Session::prepareDigests() { services_->sha256.emplace(); }
+void Session::prepareDigests() { services_->computesDigests = true; }
 
 bool Session::open(Access access, FatalError& error) {
   // The log is last to be opened: it is made when it is missing, which a command that cannot
   // begin must not do.
   if (options_.root.empty() && !findCurrentDirectory(error)) return false;
   const bool isConfined = !options_.root.empty() && options_.root != "/";
-  if (isConfined ? !confine(access, error) : !openLog(error)) return false;
+  const bool isReady =
+      isConfined ? confine(access, error) : services_->make("/", error) && openLog(error);
+  if (!isReady) return false;
   services_->install(errorLines_);
   return true;
 }
@@ -172,15 +157,9 @@ bool Session::openLog(FatalError& error) {
 bool Session::confine(Access access, FatalError& error) {
   host::DeviceRoot root;
   if (!root.open(options_.root, error)) return false;
-  std::error_code failure;
-  const std::filesystem::path real = std::filesystem::canonical(options_.root, failure);
-  if (failure) {
-    return Fail(error, host::ExitRootUnusable, root.printable() + ": " + failure.message(),
-                "Name a directory that you may read with --root");
-  }
-  services_->mountsInside.emplace(services_->mounts, real.string());
   using View = host::DeviceRoot::View;
-  return openLog(error) &&
+  return services_->make(StringFromFileSystemRepresentation(options_.root), error) &&
+         openLog(error) &&
          root.enter(access == Access::look ? View::readOnly : View::writable, error);
 }
 

@@ -173,6 +173,7 @@ bool PreferencesPlist::synchronize(const std::string& domain, PreferencesScope s
   const std::string fileName = FileNameOf(domain);
   if (fileName.empty()) return false;
   if (pendingChanges({domain, scope}).empty()) return true;
+  if (readOnly_) return false;
   const Path directoryPath = directoryFor(scope);
   const UniqueDescriptor directory = OpenOrCreateDirectory(directoryPath);
   if (!directory) return false;

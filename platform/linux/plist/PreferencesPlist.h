@@ -18,14 +18,19 @@
 
 namespace quorvel::onlinux {
 
+// Where the preferences of a user are, on the device at `root` ("" for the process's own root).
+inline Path PreferencesDirectory(const std::string& root = "", const std::string& user = "mobile") {
+  return Path::directory(root + "/private/var/" + user + "/Library/Preferences");
+}
+
 // Nothing is cached: a read that no pending change answers goes to the file. A domain that is no
 // plain file name (it is empty, "." or "..", is too long, or has a slash) has no values and
 // cannot be synchronized.
 class PreferencesPlist : public PreferencesStore {
  public:
-  explicit PreferencesPlist(Path directory = Path::directory("/private/var/mobile/Library/"
-                                                             "Preferences"))
-      : directory_(std::move(directory)) {}
+  // With `readOnly` nothing is ever stored: changes stay in this object, and synchronize is false.
+  explicit PreferencesPlist(Path directory, bool readOnly = false)
+      : directory_(std::move(directory)), readOnly_(readOnly) {}
 
   std::optional<PlistValue> copyValue(const std::string& key, const std::string& domain,
                                       PreferencesScope scope) override;
@@ -55,6 +60,7 @@ class PreferencesPlist : public PreferencesStore {
   void forget(const Domain& domain, const Changes& stored);
 
   const Path directory_;
+  const bool readOnly_;
   std::mutex mutex_;  // guards what follows; never held during I/O
   std::map<Domain, Changes> pending_;
   std::uint64_t serial_ = 0;

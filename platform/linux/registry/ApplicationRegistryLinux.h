@@ -7,8 +7,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -24,8 +24,9 @@ struct RegistryOptions {
   // Put before every path of the device; "" where the process is confined to the device tree.
   // Paths that the registry hands out begin with it.
   std::string deviceRoot;
-  // Identifiers that are refused unless a request says RXSkipBlacklistKey.
-  std::set<std::string> blacklist = {};
+  // Says of an identifier that it is refused, unless a request says RXSkipBlacklistKey. Empty:
+  // none.
+  std::function<bool(const std::string& identifier)> isBlacklisted = {};
   // Lookups and snapshots only, and nothing on disk changes: no database is made, an unfinished
   // install is not finished (the app is seen as it was before it), a built-in app gets no data
   // container. What an unclean end left in the write-ahead log is seen all the same, unless the

@@ -113,7 +113,8 @@ bool ApplicationWorkspaceLinux::checkBundle(const Request& request, const Bundle
     return Refuse(Code::identifierMismatch,
                   bundle.identifier + " belongs to another kind of bundle", error);
   }
-  if (!request.skipBlacklist && core_.options.blacklist.contains(bundle.identifier)) {
+  const auto& isBlacklisted = core_.options.isBlacklisted;
+  if (!request.skipBlacklist && isBlacklisted && isBlacklisted(bundle.identifier)) {
     return Refuse(Code::blacklistedIdentifier, bundle.identifier + " is never installed", error);
   }
   return !core_.isBlocked(bundle.identifier, error);

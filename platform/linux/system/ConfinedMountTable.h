@@ -7,7 +7,7 @@
 
 #include "platform/MountTable.h"
 
-namespace quorvel::ctl {
+namespace quorvel::onlinux {
 
 // The kernel's table, opened before confinement, speaks of the machine's root. This one leaves
 // out what lies outside the directory, and the device of the directory itself, which is none of the
@@ -38,4 +38,4 @@ class ConfinedMountTable final : public MountTable {
   const std::string directory_;
 };
 
-}  // namespace quorvel::ctl
+}  // namespace quorvel::onlinux

@@ -17,12 +17,9 @@
 #include <numeric>
 #include <string>
 
-#include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/log/DeviceLog.h"
 #include "platform/linux/plist/BinaryPropertyListFormat.h"
-#include "platform/linux/plist/BundleReaderLinux.h"
 #include "platform/linux/plist/PropertyList.h"
-#include "platform/linux/plist/PropertyListFiles.h"
 #include "platform/linux/services/QVLinuxServices.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"

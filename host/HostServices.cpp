@@ -13,7 +13,7 @@
 #include "platform/linux/log/DeviceLog.h"
 #include "platform/linux/log/JsonLineLog.h"
 #include "platform/linux/log/TeeLog.h"
-#include "platform/linux/services/LinuxServiceParts.h"
+#include "platform/linux/services/QVLinuxServices.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/support/Platform.h"
 
@@ -106,7 +106,7 @@ void HostServices::install() {
 const PlatformServices& HostServices::set() const { return services_->set; }
 
 onlinux::ApplicationRegistryLinux& HostServices::registry() {
-  return services_->device->parts().registry;
+  return services_->device->registry();
 }
 
 }  // namespace quorvel::host

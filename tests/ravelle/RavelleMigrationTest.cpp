@@ -408,7 +408,7 @@ TEST_F(MigrationTest, PlaceholderHoldsOnlyTheIdentityThatTheAppHas) {
                                     {"PKBundleExecutable", "Foo"},
                                     {"PKBundleVersion", "1.0"}}));
   const std::string directory =
-      platform_.tree.path() + "/temporary/com.velto.quorvel.migrator/com.example.a.app";
+      platform_.tree.path() + "/private/var/tmp/com.velto.quorvel.migrator/com.example.a.app";
   EXPECT_THAT(log_.takeErrors(),
               ElementsAre(std::string("3 ") + kIcon +
                               "QVRavelle: Failed to create icon from bundle PKBundle <" +
@@ -417,13 +417,13 @@ TEST_F(MigrationTest, PlaceholderHoldsOnlyTheIdentityThatTheAppHas) {
                               "QVRavelle: Writing placeholder icon for app com.example.a to " +
                               directory + "/Icon.png failed"));
   EXPECT_FALSE(exists(directory));
-  EXPECT_TRUE(exists(platform_.tree.path() + "/temporary/com.velto.quorvel.migrator"));
+  EXPECT_TRUE(exists(platform_.tree.path() + "/private/var/tmp/com.velto.quorvel.migrator"));
 }
 
 TEST_F(MigrationTest, PlaceholderTakesNothingFromAnInterruptedRun) {
   makeApp("A", "com.example.a");
   const std::string staged =
-      platform_.tree.path() + "/temporary/com.velto.quorvel.migrator/com.example.a.app";
+      platform_.tree.path() + "/private/var/tmp/com.velto.quorvel.migrator/com.example.a.app";
   writeFile(staged + "/Icon.png", "of another run");
   EXPECT_TRUE(makePlugin()->_stageAndInstallPlaceholderForBundleAtURL(
       Path::directory(legacy("A") + "/Foo.app"), "com.example.a", legacyPath("A")));
@@ -440,7 +440,7 @@ TEST_F(MigrationTest, PlaceholderFailuresAreNamedAndLeaveNoDirectory) {
   };
   const std::string prefix = std::string("3 ") + kPlaceholder + "QVRavelle: ";
   const std::string staged =
-      platform_.tree.path() + "/temporary/com.velto.quorvel.migrator/com.example.a.app";
+      platform_.tree.path() + "/private/var/tmp/com.velto.quorvel.migrator/com.example.a.app";
   EXPECT_FALSE(install("missing"));
   EXPECT_THAT(log_.take(), ElementsAre(prefix + "Failed to create PKBundle for " +
                                        legacy("missing") + "/Foo.app"));
@@ -462,8 +462,8 @@ TEST_F(MigrationTest, PlaceholderFailuresAreNamedAndLeaveNoDirectory) {
                                    "\"full\"}"));
   EXPECT_FALSE(exists(staged));
 
-  std::filesystem::remove_all(platform_.tree.path() + "/temporary");
-  writeFile(platform_.tree.path() + "/temporary", "a file");
+  std::filesystem::remove_all(platform_.tree.path() + "/private/var/tmp");
+  writeFile(platform_.tree.path() + "/private/var/tmp", "a file");
   EXPECT_FALSE(install("A"));
   EXPECT_THAT(
       log_.take(),

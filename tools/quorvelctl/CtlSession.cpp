@@ -16,7 +16,7 @@
 #include "platform/Services.h"
 #include "platform/linux/log/JsonLineLog.h"
 #include "platform/linux/log/TeeLog.h"
-#include "platform/linux/services/LinuxServiceParts.h"
+#include "platform/linux/services/CoreServices.h"
 #include "shared/support/Logging.h"
 #include "shared/support/Platform.h"
 
@@ -40,7 +40,7 @@ struct Session::Services {
     }
   };
 
-  std::unique_ptr<QVLinuxServices> device;
+  std::unique_ptr<onlinux::CoreServices> device;
   bool computesDigests = false;
   std::optional<onlinux::JsonLineLog> jsonLog;
   UpToLevel fileLog;
@@ -53,7 +53,7 @@ struct Session::Services {
     options.digests = computesDigests;
     options.processWillEnterRoot = true;
     Error error;
-    device = QVLinuxServices::create(Path::directory(root), options, &error);
+    device = onlinux::CoreServices::create(Path::directory(root), options, &error);
     return device != nullptr || Fail(failure, host::ExitRootUnusable, error.description(),
                                      "Name a directory that you may read with --root");
   }
@@ -65,7 +65,7 @@ struct Session::Services {
       sinks.push_back(&fileLog);
     }
     log.emplace(std::move(sinks));
-    set = device->set();
+    set = device->set;
     set.log = &*log;
     QVInstallPlatformServices(&set);
   }
@@ -122,7 +122,7 @@ void Session::writeDetails(bool toFile) {
 }
 
 std::vector<std::string> Session::preferencesSetAside() {
-  return services_->device->parts().preferences.filesSetAside();
+  return services_->device->preferences.filesSetAside();
 }
 
 void Session::prepareDigests() { services_->computesDigests = true; }

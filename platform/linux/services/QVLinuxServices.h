@@ -16,6 +16,10 @@
 
 namespace quorvel {
 
+namespace onlinux {
+class ApplicationRegistryLinux;
+}
+
 struct QVLinuxServicesOptions {
   // Where lines go. Not owned; they must outlive the services. Null: nowhere.
   LogWriter* log = nullptr;
@@ -57,12 +61,11 @@ class QVLinuxServices {
   // have single services replaced.
   const PlatformServices& set() const;
 
-  // What the Linux services offer beyond their interfaces, for the programs of this tree
-  // (LinuxServiceParts.h).
-  struct Parts;
-  Parts& parts() { return *parts_; }
+  // The registry beyond its interfaces, for the programs of this tree.
+  onlinux::ApplicationRegistryLinux& registry();
 
  private:
+  struct Parts;
   explicit QVLinuxServices(std::unique_ptr<Parts> parts);
   std::unique_ptr<Parts> parts_;
 };

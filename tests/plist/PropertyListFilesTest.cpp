@@ -328,6 +328,34 @@ TEST_F(FilesTest, BundlesReadTheirInfoOnceAndKeepIt) {
   EXPECT_TRUE(*filtered == PlistValue(PlistDictionary{{"b", 2}}));
 }
 
+// A reader parses what it has parsed before only once, and tells old from new by the bytes alone.
+TEST_F(FilesTest, WhatABundleSaysNowIsNeverTakenFromWhatOneSaidBefore) {
+  BundleReaderLinux reader;
+  const std::string file = tree_.at("A.app/Info.plist");
+  const auto identifier = [&](Error* error) {
+    const auto bundle = reader.open(Path::directory(tree_.at("A.app")), nullptr);
+    const std::string* found = bundle->identifier(error);
+    return found != nullptr ? *found : std::string("(none)");
+  };
+  std::filesystem::create_directories(tree_.at("A.app"));
+  std::filesystem::file_time_type written;
+  // More of them than are kept, the same size and time each, and every one asked for again.
+  for (int i = 0; i < 2400; ++i) {
+    const std::string name = "id." + std::to_string(10000 + i % 1200);
+    std::ofstream(file) << "<plist><dict><key>PKBundleIdentifier</key><string>" << name
+                        << "</string><key>Filler</key><string>" << std::string(500, 'x')
+                        << "</string></dict></plist>";
+    if (i == 0) written = std::filesystem::last_write_time(file);
+    std::filesystem::last_write_time(file, written);
+    ASSERT_EQ(identifier(nullptr), name);
+    ASSERT_EQ(identifier(nullptr), name);
+  }
+  std::filesystem::resize_file(file, 100);
+  Error error;
+  EXPECT_EQ(identifier(&error), "(none)");
+  EXPECT_TRUE(error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError));
+}
+
 // A container is removed on what these answers say.
 TEST_F(FilesTest, BundlesThatAreNone) {
   BundleReaderLinux reader;

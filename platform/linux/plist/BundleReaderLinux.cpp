@@ -9,8 +9,10 @@
 
 #include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/AtomicFile.h"
 #include "platform/linux/files/OpenBeneath.h"
 #include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/plist/PropertyList.h"
 #include "platform/linux/plist/PropertyListFiles.h"
 
 namespace quorvel::onlinux {
@@ -19,15 +21,15 @@ namespace {
 
 class BundleLinux : public PKBundle {
  public:
-  BundleLinux(Path path, UniqueDescriptor directory)
-      : path_(std::move(path)), directory_(std::move(directory)) {}
+  BundleLinux(Path path, UniqueDescriptor directory, std::shared_ptr<ParsedDictionaries> parsed)
+      : path_(std::move(path)), directory_(std::move(directory)), parsed_(std::move(parsed)) {}
 
   const Path& path() const override { return path_; }
 
   const std::string* identifier(Error* error) override {
-    const PlistDictionary* info = infoDictionary(error);
-    if (info == nullptr) return nullptr;
-    const std::string* identifier = info->findString(PKBundleIdentifierKey);
+    const PlistDictionary* stored = storedDictionary(error);
+    if (stored == nullptr) return nullptr;
+    const std::string* identifier = stored->findString(PKBundleIdentifierKey);
     if (identifier == nullptr) {
       SetError(error, PlatformFailure(PlatformPropertyListReadCorruptError,
                                       path_.child(InfoPlistName).string() + ": no string under " +
@@ -36,46 +38,70 @@ class BundleLinux : public PKBundle {
     return identifier;
   }
 
+  // A copy, made for those who ask for all of it: what was parsed is shared, and does not say
+  // where it lies.
   const PlistDictionary* infoDictionary(Error* error) override {
-    if (!wasRead_) read();
-    if (info_ == nullptr) SetError(error, failure_);
+    const PlistDictionary* stored = storedDictionary(error);
+    if (stored == nullptr || info_ != nullptr) return info_.get();
+    info_ = std::make_unique<PlistDictionary>(*stored);
+    // A plain path: a property list has no kind for locations.
+    info_->set(PKBundleInfoPlistURLKey, path_.child(InfoPlistName).string());
     return info_.get();
   }
 
   // The location is not in the file, so that it cannot be asked for.
   std::unique_ptr<PlistValue> filteredInfo(const std::set<std::string>& keys,
                                            Error* error) override {
-    const PlistDictionary* info = infoDictionary(error);
-    if (info == nullptr) return nullptr;
+    const PlistDictionary* stored = storedDictionary(error);
+    if (stored == nullptr) return nullptr;
     PlistDictionary filtered;
     for (const std::string& key : keys) {
-      const PlistValue* value = key != PKBundleInfoPlistURLKey ? info->find(key) : nullptr;
+      const PlistValue* value = key != PKBundleInfoPlistURLKey ? stored->find(key) : nullptr;
       if (value != nullptr) filtered.set(key, *value);
     }
     return std::make_unique<PlistValue>(std::move(filtered));
   }
 
  private:
+  const PlistDictionary* storedDictionary(Error* error) {
+    if (!wasRead_) read();
+    if (stored_ == nullptr) SetError(error, failure_);
+    return stored_.get();
+  }
+
   // Once only: a bundle does not change its mind between two questions.
   void read() {
     wasRead_ = true;
-    const Path file = path_.child(InfoPlistName);
     const UniqueDescriptor opened = OpenBeneath(directory_.get(), InfoPlistName);
-    if (opened) {
-      info_ = ReadDictionaryFrom(opened.get(), file, &failure_);
-    } else {
-      failure_ = PosixFailure(errno, "Opening " + file.string());
-    }
-    // A plain path: a property list has no kind for locations.
-    if (info_ != nullptr) info_->set(PKBundleInfoPlistURLKey, file.string());
+    const int failure = opened ? 0 : errno;
     directory_.reset();
+    const Path file = path_.child(InfoPlistName);
+    if (failure != 0) {
+      failure_ = PosixFailure(failure, "Opening " + file.string());
+    } else {
+      parse(opened.get(), file);
+    }
+  }
+
+  void parse(int opened, const Path& file) {
+    std::vector<std::uint8_t> bytes;
+    if (const int failure = ReadRegularFile(opened, PropertyListSizeLimit, false, bytes)) {
+      failure_ = PosixFailure(failure, "Reading " + file.string());
+      return;
+    }
+    stored_ = parsed_->find(bytes);
+    if (stored_ != nullptr) return;
+    stored_ = DictionaryOf(bytes, file, &failure_);
+    if (stored_ != nullptr) parsed_->keep(std::move(bytes), stored_);
   }
 
   const Path path_;
   UniqueDescriptor directory_;
+  const std::shared_ptr<ParsedDictionaries> parsed_;
   bool wasRead_ = false;
-  std::unique_ptr<PlistDictionary> info_;
-  Error failure_;  // why there is no info_
+  std::shared_ptr<const PlistDictionary> stored_;  // as in the file
+  std::unique_ptr<PlistDictionary> info_;          // with its location, once it was asked for
+  Error failure_;                                  // why there is no stored_
 };
 
 // Opening a link as a directory that must be no link fails as if a file stood there, which would
@@ -99,7 +125,7 @@ std::unique_ptr<PKBundle> BundleReaderLinux::open(const Path& directory, Error* 
     SetError(error, PosixFailure(failure, "Opening the bundle " + directory.string()));
     return nullptr;
   }
-  return std::make_unique<BundleLinux>(directory, std::move(descriptor));
+  return std::make_unique<BundleLinux>(directory, std::move(descriptor), parsed_);
 }
 
 }  // namespace quorvel::onlinux

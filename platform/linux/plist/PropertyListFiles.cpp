@@ -22,7 +22,9 @@ Error InFile(const Path& file, const Error& cause) {
                  PlistValue("Reading " + file.string() + ": " + cause.description())}});
 }
 
-std::unique_ptr<PlistDictionary> DictionaryIn(std::span<const std::uint8_t> bytes, const Path& file,
+}  // namespace
+
+std::unique_ptr<PlistDictionary> DictionaryOf(std::span<const std::uint8_t> bytes, const Path& file,
                                               Error* error, bool* isExact) {
   Error cause;
   const std::unique_ptr<PlistValue> root = ParsePropertyList(bytes, &cause, isExact);
@@ -32,22 +34,11 @@ std::unique_ptr<PlistDictionary> DictionaryIn(std::span<const std::uint8_t> byte
   return nullptr;
 }
 
-}  // namespace
-
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
                                                   Error* error, bool* isExact) {
   std::vector<std::uint8_t> bytes;
   const int failure = ReadRegularFile(directory, name, PropertyListSizeLimit, false, bytes);
-  if (failure == 0) return DictionaryIn(bytes, file, error, isExact);
-  SetError(error, PosixFailure(failure, "Reading " + file.string()));
-  return nullptr;
-}
-
-std::unique_ptr<PlistDictionary> ReadDictionaryFrom(int descriptor, const Path& file,
-                                                    Error* error) {
-  std::vector<std::uint8_t> bytes;
-  const int failure = ReadRegularFile(descriptor, PropertyListSizeLimit, false, bytes);
-  if (failure == 0) return DictionaryIn(bytes, file, error, nullptr);
+  if (failure == 0) return DictionaryOf(bytes, file, error, isExact);
   SetError(error, PosixFailure(failure, "Reading " + file.string()));
   return nullptr;
 }

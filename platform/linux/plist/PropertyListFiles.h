@@ -1,6 +1,9 @@
 // Property-list files on Linux.
 #pragma once
 
+#include <cstdint>
+#include <span>
+
 #include "platform/PropertyListStore.h"
 
 namespace quorvel::onlinux {
@@ -19,7 +22,8 @@ class PropertyListFiles : public PropertyListStore {
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
                                                   Error* error, bool* isExact = nullptr);
 
-// readDictionary for a file that is open to read.
-std::unique_ptr<PlistDictionary> ReadDictionaryFrom(int descriptor, const Path& file, Error* error);
+// The dictionary that the bytes of a file are; null with the Error that readDictionary gives.
+std::unique_ptr<PlistDictionary> DictionaryOf(std::span<const std::uint8_t> bytes, const Path& file,
+                                              Error* error, bool* isExact = nullptr);
 
 }  // namespace quorvel::onlinux

@@ -1,0 +1,49 @@
+// Dictionaries that were parsed lately, found again by the bytes that they were parsed from.
+//
+// A migration reads each info dictionary three times, from three places of the disk: when it
+// looks at the container, for the placeholder, and when the registry takes the bundle. The file is
+// read each time; only the parsing, which costs some thirty times as much, is spared. As the bytes
+// themselves are compared, a file that changed meanwhile can never be taken for what it was.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/PlistValue.h"
+
+namespace quorvel::onlinux {
+
+// Any number of threads may use one.
+class ParsedDictionaries {
+ public:
+  // Null when these bytes are not among those that were kept.
+  std::shared_ptr<const PlistDictionary> find(std::span<const std::uint8_t> bytes);
+
+  // Keeps the dictionary, and forgets the ones that were asked for longest ago when there are too
+  // many. What is too large for its worth, or finds no memory, is not kept.
+  void keep(std::vector<std::uint8_t> bytes, std::shared_ptr<const PlistDictionary> dictionary);
+
+ private:
+  struct Entry {
+    std::vector<std::uint8_t> bytes;
+    std::shared_ptr<const PlistDictionary> dictionary;
+  };
+  using Entries = std::list<Entry>;  // the one that was used last in front
+
+  void forgetLast();
+
+  std::mutex lock_;
+  Entries entries_;
+  // Views into the entries' bytes, which stay where they are as long as the entry does.
+  std::unordered_map<std::string_view, Entries::iterator> index_;
+  std::size_t size_ = 0;  // of all bytes together
+};
+
+}  // namespace quorvel::onlinux

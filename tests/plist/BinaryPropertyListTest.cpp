@@ -102,7 +102,6 @@ TEST(BinaryPropertyList, ReadsWhatOthersRead) {
 }
 
 TEST(BinaryPropertyList, TellsDamageFromWhatItDoesNotRead) {
-  using namespace std::string_literals;
   // Every marker without content: what is whole by its marker alone, what may mean something to
   // another reader, and the rest.
   for (int marker = 0; marker < 256; ++marker) {
@@ -116,6 +115,10 @@ TEST(BinaryPropertyList, TellsDamageFromWhatItDoesNotRead) {
                                                                                          : '!')
         << marker;
   }
+}
+
+TEST(BinaryPropertyList, TellsDamagedObjectsFromUnknownOnes) {
+  using namespace std::string_literals;
   const std::string damaged[] = {"\x4F\x13" + Number(UINT64_MAX, 8),
                                  "\x4F\x13" + Number(std::uint64_t{1} << 60U, 8),
                                  "\x5F\x13" + Number(std::uint64_t{1} << 63U, 8),

@@ -376,22 +376,28 @@ TEST_F(FilesTest, BundlesThatAreNone) {
     EXPECT_FALSE(IsCertainlyUnusable(error));
   }
   EXPECT_FALSE(IsCertainlyUnusable(Error()));
+}
 
-  // 'i' when the identifier could be read, 'd' when only the dictionary could; when neither, '!'
-  // for what is certainly no info dictionary, '?' otherwise.
-  const auto answer = [&](const char* info) {
-    if (info != nullptr) tree_.write("directory/Info.plist", info);
-    const auto bundle = reader.open(Path::directory(tree_.at("directory")), nullptr);
-    Error whole, filtered, none;
-    const bool read = bundle->infoDictionary(&whole) != nullptr;
-    EXPECT_EQ(bundle->filteredInfo({}, &filtered) != nullptr, read);
-    EXPECT_EQ(whole.code(), filtered.code());
-    if (bundle->identifier(&none) != nullptr) return 'i';
-    EXPECT_TRUE(!read || none.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError));
-    EXPECT_TRUE(read || none.code() == whole.code());
-    if (read) return 'd';
-    return IsCertainlyUnusable(whole) ? '!' : '?';
-  };
+// What the info dictionary "directory/Info.plist" is worth, written first unless it is null: 'i'
+// when the identifier could be read, 'd' when only the dictionary could; when neither, '!' for what
+// is certainly no info dictionary, '?' otherwise.
+char Answer(const quorvel::testing::TemporaryTree& tree, const char* info) {
+  if (info != nullptr) tree.write("directory/Info.plist", info);
+  const auto bundle = BundleReaderLinux().open(Path::directory(tree.at("directory")), nullptr);
+  Error whole, filtered, none;
+  const bool read = bundle->infoDictionary(&whole) != nullptr;
+  EXPECT_EQ(bundle->filteredInfo({}, &filtered) != nullptr, read);
+  EXPECT_EQ(whole.code(), filtered.code());
+  if (bundle->identifier(&none) != nullptr) return 'i';
+  EXPECT_TRUE(!read || none.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError));
+  EXPECT_TRUE(read || none.code() == whole.code());
+  if (read) return 'd';
+  return IsCertainlyUnusable(whole) ? '!' : '?';
+}
+
+TEST_F(FilesTest, InfoDictionariesThatAreNone) {
+  const auto answer = [&](const char* info) { return Answer(tree_, info); };
+  fs::create_directory(tree_.at("directory"));
   EXPECT_EQ(answer(nullptr), '!');
   EXPECT_EQ(answer(""), '!');
   EXPECT_EQ(answer("<plist><array/></plist>"), '!');

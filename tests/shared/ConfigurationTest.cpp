@@ -62,65 +62,45 @@ class Configuration : public ::testing::Test {
 
 // --- Preferences and fixed values -------------------------------------------------------------
 
+struct PreferenceRow {
+  const char* key;
+  PlistValue value;
+  std::string answers;  // priority, family, thinning, installations
+  std::string line;     // what is said of it; empty: nothing
+};
+
+std::vector<PreferenceRow> PreferenceRows() {
+  constexpr const char* kDefaults = "1 0 0 4";
+  constexpr const char* kInstalls = "SimultaneousInstallsNumber";
+  const auto installs = [](long count) {
+    return "Setting simultaneous installations allowed to " + std::to_string(count);
+  };
+  return {
+      {"None", 1, kDefaults, ""},
+      {"LowerInstallPriority", false, "0 0 0 4",
+       "Not running installation at background priority because of a set default"},
+      {"LowerInstallPriority", true, kDefaults, ""},
+      {"LowerInstallPriority", 0, kDefaults, ""},
+      {"LowerInstallPriority", "false", kDefaults, ""},
+      {"SkipDeviceFamilyCheck", true, "1 1 0 4",
+       "Skipping device family check because of a set default"},
+      {"SkipDeviceFamilyCheck", 1, kDefaults, ""},
+      {"SkipDeviceFamilyCheck", "true", kDefaults, ""},
+      {"SkipThinningCheck", true, "1 0 1 4",
+       "Skipping device thinning check because of a set default"},
+      {"SkipThinningCheck", false, kDefaults, ""},
+      {kInstalls, 0, "1 0 0 0", installs(0)},
+      {kInstalls, -7, "1 0 0 -7", installs(-7)},
+      {kInstalls, 2.9, "1 0 0 2", installs(2)},
+      {kInstalls, true, "1 0 0 1", installs(1)},
+      {kInstalls, UINT64_MAX, "1 0 0 " + std::to_string(LONG_MAX), installs(LONG_MAX)},
+      {kInstalls, -HUGE_VAL, "1 0 0 " + std::to_string(LONG_MIN), installs(LONG_MIN)},
+      {kInstalls, "8", kDefaults, ""},
+  };
+}
+
 TEST_F(Configuration, PreferencesCountOnlyInTheirOwnKind) {
-  struct Row {
-    const char* key;
-    PlistValue value;
-    bool priority, family, thinning;
-    long installs;
-    std::vector<std::string> lines;
-  };
-  const std::string installs = "Setting simultaneous installations allowed to ";
-  const Row rows[] = {
-      {"None", 1, true, false, false, 4, {}},
-      {"LowerInstallPriority",
-       false,
-       false,
-       false,
-       false,
-       4,
-       {"Not running installation at background priority because of a set default"}},
-      {"LowerInstallPriority", true, true, false, false, 4, {}},
-      {"LowerInstallPriority", 0, true, false, false, 4, {}},
-      {"LowerInstallPriority", "false", true, false, false, 4, {}},
-      {"SkipDeviceFamilyCheck",
-       true,
-       true,
-       true,
-       false,
-       4,
-       {"Skipping device family check because of a set default"}},
-      {"SkipDeviceFamilyCheck", 1, true, false, false, 4, {}},
-      {"SkipDeviceFamilyCheck", "true", true, false, false, 4, {}},
-      {"SkipThinningCheck",
-       true,
-       true,
-       false,
-       true,
-       4,
-       {"Skipping device thinning check because of a set default"}},
-      {"SkipThinningCheck", false, true, false, false, 4, {}},
-      {"SimultaneousInstallsNumber", 0, true, false, false, 0, {installs + "0"}},
-      {"SimultaneousInstallsNumber", -7, true, false, false, -7, {installs + "-7"}},
-      {"SimultaneousInstallsNumber", 2.9, true, false, false, 2, {installs + "2"}},
-      {"SimultaneousInstallsNumber", true, true, false, false, 1, {installs + "1"}},
-      {"SimultaneousInstallsNumber",
-       UINT64_MAX,
-       true,
-       false,
-       false,
-       LONG_MAX,
-       {installs + std::to_string(LONG_MAX)}},
-      {"SimultaneousInstallsNumber",
-       -HUGE_VAL,
-       true,
-       false,
-       false,
-       LONG_MIN,
-       {installs + std::to_string(LONG_MIN)}},
-      {"SimultaneousInstallsNumber", "8", true, false, false, 4, {}},
-  };
-  for (const Row& row : rows) {
+  for (const PreferenceRow& row : PreferenceRows()) {
     SCOPED_TRACE(::testing::Message() << row.key << ' ' << QVDescribeValue(row.value));
     FakePreferencesStore preferences;
     preferences.setValue(row.key, row.value, "com.velto.quorvel", kScope);
@@ -130,12 +110,12 @@ TEST_F(Configuration, PreferencesCountOnlyInTheirOwnKind) {
     platform_.set.preferences = &preferences;
     platform_.log.clear();
     const auto made = ConfigurationForRoot::make(root());
-    const QVGlobalConfiguration& configuration = *made;
-    EXPECT_EQ(configuration.lowerInstallPriority(), row.priority);
-    EXPECT_EQ(configuration.skipDeviceFamilyCheck(), row.family);
-    EXPECT_EQ(configuration.skipThinningCheck(), row.thinning);
-    EXPECT_EQ(configuration.nSimultaneousInstallations(), row.installs);
-    EXPECT_EQ(platform_.log.messages(5), row.lines);
+    EXPECT_EQ(FormatMessage("%d %d %d %ld", made->lowerInstallPriority() ? 1 : 0,
+                            made->skipDeviceFamilyCheck() ? 1 : 0,
+                            made->skipThinningCheck() ? 1 : 0, made->nSimultaneousInstallations()),
+              row.answers);
+    EXPECT_EQ(platform_.log.messages(5),
+              row.line.empty() ? std::vector<std::string>() : std::vector{row.line});
     for (const LogLine& line : platform_.log.lines()) {
       EXPECT_EQ(line.function, "-[QVGlobalConfiguration init]");
     }

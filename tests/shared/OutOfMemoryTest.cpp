@@ -28,19 +28,42 @@ thread_local long allocationsLeft = -1;
 namespace quorvel::tests {
 namespace {
 
+// Runs it with that many allocations left, and fails the test if it throws.
+bool Attempt(long allocations, const std::function<bool(Error*)>& run, Error* error) {
+  allocationsLeft = allocations;
+  bool done = false;
+  bool threw = false;
+  try {
+    done = run(error);
+  } catch (const std::bad_alloc&) {
+    threw = true;
+  }
+  allocationsLeft = -1;
+  EXPECT_FALSE(threw) << "after " << allocations;
+  return done;
+}
+
+// With no allocation left, with one, and so on, until it succeeds.
+void ExpectErrorsUntilDone(const std::function<bool(Error*)>& run) {
+  bool done = false;
+  for (long allocations = 0; !done && allocations < 2000; ++allocations) {
+    Error error;
+    done = Attempt(allocations, run, &error);
+    EXPECT_TRUE(done || error) << "after " << allocations;
+    if (::testing::Test::HasFailure()) return;
+  }
+  EXPECT_TRUE(done);
+}
+
 TEST_F(FileManager, MemoryThatRunsOutIsAFailureLikeAnyOther) {
-  onlinux::Sha256ProviderLinux sha256;
-  platform_.set.sha256 = &sha256;
   MakeDirectory(at("d"));
   WriteFile(at("d/f"), "x");
-  WriteFile(at("d/Info.plist"), "<plist><dict><key>k</key><string>v</string></dict></plist>");
   MakeLink("f", at("d/l"));
   const Path d = directory("d");
   const Path f = file("d/f");
   const Path link = file("d/l");
   const Path none = file("none");
   const Path copy = file("copy");
-  const std::string name = f.string();
   std::int32_t number = 0;
   QVFileManager& m = manager_;
   struct Operation {
@@ -73,42 +96,29 @@ TEST_F(FileManager, MemoryThatRunsOutIsAFailureLikeAnyOther) {
       {"type", [&](Error* e) { return m.installTypeForBundle(d, e).has_value(); }},
       {"failure", [&](Error* e) { return !m.moveItemAtURL(none, copy, e); }},
   };
-  const auto attempt = [](long allocations, const std::function<bool(Error*)>& run, Error* error) {
-    allocationsLeft = allocations;
-    bool done = false;
-    bool threw = false;
-    try {
-      done = run(error);
-    } catch (const std::bad_alloc&) {
-      threw = true;
-    }
-    allocationsLeft = -1;
-    EXPECT_FALSE(threw) << "after " << allocations;
-    return done;
-  };
   for (const Operation& operation : operations) {
     SCOPED_TRACE(operation.name);
-    bool done = false;
-    for (long allocations = 0; !done && allocations < 2000; ++allocations) {
-      Error error;
-      done = attempt(allocations, operation.run, &error);
-      EXPECT_TRUE(done || error) << "after " << allocations;
-      if (HasFailure()) return;
-    }
-    EXPECT_TRUE(done);
+    ExpectErrorsUntilDone(operation.run);
   }
-  // Those that give no Error: no answer, or "no", but nothing thrown.
+}
+
+TEST_F(FileManager, WithoutAnErrorToGiveMemoryThatRunsOutIsNoAnswer) {
+  onlinux::Sha256ProviderLinux sha256;
+  platform_.set.sha256 = &sha256;
+  WriteFile(at("Info.plist"), "<plist><dict><key>k</key><string>v</string></dict></plist>");
+  MakeLink("Info.plist", at("l"));
+  const Path d = Path::directory(tree_.path());
+  const Path link = file("l");
+  const std::string name = file("Info.plist").string();
+  const std::function<bool(Error*)> operations[] = {
+      [&](Error*) { return manager_.realPathForURL(link, d).has_value(); },
+      [&](Error*) { return manager_.itemExistsAtURL(link); },
+      [&](Error*) { return manager_.bundleAtURLIsPlaceholder(d); },
+      [&](Error*) { return QVCreateSHA256Digest(name).has_value(); },
+      [&](Error*) { return QVLoadInfoPlist(d, std::nullopt) != nullptr; },
+  };
   for (long allocations = 0; allocations < 60; ++allocations) {
-    attempt(
-        allocations, [&](Error*) { return m.realPathForURL(link, d).has_value(); }, nullptr);
-    attempt(
-        allocations, [&](Error*) { return m.itemExistsAtURL(f); }, nullptr);
-    attempt(
-        allocations, [&](Error*) { return m.bundleAtURLIsPlaceholder(d); }, nullptr);
-    attempt(
-        allocations, [&](Error*) { return QVCreateSHA256Digest(name).has_value(); }, nullptr);
-    attempt(
-        allocations, [&](Error*) { return QVLoadInfoPlist(d, std::nullopt) != nullptr; }, nullptr);
+    for (const auto& operation : operations) Attempt(allocations, operation, nullptr);
   }
 }
 

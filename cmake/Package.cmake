@@ -7,7 +7,7 @@ include(CMakePackageConfigHelpers)
 # and outside this tree. Nothing of platform/linux is among them.
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/quorvel)
 install(DIRECTORY shared DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
-  PATTERN ConfigurationForRoot.h EXCLUDE)
+  PATTERN ConfigurationForRoot.h EXCLUDE PATTERN Services.h EXCLUDE)
 install(DIRECTORY platform DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
   PATTERN linux EXCLUDE PATTERN UniqueDescriptor.h EXCLUDE)
 

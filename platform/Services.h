@@ -2,9 +2,12 @@
 //
 // The host (or a tool, or a test) builds it and installs it before anything else is called
 // (QVInstallPlatformServices, shared/support/Platform.h). It owns what the pointers name and keeps
-// it alive until the process is done with the system. A service that a program never reaches
-// may be left null.
+// it alive until the process is done with the system. A service that a program never reaches may be
+// left null: an operation that needs it then fails with an Error that names it, or, where it cannot
+// report a failure, ends the process with a line that does.
 #pragma once
+
+#include <cstddef>
 
 #include "platform/ApplicationRegistry.h"
 #include "platform/BundleReader.h"
@@ -26,6 +29,8 @@
 namespace quorvel {
 
 struct PlatformServices {
+  // How much of this there was when the program was compiled: later services are added at the end.
+  std::size_t size = sizeof(PlatformServices);
   LogWriter* log = nullptr;
   HostLogWriter* hostLog = nullptr;
   MigrationAccount* account = nullptr;  // may be null in every program

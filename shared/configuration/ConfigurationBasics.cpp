@@ -5,7 +5,7 @@
 #include "platform/DeviceNames.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/support/Logging.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -16,10 +16,9 @@ constexpr const char* kInit = "-[QVGlobalConfiguration init]";
 constexpr const char* kDataDirectoryName = "Library/Quorvel";
 
 std::optional<PlistValue> Preference(const char* key) {
-  const PreferencesStore* preferences = QVPlatform().preferences;
+  PreferencesStore* preferences = FindService(kPreferences);
   if (preferences == nullptr) return std::nullopt;
-  return QVPlatform().preferences->copyValue(key, QVPreferencesDomain,
-                                             PreferencesScope::currentUserCurrentHost);
+  return preferences->copyValue(key, QVPreferencesDomain, PreferencesScope::currentUserCurrentHost);
 }
 
 // The integer value of a number, as far as a long can hold it.

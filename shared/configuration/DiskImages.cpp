@@ -7,7 +7,7 @@
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
 #include "shared/support/PathStrings.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -27,7 +27,7 @@ class Handle {
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
   ~Handle() {
-    if (handle_ != 0) QVPlatform().hardware->release(handle_);
+    if (handle_ != 0) RequiredService(kHardware).release(handle_);
   }
   explicit operator bool() const { return handle_ != 0; }
   std::uint32_t get() const { return handle_; }
@@ -39,7 +39,7 @@ class Handle {
 // The mount point of the medium, when the entry is one and it is mounted.
 std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
                                               const std::vector<MountedFileSystem>& mounts) {
-  HardwareRegistry& hardware = *QVPlatform().hardware;
+  HardwareRegistry& hardware = RequiredService(kHardware);
   if (!hardware.conformsTo(entry, HRMediaClass)) return std::nullopt;
   const std::optional<std::string> name = hardware.stringProperty(entry, HRBSDNameKey);
   if (!name) return std::nullopt;
@@ -57,13 +57,13 @@ std::optional<std::string> MountPointOfMedium(HardwareEntry entry,
 // Where there is no device tree or mount table, nothing is attached or mounted.
 std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(
     HardwareEntry entry) noexcept {
-  if (QVPlatform().hardware == nullptr || QVPlatform().mounts == nullptr) return std::nullopt;
-  const std::vector<MountedFileSystem> mounts = QVPlatform().mounts->read();
+  if (FindService(kHardware) == nullptr || FindService(kMounts) == nullptr) return std::nullopt;
+  const std::vector<MountedFileSystem> mounts = RequiredService(kMounts).read();
   if (mounts.empty()) {
     QV_LOG(LogLevelError, kMountPointForDevice, "getmntinfo failed: %s", ErrnoDescription(errno));
     return std::nullopt;
   }
-  HardwareRegistry& hardware = *QVPlatform().hardware;
+  HardwareRegistry& hardware = RequiredService(kHardware);
   HardwareIterator created = 0;
   if (hardware.createDescendantIterator(entry, HRServicePlane, &created) != 0) {
     QV_LOG(LogLevelError, kMountPointForDevice,
@@ -82,7 +82,7 @@ std::optional<std::string> QVGlobalConfiguration::mountPointForDevice(
 
 // The first mounted drive among the entry's descendants; an entry that cannot be walked has none.
 std::optional<std::string> QVGlobalConfiguration::_firstMountPointBelow(HardwareEntry entry) {
-  HardwareRegistry& hardware = *QVPlatform().hardware;
+  HardwareRegistry& hardware = RequiredService(kHardware);
   HardwareIterator created = 0;
   if (hardware.createDescendantIterator(entry, HRServicePlane, &created) != 0) {
     return std::nullopt;
@@ -98,8 +98,8 @@ std::optional<std::string> QVGlobalConfiguration::_firstMountPointBelow(Hardware
 
 std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() noexcept {
   std::vector<std::string> mountPoints;
-  if (QVPlatform().hardware == nullptr) return mountPoints;
-  HardwareRegistry& hardware = *QVPlatform().hardware;
+  if (FindService(kHardware) == nullptr) return mountPoints;
+  HardwareRegistry& hardware = RequiredService(kHardware);
   const Handle controller(hardware.firstMatchingService(HRVDKXControllerClass));
   if (!controller) return mountPoints;  // nothing is attached
   HardwareIterator created = 0;

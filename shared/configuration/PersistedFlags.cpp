@@ -1,7 +1,7 @@
 // Values that live in preferences and survive the process. Nothing is cached, nothing is logged.
 #include "platform/DeviceNames.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -13,23 +13,23 @@ constexpr PreferencesScope kScope = PreferencesScope::currentUserCurrentHost;
 
 // Without a store nothing is stored, and what is written goes nowhere.
 bool QVGlobalConfiguration::haveUpdatedPluginContainersWithParentID() noexcept {
-  if (QVPlatform().preferences == nullptr) return false;
-  const auto value =
-      QVPlatform().preferences->copyValue(UpdatedPluginContainersKey, QVPreferencesDomain, kScope);
+  if (FindService(kPreferences) == nullptr) return false;
+  const auto value = RequiredService(kPreferences)
+                         .copyValue(UpdatedPluginContainersKey, QVPreferencesDomain, kScope);
   return value && *value != PlistValue(false);
 }
 
 void QVGlobalConfiguration::setHaveUpdatedPluginContainersWithParentID(bool flag) noexcept {
-  if (QVPlatform().preferences == nullptr) return;
-  QVPlatform().preferences->setValue(UpdatedPluginContainersKey, PlistValue(flag),
-                                     QVPreferencesDomain, kScope);
-  QVPlatform().preferences->synchronize(QVPreferencesDomain, kScope);
+  if (FindService(kPreferences) == nullptr) return;
+  RequiredService(kPreferences)
+      .setValue(UpdatedPluginContainersKey, PlistValue(flag), QVPreferencesDomain, kScope);
+  RequiredService(kPreferences).synchronize(QVPreferencesDomain, kScope);
 }
 
 std::optional<std::string> QVGlobalConfiguration::alternateThinningModelIdentifier() noexcept {
-  if (QVPlatform().preferences == nullptr) return std::nullopt;
-  return QVPlatform().preferences->stringFromUserDefaults(ThinnedAppVariantKey,
-                                                          StorePreferencesDomain);
+  if (FindService(kPreferences) == nullptr) return std::nullopt;
+  return RequiredService(kPreferences)
+      .stringFromUserDefaults(ThinnedAppVariantKey, StorePreferencesDomain);
 }
 
 }  // namespace quorvel

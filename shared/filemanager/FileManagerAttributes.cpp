@@ -14,7 +14,7 @@
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
 #include "shared/support/PathStrings.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -53,21 +53,27 @@ UniqueDescriptor OpenForClass(const FileSystemRepresentation& path, const char* 
   // Not blocking: the item may be a pipe without a writer.
   UniqueDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!descriptor) {
-    const int number = errno;
-    SetError(error, _CreateError(function, __LINE__, PosixErrorDomain, number,
-                                 "Failed to open %s : %s", path, ErrnoDescription(number)));
+    FailWithErrno(errno, {function, __LINE__}, error, "Failed to open %s : %s", path);
   }
   return descriptor;
 }
 
 bool ReadClass(const UniqueDescriptor& descriptor, const FileSystemRepresentation& path,
                const char* function, std::int32_t* protectionClass, Error* error) {
-  *protectionClass = QVPlatform().fileSystem->GetProtectionClass(descriptor.get());
+  if (!HasService(kFileSystem, function, __LINE__, error)) return false;
+  *protectionClass = RequiredService(kFileSystem).GetProtectionClass(descriptor.get());
   if (*protectionClass >= 0) return true;
-  const int number = errno;
+  return FailWithErrno(errno, {function, __LINE__}, error, "Failed to getclass of file %s: %s",
+                       path);
+}
+
+// A failed operation on a bundle's attribute is logged, too.
+bool FailAttribute(int number, ErrorSite site, Error* error,
+                   FormatString<FileSystemRepresentation, std::string> format,
+                   const FileSystemRepresentation& path) {
   return SetError(
-      error, _CreateError(function, __LINE__, PosixErrorDomain, number,
-                          "Failed to getclass of file %s: %s", path, ErrnoDescription(number)));
+      error, _CreateAndLogError(site, QVInstallerErrorDomain, QVFileOperationFailed,
+                                {QVPosixCause(number)}, format, path, ErrnoDescription(number)));
 }
 
 }  // namespace
@@ -89,10 +95,8 @@ bool QVFileManager::createSymbolicLinkAtURL(const Path& link, const Path& destin
   const FileSystemRepresentation target = destination.fileSystemRepresentation();
   const FileSystemRepresentation at = link.fileSystemRepresentation();
   if (::symlink(target.c_str(), at.c_str()) == 0) return true;
-  const int number = errno;
-  return SetError(error, _CreateError(kCreateLink, __LINE__, PosixErrorDomain, number,
-                                      "Could not create symlink containing %s at %s: %s", target,
-                                      at, ErrnoDescription(number)));
+  return FailWithErrno(errno, {kCreateLink, __LINE__}, error,
+                       "Could not create symlink containing %s at %s: %s", target, at);
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kCreateLink, __LINE__, error);
 }
@@ -106,9 +110,7 @@ std::optional<Path> QVFileManager::destinationOfSymbolicLinkAtURL(const Path& li
     return Path::linkText(QuorvelAdditions::stringWithFileSystemRepresentation(
         buffer, static_cast<std::size_t>(length)));
   }
-  const int number = errno;
-  SetError(error, _CreateError(kReadLink, __LINE__, PosixErrorDomain, number,
-                               "Could not readlink %s : %s", at, ErrnoDescription(number)));
+  FailWithErrno(errno, {kReadLink, __LINE__}, error, "Could not readlink %s : %s", at);
   return std::nullopt;
 } catch (const std::bad_alloc&) {
   OutOfMemory(kReadLink, __LINE__, error);
@@ -139,29 +141,27 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
     if (!ReadClass(descriptor, representation, kSetClass, &current, error)) return false;
     if (!ifPredicate(current)) return true;
   }
-  if (QVPlatform().fileSystem->SetProtectionClass(descriptor.get(), protectionClass) == 0) {
+  if (!HasService(kFileSystem, kSetClass, __LINE__, error)) return false;
+  if (RequiredService(kFileSystem).SetProtectionClass(descriptor.get(), protectionClass) == 0) {
     return true;
   }
-  const int number = errno;
-  return SetError(error, _CreateError(kSetClass, __LINE__, PosixErrorDomain, number,
-                                      "Failed to setclass(%d) on file %s: %s", protectionClass,
-                                      representation, ErrnoDescription(number)));
+  return FailWithErrno(errno, {kSetClass, __LINE__}, error, "Failed to setclass(%d) on file %s: %s",
+                       protectionClass, representation);
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kSetClass, __LINE__, error);
 }
 
 bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) try {
+  if (!HasService(kFileSystem, kMark, __LINE__, error)) return false;
   const std::uint32_t value = 1;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  if (QVPlatform().fileSystem->setxattr(path.c_str(), PlaceholderAttributeName, &value,
-                                        sizeof value, 0, XATTR_NOFOLLOW) == 0) {
+  if (RequiredService(kFileSystem)
+          .setxattr(path.c_str(), PlaceholderAttributeName, &value, sizeof value, 0,
+                    XATTR_NOFOLLOW) == 0) {
     return true;
   }
-  const int number = errno;
-  return SetError(
-      error, _CreateAndLogError({kMark, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
-                                {QVPosixCause(number)}, "Could't set placeholder EA on \"%s\": %s",
-                                path, ErrnoDescription(number)));
+  return FailAttribute(errno, {kMark, __LINE__}, error, "Could't set placeholder EA on \"%s\": %s",
+                       path);
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kMark, __LINE__, error);
 }
@@ -169,42 +169,41 @@ bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) tr
 bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) try {
   std::uint32_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  return QVPlatform().fileSystem->getxattr(path.c_str(), PlaceholderAttributeName, &value,
-                                           sizeof value, 0, XATTR_NOFOLLOW) == sizeof value;
+  return RequiredService(kFileSystem)
+             .getxattr(path.c_str(), PlaceholderAttributeName, &value, sizeof value, 0,
+                       XATTR_NOFOLLOW) == sizeof value;
 } catch (const std::bad_alloc&) {
   return false;
 }
 
 bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle,
                                    Error* error) try {
+  if (!HasService(kFileSystem, kSetType, __LINE__, error)) return false;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  if (QVPlatform().fileSystem->setxattr(path.c_str(), InstallTypeAttributeName, &installType,
-                                        sizeof installType, 0, XATTR_NOFOLLOW) == 0) {
+  if (RequiredService(kFileSystem)
+          .setxattr(path.c_str(), InstallTypeAttributeName, &installType, sizeof installType, 0,
+                    XATTR_NOFOLLOW) == 0) {
     return true;
   }
-  const int number = errno;
-  return SetError(
-      error, _CreateAndLogError({kSetType, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,
-                                {QVPosixCause(number)}, "Could't set installType EA on \"%s\": %s",
-                                path, ErrnoDescription(number)));
+  return FailAttribute(errno, {kSetType, __LINE__}, error,
+                       "Could't set installType EA on \"%s\": %s", path);
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kSetType, __LINE__, error);
 }
 
 std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bundle,
                                                                  Error* error) try {
+  if (!HasService(kFileSystem, kGetType, __LINE__, error)) return std::nullopt;
   std::uint64_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
-  const ssize_t size = QVPlatform().fileSystem->getxattr(path.c_str(), InstallTypeAttributeName,
-                                                         &value, sizeof value, 0, XATTR_NOFOLLOW);
+  const ssize_t size = RequiredService(kFileSystem)
+                           .getxattr(path.c_str(), InstallTypeAttributeName, &value, sizeof value,
+                                     0, XATTR_NOFOLLOW);
   if (size == sizeof value) return value;
   if (size < 0) {
-    const int number = errno;
-    if (number == ENODATA) return 0;
-    SetError(error, _CreateAndLogError({kGetType, __LINE__}, QVInstallerErrorDomain,
-                                       QVFileOperationFailed, {QVPosixCause(number)},
-                                       "Couldn't get installType EA from \"%s\": %s", path,
-                                       ErrnoDescription(number)));
+    if (errno == ENODATA) return 0;
+    FailAttribute(errno, {kGetType, __LINE__}, error, "Couldn't get installType EA from \"%s\": %s",
+                  path);
   } else {
     SetError(error,
              _CreateAndLogError({kGetType, __LINE__}, QVInstallerErrorDomain, QVFileOperationFailed,

@@ -12,7 +12,7 @@
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
 #include "shared/support/PathStrings.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -56,8 +56,7 @@ void PrepareWipe(WipeTreeState& state, int* slot) {
 }
 
 bool FailRemoval(const Path& path, int number, Error* error) {
-  return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, number,
-                                      "wipetree of %@ failed: %s", path, ErrnoDescription(number)));
+  return FailWithErrno(number, {kRemove, __LINE__}, error, "wipetree of %@ failed: %s", path);
 }
 
 bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error* error) {
@@ -66,16 +65,14 @@ bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error*
   const UniqueDescriptor directory(
       ::open(representation.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory) {
-    const int number = errno;
-    return SetError(
-        error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "opendir of %@ failed: %s",
-                            path.string(), ErrnoDescription(number)));
+    return FailWithErrno(errno, {kCreate, __LINE__}, error, "opendir of %@ failed: %s",
+                         path.string());
   }
-  if (QVPlatform().fileSystem->SetProtectionClass(directory.get(), protectionClass) != 0) {
-    const int number = errno;
-    return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
-                                        "Failed to setclass(%d) on directory %@: %s",
-                                        protectionClass, path.string(), ErrnoDescription(number)));
+  if (!HasService(kFileSystem, kCreate, __LINE__, error)) return false;
+  if (RequiredService(kFileSystem).SetProtectionClass(directory.get(), protectionClass) != 0) {
+    return FailWithErrno(errno, {kCreate, __LINE__}, error,
+                         "Failed to setclass(%d) on directory %@: %s", protectionClass,
+                         path.string());
   }
   return true;
 }
@@ -85,25 +82,22 @@ bool ApplyProtectionClass(const Path& path, std::int32_t protectionClass, Error*
 bool GiveMode(const char* made, mode_t mode) {
   const UniqueDescriptor directory(::open(made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (directory) return ::fchmod(directory.get(), mode) == 0;
-  return errno == EACCES && QVPlatform().fileSystem->lchmod(AT_FDCWD, made, mode) == 0;
+  return errno == EACCES && RequiredService(kFileSystem).lchmod(AT_FDCWD, made, mode) == 0;
 }
 
 bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   if (how.withIntermediateDirectories) {
-    const int number = QVPlatform().fileSystem->MakePath(representation.c_str(), how.mode);
+    if (!HasService(kFileSystem, kCreate, __LINE__, error)) return false;
+    const int number = RequiredService(kFileSystem).MakePath(representation.c_str(), how.mode);
     if (number == 0 || number == EEXIST) return true;
-    return SetError(error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number,
-                                        "ensuredirs_np of %@ failed: %s", path.string(),
-                                        ErrnoDescription(number)));
+    return FailWithErrno(number, {kCreate, __LINE__}, error, "ensuredirs_np of %@ failed: %s",
+                         path.string());
   }
   const bool made = ::mkdir(representation.c_str(), how.mode) == 0;
   if (!made && errno == EEXIST) return true;
   if (made && GiveMode(representation.c_str(), how.mode)) return true;
-  const int number = errno;
-  return SetError(
-      error, _CreateError(kCreate, __LINE__, PosixErrorDomain, number, "mkdir of %@ failed: %s",
-                          path.string(), ErrnoDescription(number)));
+  return FailWithErrno(errno, {kCreate, __LINE__}, error, "mkdir of %@ failed: %s", path.string());
 }
 
 }  // namespace
@@ -114,7 +108,9 @@ QVFileManager& QVFileManager::defaultManager() {
 }
 
 bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
-  const std::unique_ptr<WipeTreeState> state = QVPlatform().fileSystem->allocateWipeTreeState();
+  if (!HasService(kFileSystem, kRemove, __LINE__, error)) return false;
+  FileSystem& fileSystem = RequiredService(kFileSystem);
+  const std::unique_ptr<WipeTreeState> state = fileSystem.allocateWipeTreeState();
   if (path.isAbsent()) {
     return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, EFAULT,
                                         "nil url passed to -removeItemAtURL:error:"));
@@ -123,8 +119,7 @@ bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
   int firstNumber = 0;
   PrepareWipe(*state, &firstNumber);
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
-  if (QVPlatform().fileSystem->RemoveTree(representation.c_str(), WIPETREE_RECURSIVE, *state) !=
-          0 &&
+  if (fileSystem.RemoveTree(representation.c_str(), WIPETREE_RECURSIVE, *state) != 0 &&
       errno != ENOENT) {
     return FailRemoval(path, errno, error);
   }
@@ -166,27 +161,25 @@ std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const 
 
 bool QVFileManager::syncDirectoryAtURL(const Path& directory, Error* error) try {
   const FileSystemRepresentation representation = directory.fileSystemRepresentation();
-  if (QVPlatform().fileSystem->SyncDirectory(representation.c_str()) == 0) return true;
-  const int number = errno;
-  return SetError(error,
-                  _CreateError(kSync, __LINE__, PosixErrorDomain, number, "sync of %@ failed: %s",
-                               directory.string(), ErrnoDescription(number)));
+  if (!HasService(kFileSystem, kSync, __LINE__, error)) return false;
+  if (RequiredService(kFileSystem).SyncDirectory(representation.c_str()) == 0) return true;
+  return FailWithErrno(errno, {kSync, __LINE__}, error, "sync of %@ failed: %s",
+                       directory.string());
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kSync, __LINE__, error);
 }
 
 bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error* error) try {
+  if (!HasService(kFileSystem, kSyncFileSystems, __LINE__, error)) return false;
   std::set<dev_t> synced;
   for (const Path& item : items) {
     const FileSystemRepresentation representation = item.fileSystemRepresentation();
     struct stat info {};
     const bool known = ::lstat(representation.c_str(), &info) == 0;
     if (known && !synced.insert(info.st_dev).second) continue;
-    if (known && QVPlatform().fileSystem->SyncFileSystem(representation.c_str()) == 0) continue;
-    const int number = errno;
-    return SetError(error,
-                    _CreateError(kSyncFileSystems, __LINE__, PosixErrorDomain, number,
-                                 "sync of %@ failed: %s", item.string(), ErrnoDescription(number)));
+    if (known && RequiredService(kFileSystem).SyncFileSystem(representation.c_str()) == 0) continue;
+    return FailWithErrno(errno, {kSyncFileSystems, __LINE__}, error, "sync of %@ failed: %s",
+                         item.string());
   }
   return true;
 } catch (const std::bad_alloc&) {

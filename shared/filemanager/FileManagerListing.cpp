@@ -78,9 +78,8 @@ std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(con
   };
   const int number = _IterateDirectory(representation.c_str(), visitor);
   if (number == 0) return items;
-  SetError(error, _CreateError(kList, __LINE__, PosixErrorDomain, number,
-                               "_IterateDirectory for %s returned %s", representation,
-                               ErrnoDescription(number)));
+  FailWithErrno(number, {kList, __LINE__}, error, "_IterateDirectory for %s returned %s",
+                representation);
   return std::nullopt;
 } catch (const std::bad_alloc&) {
   OutOfMemory(kList, __LINE__, error);

@@ -9,7 +9,7 @@
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -28,10 +28,8 @@ Presence CheckSource(const Path& source, const char* function, Error* error) {
   struct stat info {};
   const FileSystemRepresentation representation = source.fileSystemRepresentation();
   if (::lstat(representation.c_str(), &info) == 0) return Presence::present;
-  const int number = errno;
-  if (number == ENOENT) return Presence::missing;
-  SetError(error, _CreateError(function, __LINE__, PosixErrorDomain, number,
-                               "stat of %@ failed: %s", source, ErrnoDescription(number)));
+  if (errno == ENOENT) return Presence::missing;
+  FailWithErrno(errno, {function, __LINE__}, error, "stat of %@ failed: %s", source);
   return Presence::unknown;
 }
 
@@ -43,17 +41,16 @@ bool CopyWhole(const Path& source, const Path& destination, Error* error) {
   const auto skipped = [](const char* path) {
     QV_LOG(LogLevelError, kCopy, "clonetree left out the socket %s", path);
   };
-  if (QVPlatform().fileSystem->CopyTree(from.c_str(), to.c_str(), flags, skipped) == 0) return true;
-  const int number = errno;
-  return SetError(error, _CreateError(kCopy, __LINE__, PosixErrorDomain, number,
-                                      "clonetree of %@ to %@ failed: %s", source, destination,
-                                      ErrnoDescription(number)));
+  if (!HasService(kFileSystem, kCopy, __LINE__, error)) return false;
+  FileSystem& fileSystem = RequiredService(kFileSystem);
+  if (fileSystem.CopyTree(from.c_str(), to.c_str(), flags, skipped) == 0) return true;
+  return FailWithErrno(errno, {kCopy, __LINE__}, error, "clonetree of %@ to %@ failed: %s", source,
+                       destination);
 }
 
 bool FailMove(const Path& source, const Path& destination, int number, Error* error) {
-  return SetError(error, _CreateError(kMove, __LINE__, PosixErrorDomain, number,
-                                      "rename of %@ to %@ failed: %s", source, destination,
-                                      ErrnoDescription(number)));
+  return FailWithErrno(number, {kMove, __LINE__}, error, "rename of %@ to %@ failed: %s", source,
+                       destination);
 }
 
 std::string ParentOf(const Path& path) {
@@ -80,8 +77,8 @@ bool MakeRemain(QVFileManager& manager, const Path& source, Path* made, Error* e
     const FileSystemRepresentation path = made->fileSystemRepresentation();
     if (::mkdir(path.c_str(), kRemainMode) == 0) {
       constexpr std::uint8_t mark = 1;
-      QVPlatform().fileSystem->setxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark,
-                                        0, XATTR_NOFOLLOW);
+      RequiredService(kFileSystem)
+          .setxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0, XATTR_NOFOLLOW);
       return manager.syncDirectoryAtURL(*made, error);
     }
     if (errno != EEXIST) return FailMove(source, *made, errno, error);
@@ -203,8 +200,9 @@ bool QVFileManager::isRemainOfMove(const Path& item) {
     return false;
   }
   std::uint8_t mark = 0;
-  if (QVPlatform().fileSystem->getxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark,
-                                        0, XATTR_NOFOLLOW) == sizeof mark) {
+  if (RequiredService(kFileSystem)
+          .getxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0, XATTR_NOFOLLOW) ==
+      sizeof mark) {
     return true;
   }
   // One whose making was interrupted has nothing in it.

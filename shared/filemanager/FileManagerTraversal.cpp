@@ -10,7 +10,7 @@
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
 #include "shared/support/PathStrings.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -26,8 +26,7 @@ constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kItemMode = 0644;
 
 bool FailEntry(const FileSystemRepresentation& root, int number, Error* error) {
-  return SetError(error, _CreateError(kTraverse, __LINE__, PosixErrorDomain, number,
-                                      "Error for path %s: %s", root, ErrnoDescription(number)));
+  return FailWithErrno(number, {kTraverse, __LINE__}, error, "Error for path %s: %s", root);
 }
 
 // Reads the walk to its end or first failure. The result is the last visitor's.
@@ -57,10 +56,10 @@ void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) 
 }
 
 void ChangeMode(const TreeWalkEntry& entry) {
-  if (S_ISLNK(entry.info.st_mode) && !QVPlatform().fileSystem->LinksHaveModes()) return;
+  if (S_ISLNK(entry.info.st_mode) && !RequiredService(kFileSystem).LinksHaveModes()) return;
   const mode_t wanted = S_ISDIR(entry.info.st_mode) ? kDirectoryMode : kItemMode;
   if ((entry.info.st_mode & kPermissionBits) == wanted) return;
-  if (QVPlatform().fileSystem->lchmod(entry.parent, entry.name, wanted) == 0) return;
+  if (RequiredService(kFileSystem).lchmod(entry.parent, entry.name, wanted) == 0) return;
   const int number = errno;
   QV_LOG(LogLevelError, kStandardize, "Could not chmod %s: %s", entry.path,
          ErrnoDescription(number));
@@ -82,13 +81,13 @@ bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path
 bool QVFileManager::_traverseDirectory(const Path& root, Error* error,
                                        const TreeVisitor& visitor) try {
   const FileSystemRepresentation representation = root.fileSystemRepresentation();
-  const std::unique_ptr<TreeWalk> walk = QVPlatform().treeWalker->open(
-      representation.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION | FTS_XDEV_OPTION);
+  if (!HasService(kTreeWalker, kTraverse, __LINE__, error)) return false;
+  const std::unique_ptr<TreeWalk> walk =
+      RequiredService(kTreeWalker)
+          .open(representation.c_str(), FTS_PHYSICAL_OPTION | FTS_NOCHDIR_OPTION | FTS_XDEV_OPTION);
   if (!walk) {
-    const int number = errno;
-    return SetError(error, _CreateError(kTraverse, __LINE__, PosixErrorDomain, number,
-                                        "fts_open failed for %s with error %s", representation,
-                                        ErrnoDescription(number)));
+    return FailWithErrno(errno, {kTraverse, __LINE__}, error,
+                         "fts_open failed for %s with error %s", representation);
   }
   Error failure;
   const bool visited = VisitAll(*walk, representation, &failure, visitor);
@@ -106,6 +105,7 @@ bool QVFileManager::_traverseDirectory(const Path& root, Error* error,
 
 bool QVFileManager::standardizeOwnershipAtURL(const Path& root, const OwnershipStandard& standard,
                                               Error* error) try {
+  if (!HasService(kFileSystem, kStandardize, __LINE__, error)) return false;
   return _traverseDirectory(root, error, [&](const TreeWalkEntry& entry, Error* entryError) {
     ChangeOwner(entry, standard);
     if (standard.validateSymlinks && S_ISLNK(entry.info.st_mode) &&

@@ -13,7 +13,7 @@
 #include "platform/UniqueDescriptor.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -120,7 +120,7 @@ bool _ReadFile(const char* path, const ReadFileCallback& callback) {
 }
 
 std::optional<std::string> QVCreateSHA256Digest(const std::string& path) try {
-  const std::unique_ptr<Sha256> computation = QVPlatform().sha256->start();
+  const std::unique_ptr<Sha256> computation = RequiredService(kSha256).start();
   const FileSystemRepresentation representation(path);
   const bool read =
       _ReadFile(representation.c_str(), [&](const std::uint8_t* bytes, std::size_t count) {

@@ -58,6 +58,17 @@ Error _CreateError(const char* function, std::int32_t line, const char* domain, 
   return _CreateErrorV({function, line}, domain, code, format.get(), packaged);
 }
 
+// Ends an operation that failed with an errno value: false, with a PosixErrorDomain record. The
+// value comes first, so that nothing changes it before it is read; its description is the last
+// thing that the format asks for.
+template <class... Arguments>
+bool FailWithErrno(int number, ErrorSite site, Error* error,
+                   Format<Arguments..., std::string> format, const Arguments&... arguments) {
+  if (error == nullptr) return false;
+  return SetError(error, _CreateError(site.function, site.line, PosixErrorDomain, number, format,
+                                      arguments..., ErrnoDescription(number)));
+}
+
 // Builds the record with cause and extra entries and, when there is a format, writes its
 // description to the log as an error. The constructor's own entries win over extra ones of the
 // same keys; a description or cause among the extra ones survives only where none is given.

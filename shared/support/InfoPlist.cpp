@@ -7,7 +7,7 @@
 #include "platform/DeviceNames.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Logging.h"
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -85,7 +85,7 @@ std::unique_ptr<PlistDictionary> QVLoadInfoPlist(
     return nullptr;
   }
   const std::lock_guard<std::mutex> lock(gBundleLock);
-  const std::unique_ptr<PKBundle> bundle = QVPlatform().bundles->open(path);
+  const std::unique_ptr<PKBundle> bundle = RequiredService(kBundles).open(path);
   if (!bundle) {
     QV_LOG(LogLevelError, kLoad, "Failed to create PKBundle from URL %@", path);
     return nullptr;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "shared/support/Services.h"
+
 namespace quorvel {
 
 namespace {
@@ -20,6 +22,11 @@ const PlatformServices& QVPlatform() {
     std::abort();
   }
   return *gServices;
+}
+
+void EndForMissingService(const char* name) {
+  std::fprintf(stderr, "quorvel: no %s is among the platform's services\n", name);
+  std::abort();
 }
 
 }  // namespace quorvel

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "shared/support/Platform.h"
+#include "shared/support/Services.h"
 
 namespace quorvel {
 
@@ -23,7 +23,7 @@ std::mutex gReportLock;
 std::string ReportText(const ExceptionRecord& exception) {
   std::string text = "** INTERNAL ERROR: Uncaught Exception **\n";
   text += "Exception: ";
-  const auto threadName = QVPlatform().crashReport->currentThreadName();
+  const auto threadName = RequiredService(kCrashReport).currentThreadName();
   if (threadName) text += "<" + *threadName + "> ";
   if (exception.name) text += *exception.name + ": ";
   if (exception.reason) text += *exception.reason;
@@ -40,7 +40,7 @@ std::string ReportText(const ExceptionRecord& exception) {
 }  // namespace
 
 void QVRunTransactionalTask(TaskQueue& queue, std::function<void()> task) {
-  ProcessTransaction& transaction = *QVPlatform().transaction;
+  ProcessTransaction& transaction = RequiredService(kTransaction);
   transaction.begin();
   queue.submit([&transaction, work = std::move(task)] {
     work();
@@ -49,12 +49,12 @@ void QVRunTransactionalTask(TaskQueue& queue, std::function<void()> task) {
 }
 
 void QVAssertHighResourceUsage() {
-  if (gResourceAssertions.fetch_add(1) + 1 == 1) QVPlatform().cpuMonitor->switchOff(::getpid());
+  if (gResourceAssertions.fetch_add(1) + 1 == 1) RequiredService(kCpuMonitor).switchOff(::getpid());
 }
 
 void QVClearResourceAssertion() {
   if (gResourceAssertions.fetch_sub(1) - 1 == 0) {
-    QVPlatform().cpuMonitor->restoreDefaults(::getpid());
+    RequiredService(kCpuMonitor).restoreDefaults(::getpid());
   }
 }
 
@@ -63,7 +63,7 @@ void QVCrashOnException(const ExceptionRecord& exception) {
   gReportLock.lock();
   // A copy that nothing frees: the crash recorder reads it after the end.
   const char* kept = ::strdup(text.c_str());
-  QVPlatform().crashReport->set(kept != nullptr ? kept : text.c_str());
+  RequiredService(kCrashReport).set(kept != nullptr ? kept : text.c_str());
   std::abort();
 }
 

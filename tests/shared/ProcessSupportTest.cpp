@@ -3,10 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
+#include <functional>
 #include <future>
 #include <thread>
 
+#include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/system/ProcessServicesLinux.h"
+#include "shared/filemanager/QVFileManager.h"
+#include "shared/support/Digest.h"
 #include "shared/support/Platform.h"
 #include "shared/support/ProcessSupport.h"
 
@@ -157,6 +162,42 @@ TEST_F(ProcessSupportDeathTest, TheFirstThreadReports) {
         for (std::thread& thread : threads) thread.join();
       },
       ::testing::KilledBySignal(SIGABRT), "^reported 1 time\\(s\\)\n$");
+}
+
+// Of a set that lacks a service, by a null pointer or because it is older than the member.
+TEST_F(ProcessSupportDeathTest, AServiceThatIsMissingIsNamed) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  onlinux::FileSystemLinux files;
+  set_.fileSystem = &files;
+  QVFileManager& manager = QVFileManager::defaultManager();
+  const Path none = Path::directory("/nonexistent/item");
+  const std::function<bool(Error*)> operations[] = {
+      [&](Error* e) { return manager.removeItemAtURL(none, e); },
+      [&](Error* e) {
+        return manager.createDirectoryAtURL(none, {true, 0755, 4}, e);
+      },
+      [&](Error* e) { return manager.copyItemAtURL(none, none, e); },
+      [&](Error* e) { return manager.syncDirectoryAtURL(none, e); },
+      [&](Error* e) { return manager.syncFileSystemsOfItems({none}, e); },
+      [&](Error* e) { return manager.markBundleAsPlaceholder(none, e); },
+      [&](Error* e) { return manager.setInstallType(1, none, e); },
+      [&](Error* e) { return manager.installTypeForBundle(none, e).has_value(); },
+      [&](Error* e) { return manager.standardizeOwnershipAtURL(none, {}, e); },
+  };
+  for (const bool isOlder : {false, true}) {
+    set_.fileSystem = isOlder ? &files : nullptr;
+    if (isOlder) set_.size = offsetof(PlatformServices, fileSystem);
+    for (const auto& operation : operations) {
+      Error error;
+      EXPECT_FALSE(operation(&error));
+      EXPECT_TRUE(error.is(PosixErrorDomain, ENOSYS));
+      EXPECT_EQ(error.description(), "No FileSystem is among the platform's services");
+    }
+  }
+  const auto aborted = ::testing::KilledBySignal(SIGABRT);
+  EXPECT_EXIT(manager.bundleAtURLIsPlaceholder(none), aborted, "^quorvel: no FileSystem is among");
+  EXPECT_EXIT(QVCreateSHA256Digest("/"), aborted, "^quorvel: no Sha256Provider is among");
+  EXPECT_EXIT(QVAssertHighResourceUsage(), aborted, "^quorvel: no CpuUsageMonitor is among");
 }
 
 }  // namespace

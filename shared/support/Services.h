@@ -1,0 +1,65 @@
+// The installed set's services, one at a time: asked for by name, so that one that is missing is
+// told by name.
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+
+#include "shared/support/Errors.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+// A member of the set and what messages call it.
+template <class Service>
+struct ServiceSlot {
+  Service* PlatformServices::*member;
+  const char* name;
+};
+
+inline constexpr ServiceSlot<FileSystem> kFileSystem{&PlatformServices::fileSystem, "FileSystem"};
+inline constexpr ServiceSlot<TreeWalker> kTreeWalker{&PlatformServices::treeWalker, "TreeWalker"};
+inline constexpr ServiceSlot<BundleReader> kBundles{&PlatformServices::bundles, "BundleReader"};
+inline constexpr ServiceSlot<PreferencesStore> kPreferences{&PlatformServices::preferences,
+                                                            "PreferencesStore"};
+inline constexpr ServiceSlot<HardwareRegistry> kHardware{&PlatformServices::hardware,
+                                                         "HardwareRegistry"};
+inline constexpr ServiceSlot<MountTable> kMounts{&PlatformServices::mounts, "MountTable"};
+inline constexpr ServiceSlot<Sha256Provider> kSha256{&PlatformServices::sha256, "Sha256Provider"};
+inline constexpr ServiceSlot<ProcessTransaction> kTransaction{&PlatformServices::transaction,
+                                                              "ProcessTransaction"};
+inline constexpr ServiceSlot<CpuUsageMonitor> kCpuMonitor{&PlatformServices::cpuMonitor,
+                                                          "CpuUsageMonitor"};
+inline constexpr ServiceSlot<CrashReportMessage> kCrashReport{&PlatformServices::crashReport,
+                                                              "CrashReportMessage"};
+
+// The service, or null: the set has none, or is older than this member.
+template <class Service>
+Service* FindService(const ServiceSlot<Service>& slot) {
+  const PlatformServices& set = QVPlatform();
+  const auto* begin = reinterpret_cast<const char*>(&set);
+  const auto* end = reinterpret_cast<const char*>(&(set.*slot.member) + 1);
+  return static_cast<std::size_t>(end - begin) <= set.size ? set.*slot.member : nullptr;
+}
+
+// Ends the process with one line that names the service.
+[[noreturn]] void EndForMissingService(const char* name);
+
+// For operations that cannot report a failure, and behind HasService.
+template <class Service>
+Service& RequiredService(const ServiceSlot<Service>& slot) {
+  Service* service = FindService(slot);
+  if (service == nullptr) EndForMissingService(slot.name);
+  return *service;
+}
+
+// Whether the set has the service; the Error says which it has not (ENOSYS).
+template <class Service>
+bool HasService(const ServiceSlot<Service>& slot, const char* function, std::int32_t line,
+                Error* error) {
+  if (FindService(slot) != nullptr) return true;
+  return SetError(error, _CreateError(function, line, PosixErrorDomain, ENOSYS,
+                                      "No %s is among the platform's services", slot.name));
+}
+
+}  // namespace quorvel

@@ -18,8 +18,8 @@ using quorvel::tools::LegacyImageOptions;
 using quorvel::tools::LegacyImageResult;
 using quorvel::tools::LegacyImageWriter;
 
-constexpr int ExitFailed = 1;
-constexpr int ExitUsage = 2;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
 
 // The text as one word for a shell.
 std::string ShellWord(const std::string& text) {
@@ -48,7 +48,7 @@ std::string Footer() {
 
 int Complain(const std::string& problem) {
   std::cerr << "legacy-image: " << problem << "\n";
-  return ExitFailed;
+  return kExitFailed;
 }
 
 // One identifier per line.
@@ -104,7 +104,7 @@ int ParseAndRun(int argc, char** argv) {
   } catch (const CLI::ParseError& problem) {
     if (problem.get_exit_code() == 0) return app.exit(problem);
     (void)Complain(std::string(problem.what()) + "\nSee legacy-image --help");
-    return ExitUsage;
+    return kExitUsage;
   }
   options.icons = !withoutIcons;
   return Run(directory, options, listPath);
@@ -117,6 +117,6 @@ int main(int argc, char** argv) {
     return ParseAndRun(argc, argv);
   } catch (const std::exception& problem) {  // no memory; nothing else throws
     std::fprintf(stderr, "legacy-image: %s\n", problem.what());
-    return ExitFailed;
+    return kExitFailed;
   }
 }

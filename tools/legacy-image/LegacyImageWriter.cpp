@@ -14,7 +14,7 @@ namespace quorvel::tools {
 namespace {
 
 // 2014-05-13 16:53:20 UTC: the last days of the legacy layout.
-constexpr std::int64_t FirstTime = 1400000000;
+constexpr std::int64_t kFirstTime = 1400000000;
 
 }  // namespace
 
@@ -42,7 +42,7 @@ bool LegacyImageWriter::open(const std::string& directory) {
 timespec LegacyImageWriter::nextTime() {
   const std::int64_t item = items_++;
   timespec time = {};
-  time.tv_sec = FirstTime + item;
+  time.tv_sec = kFirstTime + item;
   time.tv_nsec = item * 1000003 % 1000000000;  // nanoseconds, to see that they survive
   return time;
 }

@@ -231,7 +231,7 @@ std::unique_ptr<Command> Make(CLI::App& parser) {
   return std::make_unique<T>(parser);
 }
 
-constexpr CommandEntry Commands[] = {
+constexpr CommandEntry kCommands[] = {
     {"config", "Show the preferences in force, the paths, the lists and the blacklist",
      "quorvelctl config --json", Make<ShowConfiguration>},
     {"directories", "Create the service's directories and show them (needs --root)",
@@ -246,6 +246,6 @@ constexpr CommandEntry Commands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> ConfigurationCommands() { return Commands; }
+std::span<const CommandEntry> ConfigurationCommands() { return kCommands; }
 
 }  // namespace quorvel::ctl

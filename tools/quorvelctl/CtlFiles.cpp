@@ -201,7 +201,7 @@ std::unique_ptr<Command> Make(CLI::App& parser) {
   return std::make_unique<T>(parser);
 }
 
-constexpr CommandEntry Commands[] = {
+constexpr CommandEntry kCommands[] = {
     {"digest", "Print SHA-256 digests in the form of sha256sum",
      "printf abc > f && quorvelctl digest f", Make<Digest>},
     {"info", "Show a bundle's info dictionary",
@@ -217,6 +217,6 @@ constexpr CommandEntry Commands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> FileCommands() { return Commands; }
+std::span<const CommandEntry> FileCommands() { return kCommands; }
 
 }  // namespace quorvel::ctl

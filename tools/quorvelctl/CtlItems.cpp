@@ -198,7 +198,7 @@ std::unique_ptr<Command> Make(CLI::App& parser) {
   return std::make_unique<T>(parser);
 }
 
-constexpr CommandEntry Commands[] = {
+constexpr CommandEntry kCommands[] = {
     {"resolve", "Show where a path really leads, if it stays inside a base directory",
      "mkdir -p d && quorvelctl resolve --base d d/new/file", Make<Resolve>},
     {"link", "Make a symbolic link", "mkdir -p d && rm -f d/l && quorvelctl link ../target d/l",
@@ -211,6 +211,6 @@ constexpr CommandEntry Commands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> ItemCommands() { return Commands; }
+std::span<const CommandEntry> ItemCommands() { return kCommands; }
 
 }  // namespace quorvel::ctl

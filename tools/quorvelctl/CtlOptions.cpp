@@ -5,7 +5,7 @@ namespace quorvel::ctl {
 
 namespace {
 
-constexpr char Guard = '\x01';
+constexpr char kGuard = '\x01';
 
 std::string NotEmpty(const std::string& value) {
   return value.empty() ? "the value is empty" : std::string();
@@ -14,12 +14,12 @@ std::string NotEmpty(const std::string& value) {
 }  // namespace
 
 std::string Guarded(std::string word) {
-  const bool needed = word == "++" || word.starts_with('[') || word.starts_with(Guard);
-  return needed ? Guard + std::move(word) : std::move(word);
+  const bool needed = word == "++" || word.starts_with('[') || word.starts_with(kGuard);
+  return needed ? kGuard + std::move(word) : std::move(word);
 }
 
 std::string Unguarded(std::string word) {
-  if (word.starts_with(Guard)) word.erase(0, 1);
+  if (word.starts_with(kGuard)) word.erase(0, 1);
   return word;
 }
 

@@ -230,7 +230,7 @@ std::unique_ptr<Command> MakeMove(CLI::App& parser) {
                                  &QVFileManager::moveItemIfExistsAtURL, false);
 }
 
-constexpr CommandEntry Commands[] = {
+constexpr CommandEntry kCommands[] = {
     {"list", "List a directory's items in its own order, a path a line",
      "mkdir -p d/sub && quorvelctl list d", Make<List>},
     {"remove", "Remove items and everything below them; a missing one is done",
@@ -250,6 +250,6 @@ constexpr CommandEntry Commands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> TreeCommands() { return Commands; }
+std::span<const CommandEntry> TreeCommands() { return kCommands; }
 
 }  // namespace quorvel::ctl

@@ -22,8 +22,8 @@ namespace quorvel::onlinux {
 
 namespace {
 
-constexpr std::size_t ReadStep = 65'536;
-constexpr mode_t NewFileMode = 0644;
+constexpr std::size_t kReadStep = 65'536;
+constexpr mode_t kNewFileMode = 0644;
 
 // Calls until no signal interrupts.
 template <class Call>
@@ -134,7 +134,7 @@ bool TakeOver(int directory, const std::string& name, int file) {
   // Who may not give a file away keeps it. What the group bits allow is then meant for others.
   const bool isGiven = ::fchown(file, info.st_uid, info.st_gid) == 0;
   if (!isGiven && errno != EPERM) return false;
-  if (!isFile) return ::fchmod(file, NewFileMode) == 0;
+  if (!isFile) return ::fchmod(file, kNewFileMode) == 0;
   const bool isSame = TakeAttributes(old.get(), file) && isGiven;
   return ::fchmod(file, info.st_mode & (isSame ? 07777U : 0707U)) == 0;
 }
@@ -145,7 +145,7 @@ const char* Replace(int directory, const std::string& name, std::span<const std:
   const std::string temporary = TemporaryNameFor(name);
   const bool takesOver = ownership == Ownership::taken;
   const UniqueDescriptor file =
-      CreateTemporary(directory, temporary.c_str(), takesOver ? 0600 : NewFileMode);
+      CreateTemporary(directory, temporary.c_str(), takesOver ? 0600 : kNewFileMode);
   if (!file) return "Creating a temporary file";
   const char* failed = nullptr;
   if (takesOver && !TakeOver(directory, name, file.get())) {
@@ -178,7 +178,7 @@ int ReadToEnd(int file, std::size_t expected, std::size_t limit, std::vector<std
   bytes.resize(expected + 1);
   std::size_t filled = 0;
   for (;;) {
-    if (filled == bytes.size()) bytes.resize(filled + ReadStep);
+    if (filled == bytes.size()) bytes.resize(filled + kReadStep);
     const ssize_t count =
         Uninterrupted([&] { return ::read(file, bytes.data() + filled, bytes.size() - filled); });
     if (count < 0) return errno;

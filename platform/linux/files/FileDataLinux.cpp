@@ -12,7 +12,7 @@ namespace quorvel::onlinux {
 
 namespace {
 
-constexpr std::size_t WholeFileLimit = std::size_t{1} << 30U;
+constexpr std::size_t kWholeFileLimit = std::size_t{1} << 30U;
 
 }  // namespace
 
@@ -20,7 +20,7 @@ std::unique_ptr<std::vector<std::uint8_t>> FileDataLinux::readWholeFile(const Pa
                                                                         Error* error) {
   auto bytes = std::make_unique<std::vector<std::uint8_t>>();
   const int failure = ReadRegularFile(AT_FDCWD, file.fileSystemRepresentation().c_str(),
-                                      WholeFileLimit, true, *bytes);
+                                      kWholeFileLimit, true, *bytes);
   if (failure == 0) return bytes;
   const std::string what = "Reading " + file.string();
   SetError(error, failure == ENOENT ? PlatformFailure(PlatformFileReadNoSuchFileError,

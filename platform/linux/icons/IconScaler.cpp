@@ -47,7 +47,7 @@ std::uint8_t ToByte(float value) {
 }
 
 // The mask's corner radius as a share of the icon's side: 27 pixels of 120.
-constexpr double CornerRadiusShare = 0.225;
+constexpr double kCornerRadiusShare = 0.225;
 
 // Opacity, 0 to 255, of each pixel of the top left corner's square; the others mirror it.
 // Counted over 16 x 16 points a pixel, in units of half a point's distance.
@@ -156,10 +156,10 @@ std::unique_ptr<Image> IconScaler::finish() {
 
 void ApplyHomeScreenMask(Image& image) {
   static constexpr std::uint32_t usualSide = 120;
-  static constexpr auto usualRadius = static_cast<std::uint32_t>(usualSide * CornerRadiusShare);
+  static constexpr auto usualRadius = static_cast<std::uint32_t>(usualSide * kCornerRadiusShare);
   static const std::vector<std::uint8_t> usualCorner = MakeCorner(usualRadius);
   const std::uint32_t side = image.width;
-  const auto radius = static_cast<std::uint32_t>(side * CornerRadiusShare);
+  const auto radius = static_cast<std::uint32_t>(side * kCornerRadiusShare);
   const auto corner = radius == usualRadius ? usualCorner : MakeCorner(radius);
   const auto fade = [&](std::uint32_t x, std::uint32_t y, unsigned opacity) {
     std::uint8_t& alpha = image.pixels[(std::size_t{y} * side + x) * 4 + 3];

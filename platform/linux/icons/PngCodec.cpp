@@ -22,10 +22,10 @@ void IgnoreWarning(png_structp /*png*/, png_const_charp /*text*/) {}
 
 // Chunks that an icon's pixels do not depend on. They are skipped unread: profiles and
 // compressed texts are most of what has been wrong in decoders. (tRNS is not among them.)
-constexpr png_byte SkippedChunks[] =
+constexpr png_byte kSkippedChunks[] =
     "bKGD\0cHRM\0eXIf\0gAMA\0hIST\0iCCP\0iTXt\0oFFs\0pCAL\0pHYs\0sBIT\0sCAL\0sPLT\0sRGB\0tEXt\0"
     "tIME\0zTXt";
-constexpr int SkippedChunkCount = sizeof SkippedChunks / 5;
+constexpr int kSkippedChunkCount = sizeof kSkippedChunks / 5;
 
 class PngReader {
  public:
@@ -64,7 +64,7 @@ class PngReader {
     png_set_read_fn(png_, this, Supply);
     png_set_user_limits(png_, MaximumPngSide, MaximumPngSide);
     png_set_chunk_malloc_max(png_, MaximumPngChunkBytes);
-    png_set_keep_unknown_chunks(png_, PNG_HANDLE_CHUNK_NEVER, SkippedChunks, SkippedChunkCount);
+    png_set_keep_unknown_chunks(png_, PNG_HANDLE_CHUNK_NEVER, kSkippedChunks, kSkippedChunkCount);
     png_read_info(png_, info_);
     png_set_scale_16(png_);
     png_set_expand(png_);  // palettes, depths below 8, and transparent colours to alpha

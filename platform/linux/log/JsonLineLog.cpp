@@ -9,7 +9,7 @@ namespace quorvel::onlinux {
 namespace {
 
 // A buffer that one long message blew up is not kept, in bytes.
-constexpr std::size_t KeptLineCapacity = std::size_t{64} << 10U;
+constexpr std::size_t kKeptLineCapacity = std::size_t{64} << 10U;
 
 // Whether the byte stands for itself in a JSON string and needs no look at its neighbours.
 constexpr std::array<bool, 256> PlainBytes = [] {
@@ -97,7 +97,7 @@ void JsonLineLog::appendCommon(std::string_view facility, int level, const char*
 void JsonLineLog::finishLine() {
   line_ += "}\n";
   if (!file_.append(line_)) whole_ = false;
-  if (line_.capacity() > KeptLineCapacity) std::string().swap(line_);
+  if (line_.capacity() > kKeptLineCapacity) std::string().swap(line_);
 }
 
 }  // namespace quorvel::onlinux

@@ -21,18 +21,18 @@ namespace quorvel::onlinux {
 
 namespace {
 
-constexpr mode_t FileMode = 0644;
-constexpr mode_t DirectoryMode = 0755;
-constexpr int DirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kDirectoryMode = 0755;
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // Leaves room in a name of 255 bytes for the suffixes of lock and damaged files.
-constexpr std::size_t LongestDomain = 230;
-constexpr int MostDamagedFiles = 1000;
+constexpr std::size_t kLongestDomain = 230;
+constexpr int kMostDamagedFiles = 1000;
 
 // The file's name as a system call takes it; empty when the domain is no plain file name. The
 // bytes are judged, not the text: an escape could stand for a slash.
 std::string FileNameOf(const std::string& domain) {
   const std::string bytes = BytesOfFileSystemRepresentation(domain);
-  if (bytes.empty() || bytes == "." || bytes == ".." || bytes.size() > LongestDomain ||
+  if (bytes.empty() || bytes == "." || bytes == ".." || bytes.size() > kLongestDomain ||
       bytes.find('/') != std::string::npos || bytes.find('\0') != std::string::npos) {
     return {};
   }
@@ -56,14 +56,14 @@ bool GiveTo(int directory, int made, mode_t mode) {
 
 // Opens a child directory, creating it when it is missing.
 UniqueDescriptor EnterDirectory(int parent, const char* name) {
-  UniqueDescriptor child(OpenAt(parent, name, DirectoryFlags));
+  UniqueDescriptor child(OpenAt(parent, name, kDirectoryFlags));
   if (child || errno != ENOENT) return child;
-  const bool created = ::mkdirat(parent, name, DirectoryMode) == 0;
+  const bool created = ::mkdirat(parent, name, kDirectoryMode) == 0;
   if (!created && errno != EEXIST) return child;
-  child.reset(OpenAt(parent, name, DirectoryFlags));
+  child.reset(OpenAt(parent, name, kDirectoryFlags));
   // What is in a directory that a power cut takes away is lost with it. A failure of this flush
   // shows again when the file is flushed.
-  if (child && created && (!GiveTo(parent, child.get(), DirectoryMode) || ::fsync(parent) != 0)) {
+  if (child && created && (!GiveTo(parent, child.get(), kDirectoryMode) || ::fsync(parent) != 0)) {
     return UniqueDescriptor();
   }
   return child;
@@ -71,9 +71,9 @@ UniqueDescriptor EnterDirectory(int parent, const char* name) {
 
 UniqueDescriptor OpenOrCreateDirectory(const Path& directory) {
   const std::string text = BytesOfFileSystemRepresentation(directory.string());
-  UniqueDescriptor at(OpenAt(AT_FDCWD, text.c_str(), DirectoryFlags));
+  UniqueDescriptor at(OpenAt(AT_FDCWD, text.c_str(), kDirectoryFlags));
   if (at || errno != ENOENT) return at;
-  at.reset(OpenAt(AT_FDCWD, text.starts_with('/') ? "/" : ".", DirectoryFlags));
+  at.reset(OpenAt(AT_FDCWD, text.starts_with('/') ? "/" : ".", kDirectoryFlags));
   std::size_t begin = 0;
   while (at && begin < text.size()) {
     const std::size_t end = std::min(text.find('/', begin), text.size());
@@ -89,12 +89,12 @@ UniqueDescriptor OpenOrCreateDirectory(const Path& directory) {
 UniqueDescriptor LockFor(int directory, const std::string& fileName) {
   const std::string name = "." + fileName + ".lock";
   UniqueDescriptor lock(OpenAt(directory, name.c_str(),
-                               O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, FileMode));
+                               O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode));
   if (!lock) return lock;
   struct stat info {};
   // Every user of the directory must be able to open it.
   if (::fstat(lock.get(), &info) == 0 && info.st_uid == ::geteuid() &&
-      (info.st_mode & 07777U) != FileMode && !GiveTo(directory, lock.get(), FileMode)) {
+      (info.st_mode & 07777U) != kFileMode && !GiveTo(directory, lock.get(), kFileMode)) {
     return UniqueDescriptor();
   }
   int result = ::flock(lock.get(), LOCK_EX);
@@ -105,7 +105,7 @@ UniqueDescriptor LockFor(int directory, const std::string& fileName) {
 
 // Gives a file that was not understood a name that is free, which is told.
 bool SetAside(int directory, const std::string& fileName, std::string* newName) {
-  for (int number = 1; number <= MostDamagedFiles; ++number) {
+  for (int number = 1; number <= kMostDamagedFiles; ++number) {
     const std::string name =
         fileName + ".damaged" + (number > 1 ? "." + std::to_string(number) : std::string());
     // A second name: what replaces the file takes over whose it is. Where the file system has no

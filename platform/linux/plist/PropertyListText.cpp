@@ -18,13 +18,13 @@ namespace quorvel::onlinux {
 
 namespace {
 
-constexpr std::chrono::sys_days ReferenceDay = std::chrono::year(2001) / 1 / 1;
-constexpr std::int64_t SecondsPerDay = 86400;
+constexpr std::chrono::sys_days kReferenceDay = std::chrono::year(2001) / 1 / 1;
+constexpr std::int64_t kSecondsPerDay = 86400;
 // The first and last second whose text form others understand: years 1 to 9999.
-constexpr double FirstDateSeconds = -63'113'904'000.0;
-constexpr double LastDateSeconds = 252'423'993'599.0;
+constexpr double kFirstDateSeconds = -63'113'904'000.0;
+constexpr double kLastDateSeconds = 252'423'993'599.0;
 
-constexpr std::uint64_t SignBit = std::uint64_t{1} << 63U;
+constexpr std::uint64_t kSignBit = std::uint64_t{1} << 63U;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 std::string_view Trimmed(std::string_view text) {
@@ -91,19 +91,19 @@ std::optional<PlistValue> LargeInteger(std::string_view digits, bool hexadecimal
   return std::optional<PlistValue>(std::in_place, negative ? -real : real);
 }
 
-constexpr std::string_view Base64Alphabet =
+constexpr std::string_view kBase64Alphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr std::uint8_t Base64Space = 64;
-constexpr std::uint8_t Base64Invalid = 65;
+constexpr std::uint8_t kBase64Space = 64;
+constexpr std::uint8_t kBase64Invalid = 65;
 
 constexpr std::array<std::uint8_t, 256> MakeBase64Values() {
   std::array<std::uint8_t, 256> values{};
-  values.fill(Base64Invalid);
-  for (std::size_t i = 0; i < Base64Alphabet.size(); ++i) {
-    values[static_cast<std::uint8_t>(Base64Alphabet[i])] = static_cast<std::uint8_t>(i);
+  values.fill(kBase64Invalid);
+  for (std::size_t i = 0; i < kBase64Alphabet.size(); ++i) {
+    values[static_cast<std::uint8_t>(kBase64Alphabet[i])] = static_cast<std::uint8_t>(i);
   }
   for (const char space : {' ', '\t', '\n', '\r'}) {
-    values[static_cast<std::uint8_t>(space)] = Base64Space;
+    values[static_cast<std::uint8_t>(space)] = kBase64Space;
   }
   return values;
 }
@@ -164,7 +164,7 @@ std::optional<PlistValue> IntegerFromText(std::string_view text) {
   const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
   if (hexadecimal) text.remove_prefix(2);
   const auto magnitude = Unsigned<std::uint64_t>(text, hexadecimal ? 16 : 10);
-  if (!magnitude || (negative && *magnitude > SignBit)) {
+  if (!magnitude || (negative && *magnitude > kSignBit)) {
     return LargeInteger(text, hexadecimal, negative);
   }
   if (!negative) return std::optional<PlistValue>(std::in_place, *magnitude);
@@ -203,19 +203,19 @@ std::optional<PlistDate> DateFromText(std::string_view text) {
   const auto date = std::chrono::year_month_day(std::chrono::year(static_cast<int>(*year)),
                                                 std::chrono::month(*month), std::chrono::day(*day));
   if (!date.ok() || *hour > 23 || *minute > 59 || *second > 59) return std::nullopt;
-  const std::int64_t days = (std::chrono::sys_days(date) - ReferenceDay).count();
+  const std::int64_t days = (std::chrono::sys_days(date) - kReferenceDay).count();
   return PlistDate{
-      static_cast<double>(days * SecondsPerDay + *hour * 3600 + *minute * 60 + *second)};
+      static_cast<double>(days * kSecondsPerDay + *hour * 3600 + *minute * 60 + *second)};
 }
 
 std::string TextFromDate(PlistDate date) {
   const double wanted = std::isnan(date.seconds) ? 0.0 : std::floor(date.seconds);
-  const double kept = std::clamp(wanted, FirstDateSeconds, LastDateSeconds);
+  const double kept = std::clamp(wanted, kFirstDateSeconds, kLastDateSeconds);
   const auto seconds = static_cast<std::int64_t>(kept);
   // Rounded towards the past, as remainders of a negative number of seconds need it.
-  const std::int64_t days = seconds / SecondsPerDay - (seconds % SecondsPerDay < 0 ? 1 : 0);
-  const auto inDay = static_cast<int>(seconds - days * SecondsPerDay);
-  const std::chrono::year_month_day civil(ReferenceDay + std::chrono::days(days));
+  const std::int64_t days = seconds / kSecondsPerDay - (seconds % kSecondsPerDay < 0 ? 1 : 0);
+  const auto inDay = static_cast<int>(seconds - days * kSecondsPerDay);
+  const std::chrono::year_month_day civil(kReferenceDay + std::chrono::days(days));
   char text[64];
   std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(civil.year()),
                 static_cast<unsigned>(civil.month()), static_cast<unsigned>(civil.day()),
@@ -231,8 +231,8 @@ std::optional<PlistData> DataFromText(std::string_view text) {
   unsigned digits = 0;
   for (const char character : text) {
     const std::uint8_t value = Base64Values[static_cast<std::uint8_t>(character)];
-    if (value == Base64Space) continue;
-    if (value == Base64Invalid) return std::nullopt;
+    if (value == kBase64Space) continue;
+    if (value == kBase64Invalid) return std::nullopt;
     group = group << 6U | value;
     if (++digits < 4) continue;
     data.push_back(static_cast<std::uint8_t>(group >> 16U));
@@ -256,7 +256,7 @@ void AppendBase64(std::vector<std::uint8_t>& out, const std::uint8_t* bytes, std
     std::uint32_t group = 0;
     for (std::size_t i = 0; i < 3; ++i) group = group << 8U | (i < left ? bytes[at + i] : 0U);
     for (unsigned i = 0; i < 4; ++i) {
-      const char digit = i <= left ? Base64Alphabet[group >> (18 - 6 * i) & 63U] : '=';
+      const char digit = i <= left ? kBase64Alphabet[group >> (18 - 6 * i) & 63U] : '=';
       out.push_back(static_cast<std::uint8_t>(digit));
     }
   }

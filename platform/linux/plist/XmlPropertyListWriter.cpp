@@ -12,8 +12,8 @@ namespace quorvel::onlinux {
 namespace {
 
 // Deeper lines are not indented further: the text stays in proportion to the value.
-constexpr std::size_t MaximalIndentation = 32;
-constexpr std::size_t DataBytesPerLine = 57;
+constexpr std::size_t kMaximalIndentation = 32;
+constexpr std::size_t kDataBytesPerLine = 57;
 
 class XmlWriter {
  public:
@@ -100,9 +100,9 @@ class XmlWriter {
   void writeData(const PlistData& data) {
     if (data.size() > PropertyListSizeLimit) return fail("it is too large");
     writePlain("<data>\n");
-    for (std::size_t at = 0; at < data.size(); at += DataBytesPerLine) {
+    for (std::size_t at = 0; at < data.size(); at += kDataBytesPerLine) {
       indent();
-      AppendBase64(out_, data.data() + at, std::min(DataBytesPerLine, data.size() - at));
+      AppendBase64(out_, data.data() + at, std::min(kDataBytesPerLine, data.size() - at));
       append("\n");
     }
     writePlain("</data>\n");
@@ -167,7 +167,7 @@ class XmlWriter {
   }
 
   void indent() {
-    const std::size_t tabs = std::min(frames_.size(), MaximalIndentation);
+    const std::size_t tabs = std::min(frames_.size(), kMaximalIndentation);
     out_.insert(out_.end(), tabs, static_cast<std::uint8_t>('\t'));
   }
 

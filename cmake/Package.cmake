@@ -9,7 +9,7 @@ set(headers ${CMAKE_INSTALL_INCLUDEDIR}/quorvel)
 install(DIRECTORY shared DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
   PATTERN ConfigurationForRoot.h EXCLUDE PATTERN Services.h EXCLUDE)
 install(DIRECTORY platform DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
-  PATTERN linux EXCLUDE PATTERN UniqueDescriptor.h EXCLUDE)
+  PATTERN linux EXCLUDE PATTERN UniqueDescriptor.h EXCLUDE PATTERN WriteWhole.h EXCLUDE)
 
 install(TARGETS quorvel quorvel_platform EXPORT quorvel
   LIBRARY COMPONENT library NAMELINK_COMPONENT library

@@ -15,6 +15,7 @@
 
 #include "host/console/TerminalText.h"
 #include "platform/Error.h"
+#include "platform/Path.h"
 #include "platform/linux/files/FileSystemLinux.h"
 
 namespace quorvel::host {
@@ -27,11 +28,6 @@ std::string PathOf(int descriptor) {
   char path[PATH_MAX];
   const ssize_t length = ::readlink(DescriptorPath(descriptor).c_str(), path, sizeof path);
   return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : std::string();
-}
-
-std::string ParentOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 // mountinfo writes blanks and the like as \ooo.

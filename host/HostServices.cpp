@@ -1,14 +1,10 @@
 // Puts the Linux services together and opens the logs.
 #include "host/HostServices.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <optional>
 #include <vector>
 
-#include "host/console/TerminalText.h"
+#include "host/console/Output.h"
 #include "platform/DeviceNames.h"
 #include "platform/linux/log/DeviceLog.h"
 #include "platform/linux/log/JsonLineLog.h"
@@ -70,15 +66,9 @@ HostServices::HostServices(DeviceAccess access) : services_(std::make_unique<Ser
 HostServices::~HostServices() { QVInstallPlatformServices(nullptr); }
 
 bool HostServices::openLog(const std::string& file, FatalError& error) {
-  // Not blocking, so that a pipe without a reader is refused at once.
-  UniqueDescriptor descriptor(::open(
-      file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644));
-  if (!descriptor) {
-    return Fail(error, ExitUsage, Printable(file) + ": " + ErrnoDescription(errno),
-                "Name a file that can be written with --log");
-  }
-  (void)::fcntl(descriptor.get(), F_SETFL, O_APPEND);
-  services_->jsonLog.emplace(std::move(descriptor));
+  UniqueDescriptor opened = OpenLogFile(file, error);
+  if (!opened) return false;
+  services_->jsonLog.emplace(std::move(opened));
   services_->hostSinks.push_back(&*services_->jsonLog);
   services_->sinks.push_back(&*services_->jsonLog);
   return true;

@@ -19,6 +19,7 @@
 #include "host/preflight/SpaceNeeds.h"
 #include "platform/DeviceNames.h"
 #include "platform/Error.h"
+#include "platform/Path.h"
 #include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/plist/BundleReaderLinux.h"
 #include "platform/linux/plist/PropertyListFiles.h"
@@ -37,11 +38,6 @@ const std::string kHarborMap = kHome + "Library/Quorvel/" + HarborMapName;
 
 // The registry is used by one process at a time; one that is in use now is in use by a stranger.
 constexpr int kRegistryWaitMilliseconds = 1000;
-
-std::string ParentOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
 
 // The directory, or the deepest one that is there of the way to it.
 std::string NearestDirectory(std::string path) {

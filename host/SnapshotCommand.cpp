@@ -15,17 +15,12 @@
 #include "host/console/Output.h"
 #include "host/console/TerminalText.h"
 #include "host/proof/Snapshot.h"
+#include "platform/Path.h"
 #include "platform/linux/system/Sha256Linux.h"
 
 namespace quorvel::host {
 
 namespace {
-
-std::string ParentOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 // Standard output where no file is named. A manifest in the tree would change what it is about.
 bool OpenOutput(const DeviceRoot& root, const Options& options, UniqueDescriptor& file,

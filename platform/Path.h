@@ -12,6 +12,13 @@
 
 namespace quorvel {
 
+// The directory above an item, of a path as text or as bytes; "." for a plain name.
+inline std::string ParentOf(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return ".";
+  return std::string(path.substr(0, slash == 0 ? 1 : slash));
+}
+
 class Path {
  public:
   enum class Kind { file, directory };

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/console/Json.h"
+#include "host/console/TerminalText.h"
 #include "platform/Error.h"
 
 namespace quorvel::host {
@@ -23,14 +24,17 @@ void PrepareStandardStreams() {
   }
 }
 
-int WriteWhole(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(descriptor, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    text.remove_prefix(static_cast<std::size_t>(written));
+UniqueDescriptor OpenLogFile(const std::string& file, FatalError& error) {
+  // Not blocking, so that a pipe without a reader is refused at once.
+  UniqueDescriptor log(::open(
+      file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644));
+  if (!log) {
+    Fail(error, ExitUsage, Printable(file) + ": " + ErrnoDescription(errno),
+         "Name a file that can be written with --log");
+    return log;
   }
-  return 0;
+  (void)::fcntl(log.get(), F_SETFL, O_APPEND);
+  return log;
 }
 
 int WriteResult(std::string_view text, int code) {

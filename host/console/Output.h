@@ -1,9 +1,12 @@
 // The process's standard streams: what is written there arrives whole, or that is noticed.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "host/console/ExitCode.h"
+#include "platform/UniqueDescriptor.h"
+#include "platform/WriteWhole.h"
 
 namespace quorvel::host {
 
@@ -12,8 +15,8 @@ namespace quorvel::host {
 // write instead of the end of the process.
 void PrepareStandardStreams();
 
-// Writes everything; 0, or the error number. Any thread.
-int WriteWhole(int descriptor, std::string_view text);
+// Opens the file that --log names, or makes it, to append to. None with the error otherwise.
+UniqueDescriptor OpenLogFile(const std::string& file, FatalError& error);
 
 // Writes a command's result to standard output. `code`, or ExitFailed with a message on standard
 // error when the result could not be written.

@@ -115,18 +115,6 @@ std::string CutEnd(std::string_view printable, std::size_t columns) {
   return std::string(printable.substr(0, kept)).append(Ellipsis);
 }
 
-std::string CutStart(std::string_view printable, std::size_t columns) {
-  std::size_t width = DisplayWidth(printable);
-  if (width <= columns) return std::string(printable);
-  if (columns == 0) return {};
-  while (width > columns - 1) {
-    const std::size_t length = FrontLength(printable);
-    width -= WidthOf(printable.substr(0, length));
-    printable.remove_prefix(length);
-  }
-  return std::string(Ellipsis).append(printable);
-}
-
 std::string Padded(std::string_view printable, std::size_t columns) {
   std::string out(printable);
   const std::size_t width = DisplayWidth(printable);

@@ -16,10 +16,8 @@ std::string Printable(std::string_view text);
 // Columns that a printable text takes. The process's LC_CTYPE must be a UTF-8 one.
 std::size_t DisplayWidth(std::string_view printable);
 
-// The text cut to at most `columns`: its beginning, or its end (what tells paths apart), with "…"
-// for what is missing.
+// The beginning of the text, at most `columns` of it, with "…" for what is missing.
 std::string CutEnd(std::string_view printable, std::size_t columns);
-std::string CutStart(std::string_view printable, std::size_t columns);
 
 // The text and blanks up to `columns`; never cut.
 std::string Padded(std::string_view printable, std::size_t columns);

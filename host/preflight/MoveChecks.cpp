@@ -35,11 +35,6 @@ bool Holds(const Names& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-std::string ParentOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 }  // namespace
 
 MoveChecks::MoveChecks(Findings& findings, SpaceNeeds& needs)

@@ -2,9 +2,9 @@
 #include <cerrno>
 
 #include "platform/BundleReader.h"
+#include "shared/configuration/InfoPlist.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"
-#include "shared/support/InfoPlist.h"
 #include "shared/support/Logging.h"
 
 namespace quorvel {

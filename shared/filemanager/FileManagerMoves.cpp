@@ -53,12 +53,6 @@ bool FailMove(const Path& source, const Path& destination, int number, Error* er
                        destination);
 }
 
-std::string ParentOf(const Path& path) {
-  const std::string& text = path.string();
-  const std::size_t slash = text.rfind('/');
-  return slash == std::string::npos || slash == 0 ? "/" : text.substr(0, slash);
-}
-
 bool IsDirectory(const FileSystemRepresentation& path) {
   struct stat info {};
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -71,7 +65,7 @@ constexpr mode_t kRemainMode = 0700;
 // taken for somebody else's and kept. False with the Error when none can be made.
 bool MakeRemain(QVFileManager& manager, const Path& source, Path* made, Error* error) {
   constexpr int kMostRemains = 100;
-  const Path parent = Path::directory(ParentOf(source));
+  const Path parent = Path::directory(ParentOf(source.string()));
   for (int number = 1; number <= kMostRemains; ++number) {
     *made = parent.childDirectory(std::string(MoveRemainPrefix) + std::to_string(number));
     const FileSystemRepresentation path = made->fileSystemRepresentation();
@@ -105,7 +99,7 @@ bool RemoveMoveSource(QVFileManager& manager, const Path& source, Path* rest, Er
   }
   *rest = doomed;
   return manager.syncDirectoryAtURL(remain, error) &&
-         manager.syncDirectoryAtURL(Path::directory(ParentOf(source)), error) &&
+         manager.syncDirectoryAtURL(Path::directory(ParentOf(source.string())), error) &&
          manager.removeItemAtURL(remain, error);
 }
 

@@ -452,9 +452,6 @@ TEST(TerminalTextTest, HarmlessAndMeasured) {
                          "e\xcc\x81"),
             4U);
   EXPECT_EQ(CutEnd("\xe6\xbc\xa2\xe6\xbc\xa2x", 4), "\xe6\xbc\xa2\xe2\x80\xa6");
-  EXPECT_EQ(CutStart("abcdef", 4),
-            "\xe2\x80\xa6"
-            "def");
   EXPECT_EQ(CutEnd("abc", 0), "");
 }
 

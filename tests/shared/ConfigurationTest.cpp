@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "shared/configuration/ConfigurationForRoot.h"
+#include "shared/configuration/InfoPlist.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
-#include "shared/support/InfoPlist.h"
 #include "tests/support/FakeHardwareRegistry.h"
 #include "tests/support/FakePreferencesStore.h"
 #include "tests/support/FaultWrappers.h"

@@ -4,8 +4,8 @@
 #include <new>
 
 #include "platform/linux/system/Sha256Linux.h"
+#include "shared/configuration/InfoPlist.h"
 #include "shared/support/Digest.h"
-#include "shared/support/InfoPlist.h"
 #include "tests/shared/FileManagerFixture.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <set>
 #include <thread>
 
+#include "shared/configuration/InfoPlist.h"
 #include "shared/support/Errors.h"
-#include "shared/support/InfoPlist.h"
 #include "shared/support/PathStrings.h"
 #include "shared/support/Values.h"
 #include "tests/support/FaultWrappers.h"

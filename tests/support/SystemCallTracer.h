@@ -67,6 +67,7 @@ inline bool ChangesSomething(const TracedCall& call) {
 inline bool LooksAtFiles(const TracedCall& call) {
   static constexpr auto calls = std::to_array<long>({
       SYS_newfstatat,
+      SYS_openat2,
       SYS_statx,
       SYS_getdents64,
       SYS_read,

@@ -85,16 +85,6 @@ TEST(SerialTaskQueue, TakesJobsFromManyThreadsAndDropsWhatAJobHoldsWithIt) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST(CpuUsageMonitorLinux, KeepsTheStateOfEachProcess) {
-  CpuUsageMonitorLinux monitor;
-  monitor.switchOff(::getpid());
-  monitor.switchOff(::getpid());
-  EXPECT_TRUE(monitor.isSwitchedOff(::getpid()));
-  EXPECT_FALSE(monitor.isSwitchedOff(1));
-  monitor.restoreDefaults(::getpid());
-  EXPECT_FALSE(monitor.isSwitchedOff(::getpid()));
-}
-
 // A child that sets the message with standard error on a pipe, stops, and aborts when continued.
 struct CrashingChild {
   pid_t pid = -1;

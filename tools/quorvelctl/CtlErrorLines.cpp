@@ -27,8 +27,8 @@ void ErrorLines::write(const LogHandle* /*handle*/, int level, const char* funct
 void ErrorLines::flush() {
   const std::optional<std::string> line = take();
   if (line) {
-    (void)host::WriteWhole(STDERR_FILENO,
-                           "quorvelctl: " + command_ + ": " + host::Printable(*line) + "\n");
+    (void)WriteWhole(STDERR_FILENO,
+                     "quorvelctl: " + command_ + ": " + host::Printable(*line) + "\n");
   }
 }
 

@@ -1,7 +1,6 @@
 // Enters the tree, installs the services and writes the result.
 #include "tools/quorvelctl/CtlSession.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -141,15 +140,8 @@ bool Session::open(Access access, FatalError& error) {
 
 bool Session::openLog(FatalError& error) {
   if (options_.logFile.empty()) return true;
-  // Not blocking, so that a pipe without a reader is refused at once.
-  UniqueDescriptor file(::open(options_.logFile.c_str(),
-                               O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
-                               0644));
-  if (!file) {
-    return Fail(error, ExitUsage, Printable(options_.logFile) + ": " + ErrnoDescription(errno),
-                "Name a file that can be written with --log");
-  }
-  (void)::fcntl(file.get(), F_SETFL, O_APPEND);
+  UniqueDescriptor file = host::OpenLogFile(options_.logFile, error);
+  if (!file) return false;
   services_->jsonLog.emplace(std::move(file));
   return true;
 }
@@ -195,13 +187,13 @@ int Session::finish(const Json& object, int code) {
 
 int Session::finishBytes(std::string_view bytes, int code) {
   errorLines_.flush();
-  const int failure = host::WriteWhole(STDOUT_FILENO, bytes);
+  const int failure = WriteWhole(STDOUT_FILENO, bytes);
   if (failure == 0) return code;
-  (void)host::WriteWhole(STDERR_FILENO,
-                         "quorvelctl: " + options_.command +
-                             ": standard output: " + ErrnoDescription(failure) + "\n" +
-                             (code == ExitSucceeded ? "The command itself succeeded.\n"
-                                                    : "The command itself failed, too.\n"));
+  (void)WriteWhole(STDERR_FILENO,
+                   "quorvelctl: " + options_.command +
+                       ": standard output: " + ErrnoDescription(failure) + "\n" +
+                       (code == ExitSucceeded ? "The command itself succeeded.\n"
+                                              : "The command itself failed, too.\n"));
   return ExitFailed;
 }
 
@@ -213,8 +205,8 @@ int Session::succeed() {
 }
 
 int Session::failWith(Json object, const std::string& lines) {
-  (void)host::WriteWhole(STDERR_FILENO, lines);
-  if (options_.json) (void)host::WriteWhole(STDOUT_FILENO, host::JsonLine(object));
+  (void)WriteWhole(STDERR_FILENO, lines);
+  if (options_.json) (void)WriteWhole(STDOUT_FILENO, host::JsonLine(object));
   return object["exitCode"].get<int>();
 }
 
@@ -253,11 +245,11 @@ void Session::dropLineOf(const Error& error) {
 
 void Session::note(const Error& error) {
   dropLineOf(error);
-  (void)host::WriteWhole(STDERR_FILENO, ErrorText(options_.command, error));
+  (void)WriteWhole(STDERR_FILENO, ErrorText(options_.command, error));
 }
 
 void Session::note(const std::string& reason) {
-  (void)host::WriteWhole(STDERR_FILENO, ReasonText(options_.command, reason));
+  (void)WriteWhole(STDERR_FILENO, ReasonText(options_.command, reason));
 }
 
 std::string Session::loggedReason(const std::string& otherwise) {

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/WriteWhole.h"
 #include "platform/linux/files/PosixFailure.h"
 
 namespace quorvel::onlinux {
@@ -90,15 +91,6 @@ UniqueDescriptor CreateTemporary(int directory, const char* name, mode_t mode) {
   }
 }
 
-bool WriteAll(int file, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = Uninterrupted([&] { return ::write(file, bytes.data(), bytes.size()); });
-    if (count < 0) return false;
-    bytes = bytes.subspan(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
 bool Flush(int file) {
   return Uninterrupted([&] { return ::fsync(file); }) == 0;
 }
@@ -150,7 +142,8 @@ const char* Replace(int directory, const std::string& name, std::span<const std:
   const char* failed = nullptr;
   if (takesOver && !TakeOver(directory, name, file.get())) {
     failed = "Taking over the owner and mode";
-  } else if (!WriteAll(file.get(), bytes)) {
+  } else if (WriteWhole(file.get(), {reinterpret_cast<const char*>(bytes.data()), bytes.size()}) !=
+             0) {
     failed = "Writing";
   } else if (durability == Durability::contentFirst && !Flush(file.get())) {
     failed = "Flushing";

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Path.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/PosixFailure.h"
 
@@ -23,12 +24,6 @@ constexpr std::uint32_t kCopyFlags = CLONETREE_DATA_STAT_XATTR_ACL | CLONETREE_R
 std::string WithoutTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
-}
-
-std::string ParentOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 // The hidden sibling ".<name>.<suffix>"; a name too long for that is told by its hash.

@@ -19,7 +19,9 @@ namespace {
 constexpr int kMostLinks = 40;  // as the kernel
 // The kernel gives up, to be asked again, when something moves while it looks at "..".
 constexpr int kMostAttempts = 64;
-constexpr int kPin = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kPin = O_PATH | O_CLOEXEC;
+// Not blocking: a FIFO without a writer would hold up the opening for ever.
+constexpr int kRead = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
 // What is left of the way, the next component last.
 using Components = std::vector<std::string>;
@@ -43,12 +45,79 @@ int ReadLinkAt(int link, std::string* text) {
   return 0;
 }
 
-}  // namespace
+UniqueDescriptor OpenAt(int directory, const char* name, int flags) {
+  for (;;) {
+    UniqueDescriptor item(::openat(directory, name, flags));
+    if (item || errno != EINTR) return item;
+  }
+}
 
-int ReachBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
+// Component by component: `flags` are for the last, which the walk opens when it is no link.
+class Walk {
+ public:
+  Walk(std::string_view relative, int flags) : flags_(flags) { Prepend(relative, rest_); }
+
+  int run(int base, UniqueDescriptor* item) {
+    way_.push_back(OpenAt(base, ".", flags_ | O_DIRECTORY));
+    if (!way_.back()) return errno;
+    while (!rest_.empty()) {
+      const std::string name = std::move(rest_.back());
+      rest_.pop_back();
+      const int number = step(name);
+      if (number != 0) return number;
+    }
+    *item = std::move(way_.back());
+    return 0;
+  }
+
+ private:
+  int step(const std::string& name) {
+    struct stat here;
+    if (::fstat(way_.back().get(), &here) != 0) return errno;
+    if (!S_ISDIR(here.st_mode)) return ENOTDIR;
+    if (name == ".") return 0;
+    if (name == "..") {
+      if (way_.size() == 1) return EXDEV;
+      way_.pop_back();
+      return 0;
+    }
+    UniqueDescriptor next = OpenAt(way_.back().get(), name.c_str(), kPin | O_NOFOLLOW);
+    struct stat info;
+    if (!next || ::fstat(next.get(), &info) != 0) return errno;
+    if (S_ISLNK(info.st_mode)) return follow(next.get());
+    if (rest_.empty() && flags_ != kPin) {
+      next = OpenAt(way_.back().get(), name.c_str(), flags_ | O_NOFOLLOW);
+      if (!next) return errno;
+    }
+    way_.push_back(std::move(next));
+    return 0;
+  }
+
+  int follow(int link) {
+    std::string text;
+    const int number = ReadLinkAt(link, &text);
+    if (number != 0) return number;
+    if (++links_ > kMostLinks) return ELOOP;
+    if (text.starts_with('/')) return EXDEV;
+    Prepend(text, rest_);
+    return 0;
+  }
+
+  const int flags_;
+  Components rest_;
+  // The way from the base down to where the walk is: going up is going back on it.
+  std::vector<UniqueDescriptor> way_;
+  int links_ = 0;
+};
+
+int WalkWith(int flags, int base, std::string_view relative, UniqueDescriptor* item) {
+  return relative.starts_with('/') ? EXDEV : Walk(relative, flags).run(base, item);
+}
+
+int ReachWith(int flags, int base, std::string_view relative, UniqueDescriptor* item) {
   const std::string path(relative.empty() ? "." : relative);
   open_how how{};
-  how.flags = O_PATH | O_CLOEXEC;
+  how.flags = static_cast<unsigned>(flags);
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
   for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
     const long opened = ::syscall(SYS_openat2, base, path.c_str(), &how, sizeof how);
@@ -56,48 +125,31 @@ int ReachBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
       item->reset(static_cast<int>(opened));
       return 0;
     }
-    if (errno == ENOSYS || errno == EPERM) return WalkBeneath(base, relative, item);
+    // Early kernels do not know the question, and some filters refuse it.
+    if (errno == ENOSYS || errno == EPERM) return WalkWith(flags, base, relative, item);
     if (errno != EAGAIN && errno != EINTR) return errno;
   }
   return EAGAIN;
 }
 
+}  // namespace
+
+int ReachBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
+  return ReachWith(kPin, base, relative, item);
+}
+
 int WalkBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
-  if (relative.starts_with('/')) return EXDEV;
-  Components rest;
-  Prepend(relative, rest);
-  // The way from the base down to where the walk is: going up is going back on it.
-  std::vector<UniqueDescriptor> way;
-  way.emplace_back(::openat(base, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!way.back()) return errno;
-  for (int links = 0; !rest.empty();) {
-    const std::string name = std::move(rest.back());
-    rest.pop_back();
-    struct stat here;
-    if (::fstat(way.back().get(), &here) != 0) return errno;
-    if (!S_ISDIR(here.st_mode)) return ENOTDIR;
-    if (name == ".") continue;
-    if (name == "..") {
-      if (way.size() == 1) return EXDEV;
-      way.pop_back();
-      continue;
-    }
-    UniqueDescriptor next(::openat(way.back().get(), name.c_str(), kPin));
-    struct stat info;
-    if (!next || ::fstat(next.get(), &info) != 0) return errno;
-    if (!S_ISLNK(info.st_mode)) {
-      way.push_back(std::move(next));
-      continue;
-    }
-    std::string text;
-    const int number = ReadLinkAt(next.get(), &text);
-    if (number != 0) return number;
-    if (++links > kMostLinks) return ELOOP;
-    if (text.starts_with('/')) return EXDEV;
-    Prepend(text, rest);
-  }
-  *item = std::move(way.back());
-  return 0;
+  return WalkWith(kPin, base, relative, item);
+}
+
+UniqueDescriptor OpenBeneath(int directory, const std::string& name) {
+  // Nearly always no link, and then one call.
+  UniqueDescriptor file = OpenAt(directory, name.c_str(), kRead | O_NOFOLLOW);
+  if (file || errno != ELOOP) return file;
+  const int number = ReachWith(kRead, directory, name, &file);
+  // Behind a link nothing is said about the name that was asked for.
+  if (number != 0) errno = number == ENOENT || number == ENOTDIR ? ELOOP : number;
+  return file;
 }
 
 }  // namespace quorvel::onlinux

@@ -1,6 +1,7 @@
 // Reaches an item below a directory without ever leaving that directory.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "platform/UniqueDescriptor.h"
@@ -14,5 +15,10 @@ namespace quorvel::onlinux {
 int ReachBeneath(int base, std::string_view relative, UniqueDescriptor* item);
 // The same without the kernel's help, which early ones and some filters refuse.
 int WalkBeneath(int base, std::string_view relative, UniqueDescriptor* item);
+
+// Opens a file of the directory to read; `name` is a plain file name. Links are followed as above.
+// No descriptor with errno: ENOENT only when there is nothing of that name, EXDEV for a link that
+// leads out, ELOOP for one that leads nowhere or in a circle. May throw std::bad_alloc.
+UniqueDescriptor OpenBeneath(int directory, const std::string& name);
 
 }  // namespace quorvel::onlinux

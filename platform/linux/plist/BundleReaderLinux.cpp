@@ -10,8 +10,8 @@
 #include "platform/DeviceNames.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/AtomicFile.h"
-#include "platform/linux/files/OpenBeneath.h"
 #include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/files/ReachBeneath.h"
 #include "platform/linux/plist/PropertyList.h"
 #include "platform/linux/plist/PropertyListFiles.h"
 

@@ -14,7 +14,9 @@
 
 #include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
+#include "platform/Path.h"
 #include "platform/UniqueDescriptor.h"
+#include "platform/WriteWhole.h"
 #include "platform/linux/files/DurableDirectory.h"
 #include "platform/linux/files/MoveTree.h"
 #include "platform/linux/files/PosixFailure.h"
@@ -26,8 +28,6 @@ namespace {
 using Kind = InstallStep::Kind;
 
 constexpr unsigned char PlaceholderMark[4] = {1, 0, 0, 0};
-
-std::string ParentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 bool Fail(const std::string& path, Error* error) {
   return SetError(error, PosixFailure(errno, path));
@@ -56,15 +56,6 @@ bool RemoveEmptyDirectory(const std::string& path, Error* error) {
   static constexpr int harmless[] = {ENOENT, ENOTDIR, ENOTEMPTY, EEXIST, EBUSY};
   if (std::find(std::begin(harmless), std::end(harmless), errno) != std::end(harmless)) return true;
   return Fail(path, error);
-}
-
-bool WriteAll(int descriptor, const std::string& data) {
-  for (std::size_t written = 0; written < data.size();) {
-    const ssize_t count = ::write(descriptor, data.data() + written, data.size() - written);
-    if (count < 0 && errno != EINTR) return false;
-    if (count > 0) written += static_cast<std::size_t>(count);
-  }
-  return true;
 }
 
 // Takes everything of the identifier out of the intent. Containers that were to be its own are
@@ -228,7 +219,8 @@ bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
   // In a container of our own: what has the name is an earlier attempt.
   const UniqueDescriptor file(::open(FileSystemRepresentation(step.target).c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
-  const bool written = file && ::fchmod(file.get(), 0644) == 0 && WriteAll(file.get(), step.data);
+  const bool written =
+      file && ::fchmod(file.get(), 0644) == 0 && WriteWhole(file.get(), step.data) == 0;
   return written || Fail(step.target, error);
 }
 

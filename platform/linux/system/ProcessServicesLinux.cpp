@@ -64,21 +64,6 @@ void SerialTaskQueue::run() {
   }
 }
 
-void CpuUsageMonitorLinux::switchOff(pid_t process) {
-  const std::lock_guard lock(mutex_);
-  switchedOff_.insert(process);
-}
-
-void CpuUsageMonitorLinux::restoreDefaults(pid_t process) {
-  const std::lock_guard lock(mutex_);
-  switchedOff_.erase(process);
-}
-
-bool CpuUsageMonitorLinux::isSwitchedOff(pid_t process) const {
-  const std::lock_guard lock(mutex_);
-  return switchedOff_.contains(process);
-}
-
 void CrashReportMessageLinux::set(const char* text) {
   // The record first: it is complete even when standard error cannot be written.
   quorvel_crash_report_message.message.store(reinterpret_cast<std::uintptr_t>(text));

@@ -8,7 +8,6 @@
 #include <functional>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -54,20 +53,13 @@ class SerialTaskQueue final : public TaskQueue {
   std::thread thread_;  // last: started when all else is there
 };
 
-// Keeps the state that the calls ask for and changes nothing: Linux has no watch over a process's
-// processor usage that an unprivileged process could switch. (A limit on processor time is no
-// substitute: it counts from the process's start, so that setting it back after a long
-// computation would end the process at once.) Any thread may call.
+// Does nothing: Linux has no watch over a process's processor usage that an unprivileged process
+// could switch. (A limit on processor time is no substitute: it counts from the process's start, so
+// that setting it back after a long computation would end the process at once.)
 class CpuUsageMonitorLinux final : public CpuUsageMonitor {
  public:
-  void switchOff(pid_t process) override;
-  void restoreDefaults(pid_t process) override;
-
-  bool isSwitchedOff(pid_t process) const;
-
- private:
-  mutable std::mutex mutex_;
-  std::set<pid_t> switchedOff_;
+  void switchOff(pid_t /*process*/) override {}
+  void restoreDefaults(pid_t /*process*/) override {}
 };
 
 // Where a core handler or supervisor finds the message: the symbol quorvel_crash_report_message,

@@ -3,12 +3,12 @@
 #include <cstdlib>
 #include <string>
 
+#include "shared/configuration/InfoPlist.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Digest.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Format.h"
-#include "shared/support/InfoPlist.h"
 #include "shared/support/Logging.h"
 #include "shared/support/PathStrings.h"
 #include "shared/support/Platform.h"

@@ -1,5 +1,5 @@
 // One lock around all reading of bundles in the process.
-#include "shared/support/InfoPlist.h"
+#include "shared/configuration/InfoPlist.h"
 
 #include <mutex>
 #include <new>

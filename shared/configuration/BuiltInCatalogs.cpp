@@ -40,6 +40,8 @@ void InsertIdentifiers(const QVBundleMap* map, std::set<std::string>& identifier
 
 }  // namespace
 
+// Links are passed over: a catalog must not hold one bundle under two paths. The extension is
+// compared byte by byte, as on every other way that a bundle is found.
 std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::_bundleIDMapForBundlesInDirectory(
     const Path& directory, const std::string& extension) {
   Error error;
@@ -63,6 +65,8 @@ std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::_bundleIDMapForAppsInD
   return _bundleIDMapForBundlesInDirectory(directory, "app");
 }
 
+// A directory that is missing now may be there at the next call, so that only a map is remembered.
+// The lock is held while it is scanned: a second thread waits for the map instead of scanning too.
 std::shared_ptr<const QVBundleMap> QVGlobalConfiguration::_appMap(
     std::shared_ptr<const QVBundleMap>& member, Path (QVGlobalConfiguration::*directory)()) {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
@@ -106,6 +110,8 @@ std::set<std::string> QVGlobalConfiguration::builtInApplicationBundleIDs() noexc
   return identifiers;
 }
 
+// The frameworks are discarded with the system and with the internal apps, since they come from
+// both images. Maps that were given out live on with whoever has them.
 void QVGlobalConfiguration::reScanSystemApps() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   _systemAppBundleIDToInfoMap.reset();

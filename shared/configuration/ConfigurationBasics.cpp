@@ -15,6 +15,7 @@ constexpr const char* kInit = "-[QVGlobalConfiguration init]";
 // Shared by the legacy and the current layout, under different bases.
 constexpr const char* kDataDirectoryName = "Library/Quorvel";
 
+// One scope alone: what is set for any host, or for any user, is not meant for this device.
 std::optional<PlistValue> Preference(const char* key) {
   PreferencesStore* preferences = FindService(kPreferences);
   if (preferences == nullptr) return std::nullopt;
@@ -37,11 +38,14 @@ std::optional<long> IntegerValue(const PlistValue& value) {
 
 }  // namespace
 
+// Never destroyed: a thread that outlives main() must not read freed paths, from which removals are
+// made. The language guards the creation.
 QVGlobalConfiguration& QVGlobalConfiguration::sharedInstance() noexcept {
   static QVGlobalConfiguration& instance = *new QVGlobalConfiguration(Path::directory("/"));
   return instance;
 }
 
+// Preferences first, as they are read once and told in the log before anything else happens.
 QVGlobalConfiguration::QVGlobalConfiguration(const Path& root) {
   _readPreferences();
   _quorveldPath = root.childDirectory(DaemonDirectory);
@@ -49,6 +53,8 @@ QVGlobalConfiguration::QVGlobalConfiguration(const Path& root) {
   _rootPath = root;
 }
 
+// A value of another type counts as absent. The two checks are skipped by a true boolean alone and
+// the priority is raised by a false one: a number or a text that happens to say so is no decision.
 void QVGlobalConfiguration::_readPreferences() {
   if (Preference(LowerInstallPriorityKey) == PlistValue(false)) {
     _lowerInstallPriority = false;
@@ -107,6 +113,7 @@ std::vector<std::string> QVGlobalConfiguration::appUserDataItemNames() const noe
   return {UserDataItemNames.begin(), UserDataItemNames.end()};
 }
 
+// Not destroyed either, for the same reason as the shared instance.
 const std::set<std::string>& QVGlobalConfiguration::installationBlacklist() const noexcept {
   static const std::set<std::string>& blacklist =
       *new std::set<std::string>{"com.velto.Kyo6Updater"};

@@ -96,6 +96,8 @@ std::optional<std::string> QVGlobalConfiguration::_firstMountPointBelow(Hardware
   }
 }
 
+// Below the controller there is one child for each image: the drive itself, or a hub above it. What
+// cannot be walked costs its own image, in silence, as it may be on its way out.
 std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() noexcept {
   std::vector<std::string> mountPoints;
   if (FindService(kHardware) == nullptr) return mountPoints;
@@ -121,6 +123,8 @@ std::vector<std::string> QVGlobalConfiguration::diskImageMountPoints() noexcept 
   }
 }
 
+// The developer directory is among them although it may be no mount point, and only once: it may be
+// one as well.
 std::vector<Path> QVGlobalConfiguration::diskImageApplicationsDirectories() noexcept {
   const Path developerApps = developerAppsDirectory();
   std::vector<Path> directories;
@@ -135,6 +139,8 @@ std::vector<Path> QVGlobalConfiguration::diskImageApplicationsDirectories() noex
   return directories;
 }
 
+// An identifier that several images have is the later one's, as the images were attached in that
+// order.
 QVBundleMap QVGlobalConfiguration::diskImageAppBundleIDToInfoMap() noexcept {
   QVBundleMap apps;
   for (const Path& directory : diskImageApplicationsDirectories()) {

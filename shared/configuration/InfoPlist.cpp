@@ -47,6 +47,7 @@ PlistValue KeysAsValue(const std::set<std::string>& keys) {
   return names;
 }
 
+// The platform hands back any object; only a dictionary is what was asked for.
 std::unique_ptr<PlistDictionary> ReadFiltered(PKBundle& bundle, const std::set<std::string>& keys) {
   const std::unique_ptr<PlistValue> value = bundle.filteredInfo(keys);
   if (!value) {
@@ -64,6 +65,7 @@ std::unique_ptr<PlistDictionary> ReadFiltered(PKBundle& bundle, const std::set<s
   return std::make_unique<PlistDictionary>(std::move(*value->dictionary()));
 }
 
+// A copy that the caller may change, without the entry that is not in the file.
 std::unique_ptr<PlistDictionary> ReadWhole(PKBundle& bundle, const Path& path) {
   const PlistDictionary* info = bundle.infoDictionary();
   if (info == nullptr) {

@@ -69,6 +69,8 @@ Path QVGlobalConfiguration::cachesDirectory() noexcept {
   return *_cachesDir;
 }
 
+// Of the system image, so that they are neither created nor given a class. Remembered because they
+// are asked for once for each bundle of a catalog.
 Path QVGlobalConfiguration::_fixedDirectory(std::optional<Path>& member, const Path& base,
                                             const char* component) {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
@@ -108,6 +110,7 @@ Path QVGlobalConfiguration::developerFrameworksRootDirectory() noexcept {
   return _fixedDirectory(_developerFrameworksRootDirectory, _rootPath, "Developer");
 }
 
+// Without the developer directory: what an attached image brings is not built in.
 std::set<Path> QVGlobalConfiguration::allFrameworksDirectories() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_allFrameworksDirectories) {

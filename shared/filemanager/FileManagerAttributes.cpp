@@ -78,6 +78,8 @@ bool FailAttribute(int number, ErrorSite site, Error* error,
 
 }  // namespace
 
+// Neither this nor its opposite is true of an item that cannot be looked at: whoever acts on
+// absence asks for absence.
 bool QVFileManager::itemExistsAtURL(const Path& path) try {
   return LookUp(path, kExists) == 0;
 } catch (const std::bad_alloc&) {
@@ -101,6 +103,7 @@ bool QVFileManager::createSymbolicLinkAtURL(const Path& link, const Path& destin
   return OutOfMemory(kCreateLink, __LINE__, error);
 }
 
+// The text as it is stored, a final slash included: it is compared and written elsewhere.
 std::optional<Path> QVFileManager::destinationOfSymbolicLinkAtURL(const Path& link,
                                                                   Error* error) try {
   char buffer[1024 + 1];  // a target of up to 1024 bytes is read whole
@@ -130,6 +133,7 @@ bool QVFileManager::dataProtectionClassOfItemAtURL(const Path& path, std::int32_
   return OutOfMemory(kGetClass, __LINE__, error);
 }
 
+// Class and question refer to one opened item, which cannot be exchanged in between.
 bool QVFileManager::setDataProtectionClassOfItemAtURL(
     const Path& path, std::int32_t protectionClass,
     const std::function<bool(std::int32_t)>& ifPredicate, Error* error) try {
@@ -151,6 +155,7 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
   return OutOfMemory(kSetClass, __LINE__, error);
 }
 
+// On the directory itself, never on what a link of that name leads to.
 bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) try {
   if (!HasService(kFileSystem, kMark, __LINE__, error)) return false;
   const std::uint32_t value = 1;
@@ -166,6 +171,7 @@ bool QVFileManager::markBundleAsPlaceholder(const Path& bundle, Error* error) tr
   return OutOfMemory(kMark, __LINE__, error);
 }
 
+// Whatever goes wrong the answer is no: a bundle taken for a placeholder is not installed.
 bool QVFileManager::bundleAtURLIsPlaceholder(const Path& bundle) try {
   std::uint32_t value = 0;
   const FileSystemRepresentation path = bundle.fileSystemRepresentation();
@@ -191,6 +197,7 @@ bool QVFileManager::setInstallType(std::uint64_t installType, const Path& bundle
   return OutOfMemory(kSetType, __LINE__, error);
 }
 
+// An absent attribute is type 0, and no failure.
 std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bundle,
                                                                  Error* error) try {
   if (!HasService(kFileSystem, kGetType, __LINE__, error)) return std::nullopt;

@@ -60,6 +60,8 @@ int _IterateDirectory(const char* path, Visitor&& visitor) {
 
 }  // namespace
 
+// In the order of the directory: sorting would cost more than reading, and no caller needs it. What
+// vanishes meanwhile is listed or not; an entry whose type cannot be learnt is listed as a file.
 std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(const Path& directory,
                                                                              bool ignoringSymlinks,
                                                                              Error* error) try {

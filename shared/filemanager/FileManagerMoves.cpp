@@ -129,6 +129,7 @@ constexpr StoreItem kStoreItems[] = {
     {StoreGeoName, "GeoJSONCaptureFailed"},
 };
 
+// Two formats rather than a word put in: both are fixed texts that are searched for in logs.
 Error CaptureError(const Path& source, const Path& destination, bool copied, ErrorContext context) {
   const ErrorSite site{kCapture, __LINE__};
   if (copied) {
@@ -152,6 +153,8 @@ bool QVFileManager::_copyItemAtURL(const Path& source, const Path& destination,
   return OutOfMemory(kCopy, __LINE__, error);
 }
 
+// The rename is tried first and tells by EXDEV that a copy is needed: no look beforehand can tell
+// it as surely.
 bool QVFileManager::_moveItemAtURL(const Path& source, const Path& destination,
                                    bool failIfSrcMissing, Error* error) try {
   if (!failIfSrcMissing) {
@@ -185,6 +188,7 @@ bool QVFileManager::moveItemIfExistsAtURL(const Path& source, const Path& destin
   return _moveItemAtURL(source, destination, false, error);
 }
 
+// By the attribute, which only this code sets: a name alone may be a user's.
 bool QVFileManager::isRemainOfMove(const Path& item) {
   const std::string_view name = item.lastPathComponent();
   struct stat info {};
@@ -223,6 +227,8 @@ void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {
   }
 }
 
+// Every item is tried unless the caller said that one failure is fatal: four files, each worth
+// something without the others.
 bool QVFileManager::captureStoreDataFromDirectory(const Path& source, const Path& destination,
                                                   StoreDataCapture how, Error* error) try {
   for (const StoreItem& item : kStoreItems) {

@@ -27,6 +27,7 @@ constexpr const char* kWhatExists = "-[QVFileManager _realPathWhatExistsInPath:]
 // One place may be named with or without this in front.
 constexpr std::string_view kPrivate = "/private";
 
+// Only the texts are compared this way; the real paths are made by the kernel, and have it again.
 Path WithoutPrivate(const Path& path) {
   const std::string& text = path.string();
   if (!text.starts_with("/private/")) return path;
@@ -109,6 +110,7 @@ std::size_t FirstCompared(const std::vector<std::string_view>& parts) {
   return parts[1] == kPrivate.substr(1) ? 2 : 1;
 }
 
+// Component by component: as texts, "/baseX" would lie in "/base".
 bool RealChildLiesInBase(const Resolution& paths) {
   const auto baseParts = QVPathComponents(paths.realBase.string());
   const auto childParts = QVPathComponents(paths.realChild.string());
@@ -220,6 +222,8 @@ std::optional<Path> QVFileManager::_realPathForURL(const Path& path,
   return std::nullopt;
 }
 
+// From the longest part that exists; behind it nothing can be a link. One system call a component
+// at the most.
 std::optional<Path> QVFileManager::_realPathWhatExistsInPath(const std::string& path) {
   const std::vector<std::string_view> components = QVPathComponents(path);
   for (std::size_t count = components.size(); count >= 2; --count) {
@@ -235,6 +239,8 @@ std::optional<Path> QVFileManager::_realPathWhatExistsInPath(const std::string& 
   return std::nullopt;
 }
 
+// Counts how deep the walk is, and never asks the disk. Wider than the depth, so that no count
+// wraps around.
 bool QVFileManager::_validateSymlink(const std::optional<std::string>& path,
                                      std::uint32_t startingDepth, std::uint32_t* endingDepth) {
   if (!path) return false;

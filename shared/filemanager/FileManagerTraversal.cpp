@@ -78,6 +78,7 @@ bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path
 
 }  // namespace
 
+// Both ways out close the walk, and the first failure is the one that is told.
 bool QVFileManager::_traverseDirectory(const Path& root, Error* error,
                                        const TreeVisitor& visitor) try {
   const FileSystemRepresentation representation = root.fileSystemRepresentation();
@@ -103,6 +104,8 @@ bool QVFileManager::_traverseDirectory(const Path& root, Error* error,
   return OutOfMemory(kTraverse, __LINE__, error);
 }
 
+// The owner comes before the mode, as a change of owner clears setuid and setgid. A tree with a
+// link that leads out is left half standardized.
 bool QVFileManager::standardizeOwnershipAtURL(const Path& root, const OwnershipStandard& standard,
                                               Error* error) try {
   if (!HasService(kFileSystem, kStandardize, __LINE__, error)) return false;

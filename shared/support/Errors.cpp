@@ -39,6 +39,7 @@ Error _CreateErrorV(ErrorSite site, const char* domain, std::int64_t code, std::
   return Error(domain, code, std::move(info));
 }
 
+// The constructor's own entries win over those that a caller brings: who reports, where, and what.
 Error _CreateAndLogErrorV(ErrorSite site, const char* domain, std::int64_t code,
                           ErrorContext context, std::optional<std::string_view> format,
                           FormatArguments arguments) {
@@ -60,6 +61,7 @@ Error _CreateAndLogErrorV(ErrorSite site, const char* domain, std::int64_t code,
 
 Error QVPosixCause(int number) { return Error(PosixErrorDomain, number, {}); }
 
+// A record that says where, as long as there is memory for one; the prepared one otherwise.
 bool OutOfMemory(const char* function, std::int32_t line, Error* error) {
   if (error == nullptr) return false;
   try {

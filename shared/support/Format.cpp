@@ -70,6 +70,7 @@ void AppendDictionary(std::string& out, const PlistDictionary& dictionary, int d
   out += '}';
 }
 
+// Numbers by to_chars, which knows no locale: what a log says must not depend on who reads it.
 void AppendValue(std::string& out, const PlistValue& value, int depth) {
   if (depth > kDeepestDescription) {
     out += "...";
@@ -145,6 +146,7 @@ void AppendPaths(std::string& out, const std::vector<Path>& paths) {
   out += ')';
 }
 
+// Width and zeroes are all of printf's flags that any message of this system uses.
 void AppendInteger(std::string& out, const FormatArgument& argument,
                    const format_detail::Directive& directive) {
   std::string digits;
@@ -207,6 +209,8 @@ void AppendArgument(std::string& out, const FormatArgument& argument,
 
 }  // namespace
 
+// A directive without an argument stays as it is: a line that shows its fault is better than none.
+// Formats are checked when they are compiled, so that this happens to callers from outside only.
 std::string QVFormatMessageV(std::string_view format, FormatArguments arguments) {
   std::string out;
   out.reserve(format.size() + 64 * arguments.size());

@@ -15,6 +15,7 @@ void QVLogWriteV(const LogHandle* handle, int level, const char* function, std::
   services->log->write(handle, level, function, QVFormatMessageV(format, arguments));
 }
 
+// Without a level test: what the host keeps is the host's business.
 void QVHostLogV(const char* sourceFile, const char* function, int line, const char* category,
                 int level, std::string_view message) {
   const PlatformServices* services = QVInstalledPlatformServices();

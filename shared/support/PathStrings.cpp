@@ -31,6 +31,7 @@ bool QuorvelAdditions::containsDotDotPathComponents(std::string_view path) {
   return false;
 }
 
+// As the platform counts them: the root is a component, and empty ones between slashes are not.
 std::vector<std::string_view> QVPathComponents(std::string_view path) {
   std::vector<std::string_view> components;
   if (path.starts_with('/')) components.push_back(path.substr(0, 1));
@@ -42,6 +43,7 @@ std::vector<std::string_view> QVPathComponents(std::string_view path) {
   return components;
 }
 
+// Of the bytes on disk, not of their text: two names that differ must look different in a log.
 void AppendURL(std::string& out, const Path& path) {
   static constexpr char kHex[] = "0123456789ABCDEF";
   out += "file://";

@@ -16,6 +16,7 @@ void QVInstallPlatformServices(const PlatformServices* services) { gServices = s
 
 const PlatformServices* QVInstalledPlatformServices() { return gServices; }
 
+// Whoever forgot to install a set has no log to be told in.
 const PlatformServices& QVPlatform() {
   if (gServices == nullptr) {
     std::fputs("quorvel: no platform services are installed\n", stderr);

@@ -39,6 +39,7 @@ std::string ReportText(const ExceptionRecord& exception) {
 
 }  // namespace
 
+// Begun here and not in the queue: between the two the process would look idle and could be ended.
 void QVRunTransactionalTask(TaskQueue& queue, std::function<void()> task) {
   ProcessTransaction& transaction = RequiredService(kTransaction);
   transaction.begin();
@@ -48,6 +49,8 @@ void QVRunTransactionalTask(TaskQueue& queue, std::function<void()> task) {
   });
 }
 
+// Only the first assertion switches the monitor off and only the last clears it; the counter is
+// what makes that one decision for all threads.
 void QVAssertHighResourceUsage() {
   if (gResourceAssertions.fetch_add(1) + 1 == 1) RequiredService(kCpuMonitor).switchOff(::getpid());
 }

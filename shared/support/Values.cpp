@@ -48,6 +48,7 @@ bool QVBooleanValue(const PlistValue* value, bool defaultValue) noexcept {
   return true;  // an integer too large to be signed
 }
 
+// The order of the questions decides what an array among arrays is: it is never wrapped.
 std::optional<PlistArray> QVArrayifyThing(const PlistValue* value, PlistType type) noexcept {
   if (value == nullptr) return std::nullopt;
   const auto onlyIfAll = [type](const PlistArray& members) -> std::optional<PlistArray> {

@@ -28,6 +28,23 @@ Path DatabaseFile(const RegistryDevice& device) {
 
 // ---- The database file ---------------------------------------------------------------------
 
+Error WhyNoSnapshot(Registry& registry) {
+  onlinux::RegistrySnapshot snapshot;
+  Error failure;
+  const bool known = registry.registry.snapshot(&snapshot, &failure);
+  EXPECT_EQ(known, !failure);
+  return failure;
+}
+
+// Runs statements on the registry's file behind its back.
+void Execute(const RegistryDevice& device, const std::string& sql) {
+  sqlite3* connection = nullptr;
+  ASSERT_EQ(sqlite3_open(Native(DatabaseFile(device)).c_str(), &connection), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(connection, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(connection);
+  sqlite3_close(connection);
+}
+
 class DamagedStore : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -50,7 +67,6 @@ class DamagedStore : public ::testing::Test {
       Registry registry(device);
       EXPECT_FALSE(registry.isInstalled("com.a"));
       EXPECT_FALSE(registry.proxy("com.plugin.7" + std::string(200, 'x')));
-      EXPECT_TRUE(registry.registry.storeFailure());
       EXPECT_FALSE(registry.install(staging, CustomerOptions("com.a")));
       EXPECT_TRUE(registry.error);
       EXPECT_EQ(registry.reports, 1);
@@ -58,8 +74,7 @@ class DamagedStore : public ::testing::Test {
       EXPECT_EQ(0,
                 registry.registry.installationService().QuorvelRegisterSafeHarborForContainerType(
                     device.root(), "com.a", 2, nullptr));
-      onlinux::RegistrySnapshot snapshot;
-      EXPECT_FALSE(registry.registry.snapshot(&snapshot, nullptr));
+      EXPECT_TRUE(WhyNoSnapshot(registry));
     }
     EXPECT_EQ(TreeOf(device.at("private")), files);
     EXPECT_EQ(TreeOf(staging), package);
@@ -95,10 +110,7 @@ TEST_F(DamagedStore, ForeignAndNewerFiles) {
        {"PRAGMA user_version=2", "PRAGMA application_id=7", "PRAGMA user_version=0"}) {
     SCOPED_TRACE(sql);
     replace(whole);
-    sqlite3* connection = nullptr;
-    ASSERT_EQ(sqlite3_open(Native(DatabaseFile(device)).c_str(), &connection), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(connection, sql, nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(connection);
+    Execute(device, sql);
     expectUnusable();
   }
   std::filesystem::remove(Native(DatabaseFile(device)));
@@ -126,7 +138,7 @@ TEST_F(DamagedStore, LogLeftByAKillAndCutOff) {
   const auto lookUp = [&] {
     Registry registry(onlinux::RegistryOptions{.deviceRoot = device.root(), .readOnly = true});
     const auto proxy = registry.proxy("com.plugin.7" + std::string(200, 'x'));
-    EXPECT_TRUE(proxy.has_value() || registry.registry.storeFailure());
+    EXPECT_TRUE(proxy.has_value() || WhyNoSnapshot(registry));
     return registry.isInstalled("com.a");
   };
   EXPECT_TRUE(lookUp());
@@ -141,6 +153,33 @@ TEST_F(DamagedStore, LogLeftByAKillAndCutOff) {
     replace(whole.substr(0, length));
     lookUp();
   }
+}
+
+// What this version stores of an intent has grown; one of before is carried forward all the same.
+TEST(EarlierVersion, ItsOpenIntentIsFinished) {
+  const auto list = [](const std::vector<std::string>& texts) {
+    std::string result;
+    for (const std::string& text : texts) result += std::to_string(text.size()) + ":" + text;
+    return result;
+  };
+  RegistryDevice device(Memory);
+  { EXPECT_TRUE(Registry(device).registry.registerIdentifier("com.vpn", nullptr)); }
+  const std::string from = device.stageApp({"com.a", "2"}).string();
+  const std::string containers = device.root() + "/private/var/mobile/Containers";
+  const std::string bundle = from + "/Payload/Foo.app";
+  const std::string target = containers + "/Bundle/B/Foo.app";
+  const std::string steps = list({list({"0", "0", "com.a", "", containers + "/Data/D", ""}),
+                                  list({"0", "0", "com.a", "", containers + "/Bundle/B", ""}),
+                                  list({"1", "0", "com.a", bundle, target, ""}),
+                                  list({"7", "1", "com.a", "", from, list({bundle, target})})});
+  const std::string record = list({"com.a", "App", "2", "=B", "Foo.app", "=D", "", "0", from, "0"});
+  Execute(device, "INSERT INTO intents(committed, content) VALUES(0, '" +
+                      list({steps, list({record})}) + "')");
+  Registry registry(device);
+  EXPECT_TRUE(registry.isInstalled("com.a"));
+  EXPECT_EQ(ContentOf(registry.proxy("com.a")->bundlePath->child("code")), "code of com.a 2");
+  EXPECT_FALSE(Exists(device.at("Staging")));
+  device.expectNoOrphans(registry.all());
 }
 
 TEST(ReadOnlyRegistry, ChangesNothingOnDisk) {
@@ -197,7 +236,7 @@ TEST(RegistryProcesses, SecondOneWaitsForTheFirst) {
     Registry impatient(
         onlinux::RegistryOptions{.deviceRoot = device.root(), .busyTimeoutMilliseconds = 1});
     EXPECT_FALSE(impatient.isInstalled("com.a"));
-    EXPECT_TRUE(impatient.registry.storeFailure().is(PosixErrorDomain, EBUSY));
+    EXPECT_TRUE(WhyNoSnapshot(impatient).is(PosixErrorDomain, EBUSY));
     EXPECT_FALSE(
         impatient.install(device.stageApp({"com.b"}, false, "b"), CustomerOptions("com.b")));
   }
@@ -245,36 +284,32 @@ TEST(RegistryProcesses, UnprivilegedOneFailsCleanly) {
   EXPECT_EQ(TreeOf(device.at("")), before);
 }
 
-// A lookup and an install cost the same whatever the number of apps: steps of the database and
-// system calls are counted, not seconds.
+// A lookup and an install cost the same whatever the number of apps: system calls are counted, and
+// a search through all records would read all their pages.
 TEST(RegistryCost, DoesNotGrowWithTheNumberOfApps) {
-  std::vector<std::uint64_t> steps;
   std::vector<long> calls;
   for (const int apps : {10, 10'000}) {
     RegistryDevice device(Memory);
     { EXPECT_TRUE(Registry(device).registry.registerIdentifier("com.vpn", nullptr)); }
-    sqlite3* connection = nullptr;
-    ASSERT_EQ(sqlite3_open(Native(DatabaseFile(device)).c_str(), &connection), SQLITE_OK);
-    const std::string fill =
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i < " +
-        std::to_string(apps) +
-        ") INSERT INTO apps SELECT 'com.app.' || i, 'App', '1', 'B' || i, 'Foo.app', 'D' || i, "
-        "'', 0, '/x', 0 FROM n";
-    ASSERT_EQ(sqlite3_exec(connection, fill.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(connection);
-    const auto work = [&] {
-      Registry registry(device);
-      EXPECT_TRUE(registry.proxy("com.app.7"));
-      EXPECT_TRUE(registry.install(device.stageApp({"com.a", "1", {"group.x"}}, true),
-                                   CustomerOptions("com.a")));
-      EXPECT_TRUE(registry.isInstalled("com.a"));
-      return registry.registry.databaseSteps();
-    };
-    const FaultedRun run = RunWithFault([&] { return work() > 0 ? 0 : 1; }, {});
+    Execute(device,
+            "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i < " +
+                std::to_string(apps) +
+                ") INSERT INTO apps SELECT 'com.app.' || i, 'App', '1', 'B' || i, 'Foo.app', "
+                "'D' || i, '', 0, '/x', 0 FROM n");
+    const FaultedRun run = RunWithFault(
+        [&] {
+          Registry registry(device);
+          const bool works = registry.proxy("com.app.7") &&
+                             registry.install(device.stageApp({"com.a", "1", {"group.x"}}, true),
+                                              CustomerOptions("com.a")) &&
+                             registry.isInstalled("com.a");
+          return works ? 0 : 1;
+        },
+        {});
+    if (!run.wasTraced) GTEST_SKIP() << "processes may not be traced here";
+    EXPECT_EQ(run.exitStatus, 0);
     calls.push_back(run.allCalls);
-    steps.push_back(work());
   }
-  EXPECT_EQ(steps[1], steps[0]);
   EXPECT_LE(calls[1], calls[0] + 25);  // a deeper tree has a few more pages to read
 }
 

@@ -1,7 +1,6 @@
 // Joins the two services over one core.
 #include "platform/linux/registry/ApplicationRegistryLinux.h"
 
-#include <map>
 #include <optional>
 #include <utility>
 
@@ -33,56 +32,31 @@ ApplicationWorkspace& ApplicationRegistryLinux::workspace() { return parts_->wor
 
 InstallationService& ApplicationRegistryLinux::installationService() { return parts_->service; }
 
-const Error& ApplicationRegistryLinux::storeFailure() const { return parts_->core.lastFailure(); }
-
-std::uint64_t ApplicationRegistryLinux::databaseSteps() const { return parts_->core.store.steps(); }
-
 bool ApplicationRegistryLinux::registerIdentifier(const std::string& identifier, Error* error) {
   RegistryCore& core = parts_->core;
   if (identifier.empty()) {
-    return SetError(error, RegistryFailure(RegistryErrorCode::invalidOptions,
-                                           "An identifier is needed to register one"));
+    return Fail(RegistryErrorCode::invalidOptions, "An identifier is needed to register one",
+                error);
   }
   std::optional<AppRecord> known;
   if (!core.prepareToWrite(error) || core.isBlocked(identifier, error) ||
-      !core.find(identifier, &known, error) || core.builtIn.all(error) == nullptr) {
+      !core.find(identifier, &known, error) || core.builtInApps(error) == nullptr) {
     return false;
   }
-  if (known || core.builtIn.find(identifier) != nullptr) return true;
+  if (known || core.builtInApp(identifier) != nullptr) return true;
   AppRecord record;
   record.identifier = identifier;
   record.type = BundleTypeVPNPlugin;
-  InstallPlan plan(core.layout, core.store);
+  InstallPlan plan = core.newPlan();
   if (!plan.giveDataContainer(&record, error)) return false;
   plan.setRecord(record);
-  return plan.run(core.transaction, error);
+  return core.run(plan, error);
 }
 
-bool ApplicationRegistryLinux::isSound(Error* error) {
-  return parts_->core.prepare(error) && parts_->core.store.isSound(error);
-}
+bool ApplicationRegistryLinux::isSound(Error* error) { return parts_->core.isSound(error); }
 
 bool ApplicationRegistryLinux::snapshot(RegistrySnapshot* result, Error* error) {
-  RegistryCore& core = parts_->core;
-  *result = {};
-  std::map<std::string, std::optional<AppRecord>> records;
-  const BuiltInApps::Map* apps = core.builtIn.all(error);
-  if (apps == nullptr || !core.prepare(error)) return false;
-  const bool listed =
-      core.store.forEachApp([&](const AppRecord& record) { records[record.identifier] = record; });
-  if (!listed) return core.storeFailed(error);
-  for (const auto& [identifier, app] : *apps) records.try_emplace(identifier);
-  for (const auto& [identifier, record] : records) {
-    const BundleDescription* app = core.effectiveBuiltIn(identifier, record);
-    result->bundles.push_back(app != nullptr ? core.proxyOf(*app, record) : core.proxyOf(*record));
-  }
-  std::int64_t updated = 0;
-  if (!core.store.safeHarbors(&result->safeHarbors) ||
-      !core.store.setting(DataProtectionUpdatedSetting, &updated)) {
-    return core.storeFailed(error);
-  }
-  result->dataProtectionUpdated = updated != 0;
-  return true;
+  return parts_->core.snapshot(result, error);
 }
 
 }  // namespace quorvel::onlinux

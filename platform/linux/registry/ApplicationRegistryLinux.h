@@ -6,49 +6,17 @@
 // flushes that this rests on is written down in InstallTransaction.h.
 #pragma once
 
-#include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/ApplicationRegistry.h"
 #include "platform/BundleReader.h"
 #include "platform/Error.h"
 #include "platform/FileSystem.h"
 #include "platform/InstallationService.h"
+#include "platform/linux/registry/RegistryTypes.h"
 
 namespace quorvel::onlinux {
-
-struct RegistryOptions {
-  // Put before every path of the device; "" where the process is confined to the device tree.
-  // Paths that the registry hands out begin with it.
-  std::string deviceRoot;
-  // Says of an identifier that it is refused, unless a request says RXSkipBlacklistKey. Empty:
-  // none.
-  std::function<bool(const std::string& identifier)> isBlacklisted = {};
-  // Lookups and snapshots only, and nothing on disk changes: no database is made, an unfinished
-  // install is not finished (the app is seen as it was before it), a built-in app gets no data
-  // container. What an unclean end left in the write-ahead log is seen all the same, unless the
-  // file system itself is mounted read-only: then opening fails.
-  bool readOnly = false;
-  // How long the first use waits for another process to be done with the registry.
-  int busyTimeoutMilliseconds = 10'000;
-};
-
-struct SafeHarborRecord {
-  std::string identifier;
-  std::string path;
-  int containerType = 0;
-  friend bool operator==(const SafeHarborRecord&, const SafeHarborRecord&) = default;
-};
-
-// Everything that the registry knows, sorted by identifier.
-struct RegistrySnapshot {
-  std::vector<BundleProxy> bundles;  // built-in apps included
-  std::vector<SafeHarborRecord> safeHarbors;
-  bool dataProtectionUpdated = false;
-};
 
 // The database is opened at the first use and then belongs to this process until the object
 // goes: one process at a time works with a device's registry, others wait for it, and fail with
@@ -77,11 +45,6 @@ class ApplicationRegistryLinux {
 
   // Reads all that is stored, the tables' structure included. An absent database is sound.
   bool isSound(Error* error);
-
-  // Why the last operation could not use the database: lookups have no Error of their own.
-  const Error& storeFailure() const;
-  // Steps of the database's virtual machine so far: the cost of operations, for tests.
-  std::uint64_t databaseSteps() const;
 
  private:
   struct Parts;

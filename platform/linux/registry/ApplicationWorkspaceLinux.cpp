@@ -12,13 +12,8 @@ namespace {
 
 using Code = RegistryErrorCode;
 
-bool Refuse(Code code, std::string text, Error* error) {
-  return SetError(error, RegistryFailure(code, std::move(text)));
-}
-
 bool RefuseAsObsolete(const std::string& identifier, Error* error) {
-  return Refuse(Code::alreadyInstalled, "A newer " + identifier + " is built into the system",
-                error);
+  return Fail(Code::alreadyInstalled, "A newer " + identifier + " is built into the system", error);
 }
 
 // The record as it will be; an earlier one keeps its data container.
@@ -39,7 +34,7 @@ AppRecord RecordFor(const BundleDescription& bundle, const std::optional<AppReco
 bool ApplicationWorkspaceLinux::applicationIsInstalled(const std::string& identifier) {
   std::optional<AppRecord> record;
   if (!core_.prepare(nullptr) || !core_.find(identifier, &record, nullptr)) return false;
-  return (record && core_.hasBundle(*record)) || core_.builtIn.find(identifier) != nullptr;
+  return (record && core_.hasBundle(*record)) || core_.builtInApp(identifier) != nullptr;
 }
 
 std::optional<BundleProxy> ApplicationWorkspaceLinux::bundleProxyForIdentifier(
@@ -51,11 +46,8 @@ std::optional<BundleProxy> ApplicationWorkspaceLinux::bundleProxyForIdentifier(
     if (!record) return std::nullopt;
     return core_.proxyOf(*record);
   }
-  Error failure;
   // Should it fail, the proxy has no data container, and the caller says so.
-  if (!core_.options.readOnly && !core_.giveContainers(*app, &record, &failure)) {
-    core_.remember(failure);
-  }
+  if (!core_.isReadOnly()) core_.giveContainers(*app, &record, nullptr);
   return core_.proxyOf(*app, record);
 }
 
@@ -81,13 +73,12 @@ bool ApplicationWorkspaceLinux::parse(const Path& staging, const PlistDictionary
   const PlistValue* metadata = options.find(RXLorvixMetadataKey);
   const bool isPlaceholder = type != nullptr && *type == RXPackageTypePlaceholder;
   if (!staging.string().starts_with('/') || identifier == nullptr || identifier->empty()) {
-    return Refuse(Code::invalidOptions, "An install request names no package or identifier", error);
+    return Fail(Code::invalidOptions, "An install request names no package or identifier", error);
   }
   if (type == nullptr || (!isPlaceholder && *type != RXPackageTypeCustomer) ||
       installType == nullptr || installType->signedInteger() == nullptr ||
       *installType->signedInteger() < 0 || (metadata != nullptr && metadata->data() == nullptr)) {
-    return Refuse(Code::invalidOptions, "The install request's options cannot be understood",
-                  error);
+    return Fail(Code::invalidOptions, "The install request's options cannot be understood", error);
   }
   const bool skips = skip != nullptr && skip->boolean() != nullptr && *skip->boolean();
   *request = {staging, *identifier, isPlaceholder, skips,
@@ -97,7 +88,7 @@ bool ApplicationWorkspaceLinux::parse(const Path& staging, const PlistDictionary
 
 bool ApplicationWorkspaceLinux::install(const Request& request, Error* error) {
   // Without the built-in apps nobody can say whether a package is obsolete.
-  if (core_.builtIn.all(error) == nullptr) return false;
+  if (core_.builtInApps(error) == nullptr) return false;
   return request.placeholder ? installPlaceholder(request, error) : installCustomer(request, error);
 }
 
@@ -109,13 +100,12 @@ bool ApplicationWorkspaceLinux::checkBundle(const Request& request, const Bundle
   const bool isApp = bundle.type == BundleTypeApp;
   // Neither kind may take over an identifier of the other: the data container goes with it.
   if ((known && known->type != bundle.type && core_.hasBundle(*known)) ||
-      (!isApp && core_.builtIn.find(bundle.identifier) != nullptr)) {
-    return Refuse(Code::identifierMismatch,
-                  bundle.identifier + " belongs to another kind of bundle", error);
+      (!isApp && core_.builtInApp(bundle.identifier) != nullptr)) {
+    return Fail(Code::identifierMismatch, bundle.identifier + " belongs to another kind of bundle",
+                error);
   }
-  const auto& isBlacklisted = core_.options.isBlacklisted;
-  if (!request.skipBlacklist && isBlacklisted && isBlacklisted(bundle.identifier)) {
-    return Refuse(Code::blacklistedIdentifier, bundle.identifier + " is never installed", error);
+  if (!request.skipBlacklist && core_.isBlacklisted(bundle.identifier)) {
+    return Fail(Code::blacklistedIdentifier, bundle.identifier + " is never installed", error);
   }
   return !core_.isBlocked(bundle.identifier, error);
 }
@@ -127,20 +117,20 @@ bool ApplicationWorkspaceLinux::installPlaceholder(const Request& request, Error
   if (!IsRealDirectory(request.staging)) {
     // An interrupted request took it over already.
     if (isThere && known->placeholder && known->staging == request.staging.string()) return true;
-    return Refuse(Code::noBundle, request.staging.string() + ": is no placeholder bundle", error);
+    return Fail(Code::noBundle, request.staging.string() + ": is no placeholder bundle", error);
   }
   if (request.staging.pathExtension() != "app") {
-    return Refuse(Code::noBundle, request.staging.string() + ": is no placeholder bundle", error);
+    return Fail(Code::noBundle, request.staging.string() + ": is no placeholder bundle", error);
   }
   BundleDescription bundle;
-  if (!ReadBundle(core_.bundles, request.staging, BundleTypeApp, &bundle, error)) return false;
+  if (!core_.readBundle(request.staging, BundleTypeApp, &bundle, error)) return false;
   if (bundle.identifier != request.identifier) {
-    return Refuse(Code::identifierMismatch,
-                  "The placeholder for " + request.identifier + " is " + bundle.identifier, error);
+    return Fail(Code::identifierMismatch,
+                "The placeholder for " + request.identifier + " is " + bundle.identifier, error);
   }
   if (!checkBundle(request, bundle, error)) return false;
-  if ((isThere && !known->placeholder) || core_.builtIn.find(request.identifier) != nullptr) {
-    return Refuse(Code::fullBundleInstalled, request.identifier + " is installed in full", error);
+  if ((isThere && !known->placeholder) || core_.builtInApp(request.identifier) != nullptr) {
+    return Fail(Code::fullBundleInstalled, request.identifier + " is installed in full", error);
   }
   return runPlaceholder(request, bundle, known, error);
 }
@@ -149,7 +139,7 @@ bool ApplicationWorkspaceLinux::runPlaceholder(const Request& request,
                                                const BundleDescription& bundle,
                                                const std::optional<AppRecord>& known,
                                                Error* error) {
-  InstallPlan plan(core_.layout, core_.store);
+  InstallPlan plan = core_.newPlan();
   AppRecord record = RecordFor(bundle, known);
   record.placeholder = true;
   record.groups.clear();
@@ -162,12 +152,12 @@ bool ApplicationWorkspaceLinux::runPlaceholder(const Request& request,
     plan.writeMetadata(record, std::string(request.metadata->begin(), request.metadata->end()));
   }
   plan.setRecord(record);
-  return plan.run(core_.transaction, error);
+  return core_.run(plan, error);
 }
 
 bool ApplicationWorkspaceLinux::installCustomer(const Request& request, Error* error) {
   PackageContents package;
-  if (!InspectPackage(core_.bundles, request.staging, &package, error)) return false;
+  if (!core_.inspectPackage(request.staging, &package, error)) return false;
   if (package.bundles.empty()) {
     std::optional<AppRecord> known;
     if (!core_.find(request.identifier, &known, error)) return false;
@@ -176,11 +166,11 @@ bool ApplicationWorkspaceLinux::installCustomer(const Request& request, Error* e
     if (known && !known->placeholder && (known->obsolete || core_.hasBundle(*known))) {
       return repeat(request, package, *known, error);
     }
-    return Refuse(Code::noBundle, request.staging.string() + ": holds no bundle in \"Payload\"",
-                  error);
+    return Fail(Code::noBundle, request.staging.string() + ": holds no bundle in \"Payload\"",
+                error);
   }
   if (!checkIdentifiers(request, package, error)) return false;
-  const BundleDescription* builtIn = core_.builtIn.find(request.identifier);
+  const BundleDescription* builtIn = core_.builtInApp(request.identifier);
   const auto requested = std::find_if(
       package.bundles.begin(), package.bundles.end(),
       [&](const BundleDescription& bundle) { return bundle.identifier == request.identifier; });
@@ -202,10 +192,10 @@ bool ApplicationWorkspaceLinux::checkIdentifiers(const Request& request,
     const bool isRequested = bundle.identifier == request.identifier;
     const bool mustBeRequested = !hasApp || bundle.type == BundleTypeApp;
     if (isRequested != mustBeRequested || !seen.insert(bundle.identifier).second) {
-      return Refuse(Code::identifierMismatch,
-                    bundle.path.string() + ": " + bundle.identifier +
-                        " may not be in a package for " + request.identifier,
-                    error);
+      return Fail(Code::identifierMismatch,
+                  bundle.path.string() + ": " + bundle.identifier +
+                      " may not be in a package for " + request.identifier,
+                  error);
     }
     if (!checkBundle(request, bundle, error)) return false;
   }
@@ -214,7 +204,7 @@ bool ApplicationWorkspaceLinux::checkIdentifiers(const Request& request,
 
 bool ApplicationWorkspaceLinux::installBundles(const Request& request,
                                                const PackageContents& package, Error* error) {
-  InstallPlan plan(core_.layout, core_.store);
+  InstallPlan plan = core_.newPlan();
   for (const BundleDescription& bundle : package.bundles) {
     std::optional<AppRecord> known;
     if (!core_.find(bundle.identifier, &known, error)) return false;
@@ -234,7 +224,7 @@ bool ApplicationWorkspaceLinux::installBundles(const Request& request,
   AppRecord owner;
   owner.identifier = request.identifier;
   plan.removeStaging(owner, request.staging);
-  return plan.run(core_.transaction, error);
+  return core_.run(plan, error);
 }
 
 // The record remembers the answer, for a request that is repeated after an interruption.
@@ -247,7 +237,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
   if (!known) record.type = BundleTypeApp;
   record.staging = request.staging.string();
   record.obsolete = true;
-  InstallPlan plan(core_.layout, core_.store);
+  InstallPlan plan = core_.newPlan();
   if (!plan.giveDataContainer(&record, error)) return false;
   plan.setRecord(record);
   for (const BundleDescription& bundle : package.bundles) plan.removeTree(record, bundle.path);
@@ -255,7 +245,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
     plan.removeTree(record, request.staging.child(name));
   }
   plan.removeStaging(record, request.staging);
-  if (!plan.run(core_.transaction, error)) return false;
+  if (!core_.run(plan, error)) return false;
   return RefuseAsObsolete(request.identifier, error);
 }
 
@@ -263,7 +253,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
 bool ApplicationWorkspaceLinux::repeat(const Request& request, const PackageContents& package,
                                        const AppRecord& known, Error* error) {
   if (package.isPresent) {
-    InstallPlan plan(core_.layout, core_.store);
+    InstallPlan plan = core_.newPlan();
     for (const std::string& name : package.metadata) {
       const Path item = request.staging.child(name);
       if (known.obsolete) {
@@ -273,7 +263,7 @@ bool ApplicationWorkspaceLinux::repeat(const Request& request, const PackageCont
       }
     }
     plan.removeStaging(known, request.staging);
-    if (!plan.run(core_.transaction, error)) return false;
+    if (!core_.run(plan, error)) return false;
   }
   return !known.obsolete || RefuseAsObsolete(request.identifier, error);
 }

@@ -1,4 +1,8 @@
 // The application registry's requests and lookups.
+//
+// A request passes three stations: parse() understands the options, the checks refuse what may not
+// be installed before anything is touched, and a plan (InstallPlan.h) carries out the rest. What
+// the callers may rely on is said in platform/ApplicationRegistry.h.
 #pragma once
 
 #include <optional>
@@ -30,15 +34,19 @@ class ApplicationWorkspaceLinux final : public ApplicationWorkspace {
 
   static bool parse(const Path& staging, const PlistDictionary& options, Request* request,
                     Error* error);
+  // The request without its report: one placeholder, or the bundles of a customer package.
   bool install(const Request& request, Error* error);
   bool installPlaceholder(const Request& request, Error* error);
   bool runPlaceholder(const Request& request, const BundleDescription& bundle,
                       const std::optional<AppRecord>& known, Error* error);
   bool installCustomer(const Request& request, Error* error);
   bool installBundles(const Request& request, const PackageContents& package, Error* error);
+  // The package's app is older than what is built in: ends as a failure, with the package gone.
   bool discardObsolete(const Request& request, const PackageContents& package, Error* error);
+  // A package without bundles whose request was satisfied before.
   bool repeat(const Request& request, const PackageContents& package, const AppRecord& known,
               Error* error);
+  // Whether every bundle may be in a package for the requested identifier, and be installed.
   bool checkIdentifiers(const Request& request, const PackageContents& package, Error* error);
   bool checkBundle(const Request& request, const BundleDescription& bundle, Error* error);
 

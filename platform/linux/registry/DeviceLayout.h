@@ -1,4 +1,7 @@
 // Where the registry keeps things on a device.
+//
+// A container's directory is named by a random UUID and lies among those of its kind; who owns it
+// is said by the records alone.
 #pragma once
 
 #include <string>
@@ -10,18 +13,24 @@
 
 namespace quorvel::onlinux {
 
-enum class ContainerKind { bundle, data, group };
+enum class ContainerKind {
+  bundle,  // one bundle with its store metadata; replaced whole by each install
+  data,    // what an app's user made; kept as long as its record
+  group,   // what apps share; belongs to no app
+};
 
 // Paths below a device's root, with the root in front. A container is stored by its name alone.
 class DeviceLayout {
  public:
   explicit DeviceLayout(std::string root) : root_(std::move(root)) {}
 
+  // The database and its log.
   Path registryDirectory() const {
     return Path::directory(root_ + "/" + DaemonDirectory + RegistryDirectoryPath);
   }
   // Built-in apps.
   Path applications() const { return Path::directory(root_ + "/Applications"); }
+  // The directory of all containers of a kind, and one of them.
   Path containers(ContainerKind kind) const {
     static constexpr const char* names[] = {"Bundle", "Data", "Group"};
     return Path::directory(root_ + "/" + MobileHomeDirectory + ContainersPath + "/" +

@@ -7,9 +7,8 @@
 #include <vector>
 
 #include "platform/DeviceNames.h"
-#include "platform/linux/files/PosixFailure.h"
-#include "platform/linux/registry/IntentCodec.h"
 #include "platform/linux/registry/PackageInspection.h"
+#include "platform/linux/registry/RegistryErrors.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -18,7 +17,7 @@ using Kind = InstallStep::Kind;
 
 bool ChooseName(std::string* name, Error* error) {
   *name = NewContainerName();
-  return !name->empty() || SetError(error, PosixFailure(errno, "A new container's name"));
+  return !name->empty() || Fail("A new container's name", error);
 }
 
 }  // namespace
@@ -26,7 +25,7 @@ bool ChooseName(std::string* name, Error* error) {
 void InstallPlan::addStep(Kind kind, const std::string& identifier, const Path& source,
                           const Path& target) {
   const bool cleanup = kind == Kind::removeTree || kind == Kind::removeStaging;
-  intent_.steps.push_back({kind, cleanup, identifier, source.string(), target.string(), ""});
+  intent_.steps.push_back({kind, cleanup, identifier, source.string(), target.string(), {}, {}});
 }
 
 bool InstallPlan::giveDataContainer(AppRecord* record, Error* error) {
@@ -92,14 +91,14 @@ void InstallPlan::removeTree(const AppRecord& record, const Path& path) {
 }
 
 void InstallPlan::removeStaging(const AppRecord& record, const Path& staging) {
-  std::vector<std::string> moves;
+  std::vector<StagedMove> moves;
   for (const InstallStep& step : intent_.steps) {
-    if (step.kind != Kind::moveBundle && step.kind != Kind::moveItem) continue;
-    moves.push_back(step.source);
-    moves.push_back(step.target);
+    if (step.kind == Kind::moveBundle || step.kind == Kind::moveItem) {
+      moves.push_back({step.source, step.target});
+    }
   }
   addStep(Kind::removeStaging, record.identifier, {}, staging);
-  intent_.steps.back().data = EncodeFields(moves);
+  intent_.steps.back().moves = std::move(moves);
 }
 
 }  // namespace quorvel::onlinux

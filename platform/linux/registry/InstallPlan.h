@@ -1,4 +1,10 @@
 // Builds one intent: chooses every new container and lists the steps in their order.
+//
+//   InstallPlan plan(layout, store);
+//   AppRecord record = ...;
+//   if (!plan.giveDataContainer(&record, error) || !plan.moveBundle(&record, bundle, error)) ...
+//   plan.setRecord(record);
+//   plan.run(transaction, error);
 #pragma once
 
 #include <map>
@@ -35,6 +41,7 @@ class InstallPlan {
   // Adds the record as it is to be; the last call for it.
   void setRecord(const AppRecord& record) { intent_.records.push_back(record); }
 
+  // Carries the intent out; what holds afterwards is said in InstallTransaction.h.
   bool run(InstallTransaction& transaction, Error* error) {
     return transaction.run(intent_, newGroups_, error);
   }

@@ -20,7 +20,7 @@
 #include "platform/linux/files/DurableDirectory.h"
 #include "platform/linux/files/MoveTree.h"
 #include "platform/linux/files/PosixFailure.h"
-#include "platform/linux/registry/IntentCodec.h"
+#include "platform/linux/registry/RegistryErrors.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -28,10 +28,6 @@ namespace {
 using Kind = InstallStep::Kind;
 
 constexpr unsigned char PlaceholderMark[4] = {1, 0, 0, 0};
-
-bool Fail(const std::string& path, Error* error) {
-  return SetError(error, PosixFailure(errno, path));
-}
 
 // Whether certainly nothing has that name; a failure to tell is no.
 bool IsMissing(const std::string& path) {
@@ -75,8 +71,13 @@ void GiveUp(InstallIntent* intent, const std::string& identifier) {
       kept.push_back(std::move(step));
     } else if (step.kind == Kind::makeDirectory) {
       const bool holdsCopy = bundleContainers.contains(step.target);
-      kept.push_back({holdsCopy ? Kind::removeTree : Kind::removeEmptyDirectory, true, "", "",
-                      step.target, ""});
+      kept.push_back({holdsCopy ? Kind::removeTree : Kind::removeEmptyDirectory,
+                      true,
+                      "",
+                      "",
+                      step.target,
+                      {},
+                      {}});
     }
   }
   intent->steps = std::move(kept);
@@ -260,12 +261,10 @@ bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
     return false;
   }
   if (IsMissing(step.target)) return true;
-  std::vector<std::string> moves;
-  DecodeFields(step.data, &moves);
-  for (std::size_t i = 0; i + 1 < moves.size(); i += 2) {
-    if (!IsMissing(moves[i])) continue;
-    MoveItem(fileSystem_, FileSystemRepresentation(moves[i]).c_str(),
-             FileSystemRepresentation(moves[i + 1]).c_str(), nullptr);
+  for (const auto& [source, target] : step.moves) {
+    if (!IsMissing(source)) continue;
+    MoveItem(fileSystem_, FileSystemRepresentation(source).c_str(),
+             FileSystemRepresentation(target).c_str(), nullptr);
   }
   return RemoveEmptyDirectory(payload, error) && RemoveEmptyDirectory(step.target, error);
 }

@@ -1,4 +1,7 @@
 // The installation service's records, kept beside the registry's.
+//
+// What is recorded is on stable storage when an operation answers with success. Neither operation
+// has an Error to hand back: why one failed is not told.
 #pragma once
 
 #include <string>
@@ -23,14 +26,10 @@ class InstallationServiceLinux final : public InstallationService {
 
  private:
   enum class Outcome { done, unsupported, failed };
+  // Of one data container, by name.
   Outcome protect(const std::string& container);
 
   RegistryCore& core_;
 };
-
-// Settings that the second operation leaves: that it ran (1), and how many containers could not
-// hold a class.
-inline constexpr const char* DataProtectionUpdatedSetting = "dataProtectionUpdated";
-inline constexpr const char* DataProtectionUnsupportedSetting = "dataProtectionUnsupported";
 
 }  // namespace quorvel::onlinux

@@ -1,113 +1,186 @@
-// Fields with their lengths in front, refused whole when they do not add up.
+// Names each structure's fields once, for writing and reading; refuses whole what does not add up.
 #include "platform/linux/registry/IntentCodec.h"
 
 #include <charconv>
 #include <cstddef>
 #include <optional>
+#include <tuple>
+#include <utility>
 
 namespace quorvel::onlinux {
 namespace {
 
-using Fields = std::vector<std::string>;
+constexpr auto kMoveFields = std::tuple(&StagedMove::source, &StagedMove::target);
+constexpr auto kStepFields =
+    std::tuple(&InstallStep::kind, &InstallStep::cleanup, &InstallStep::identifier,
+               &InstallStep::source, &InstallStep::target, &InstallStep::data);
+constexpr auto kRecordFields = std::tuple(
+    &AppRecord::identifier, &AppRecord::type, &AppRecord::version, &AppRecord::bundleContainer,
+    &AppRecord::bundleName, &AppRecord::dataContainer, &AppRecord::groups, &AppRecord::placeholder,
+    &AppRecord::staging, &AppRecord::obsolete);
 
-// An optional text: absent is empty, present begins with "=".
-std::string FromOptional(const std::optional<std::string>& text) {
-  return text ? "=" + *text : std::string();
-}
+// Adds values, each as one field, to a text.
+class Writer {
+ public:
+  std::string take() { return std::move(text_); }
 
-std::optional<std::string> ToOptional(const std::string& field) {
-  if (field.empty()) return std::nullopt;
-  return field.substr(1);
-}
+  void put(std::string_view text) {
+    text_ += std::to_string(text.size());
+    text_ += ':';
+    text_ += text;
+  }
+  void put(const std::string& text) { put(std::string_view(text)); }
+  void put(bool value) { put(std::string_view(value ? "1" : "0")); }
+  void put(InstallStep::Kind kind) { put(std::to_string(static_cast<int>(kind))); }
+  // Absent is empty, present begins with "=".
+  void put(const std::optional<std::string>& text) { put(text ? "=" + *text : std::string()); }
+  void put(const StagedMove& move) { putFields(move, kMoveFields); }
+  void put(const AppRecord& record) { putFields(record, kRecordFields); }
+  void put(const InstallStep& step) {
+    Writer inner;
+    inner.putAll(step, kStepFields);
+    inner.put(step.moves);
+    put(inner.text_);
+  }
+  template <class Value>
+  void put(const std::vector<Value>& list) {
+    Writer inner;
+    for (const Value& value : list) inner.put(value);
+    put(inner.text_);
+  }
 
-std::string EncodeStep(const InstallStep& step) {
-  return EncodeFields({std::to_string(static_cast<int>(step.kind)), step.cleanup ? "1" : "0",
-                       step.identifier, step.source, step.target, step.data});
-}
+ private:
+  template <class Structure, class Fields>
+  void putAll(const Structure& value, const Fields& fields) {
+    std::apply([&](auto... field) { (put(value.*field), ...); }, fields);
+  }
+  template <class Structure, class Fields>
+  void putFields(const Structure& value, const Fields& fields) {
+    Writer inner;
+    inner.putAll(value, fields);
+    put(inner.text_);
+  }
 
-bool DecodeStep(const std::string& encoded, InstallStep* step) {
-  Fields fields;
-  if (!DecodeFields(encoded, &fields) || fields.size() != 6) return false;
-  int kind = -1;
-  std::from_chars(fields[0].data(), fields[0].data() + fields[0].size(), kind);
-  if (kind < 0 || kind > static_cast<int>(InstallStep::Kind::removeStaging)) return false;
-  *step = {static_cast<InstallStep::Kind>(kind),
-           fields[1] == "1",
-           fields[2],
-           fields[3],
-           fields[4],
-           fields[5]};
+  std::string text_;
+};
+
+// Takes fields from the front; each operation is false when there is no such field.
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : rest_(text) {}
+  bool atEnd() const { return rest_.empty(); }
+
+  bool take(std::string_view* text) {
+    std::size_t size = 0;
+    const auto [end, failure] = std::from_chars(rest_.data(), rest_.data() + rest_.size(), size);
+    if (failure != std::errc()) return false;
+    rest_.remove_prefix(static_cast<std::size_t>(end - rest_.data()));
+    if (rest_.empty() || rest_[0] != ':' || rest_.size() - 1 < size) return false;
+    *text = rest_.substr(1, size);
+    rest_.remove_prefix(1 + size);
+    return true;
+  }
+  bool take(std::string* value) {
+    std::string_view text;
+    if (!take(&text)) return false;
+    value->assign(text);
+    return true;
+  }
+  bool take(bool* value) {
+    std::string_view text;
+    if (!take(&text)) return false;
+    *value = text == "1";
+    return true;
+  }
+  bool take(InstallStep::Kind* kind) {
+    std::string_view text;
+    int number = -1;
+    if (!take(&text)) return false;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    *kind = static_cast<InstallStep::Kind>(number);
+    return number >= 0 && *kind <= InstallStep::Kind::removeStaging;
+  }
+  bool take(std::optional<std::string>* value) {
+    std::string_view text;
+    if (!take(&text)) return false;
+    value->reset();
+    if (!text.empty()) value->emplace(text.substr(1));
+    return true;
+  }
+  bool take(StagedMove* move) {
+    std::string_view text;
+    return take(&text) && Reader(text).takeAll(move, kMoveFields);
+  }
+  bool take(AppRecord* record) {
+    std::string_view text;
+    return take(&text) && Reader(text).takeAll(record, kRecordFields);
+  }
+  bool take(InstallStep* step);
+  template <class Value>
+  bool take(std::vector<Value>* list) {
+    std::string_view text;
+    return take(&text) && Reader(text).takeRest(list);
+  }
+  template <class Value>
+  bool takeRest(std::vector<Value>* list) {
+    list->clear();
+    while (!atEnd()) {
+      if (!take(&list->emplace_back())) return false;
+    }
+    return true;
+  }
+
+ private:
+  template <class Structure, class Fields>
+  bool takeAll(Structure* value, const Fields& fields) {
+    return std::apply([&](auto... field) { return (take(&(value->*field)) && ...); }, fields);
+  }
+
+  std::string_view rest_;
+};
+
+// An earlier version had no field for the moves and put their paths, as one list, into `data`.
+bool TakeMovesFromData(InstallStep* step) {
+  std::vector<std::string> paths;
+  if (step->kind != InstallStep::Kind::removeStaging) return true;
+  if (!DecodeList(step->data, &paths)) return false;
+  for (std::size_t i = 0; i + 1 < paths.size(); i += 2) {
+    step->moves.push_back({paths[i], paths[i + 1]});
+  }
+  step->data.clear();
   return true;
 }
 
-std::string EncodeRecord(const AppRecord& record) {
-  return EncodeFields(
-      {record.identifier, record.type, record.version, FromOptional(record.bundleContainer),
-       record.bundleName, FromOptional(record.dataContainer), EncodeFields(record.groups),
-       record.placeholder ? "1" : "0", record.staging, record.obsolete ? "1" : "0"});
-}
-
-bool DecodeRecord(const std::string& encoded, AppRecord* record) {
-  Fields fields;
-  if (!DecodeFields(encoded, &fields) || fields.size() != 10) return false;
-  *record = {fields[0], fields[1],
-             fields[2], ToOptional(fields[3]),
-             fields[4], ToOptional(fields[5]),
-             {},        fields[7] == "1",
-             fields[8], fields[9] == "1"};
-  return DecodeFields(fields[6], &record->groups);
+bool Reader::take(InstallStep* step) {
+  std::string_view text;
+  if (!take(&text)) return false;
+  Reader inner(text);
+  if (!inner.takeAll(step, kStepFields)) return false;
+  return inner.atEnd() ? TakeMovesFromData(step) : inner.take(&step->moves);
 }
 
 }  // namespace
 
-std::string EncodeFields(const Fields& fields) {
-  std::string encoded;
-  for (const std::string& field : fields) {
-    encoded += std::to_string(field.size());
-    encoded += ':';
-    encoded += field;
-  }
-  return encoded;
+std::string EncodeList(const std::vector<std::string>& texts) {
+  Writer writer;
+  for (const std::string& text : texts) writer.put(text);
+  return writer.take();
 }
 
-bool DecodeFields(std::string_view encoded, Fields* fields) {
-  fields->clear();
-  while (!encoded.empty()) {
-    std::size_t size = 0;
-    const auto [end, failure] =
-        std::from_chars(encoded.data(), encoded.data() + encoded.size(), size);
-    if (failure != std::errc()) return false;
-    encoded.remove_prefix(static_cast<std::size_t>(end - encoded.data()));
-    if (encoded.empty() || encoded[0] != ':' || encoded.size() - 1 < size) return false;
-    fields->emplace_back(encoded.substr(1, size));
-    encoded.remove_prefix(1 + size);
-  }
-  return true;
+bool DecodeList(std::string_view encoded, std::vector<std::string>* texts) {
+  return Reader(encoded).takeRest(texts);
 }
 
 std::string EncodeIntent(const InstallIntent& intent) {
-  Fields steps;
-  for (const InstallStep& step : intent.steps) steps.push_back(EncodeStep(step));
-  Fields records;
-  for (const AppRecord& record : intent.records) records.push_back(EncodeRecord(record));
-  return EncodeFields({EncodeFields(steps), EncodeFields(records)});
+  Writer writer;
+  writer.put(intent.steps);
+  writer.put(intent.records);
+  return writer.take();
 }
 
 bool DecodeIntent(std::string_view encoded, InstallIntent* intent) {
-  Fields parts;
-  Fields steps;
-  Fields records;
-  if (!DecodeFields(encoded, &parts) || parts.size() != 2 || !DecodeFields(parts[0], &steps) ||
-      !DecodeFields(parts[1], &records)) {
-    return false;
-  }
-  for (const std::string& step : steps) {
-    if (!DecodeStep(step, &intent->steps.emplace_back())) return false;
-  }
-  for (const std::string& record : records) {
-    if (!DecodeRecord(record, &intent->records.emplace_back())) return false;
-  }
-  return true;
+  Reader reader(encoded);
+  return reader.take(&intent->steps) && reader.take(&intent->records) && reader.atEnd();
 }
 
 }  // namespace quorvel::onlinux

@@ -16,7 +16,6 @@
 #include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/UniqueDescriptor.h"
-#include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/registry/RegistryErrors.h"
 
 namespace quorvel::onlinux {
@@ -112,10 +111,8 @@ bool ReadBundle(BundleReader& reader, const Path& directory, const char* type,
   const std::string* identifier = opened != nullptr ? opened->identifier() : nullptr;
   const PlistDictionary* info = opened != nullptr ? opened->infoDictionary() : nullptr;
   if (identifier == nullptr || identifier->empty() || info == nullptr) {
-    return SetError(
-        error, RegistryFailure(RegistryErrorCode::unreadableInfo,
-                               directory.string() + ": has no readable info dictionary with an "
-                                                    "identifier"));
+    return Fail(RegistryErrorCode::unreadableInfo,
+                directory.string() + ": has no readable info dictionary with an identifier", error);
   }
   const std::string* version = info->findString(PKBundleVersionKey);
   *bundle = {directory, type, *identifier, version != nullptr ? *version : std::string(),
@@ -129,7 +126,7 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
   const UniqueDescriptor directory =
       OpenDirectory(AT_FDCWD, staging.fileSystemRepresentation().c_str());
   if (!directory) {
-    return SaysAbsent(errno) || SetError(error, PosixFailure(errno, staging.string()));
+    return SaysAbsent(errno) || Fail(staging.string(), error);
   }
   package->isPresent = true;
   for (const char* name : StoreMetadataItemNames) {
@@ -141,11 +138,11 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
   const Path payload = staging.childDirectory(PayloadName);
   UniqueDescriptor bundles = OpenDirectory(directory.get(), PayloadName);
   if (!bundles) {
-    return SaysAbsent(errno) || SetError(error, PosixFailure(errno, payload.string()));
+    return SaysAbsent(errno) || Fail(payload.string(), error);
   }
   std::vector<Path> paths;
   if (!ListBundles(std::move(bundles), payload, &paths)) {
-    return SetError(error, PosixFailure(errno, payload.string()));
+    return Fail(payload.string(), error);
   }
   for (const Path& path : paths) {
     BundleDescription bundle;
@@ -174,7 +171,7 @@ const BuiltInApps::Map* BuiltInApps::all(Error* error) {
       OpenDirectory(AT_FDCWD, applications_.fileSystemRepresentation().c_str());
   std::vector<Path> paths;
   if (directory ? !ListBundles(std::move(directory), applications_, &paths) : !SaysAbsent(errno)) {
-    SetError(error, PosixFailure(errno, applications_.string()));
+    Fail(applications_.string(), error);
     return nullptr;
   }
   for (const Path& path : paths) {

@@ -8,37 +8,40 @@
 #include "platform/linux/registry/RegistryErrors.h"
 
 namespace quorvel::onlinux {
+namespace {
 
-RegistryCore::RegistryCore(FileSystem& fileSystemService, BundleReader& bundleReader,
-                           RegistryOptions registryOptions)
-    : fileSystem(fileSystemService),
-      bundles(bundleReader),
-      options(std::move(registryOptions)),
-      layout(options.deviceRoot),
-      transaction(fileSystem, store),
-      builtIn(bundles, layout.applications()) {}
+// Settings in the store: that the update of data protection ran (1), and how many containers could
+// not hold a class.
+constexpr const char* kDataProtectionUpdated = "dataProtectionUpdated";
+constexpr const char* kDataProtectionUnsupported = "dataProtectionUnsupported";
+
+}  // namespace
+
+RegistryCore::RegistryCore(FileSystem& fileSystem, BundleReader& bundles, RegistryOptions options)
+    : fileSystem_(fileSystem),
+      bundles_(bundles),
+      options_(std::move(options)),
+      layout_(options_.deviceRoot),
+      transaction_(fileSystem_, store_),
+      builtIn_(bundles_, layout_.applications()) {}
 
 bool RegistryCore::prepare(Error* error) {
-  Error failure;
   unfinished_ = {};
-  if (!store.open(fileSystem, layout.registryDirectory(), options, &failure)) {
-    remember(failure);
-    return SetError(error, std::move(failure));
-  }
-  if (!options.readOnly && !transaction.finishOpenIntents(&unfinished_)) remember(unfinished_);
+  if (!store_.open(fileSystem_, layout_.registryDirectory(), options_, error)) return false;
+  if (!options_.readOnly) transaction_.finishOpenIntents(&unfinished_);
   return true;
 }
 
 bool RegistryCore::prepareToWrite(Error* error) {
-  if (!options.readOnly) return prepare(error);
-  return SetError(error, RegistryFailure(RegistryErrorCode::readOnlyStore,
-                                         "The application registry is open for lookups only"));
+  if (!options_.readOnly) return prepare(error);
+  return Fail(RegistryErrorCode::readOnlyStore, "The application registry is open for lookups only",
+              error);
 }
 
 bool RegistryCore::isBlocked(const std::string& identifier, Error* error) {
   if (!unfinished_) return false;
   std::vector<InstallIntent> intents;
-  if (!store.openIntents(&intents)) return !storeFailed(error);
+  if (!store_.openIntents(&intents)) return !storeFailed(error);
   for (const InstallIntent& intent : intents) {
     for (const AppRecord& record : intent.records) {
       if (record.identifier == identifier) return !SetError(error, unfinished_);
@@ -47,34 +50,33 @@ bool RegistryCore::isBlocked(const std::string& identifier, Error* error) {
   return false;
 }
 
-bool RegistryCore::storeFailed(Error* error) {
-  remember(store.failure());
-  return SetError(error, store.failure());
-}
-
 bool RegistryCore::find(const std::string& identifier, std::optional<AppRecord>* record,
                         Error* error) {
-  return store.find(identifier, record) || storeFailed(error);
+  return store_.find(identifier, record) || storeFailed(error);
+}
+
+bool RegistryCore::forEachApp(const std::function<void(const AppRecord&)>& visit, Error* error) {
+  return store_.forEachApp(visit) || storeFailed(error);
 }
 
 // A bundle that someone removed makes the app a missing one: the migration then installs it
 // anew, into the data container that the record still names.
 bool RegistryCore::hasBundle(const AppRecord& record) const {
   return record.bundleContainer &&
-         IsRealDirectory(layout.container(ContainerKind::bundle, *record.bundleContainer)
+         IsRealDirectory(layout_.container(ContainerKind::bundle, *record.bundleContainer)
                              .childDirectory(record.bundleName));
 }
 
 bool RegistryCore::containerHolds(const AppRecord& record, const std::string& name) const {
   struct stat info {};
   const Path item =
-      layout.container(ContainerKind::bundle, record.bundleContainer.value_or("")).child(name);
+      layout_.container(ContainerKind::bundle, record.bundleContainer.value_or("")).child(name);
   return ::lstat(item.fileSystemRepresentation().c_str(), &info) == 0;
 }
 
 const BundleDescription* RegistryCore::effectiveBuiltIn(const std::string& identifier,
                                                         const std::optional<AppRecord>& record) {
-  const BundleDescription* app = builtIn.find(identifier);
+  const BundleDescription* app = builtIn_.find(identifier);
   if (app == nullptr || !record || !hasBundle(*record)) return app;
   return IsNewerVersion(app->version, record->version) ? app : nullptr;
 }
@@ -82,15 +84,15 @@ const BundleDescription* RegistryCore::effectiveBuiltIn(const std::string& ident
 std::optional<Path> RegistryCore::container(ContainerKind kind,
                                             const std::optional<std::string>& name) const {
   if (!name) return std::nullopt;
-  return layout.container(kind, *name);
+  return layout_.container(kind, *name);
 }
 
 bool RegistryCore::groupContainers(const std::vector<std::string>& groups,
                                    std::map<std::string, Path>* paths) {
   for (const std::string& group : groups) {
     std::optional<std::string> name;
-    if (!store.findGroup(group, &name)) return storeFailed(nullptr);
-    if (name) paths->emplace(group, layout.container(ContainerKind::group, *name));
+    if (!store_.findGroup(group, &name)) return storeFailed(nullptr);
+    if (name) paths->emplace(group, layout_.container(ContainerKind::group, *name));
   }
   return true;
 }
@@ -131,7 +133,7 @@ BundleProxy RegistryCore::proxyOf(const BundleDescription& app,
 bool RegistryCore::giveContainers(const BundleDescription& app, std::optional<AppRecord>* record,
                                   Error* error) {
   std::map<std::string, Path> groups;
-  if (!groupContainers(app.groups, &groups)) return SetError(error, lastFailure_);
+  if (!groupContainers(app.groups, &groups)) return storeFailed(error);
   const bool complete = *record && (*record)->dataContainer && groups.size() == app.groups.size();
   if (complete) return true;
   AppRecord updated = record->value_or(AppRecord{});
@@ -140,15 +142,48 @@ bool RegistryCore::giveContainers(const BundleDescription& app, std::optional<Ap
     updated.type = app.type;
     updated.groups = app.groups;
   }
-  InstallPlan plan(layout, store);
+  InstallPlan plan = newPlan();
   AppRecord wanted = updated;
   wanted.groups = app.groups;
   if (!plan.giveDataContainer(&updated, error) || !plan.giveGroupContainers(wanted, error)) {
     return false;
   }
   plan.setRecord(updated);
-  if (!plan.run(transaction, error)) return false;
+  if (!run(plan, error)) return false;
   *record = std::move(updated);
+  return true;
+}
+
+// The record that it ran must not outlive what it speaks of.
+bool RegistryCore::recordDataProtection(std::int64_t unsupported, Error* error) {
+  const Path containers = layout_.containers(ContainerKind::data);
+  if (IsRealDirectory(containers) &&
+      fileSystem_.SyncFileSystem(containers.fileSystemRepresentation().c_str()) != 0) {
+    return Fail(containers.string(), error);
+  }
+  return (store_.putSetting(kDataProtectionUnsupported, unsupported) &&
+          store_.putSetting(kDataProtectionUpdated, 1)) ||
+         storeFailed(error);
+}
+
+bool RegistryCore::snapshot(RegistrySnapshot* result, Error* error) {
+  *result = {};
+  std::map<std::string, std::optional<AppRecord>> records;
+  const BuiltInApps::Map* apps = builtIn_.all(error);
+  if (apps == nullptr || !prepare(error)) return false;
+  const auto note = [&](const AppRecord& record) { records[record.identifier] = record; };
+  if (!forEachApp(note, error)) return false;
+  for (const auto& [identifier, app] : *apps) records.try_emplace(identifier);
+  for (const auto& [identifier, record] : records) {
+    const BundleDescription* app = effectiveBuiltIn(identifier, record);
+    result->bundles.push_back(app != nullptr ? proxyOf(*app, record) : proxyOf(*record));
+  }
+  std::int64_t updated = 0;
+  if (!store_.safeHarbors(&result->safeHarbors) ||
+      !store_.setting(kDataProtectionUpdated, &updated)) {
+    return storeFailed(error);
+  }
+  result->dataProtectionUpdated = updated != 0;
   return true;
 }
 

@@ -1,26 +1,39 @@
-// What the registry's operations share: the store, opened when first needed, and lookups.
+// What the registry's operations share: the store, opened when first needed; lookups in it and
+// among the built-in apps; and the way a change is carried out.
+//
+// The facade (ApplicationRegistryLinux.h) makes one core, and the two services work through it.
+// One thread at a time. Operations that take an Error answer false, and fill it, when they fail.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/ApplicationRegistry.h"
-#include "platform/linux/registry/ApplicationRegistryLinux.h"
+#include "platform/BundleReader.h"
+#include "platform/FileSystem.h"
 #include "platform/linux/registry/DeviceLayout.h"
 #include "platform/linux/registry/InstallPlan.h"
 #include "platform/linux/registry/InstallTransaction.h"
 #include "platform/linux/registry/PackageInspection.h"
 #include "platform/linux/registry/RegistryStore.h"
+#include "platform/linux/registry/RegistryTypes.h"
 
 namespace quorvel::onlinux {
 
 class RegistryCore {
  public:
+  // Both services must outlive the object.
   RegistryCore(FileSystem& fileSystem, BundleReader& bundles, RegistryOptions options);
   RegistryCore(const RegistryCore&) = delete;
   RegistryCore& operator=(const RegistryCore&) = delete;
+
+  bool isReadOnly() const { return options_.readOnly; }
+  bool isBlacklisted(const std::string& identifier) const {
+    return options_.isBlacklisted && options_.isBlacklisted(identifier);
+  }
 
   // Opens the store and takes up what an interrupted or failed operation left open. What cannot
   // be finished now does not stop others: it only fails requests for the same identifier.
@@ -30,42 +43,68 @@ class RegistryCore {
   // Whether an intent for the identifier is still open, then with the Error why.
   bool isBlocked(const std::string& identifier, Error* error);
 
+  // --- What is recorded: after prepare() ---------------------------------------------------
+
   // The record of the identifier; false when it cannot be told.
   bool find(const std::string& identifier, std::optional<AppRecord>* record, Error* error);
+  // In the identifiers' order.
+  bool forEachApp(const std::function<void(const AppRecord&)>& visit, Error* error);
   // Whether the record's bundle is where the record says.
   bool hasBundle(const AppRecord& record) const;
   // Whether the record's bundle container has an item of that name.
   bool containerHolds(const AppRecord& record, const std::string& name) const;
+  BundleProxy proxyOf(const AppRecord& record);
+  // `record` holds the containers, if there are any yet.
+  BundleProxy proxyOf(const BundleDescription& builtIn, const std::optional<AppRecord>& record);
+  bool snapshot(RegistrySnapshot* result, Error* error);
+  bool isSound(Error* error) { return prepare(error) && store_.isSound(error); }
+
+  // --- Built-in apps, and packages (PackageInspection.h) ------------------------------------
+
+  const BuiltInApps::Map* builtInApps(Error* error) { return builtIn_.all(error); }
+  const BundleDescription* builtInApp(const std::string& id) { return builtIn_.find(id); }
   // The built-in app, unless the record (if there is one) has an installed bundle that is not
   // older. Null otherwise.
   const BundleDescription* effectiveBuiltIn(const std::string& identifier,
                                             const std::optional<AppRecord>& record);
-  BundleProxy proxyOf(const AppRecord& record);
-  // `record` holds the containers, if there are any yet.
-  BundleProxy proxyOf(const BundleDescription& builtIn, const std::optional<AppRecord>& record);
+  bool readBundle(const Path& directory, const char* type, BundleDescription* bundle,
+                  Error* error) {
+    return ReadBundle(bundles_, directory, type, bundle, error);
+  }
+  bool inspectPackage(const Path& staging, PackageContents* package, Error* error) {
+    return InspectPackage(bundles_, staging, package, error);
+  }
+
+  // --- Changes: after prepareToWrite() ------------------------------------------------------
+
+  InstallPlan newPlan() { return {layout_, store_}; }
+  bool run(InstallPlan& plan, Error* error) { return plan.run(transaction_, error); }
   // Gives a built-in app the containers it still lacks, and updates the record.
   bool giveContainers(const BundleDescription& builtIn, std::optional<AppRecord>* record,
                       Error* error);
+  bool putSafeHarbor(const SafeHarborRecord& harbor) { return store_.putSafeHarbor(harbor); }
+  // Records that the update of data protection ran, and how many containers could not hold a
+  // class, once what it did is on stable storage.
+  bool recordDataProtection(std::int64_t unsupported, Error* error);
 
-  // False with the store's failure, which is remembered.
-  bool storeFailed(Error* error);
-  void remember(const Error& failure) { lastFailure_ = failure; }
-  const Error& lastFailure() const { return lastFailure_; }
-
-  FileSystem& fileSystem;
-  BundleReader& bundles;
-  const RegistryOptions options;
-  const DeviceLayout layout;
-  RegistryStore store;
-  InstallTransaction transaction;
-  BuiltInApps builtIn;
+  FileSystem& fileSystem() { return fileSystem_; }
+  Path dataContainer(const std::string& name) const {
+    return layout_.container(ContainerKind::data, name);
+  }
 
  private:
+  bool storeFailed(Error* error) { return SetError(error, store_.failure()); }
   std::optional<Path> container(ContainerKind kind, const std::optional<std::string>& name) const;
   bool groupContainers(const std::vector<std::string>& groups, std::map<std::string, Path>* paths);
 
+  FileSystem& fileSystem_;
+  BundleReader& bundles_;
+  const RegistryOptions options_;
+  const DeviceLayout layout_;
+  RegistryStore store_;
+  InstallTransaction transaction_;
+  BuiltInApps builtIn_;
   Error unfinished_;  // why an intent is still open
-  Error lastFailure_;
 };
 
 }  // namespace quorvel::onlinux

@@ -91,20 +91,20 @@ bool RegistryDatabase::create(const std::string& directory, const char* name,
                               const DatabaseOptions& options, Error* error) {
   const UniqueDescriptor parent(
       ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!parent) return SetError(error, PosixFailure(errno, directory));
+  if (!parent) return Fail(directory, error);
   // Only one process makes it; the lock goes with the descriptor, however the process ends.
   while (::flock(parent.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) return SetError(error, PosixFailure(errno, directory));
+    if (errno != EINTR) return Fail(directory, error);
   }
   struct stat info {};
   if (::fstatat(parent.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) return true;
-  if (errno != ENOENT) return SetError(error, PosixFailure(errno, Joined(directory, name)));
+  if (errno != ENOENT) return Fail(Joined(directory, name), error);
 
   // What an interrupted creation left. A log of that name would be taken for the new file's.
   const std::string fresh = std::string(name) + ".new";
   for (const char* suffix : {"", "-journal", "-wal"}) {
     if (::unlinkat(parent.get(), (fresh + suffix).c_str(), 0) != 0 && errno != ENOENT) {
-      return SetError(error, PosixFailure(errno, Joined(directory, fresh + suffix)));
+      return Fail(Joined(directory, fresh + suffix), error);
     }
   }
   sqlite3* connection = nullptr;
@@ -122,7 +122,7 @@ bool RegistryDatabase::create(const std::string& directory, const char* name,
   }
   if (::renameat(parent.get(), fresh.c_str(), parent.get(), name) != 0 ||
       ::fsync(parent.get()) != 0) {
-    return SetError(error, PosixFailure(errno, Joined(directory, name)));
+    return Fail(Joined(directory, name), error);
   }
   return true;
 }
@@ -132,10 +132,10 @@ bool RegistryDatabase::open(const std::string& directory, const char* name,
   close();
   const std::string path = Joined(directory, name);
   const std::int64_t size = FileSize(path);
-  if (size < 0) return SetError(error, PosixFailure(errno, path));
+  if (size < 0) return Fail(path, error);
   // SQLite takes an empty file for a new database; it is one that was cut off.
   if (size == 0) {
-    return SetError(error, RegistryFailure(RegistryErrorCode::damagedStore, path + ": is empty"));
+    return Fail(RegistryErrorCode::damagedStore, path + ": is empty", error);
   }
   // A reader that changes nothing: without a log the file is all there is and is read without
   // locks. With one it must be read as its writer would, under its locks and with the log
@@ -171,16 +171,13 @@ bool RegistryDatabase::check(const std::string& path, const DatabaseOptions& opt
   const std::int64_t applicationId = pragma("PRAGMA application_id");
   const std::int64_t version = pragma("PRAGMA user_version");
   if (applicationId != options.applicationId || version < 1) {
-    return SetError(error, RegistryFailure(RegistryErrorCode::damagedStore,
-                                           path + ": is no application registry"));
+    return Fail(RegistryErrorCode::damagedStore, path + ": is no application registry", error);
   }
   if (version > options.version) {
-    return SetError(error, RegistryFailure(RegistryErrorCode::newerStore,
-                                           path + ": was written by a newer system"));
+    return Fail(RegistryErrorCode::newerStore, path + ": was written by a newer system", error);
   }
   if (!fileIsWhole(path)) {
-    return SetError(error,
-                    RegistryFailure(RegistryErrorCode::damagedStore, path + ": is not whole"));
+    return Fail(RegistryErrorCode::damagedStore, path + ": is not whole", error);
   }
   if (options.readOnly && !execute("PRAGMA query_only=ON")) return SetError(error, failure_);
   return true;
@@ -265,8 +262,6 @@ Query::Query(RegistryDatabase& database, std::string_view literal)
 
 Query::~Query() {
   if (statement_ == nullptr) return;
-  database_.steps_ +=
-      static_cast<std::uint64_t>(sqlite3_stmt_status(statement_, SQLITE_STMTSTATUS_VM_STEP, 1));
   sqlite3_reset(statement_);
   sqlite3_clear_bindings(statement_);
 }

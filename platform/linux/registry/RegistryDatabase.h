@@ -64,7 +64,6 @@ class RegistryDatabase {
   // The failure of the last statement that failed.
   const Error& failure() const { return failure_; }
   void setFailure(Error failure) { failure_ = std::move(failure); }  // for content that is wrong
-  std::uint64_t steps() const { return steps_; }
 
  private:
   friend class Query;
@@ -78,7 +77,6 @@ class RegistryDatabase {
   sqlite3* connection_ = nullptr;
   std::map<std::string_view, sqlite3_stmt*> statements_;  // by their literal
   Error failure_;
-  std::uint64_t steps_ = 0;
 };
 
 // One use of a statement. Binds in order, then run() or row() until it is false. The text must be

@@ -1,12 +1,14 @@
 // The registry's own errors: one list for Errors handed back and for progress reports.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <utility>
 
 #include "platform/ApplicationRegistry.h"
 #include "platform/Error.h"
+#include "platform/linux/files/PosixFailure.h"
 
 namespace quorvel::onlinux {
 
@@ -39,6 +41,16 @@ inline const char* RegistryErrorName(RegistryErrorCode code) {
 inline Error RegistryFailure(RegistryErrorCode code, std::string text) {
   return Error(RXErrorDomain, static_cast<std::int64_t>(code),
                {{LocalizedDescriptionKey, PlistValue(std::move(text))}});
+}
+
+// How an operation here ends that failed: with the Error, and false. From errno, with what the
+// call worked on; or with a refusal of the registry's own.
+inline bool Fail(const std::string& what, Error* error) {
+  const int number = errno;  // before anything else may change it
+  return SetError(error, PosixFailure(number, what));
+}
+inline bool Fail(RegistryErrorCode code, std::string text, Error* error) {
+  return SetError(error, RegistryFailure(code, std::move(text)));
 }
 
 // What a progress report says about a failure.

@@ -9,7 +9,6 @@
 
 #include "platform/DeviceNames.h"
 #include "platform/linux/files/DurableDirectory.h"
-#include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/registry/IntentCodec.h"
 #include "platform/linux/registry/RegistryErrors.h"
 
@@ -49,7 +48,7 @@ AppRecord RecordOf(const Query& query) {
                    query.number(7) != 0,
                    query.text(8),
                    query.number(9) != 0};
-  DecodeFields(query.text(6), &record.groups);
+  DecodeList(query.text(6), &record.groups);
   return record;
 }
 
@@ -70,7 +69,7 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
   struct stat info {};
   const std::string file = std::string(bytes.c_str()) + "/" + RegistryFileName;
   if (::lstat(file.c_str(), &info) != 0) {
-    if (errno != ENOENT) return SetError(error, PosixFailure(errno, file));
+    if (errno != ENOENT) return Fail(file, error);
     absent_ = options.readOnly;
     if (absent_) return true;
     if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error) ||
@@ -87,8 +86,8 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
 bool RegistryStore::isSound(Error* error) {
   if (absent_) return true;
   if (!database_.contentIsWhole()) {
-    return SetError(error, RegistryFailure(RegistryErrorCode::damagedStore,
-                                           "The application registry: its tables are damaged"));
+    return Fail(RegistryErrorCode::damagedStore, "The application registry: its tables are damaged",
+                error);
   }
   std::optional<std::string> container;
   std::vector<InstallIntent> intents;
@@ -192,7 +191,7 @@ bool RegistryStore::openIntents(std::vector<InstallIntent>* intents) {
 }
 
 bool RegistryStore::putRecord(const AppRecord& record) {
-  const std::string groups = EncodeFields(record.groups);
+  const std::string groups = EncodeList(record.groups);
   Query query(database_,
               "INSERT OR REPLACE INTO apps(" QV_APP_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?)");
   query.bind(record.identifier)

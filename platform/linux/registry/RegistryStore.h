@@ -14,55 +14,11 @@
 #include "platform/Error.h"
 #include "platform/FileSystem.h"
 #include "platform/Path.h"
-#include "platform/linux/registry/ApplicationRegistryLinux.h"
+#include "platform/linux/registry/InstallIntent.h"
 #include "platform/linux/registry/RegistryDatabase.h"
+#include "platform/linux/registry/RegistryTypes.h"
 
 namespace quorvel::onlinux {
-
-// One identifier. Containers are names (DeviceLayout.h), absent when there is none.
-struct AppRecord {
-  std::string identifier;
-  std::string type;
-  std::string version;
-  std::optional<std::string> bundleContainer;
-  std::string bundleName;  // of the bundle's directory in its container; a path text
-  std::optional<std::string> dataContainer;
-  std::vector<std::string> groups;
-  bool placeholder = false;
-  // The request that was last satisfied for the identifier: its staging directory, and whether
-  // the answer was that a newer copy is built in.
-  std::string staging;
-  bool obsolete = false;
-};
-
-// One step of an intent. Each may be repeated, whether or not it was done before.
-struct InstallStep {
-  enum class Kind {
-    makeDirectory,         // target
-    moveBundle,            // source to target
-    moveItem,              // the same for what may be missing
-    writeFile,             // data to target
-    markPlaceholder,       // target
-    removeTree,            // target
-    removeEmptyDirectory,  // target; one that is not empty stays
-    removeStaging,         // target, when only "Payload" and remains of the moves are in it; data
-                           // lists source and target of each move
-  };
-  Kind kind = Kind::makeDirectory;
-  bool cleanup = false;    // done after the records were replaced
-  std::string identifier;  // whose record depends on it; empty: nobody's
-  std::string source;
-  std::string target;
-  std::string data;
-};
-
-// What an operation set out to do, whole: steps, then records, then clean-up steps.
-struct InstallIntent {
-  std::int64_t id = 0;
-  bool committed = false;  // the records are replaced; only clean-up steps are left
-  std::vector<InstallStep> steps;
-  std::vector<AppRecord> records;
-};
 
 class RegistryStore {
  public:
@@ -71,7 +27,6 @@ class RegistryStore {
   bool open(FileSystem& fileSystem, const Path& directory, const RegistryOptions& options,
             Error* error);
   const Error& failure() const { return database_.failure(); }
-  std::uint64_t steps() const { return database_.steps(); }
 
   // Whether all that is stored can be read. In time linear in it.
   bool isSound(Error* error);

@@ -1,0 +1,64 @@
+// What one operation of the registry sets out to do, as it is stored before anything is touched.
+//
+// Paths here are the texts of Path; who owns what is said by identifier.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quorvel::onlinux {
+
+// One identifier. Containers are names (DeviceLayout.h), absent when there is none.
+struct AppRecord {
+  std::string identifier;
+  std::string type;
+  std::string version;
+  std::optional<std::string> bundleContainer;
+  std::string bundleName;  // of the bundle's directory in its container; a path text
+  std::optional<std::string> dataContainer;
+  std::vector<std::string> groups;
+  bool placeholder = false;
+  // The request that was last satisfied for the identifier: its staging directory, and whether
+  // the answer was that a newer copy is built in.
+  std::string staging;
+  bool obsolete = false;
+};
+
+// A move out of the staging directory, by paths.
+struct StagedMove {
+  std::string source;
+  std::string target;
+};
+
+// One step of an intent. Each may be repeated, whether or not it was done before.
+struct InstallStep {
+  enum class Kind {        // their numbers are stored
+    makeDirectory,         // target
+    moveBundle,            // source to target
+    moveItem,              // the same for what may be missing
+    writeFile,             // data to target
+    markPlaceholder,       // target
+    removeTree,            // target
+    removeEmptyDirectory,  // target; one that is not empty stays
+    removeStaging,         // target, when only "Payload" and remains of `moves` are in it
+  };
+  Kind kind = Kind::makeDirectory;
+  bool cleanup = false;    // done after the records were replaced
+  std::string identifier;  // whose record depends on it; empty: nobody's
+  std::string source;
+  std::string target;
+  std::string data;               // of writeFile
+  std::vector<StagedMove> moves;  // of removeStaging: all that the intent took from there
+};
+
+// What an operation set out to do, whole: steps, then records, then clean-up steps.
+struct InstallIntent {
+  std::int64_t id = 0;
+  bool committed = false;  // the records are replaced; only clean-up steps are left
+  std::vector<InstallStep> steps;
+  std::vector<AppRecord> records;
+};
+
+}  // namespace quorvel::onlinux

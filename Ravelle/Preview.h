@@ -3,12 +3,14 @@
 
 #include <deque>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "Ravelle/Classification.h"
 #include "Ravelle/ContainerRecord.h"
+#include "Ravelle/ForeseenTree.h"
 #include "platform/MigrationPreview.h"
 #include "platform/PlistValue.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
@@ -17,8 +19,8 @@
 namespace quorvel {
 
 // Rests on the same classification and goes through the same steps in the same order as QVRavelle;
-// of the registry it asks only what changes nothing. What a step would meet only when it acts (a
-// full disk, a missing permission) it does not foresee.
+// of the registry it asks only what changes nothing. It knows what the process may do and what
+// earlier containers leave. What only an attempt shows (a full disk) it does not foresee.
 class RavellePreview final : public MigrationPreview {
  public:
   explicit RavellePreview(
@@ -31,38 +33,51 @@ class RavellePreview final : public MigrationPreview {
     Path entry;
     Classification found;
   };
-  // How far a container would get.
-  struct Course {
-    MigrationOutcome outcome = MigrationOutcome::migrated;
-    bool stays = false;
-  };
+  enum class Outcome { migrated, notInstalled, keptBack };
 
   std::deque<WorkItem> classify(const std::vector<Path>& items);
   void lookAt(WorkItem item, std::deque<WorkItem>& workList);
-  Course follow(const WorkItem& item);
-  Course stop(MigrationStep step, MigrationReason reason, const Path& path, Error error = {});
-  bool takesPlaceholder(const RecordFields& fields);
+  void endRemoved(const Path& entry);
+  void follow(const WorkItem& item);
+
+  // The steps of one container, each false or absent when it would stop there.
+  bool migrates(const RecordFields& fields);
   bool registers(const RecordFields& fields);
+  bool takesPlaceholder(const RecordFields& fields);
+  bool movesData(const RecordFields& fields);
+  bool movesDataItem(const Path& source, const Path& destination);
+  Outcome installsAndChecks(const RecordFields& fields);
+  bool stages(const RecordFields& fields);
+  bool stagesBundle(const Path& bundle, const Path& payload);
   bool installs(const RecordFields& fields);
-  bool isInstalled(const std::string& identifier);
   bool takes(const RecordFields& fields, const std::vector<Path>& package);
+  void installPackage(const RecordFields& fields, const std::vector<Path>& package);
+  void takeMetadata(const RecordFields& fields, const Path& container);
   bool isOfAnotherKind(const std::string& identifier, const Path& bundle);
-  std::vector<std::string> missedItems(const WorkItem& item, const RecordFields& fields);
-  Course remove(const WorkItem& item, const RecordFields& fields, bool installed);
-  void noteGroups(const RecordFields& fields);
-  MigratedDirectory foreseeGroup(const PlistEntry& entry);
-  bool willBeThere(const Path& path);
-  void tellGroups();
+  bool missesItems(const RecordFields& fields);
+  void removes(const RecordFields& fields, bool isPlaceholder, Outcome outcome);
+
+  std::vector<Path> packageOf(const RecordFields& fields) const;
+  std::optional<Path> infoOf(const Path& bundle) const;
+  bool stop(MigrationStep step, MigrationReason reason, const Path& path, Error error = {});
+  void tellLoss(const ForeseenTree::Removal& removal);
+
+  std::set<std::string> groupsOf(const RecordFields& fields, const std::vector<Path>& package);
+  void loadGroups();
+  void moveGroup(const std::string& group);
+  void moveGroupItems(MigratedDirectory& told);
+  void tellUnclaimedGroups();
   void tellHarbors();
   void tellLinks(const Path& legacy);
 
   const QVGlobalConfiguration& configuration_;
   QVFileManager& files_;
   MigrationAccount* account_ = nullptr;
+  ForeseenTree tree_;
   // What containers that come earlier install: identifier to the bundle's extension.
   std::map<std::string, std::string> installed_;
-  std::set<std::string> installedWhole_;  // those that are more than placeholders
-  std::set<std::string> gone_;            // the entries that will not be there at the end
+  std::set<std::string> installedWhole_;      // those that are more than placeholders
+  std::map<std::string, PlistValue> groups_;  // of the install map, until they are moved
   std::set<std::string> claimedGroups_;
 };
 

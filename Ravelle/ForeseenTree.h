@@ -1,0 +1,58 @@
+// A device tree as it would be after steps that nobody takes.
+//
+// Why: what a container's migration does depends on what earlier ones left, and on what the process
+// may do. Both are asked of the disk, where nothing changes.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/MigrationAccount.h"
+#include "platform/Path.h"
+
+namespace quorvel {
+
+// Knows the process's rights (the mode bits, owners and flags of directories and items), not what
+// only an attempt shows: a full disk, a failing one.
+class ForeseenTree {
+ public:
+  struct Removal {
+    bool whole = true;                // nothing of the item would stay
+    MigrationLoss loss{};             // what would go, without markers
+    std::vector<std::string> went{};  // paths of it
+  };
+
+  // Where the item that would be at the path is now; absent when there would be none.
+  std::optional<Path> now(const Path& path) const;
+  bool exists(const Path& path) const;
+  bool isDirectory(const Path& path) const;
+  // Sorted. Absent when the directory could not be listed; empty when it would not be there.
+  std::optional<std::vector<std::string>> names(const Path& directory) const;
+
+  // Whether the directory, with those on the way to it, is or could be made. 0 or an error number.
+  int whyNotMade(const Path& directory) const;
+  // Whether one rename would do. 0 or an error number.
+  int whyNotMoved(const Path& from, const Path& to) const;
+  // What a removal of the item would remove.
+  Removal removal(const Path& item) const;
+
+  // An item that is not there makes no difference.
+  void move(const Path& from, const Path& to);
+  void remove(const Path& path);
+  void remove(const Path& item, const Removal& removal);
+
+ private:
+  class Count;
+
+  int whyNotPutInto(const Path& directory) const;
+  bool count(const Path& item, const Path& at, bool changeable, Removal& removal) const;
+  bool hasChangesBelow(const std::string& path) const;
+
+  std::map<std::string, std::string> placed_;  // where something would be, to where it is now
+  std::set<std::string> gone_;
+};
+
+}  // namespace quorvel

@@ -1,0 +1,305 @@
+// What each step of one container's migration would meet.
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Ravelle/Preview.h"
+#include "Ravelle/Ravelle.h"
+#include "Ravelle/ReplaceItem.h"
+#include "platform/DeviceNames.h"
+#include "shared/support/Errors.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel {
+
+namespace {
+
+using Step = MigrationStep;
+using Reason = MigrationReason;
+
+Path StagingOf(const RecordFields& fields) { return fields.container.childDirectory(StagingName); }
+
+Path PayloadOf(const RecordFields& fields) { return StagingOf(fields).childDirectory(PayloadName); }
+
+bool IsBundleName(const Path& path) {
+  return path.pathExtension() == AppExtension || path.pathExtension() == VPNPluginExtension;
+}
+
+// Stands for a new container of whatever name.
+Path NewContainer(const QVGlobalConfiguration& configuration, const std::string& identifier) {
+  return configuration.mobileHomePath().childDirectory(ContainersPath).childDirectory(identifier);
+}
+
+Path NewBundle(const QVGlobalConfiguration& configuration, const RecordFields& fields) {
+  return NewContainer(configuration, fields.identifier).childDirectory("Bundle");
+}
+
+}  // namespace
+
+bool RavellePreview::migrates(const RecordFields& fields) {
+  const auto bundle = tree_.now(fields.bundle);
+  const bool isPlaceholder = bundle && files_.bundleAtURLIsPlaceholder(*bundle);
+  if (!registers(fields) || !movesData(fields)) return false;
+  const Outcome outcome = isPlaceholder ? Outcome::migrated : installsAndChecks(fields);
+  if (outcome == Outcome::keptBack) return false;
+  removes(fields, isPlaceholder, outcome);
+  return outcome == Outcome::migrated;
+}
+
+// Whether the registry knows the app, or would take a placeholder for it.
+bool RavellePreview::registers(const RecordFields& fields) {
+  if (installed_.contains(fields.identifier)) return true;
+  const auto& workspace = QVPlatform().workspace;
+  if (fields.isApp() && !workspace->applicationIsInstalled(fields.identifier)) {
+    return takesPlaceholder(fields);
+  }
+  const auto proxy = workspace->bundleProxyForIdentifier(fields.identifier);
+  if (proxy && proxy->dataContainerPath) return true;
+  return stop(Step::placeholder, proxy ? Reason::noDataContainer : Reason::noRecord, {});
+}
+
+// A placeholder is made of the bundle's identity.
+bool RavellePreview::takesPlaceholder(const RecordFields& fields) {
+  Error error;
+  const auto at = infoOf(fields.bundle);
+  const auto bundle = at ? QVPlatform().bundles->open(*at, &error) : nullptr;
+  if (!bundle || bundle->infoDictionary(&error) == nullptr) {
+    return stop(Step::placeholder, Reason::bundleUnreadable, fields.bundle, error);
+  }
+  const std::string* identifier = bundle->identifier(&error);
+  if (identifier == nullptr || identifier->empty() || *identifier != fields.identifier) {
+    return stop(Step::placeholder, Reason::placeholderRefused, fields.bundle, error);
+  }
+  installed_.emplace(fields.identifier, AppExtension);
+  return true;
+}
+
+// Where the bundle is now, unless its dictionary would be gone.
+std::optional<Path> RavellePreview::infoOf(const Path& bundle) const {
+  return tree_.exists(bundle.child(InfoPlistName)) ? tree_.now(bundle) : std::nullopt;
+}
+
+bool RavellePreview::movesData(const RecordFields& fields) {
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const Path to = proxy && proxy->dataContainerPath
+                      ? *proxy->dataContainerPath
+                      : NewContainer(configuration_, fields.identifier);
+  bool moved = false;
+  for (const std::string& name : configuration_.appUserDataItemNames()) {
+    const Path source = fields.container.child(name);
+    if (!tree_.exists(source)) continue;
+    if (!movesDataItem(source, to.child(name))) return false;
+    moved = true;
+  }
+  // What was moved is stored through the directories that held it.
+  if (moved && !tree_.names(fields.container)) {
+    return stop(Step::data, Reason::notMoved, fields.container, QVPosixCause(EACCES));
+  }
+  return true;
+}
+
+bool RavellePreview::movesDataItem(const Path& source, const Path& destination) {
+  if (source.string() == destination.string()) {
+    return stop(Step::data, Reason::notMoved, source, QVPosixCause(EINVAL));
+  }
+  // What is in the way goes first.
+  tree_.remove(destination, tree_.removal(destination));
+  if (const int failure = tree_.whyNotMoved(source, destination)) {
+    return stop(Step::data, Reason::notMoved, source, QVPosixCause(failure));
+  }
+  tree_.move(source, destination);
+  return true;
+}
+
+RavellePreview::Outcome RavellePreview::installsAndChecks(const RecordFields& fields) {
+  if (!stages(fields)) return Outcome::notInstalled;
+  const std::vector<Path> package = packageOf(fields);
+  const std::set<std::string> groups = groupsOf(fields, package);
+  if (!installs(fields)) return Outcome::notInstalled;
+  for (const std::string& group : groups) moveGroup(group);
+  return missesItems(fields) ? Outcome::keptBack : Outcome::migrated;
+}
+
+bool RavellePreview::stages(const RecordFields& fields) {
+  const Path payload = PayloadOf(fields);
+  if (const int failure = tree_.whyNotMade(payload)) {
+    return stop(Step::stage, Reason::stagingFailed, payload, QVPosixCause(failure));
+  }
+  if (!stagesBundle(fields.bundle, payload)) return false;
+  if (fields.secondBundle && !stagesBundle(*fields.secondBundle, payload)) return false;
+  // A failure is none of the app's: the item stays.
+  for (const char* name : StoreMetadataItemNames) {
+    const Path item = fields.container.child(name);
+    const Path destination = StagingOf(fields).child(name);
+    if (tree_.whyNotMoved(item, destination) == 0) tree_.move(item, destination);
+  }
+  return true;
+}
+
+bool RavellePreview::stagesBundle(const Path& bundle, const Path& payload) {
+  const Path destination = payload.childDirectory(bundle.lastPathComponent());
+  int failure = 0;
+  if (tree_.exists(bundle)) {
+    const bool isOurs = LiesBelow(bundle, configuration_.oldContainerPath());
+    failure = isOurs ? tree_.whyNotMoved(bundle, destination) : EINVAL;
+  }
+  if (failure != 0) {
+    return stop(Step::stage, Reason::stagingFailed, bundle, QVPosixCause(failure));
+  }
+  tree_.move(bundle, destination);
+  return true;
+}
+
+// The bundles that the registry would be handed.
+std::vector<Path> RavellePreview::packageOf(const RecordFields& fields) const {
+  std::vector<Path> package;
+  const Path payload = PayloadOf(fields);
+  const auto names = tree_.names(payload);
+  for (const std::string& name : names.value_or(std::vector<std::string>())) {
+    const Path bundle = payload.childDirectory(name);
+    if (IsBundleName(bundle) && tree_.isDirectory(bundle)) package.push_back(bundle);
+  }
+  return package;
+}
+
+// Whether the registry would install the package, as far as its info dictionaries tell.
+bool RavellePreview::installs(const RecordFields& fields) {
+  const std::vector<Path> package = packageOf(fields);
+  const bool isListed = tree_.names(StagingOf(fields)) && tree_.names(PayloadOf(fields));
+  if (isListed && !package.empty()) {
+    if (!takes(fields, package)) return false;
+    installPackage(fields, package);
+    return true;
+  }
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const bool isBuiltIn = proxy && !proxy->bundleContainerPath;
+  const bool isOld = proxy && proxy->foundBackingBundle && !proxy->isPlaceholder && !isBuiltIn;
+  const bool isNew = installedWhole_.contains(fields.identifier);
+  if (!isListed || (!isOld && !isNew)) {
+    return stop(Step::install, Reason::installRefused, StagingOf(fields));
+  }
+  // A repeated request is satisfied by what an earlier one installed.
+  takeMetadata(fields, isNew ? NewBundle(configuration_, fields) : *proxy->bundleContainerPath);
+  return true;
+}
+
+// An app must be the requested one, and so must a plug-in without an app; a plug-in beside an app
+// must not. Neither may take over an identifier of the other kind.
+bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& package) {
+  const bool hasApp = std::any_of(package.begin(), package.end(), [](const Path& bundle) {
+    return bundle.pathExtension() == AppExtension;
+  });
+  const Path destination = NewContainer(configuration_, fields.identifier);
+  std::map<std::string, std::string> seen;
+  for (const Path& bundle : package) {
+    Error error;
+    const auto at = infoOf(bundle);
+    const auto identifier = at ? QVRavelle::_bundleIdentifierForBundle(*at, &error) : std::nullopt;
+    const bool mustBeRequested = !hasApp || bundle.pathExtension() == AppExtension;
+    if (!identifier || identifier->empty() ||
+        (*identifier == fields.identifier) != mustBeRequested ||
+        !seen.emplace(*identifier, bundle.pathExtension()).second ||
+        isOfAnotherKind(*identifier, bundle) ||
+        tree_.whyNotMoved(bundle, destination.childDirectory(bundle.lastPathComponent())) != 0) {
+      return stop(Step::install, Reason::installRefused, StagingOf(fields), error);
+    }
+  }
+  for (const auto& [identifier, extension] : seen) installedWhole_.insert(identifier);
+  installed_.merge(seen);
+  return true;
+}
+
+// What the registry takes out of the staging directory; that goes when nothing else is in it.
+void RavellePreview::installPackage(const RecordFields& fields, const std::vector<Path>& package) {
+  for (const Path& bundle : package) tree_.remove(bundle);
+  const Path container = NewBundle(configuration_, fields);
+  tree_.remove(container);
+  takeMetadata(fields, container);
+}
+
+// Store metadata follows the bundle, unless the name is taken.
+void RavellePreview::takeMetadata(const RecordFields& fields, const Path& container) {
+  for (const char* name : StoreMetadataItemNames) {
+    if (!tree_.exists(container.child(name))) {
+      tree_.move(StagingOf(fields).child(name), container.child(name));
+    }
+  }
+  const auto payload = tree_.names(PayloadOf(fields));
+  if (!payload || !payload->empty()) return;
+  tree_.remove(PayloadOf(fields));
+  const auto staging = tree_.names(StagingOf(fields));
+  if (staging && staging->empty()) tree_.remove(StagingOf(fields));
+}
+
+// What this run would have installed by then goes before what the registry has now.
+bool RavellePreview::isOfAnotherKind(const std::string& identifier, const Path& bundle) {
+  const auto earlier = installed_.find(identifier);
+  if (earlier != installed_.end()) return earlier->second != bundle.pathExtension();
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(identifier);
+  if (!proxy || !proxy->foundBackingBundle) return false;
+  return (proxy->bundleType == ContainerTypeApp) != (bundle.pathExtension() == AppExtension);
+}
+
+// The groups of the app, which its bundle names, or the registry when it has the bundle already.
+std::set<std::string> RavellePreview::groupsOf(const RecordFields& fields,
+                                               const std::vector<Path>& package) {
+  std::set<std::string> claimed;
+  for (const Path& bundle : package) {
+    const auto opened = QVPlatform().bundles->open(*tree_.now(bundle));
+    const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
+    const std::string* identifier = opened ? opened->identifier() : nullptr;
+    if (info == nullptr || identifier == nullptr || *identifier != fields.identifier) continue;
+    const PlistValue* groups = info->find(PKApplicationGroupsKey);
+    if (groups == nullptr || groups->array() == nullptr) return claimed;
+    for (const PlistValue& group : *groups->array()) {
+      if (group.string() != nullptr) claimed.insert(*group.string());
+    }
+    return claimed;
+  }
+  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
+  if (!proxy || !proxy->groupContainerPaths) return claimed;
+  for (const auto& [group, path] : *proxy->groupContainerPaths) claimed.insert(group);
+  return claimed;
+}
+
+bool RavellePreview::missesItems(const RecordFields& fields) {
+  auto names = tree_.names(fields.container);
+  if (!names) {
+    stop(Step::missedItems, Reason::cannotBeListed, fields.container, QVPosixCause(EACCES));
+    return true;
+  }
+  std::erase_if(*names, [&](const std::string& name) {
+    return std::find(NeverMissedNames.begin(), NeverMissedNames.end(), name) !=
+               NeverMissedNames.end() ||
+           QVFileManager::isRemainOfMove(fields.container.child(name));
+  });
+  if (names->empty()) return false;
+  account_->problem({.step = Step::missedItems,
+                     .reason = Reason::missedItems,
+                     .path = fields.container.string(),
+                     .items = std::move(*names)});
+  return true;
+}
+
+void RavellePreview::removes(const RecordFields& fields, bool isPlaceholder, Outcome outcome) {
+  const Path& container = fields.container;
+  const bool isContainer = LiesBelow(container, configuration_.oldContainerPath());
+  if (tree_.exists(container) && !isContainer) {
+    stop(Step::removal, Reason::notRemoved, container);
+    return;
+  }
+  ForeseenTree::Removal removal = tree_.removal(container);
+  if (isPlaceholder || outcome != Outcome::migrated) {
+    if (isPlaceholder) {
+      // The registry has its own: it is no loss.
+      ForeseenTree without = tree_;
+      without.remove(fields.bundle);
+      removal.loss = without.removal(container).loss;
+    }
+    tellLoss(removal);
+  }
+  tree_.remove(container, removal);
+  if (!removal.whole) stop(Step::removal, Reason::notRemoved, container);
+}
+
+}  // namespace quorvel

@@ -1,4 +1,5 @@
-// The bundle's two exported symbols.
+// The bundle's three exported symbols.
+#include "QuorvelCommit.h"
 #include "Ravelle/Preview.h"
 #include "Ravelle/Ravelle.h"
 
@@ -15,3 +16,6 @@ extern "C" QV_EXPORT quorvel::MigrationPreview* QVMigrationPreviewCreate(
   if (interfaceVersion != quorvel::MigrationPreviewInterfaceVersion) return nullptr;
   return new quorvel::RavellePreview;
 }
+
+// The same for MigratorPluginVersionEntry.
+extern "C" QV_EXPORT const char* QVMigratorPluginVersion() { return quorvel::kBuiltVersion; }

@@ -118,12 +118,17 @@ class AccountText {
 
   std::string text() {
     measure();
-    for (const auto& [outcome, color] : ByWeight) section(outcome, color);
+    for (const auto& [outcome, color] : ByWeight) {
+      const bool isFailure =
+          outcome == MigrationOutcome::failed || outcome == MigrationOutcome::left;
+      if (isFailure || !view_.onlyFailures) section(outcome, color);
+    }
     directories("group", groups());
     directories("harbor", account_.harbors());
     for (const MigrationProblem& problem : account_.problems()) {
       line("Problem: ", WordsFor(problem.reason), problem.path, problem.error);
     }
+    if (view_.onlyFailures) return std::move(out_);
     for (const auto& [path, why] : account_.leftBehind()) {
       out_ += "Left behind: " + Printable(path) + ": " + WordsFor(why) + "\n";
     }
@@ -168,8 +173,14 @@ class AccountText {
   void row(const ContainerResult& container) {
     const std::string app =
         container.is.identifier.empty() ? "-" : Printable(container.is.identifier);
-    out_ += "  " + Padded(CutEnd(app, columns_), columns_) + "  " +
-            Printable(Path(container.path).lastPathComponent()) + "\n";
+    const std::string name = Printable(Path(container.path).lastPathComponent());
+    // Where a line does not hold both, each has its own.
+    if (view_.columns != 0 && columns_ + DisplayWidth(name) + 4 >= view_.columns) {
+      const std::size_t room = std::max<std::size_t>(view_.columns, 12) - 5;
+      out_ += "  " + CutEnd(app, room) + "\n    " + CutStart(name, room) + "\n";
+    } else {
+      out_ += "  " + Padded(CutEnd(app, columns_), columns_) + "  " + name + "\n";
+    }
     const MigrationProblem* stop = container.stoppedAt();
     if (stop != nullptr) reasons(*stop, container);
     if (container.loss) detail(LossInWords(*container.loss));
@@ -243,6 +254,13 @@ void AddAccount(const RunAccount& account, Json& object) {
   Json numbers;
   for (std::size_t i = 0; i < counts.size(); ++i) numbers[MigrationOutcomeNames[i]] = counts[i];
   object["counts"] = std::move(numbers);
+}
+
+std::size_t InstalledApps(const onlinux::RegistrySnapshot& registry) {
+  return static_cast<std::size_t>(std::count_if(
+      registry.bundles.begin(), registry.bundles.end(), [](const BundleProxy& bundle) {
+        return bundle.foundBackingBundle && !bundle.isPlaceholder && bundle.bundleContainerPath;
+      }));
 }
 
 std::string AccountAsText(const RunAccount& account, const AccountView& view) {

@@ -7,15 +7,21 @@
 #include "host/RunAccount.h"
 #include "host/console/Json.h"
 #include "host/console/Terminal.h"
+#include "platform/linux/registry/ApplicationRegistryLinux.h"
 
 namespace quorvel::host {
 
 // Adds "containers", "groups", "harbors", "leftBehind", "problems" and "counts" to the object.
 void AddAccount(const RunAccount& account, Json& object);
 
+// How many apps the registry has as a whole, those that come with the system left out.
+std::size_t InstalledApps(const onlinux::RegistrySnapshot& registry);
+
 struct AccountView {
   Terminal terminal{};
   bool all = false;  // what went well, too, and every row of a long list
+  bool onlyFailures = false;
+  std::size_t columns = 0;  // of the terminal; 0: any number
 };
 
 // Failures first, each cause once with the containers that it stopped; then what is left for a

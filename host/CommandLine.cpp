@@ -6,6 +6,7 @@
 #include <map>
 #include <string_view>
 
+#include "QuorvelCommit.h"
 #include "host/UsageComplaint.h"
 #include "host/console/ExitCode.h"
 #include "host/console/NearestName.h"
@@ -193,6 +194,7 @@ void AddRegister(CLI::App& parser, Options& options) {
   CLI::App* command =
       parser.add_subcommand("register", "Add a registry record with no bundle behind it");
   AddRoot(*command, options);
+  AddJson(*command, options);
   command->add_option("--identifier", options.identifier, "The bundle identifier to record")
       ->required()
       ->type_name("ID")
@@ -215,7 +217,7 @@ bool AsksForJson(int argc, const char* const* argv) {
 ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   Options options;
   CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
-  parser.set_version_flag("--version", "migration-host " QUORVEL_VERSION);
+  parser.set_version_flag("--version", std::string("migration-host ") + kBuiltVersion);
   parser.require_subcommand(1);
   parser.footer(ExitCodesText);
   AddMigrate(parser, options);

@@ -4,6 +4,7 @@
 #include "host/AccountResult.h"
 #include "host/Commands.h"
 #include "host/HostServices.h"
+#include "host/MigrationResult.h"
 #include "host/PluginBundle.h"
 #include "host/Preflight.h"
 #include "host/RunAccount.h"
@@ -17,22 +18,39 @@ namespace quorvel::host {
 
 namespace {
 
-std::string AsJson(const RunAccount& account, const Findings& findings) {
+// What was looked at, and what a migration of it would begin with.
+struct Inspection {
+  RunIdentity identity;
+  Findings findings;
+  std::size_t installedBefore = 0;
+  RunAccount account{};
+};
+
+std::string AsJson(const Inspection& inspection) {
   Json object;
-  object["items"] = account.items();
-  object["preflight"] = FindingsAsJson(findings);
-  AddAccount(account, object);
+  AddIdentity(inspection.identity, object);
+  object["items"] = inspection.account.items();
+  object["installedBefore"] = inspection.installedBefore;
+  object["refused"] = Refuses(inspection.findings);
+  object["preflight"] = FindingsAsJson(inspection.findings);
+  AddAccount(inspection.account, object);
   return JsonLine(object);
 }
 
-std::string AsText(const RunAccount& account, const Findings& findings, const Options& options) {
-  const AccountView view = {.terminal = DescribeTerminal(STDOUT_FILENO), .all = options.all};
-  std::string text = AccountAsText(account, view);
-  if (!text.empty()) text = "A migration begun now would end like this:\n\n" + text + "\n";
-  std::string found = FindingsAsText(findings);
-  if (!found.empty()) found += "\n";
-  return found + text +
-         (account.items() == 0 ? "Nothing to migrate.\n" : CountsAsText(account) + "\n") +
+std::string AsText(const Inspection& inspection, const Options& options) {
+  const RunAccount& account = inspection.account;
+  AccountView view = {.terminal = DescribeTerminal(STDOUT_FILENO), .all = options.all};
+  if (view.terminal.isTerminal) view.columns = TerminalColumns(STDOUT_FILENO);
+  std::string text = FindingsAsText(inspection.findings);
+  if (!text.empty()) text += "\n";
+  if (Refuses(inspection.findings)) {
+    text += "A migration begun now would be refused. Forced past that, it would end like this:\n\n";
+  } else {
+    text += "A migration begun now would end like this:\n\n";
+  }
+  const std::string told = AccountAsText(account, view);
+  text += told + (told.empty() ? "" : "\n");
+  return text + (account.items() == 0 ? "Nothing to migrate.\n" : CountsAsText(account) + "\n") +
          "Nothing was changed.\n";
 }
 
@@ -47,21 +65,24 @@ int RunInspect(const Options& options) {
       !root.enter(ViewForLooking(root), error)) {
     return ReportFatal(error, options.json);
   }
-  const Findings findings = RunPreflight(root.descriptor(), {});
+  Inspection inspection{.identity = IdentifyRun(bundle),
+                        .findings = RunPreflight(root.descriptor(), {})};
   services.install();
   onlinux::RegistrySnapshot registry;
-  RunAccount account;
   Error failure;
   const std::unique_ptr<MigrationPreview> preview = bundle.createPreview(error);
   if (preview == nullptr) return ReportFatal(error, options.json);
   // A registry that cannot be read would answer as if it were empty.
-  if (!services.registry().snapshot(&registry, &failure) || !preview->preview(account, &failure)) {
+  if (!services.registry().snapshot(&registry, &failure) ||
+      !preview->preview(inspection.account, &failure)) {
+    if (Refuses(inspection.findings)) return ReportRefusal(inspection.findings, options.json);
     return ReportFatal({ExitFailed, root.printable() + ": " + Printable(failure.description()),
                         "Nothing was changed"},
                        options.json);
   }
-  return WriteResult(options.json ? AsJson(account, findings) : AsText(account, findings, options),
-                     ExitSucceeded);
+  inspection.installedBefore = InstalledApps(registry);
+  return WriteResult(options.json ? AsJson(inspection) : AsText(inspection, options),
+                     Refuses(inspection.findings) ? ExitRefused : ExitSucceeded);
 }
 
 }  // namespace quorvel::host

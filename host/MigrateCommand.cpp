@@ -6,6 +6,7 @@
 #include <cmath>
 #include <optional>
 
+#include "host/AccountResult.h"
 #include "host/Commands.h"
 #include "host/FailureWords.h"
 #include "host/HostServices.h"
@@ -65,13 +66,18 @@ void Drive(MigratorPlugin& plugin, const RunAccount& account, const Options& opt
   result.items = account.items();
 }
 
-void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account, const Options& options) {
+// What there is to do and what is done, before it begins.
+void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account,
+                  std::size_t installedBefore, const Options& options) {
   if (options.json || options.quiet) return;
+  const std::string earlier = installedBefore == 0 ? std::string()
+                                                   : std::to_string(installedBefore) +
+                                                         " apps were installed before this run.\n";
   const long estimate = std::lround(plugin.estimatedDuration());
   // A failure shows again when the result is written.
-  (void)WriteWhole(STDOUT_FILENO, std::to_string(account.items()) +
-                                      " items to migrate, estimated duration " +
-                                      std::to_string(estimate) + " s.\n");
+  (void)WriteWhole(STDOUT_FILENO,
+                   std::to_string(account.items()) + " items to migrate, estimated duration " +
+                       std::to_string(estimate) + " s by the system's fixed formula.\n" + earlier);
 }
 
 void ShowFindings(const Findings& findings, const Options& options) {
@@ -92,7 +98,7 @@ int Report(const MigrationResult& result, const RunAccount& account, const Optio
   if (options.json) return WriteResult(ResultAsJson(result, account), code);
   if (options.quiet && result.succeeded) return code;
   const int stream = options.quiet ? STDERR_FILENO : STDOUT_FILENO;
-  const std::string text = ResultAsText(result, account, options, DescribeTerminal(stream));
+  const std::string text = ResultAsText(result, account, options, stream);
   if (!options.quiet) return WriteResult(text, code);
   (void)WriteWhole(STDERR_FILENO, text);
   return code;
@@ -105,6 +111,8 @@ int Report(const MigrationResult& result, const RunAccount& account, const Optio
                            const MigrationResult& begun) {
   MigrationResult result;
   result.items = account.items();
+  result.identity = begun.identity;
+  result.installedBefore = begun.installedBefore;
   result.preflight = begun.preflight;
   account.halt(kPatience);
   result.interruptedBy = signal;
@@ -126,11 +134,18 @@ int RunMigrate(const Options& options) {
   HostServices services(DeviceAccess::change);
   RunAccount account;
   if (!Prepare(options, root, bundle, services, error)) return ReportFatal(error, options.json);
+  MigrationResult result;
+  result.identity = IdentifyRun(bundle);
   Findings findings = RunPreflight(root.descriptor(), options.forcedFindings);
   if (Refuses(findings)) return ReportRefusal(findings, options.json);
   ShowFindings(findings, options);
   services.tell(account);
   services.install();
+  onlinux::RegistrySnapshot registry;
+  // A failure is the plug-in's to meet.
+  if (services.registry().snapshot(&registry, nullptr)) {
+    result.installedBefore = InstalledApps(registry);
+  }
   const auto start = Clock::now();
   const std::unique_ptr<MigratorPlugin> plugin = bundle.create(error);
   if (plugin == nullptr) {
@@ -140,8 +155,7 @@ int RunMigrate(const Options& options) {
     }
     return ReportFatal(error, options.json);
   }
-  ShowEstimate(*plugin, account, options);
-  MigrationResult result;
+  ShowEstimate(*plugin, account, result.installedBefore, options);
   result.preflight = std::move(findings);
   {
     const Interruption interruption(

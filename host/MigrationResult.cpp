@@ -4,10 +4,15 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 
+#include "QuorvelCommit.h"
 #include "host/AccountResult.h"
 #include "host/console/Json.h"
 #include "host/console/ShellWord.h"
+#include "host/console/Terminal.h"
+#include "host/console/TerminalText.h"
+#include "shared/support/Version.h"
 
 namespace quorvel::host {
 
@@ -37,6 +42,9 @@ std::string HowToRunAgain(const Options& options) {
   return command;
 }
 
+// Below the device tree's root; the directories that a bug report asks for.
+constexpr const char* kLogs = "/private/var/mobile/Library/Logs/{Corvenna,Quorvel}";
+
 // Its name, null when the run came to its end.
 Json InterruptedBy(const MigrationResult& result) {
   const char* name = ::sigabbrev_np(result.interruptedBy);
@@ -54,11 +62,32 @@ std::string Ending(const MigrationResult& result) {
 
 }  // namespace
 
+RunIdentity IdentifyRun(const PluginBundle& bundle) {
+  const std::time_t now = std::time(nullptr);
+  std::tm parts = {};
+  char text[32] = "";
+  if (::gmtime_r(&now, &parts) != nullptr) {
+    (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  }
+  return {bundle.version(), text};
+}
+
+void AddIdentity(const RunIdentity& identity, Json& object) {
+  Json versions;
+  versions["host"] = kBuiltVersion;
+  versions["plugin"] = identity.plugin.empty() ? Json(nullptr) : Json(identity.plugin);
+  versions["library"] = QVLibraryVersion();
+  object["versions"] = std::move(versions);
+  object["started"] = identity.started;
+}
+
 std::string ResultAsJson(const MigrationResult& result, const RunAccount& account) {
   Json object;
+  AddIdentity(result.identity, object);
   object["dataClassName"] = result.dataClassName;
   object["estimatedDuration"] = AsWritten(result.estimatedDuration);
   object["items"] = result.items;
+  object["installedBefore"] = result.installedBefore;
   object["progress"] = AsWritten(result.progress);
   object["succeeded"] = result.succeeded;
   object["interruptedBy"] = InterruptedBy(result);
@@ -69,8 +98,11 @@ std::string ResultAsJson(const MigrationResult& result, const RunAccount& accoun
 }
 
 std::string ResultAsText(const MigrationResult& result, const RunAccount& account,
-                         const Options& options, Terminal terminal) {
-  std::string text = AccountAsText(account, {.terminal = terminal, .all = options.all});
+                         const Options& options, int descriptor) {
+  AccountView view{
+      .terminal = DescribeTerminal(descriptor), .all = options.all, .onlyFailures = options.quiet};
+  if (view.terminal.isTerminal) view.columns = TerminalColumns(descriptor);
+  std::string text = AccountAsText(account, view);
   if (!text.empty()) text += "\n";
   text += Ending(result);
   if (result.items > 0) text += ": " + CountsAsText(account);
@@ -80,6 +112,7 @@ std::string ResultAsText(const MigrationResult& result, const RunAccount& accoun
                                       : "What was kept is taken up again when the causes are "
                                         "removed:\n  ";
     text += HowToRunAgain(options) + "\n";
+    text += "Logs: " + Printable(options.root) + kLogs + "\n";
   }
   return text;
 }

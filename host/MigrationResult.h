@@ -4,16 +4,30 @@
 #include <string>
 
 #include "host/CommandLine.h"
+#include "host/PluginBundle.h"
 #include "host/RunAccount.h"
-#include "host/console/Terminal.h"
+#include "host/console/Json.h"
 #include "host/preflight/Finding.h"
 
 namespace quorvel::host {
 
+// What ran, and since when.
+struct RunIdentity {
+  std::string plugin{};  // its version; empty when it does not tell
+  std::string started{};
+};
+
+// Of a run that begins now.
+RunIdentity IdentifyRun(const PluginBundle& bundle);
+// Adds "versions" and "started".
+void AddIdentity(const RunIdentity& identity, Json& object);
+
 struct MigrationResult {
+  RunIdentity identity{};
   std::string dataClassName;
   float estimatedDuration = 0;
   std::size_t items = 0;
+  std::size_t installedBefore = 0;  // apps that the registry had before the run
   float progress = 0;
   bool succeeded = false;
   int interruptedBy = 0;  // a signal, which ended the run before its end
@@ -24,9 +38,9 @@ struct MigrationResult {
 // One object, with a line feed.
 std::string ResultAsJson(const MigrationResult& result, const RunAccount& account);
 
-// Failures first, what is left for a person, then how many containers ended how, and how to run
-// again.
+// Failures first, what is left for a person, then how many containers ended how, where the logs
+// are, and how to run again. For the descriptor that it is written to.
 std::string ResultAsText(const MigrationResult& result, const RunAccount& account,
-                         const Options& options, Terminal terminal);
+                         const Options& options, int descriptor);
 
 }  // namespace quorvel::host

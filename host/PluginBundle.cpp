@@ -65,7 +65,13 @@ bool PluginBundle::load(const std::string& file, FatalError& error) {
   }
   previewEntry_ =
       reinterpret_cast<MigrationPreviewEntry>(::dlsym(bundle, MigrationPreviewEntryName));
+  versionEntry_ =
+      reinterpret_cast<MigratorPluginVersionEntry>(::dlsym(bundle, MigratorPluginVersionName));
   return true;
+}
+
+std::string PluginBundle::version() const {
+  return versionEntry_ != nullptr ? versionEntry_() : std::string();
 }
 
 std::unique_ptr<MigrationPreview> PluginBundle::createPreview(FatalError& error) const {

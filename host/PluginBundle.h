@@ -23,10 +23,13 @@ class PluginBundle {
   std::unique_ptr<MigratorPlugin> create(FatalError& error) const;
   // The same for what can tell what a migration would do.
   std::unique_ptr<MigrationPreview> createPreview(FatalError& error) const;
+  // "VERSION (COMMIT)"; empty when it does not tell.
+  std::string version() const;
 
  private:
   MigratorPluginEntry entry_ = nullptr;
-  MigrationPreviewEntry previewEntry_ = nullptr;  // may be missing
+  MigrationPreviewEntry previewEntry_ = nullptr;  // may be missing, and so may this
+  MigratorPluginVersionEntry versionEntry_ = nullptr;
   std::string printable_;
 };
 

@@ -17,6 +17,8 @@ namespace {
 
 constexpr auto RedrawInterval = std::chrono::milliseconds(100);
 constexpr std::size_t WidestBar = 30;
+// Before that the measure says little.
+constexpr auto kTimeToMeasure = std::chrono::seconds(1);
 constexpr const char* ClearLine = "\r\x1b[K";
 
 std::string Percent(float progress) {
@@ -66,11 +68,26 @@ void ProgressDisplay::draw() {
   if (terminal_.isTerminal) {
     line = ClearLine + bar(progress, app);
   } else {
-    line = Percent(progress) + (app.empty() ? "" : " migrating " + app) + "\n";
+    line = Percent(progress) + counted(progress) + (app.empty() ? "" : " migrating " + app) + "\n";
   }
   if (line == shown_) return;
   (void)WriteWhole(STDERR_FILENO, line);
   shown_ = std::move(line);
+}
+
+// " 22 of 55".
+std::string ProgressDisplay::counted(float progress) const {
+  const std::size_t items = account_.items();
+  const auto done = std::lround(progress * static_cast<float>(items));
+  return items == 0 ? std::string() : " " + std::to_string(done) + " of " + std::to_string(items);
+}
+
+// ", 3 s left", as the time so far has it; nothing before it can be told.
+std::string ProgressDisplay::remaining(float progress) const {
+  const std::chrono::duration<float> passed = std::chrono::steady_clock::now() - start_;
+  if (passed < kTimeToMeasure || progress <= 0.0F || progress >= 1.0F) return {};
+  const float left = passed.count() / progress * (1.0F - progress);
+  return ", " + std::to_string(std::lround(std::ceil(left))) + " s left";
 }
 
 // Never wider than the terminal less one column: a full line would wrap, and stay.
@@ -85,8 +102,8 @@ std::string ProgressDisplay::bar(float progress, const std::string& app) const {
   if (terminal_.colors) line += "\x1b[0m";
   line.append(cells - full, '-');
   line += "] " + percent;
-  const std::size_t used = cells + 3 + percent.size();
-  if (!app.empty() && used + 1 < columns) line += " " + CutEnd(app, columns - used - 1);
+  const std::string rest = counted(progress) + remaining(progress) + (app.empty() ? "" : " " + app);
+  line += CutEnd(rest, columns - (cells + 3 + percent.size()));
   return line;
 }
 

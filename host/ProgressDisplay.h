@@ -1,6 +1,7 @@
 // Shows how far the migration is while it runs.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -29,10 +30,13 @@ class ProgressDisplay {
   void run();
   void draw();
   std::string bar(float progress, const std::string& app) const;
+  std::string counted(float progress) const;
+  std::string remaining(float progress) const;
 
   const MigratorPlugin& plugin_;
   const RunAccount& account_;
   const Terminal terminal_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   std::string shown_;  // the thread's own
   std::mutex mutex_;
   std::condition_variable wake_;

@@ -67,7 +67,7 @@ std::string AsText(const RegistrySnapshot& registry) {
 
 int ReportFailure(const DeviceRoot& root, const Error& failure, const Options& options) {
   return ReportFatal({ExitFailed, root.printable() + ": " + Printable(failure.description()),
-                      "Check the registry's files in the device tree"},
+                      "Check the registry's files in the device tree", "registry-unusable"},
                      options.json);
 }
 
@@ -124,7 +124,11 @@ int RunRegister(const Options& options) {
   if (!services.registry().registerIdentifier(options.identifier, &failure)) {
     return ReportFailure(root, failure, options);
   }
-  return WriteResult("Registered " + options.identifier + ".\n", ExitSucceeded);
+  if (!options.json) return WriteResult("Registered " + options.identifier + ".\n", ExitSucceeded);
+  Json object;
+  object["succeeded"] = true;
+  object["identifier"] = options.identifier;
+  return WriteResult(JsonLine(object), ExitSucceeded);
 }
 
 }  // namespace quorvel::host

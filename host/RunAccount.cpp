@@ -140,6 +140,9 @@ std::array<std::size_t, MigrationOutcomeNames.size()> RunAccount::counts() const
   for (const ContainerResult& container : containers_) {
     ++counts[static_cast<std::size_t>(container.outcome)];
   }
+  // An account that was ended early keeps its lock.
+  const std::size_t unreached = items_ - std::min(items_, containers_.size());
+  counts[static_cast<std::size_t>(MigrationOutcome::left)] += unreached;
   return counts;
 }
 

@@ -66,7 +66,8 @@ class RunAccount : public MigrationAccount {
   const std::map<std::string, MigrationReason>& leftBehind() const { return leftBehind_; }
   // Problems that belong to no container.
   const std::vector<MigrationProblem>& problems() const { return problems_; }
-  // How many containers ended how; in the order of MigrationOutcome.
+  // How many items ended how, in the order of MigrationOutcome: together they are items(). What an
+  // early end came before is left.
   std::array<std::size_t, MigrationOutcomeNames.size()> counts() const;
 
  private:

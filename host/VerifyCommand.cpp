@@ -232,7 +232,8 @@ int RunVerify(const Options& options) {
                          options.json);
     }
   }
-  if (!root.openDevice(options.root, error) || !root.lock(error)) return ReportFatal(error, options.json);
+  if (!root.openDevice(options.root, error) || !root.lock(error))
+    return ReportFatal(error, options.json);
   return VerifyAgainst(root, std::move(manifest), std::move(result), options);
 }
 

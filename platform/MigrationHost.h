@@ -35,12 +35,15 @@ class HostLogWriter {
                      int level, std::string_view message) = 0;
 };
 
-// A plug-in bundle is a shared object that exports exactly this function under this name. The
+// A plug-in bundle is a shared object that exports this function under this name. The
 // host installs the platform services first (shared/support/Platform.h). The result is a new
 // plug-in that the host destroys with `delete`; null when the host's interface version is not
 // the plug-in's.
 inline constexpr std::uint32_t MigratorPluginInterfaceVersion = 1;
 inline constexpr const char* MigratorPluginEntryName = "QVMigratorPluginCreate";
 using MigratorPluginEntry = MigratorPlugin* (*)(std::uint32_t interfaceVersion);
+// It may also export one that names its build, for reports: "VERSION (COMMIT)".
+inline constexpr const char* MigratorPluginVersionName = "QVMigratorPluginVersion";
+using MigratorPluginVersionEntry = const char* (*)();
 
 }  // namespace quorvel

@@ -166,7 +166,7 @@ bool DeviceRoot::open(const std::string& path, FatalError& error) {
   }
   if (own.st_dev == named.st_dev && own.st_ino == named.st_ino) {
     return Fail(error, ExitRootUnusable, printable_ + ": this is the machine's own root",
-                "Name the directory that holds the device tree with --root");
+                "Name the directory that holds the device tree with --root", "own-root");
   }
   return true;
 }
@@ -180,7 +180,8 @@ bool DeviceRoot::openDevice(const std::string& path, FatalError& error) {
               "Nothing was changed. " +
                   (likely.empty() ? std::string("Name the directory that holds the device's "
                                                 "\"private\" with --root")
-                                  : "Did you mean --root " + ShellWord(likely) + "?"));
+                                  : "Did you mean --root " + ShellWord(likely) + "?"),
+              "no-device-tree");
 }
 
 bool DeviceRoot::holds(const std::string& path) const {
@@ -226,7 +227,7 @@ bool DeviceRoot::lock(FatalError& error) {
     if (errno == EWOULDBLOCK) {
       return Fail(error, ExitRootUnusable,
                   printable_ + ": another migration host is at work in this tree",
-                  "Wait until it is done, then run this command again");
+                  "Wait until it is done, then run this command again", "root-in-use");
     }
     return Fail(error, ExitRootUnusable,
                 printable_ + ": the tree cannot be locked: " + ErrnoDescription(errno),
@@ -242,7 +243,8 @@ bool DeviceRoot::enter(View view, FatalError& error) {
     return Fail(error, ExitRootUnusable,
                 printable_ + ": cannot be made the root: " + ErrnoDescription(failure),
                 refused ? RemedyForRefusedNamespace(failure)
-                        : "Nothing was changed. Name a directory that you may enter with --root");
+                        : "Nothing was changed. Name a directory that you may enter with --root",
+                refused ? "namespace-refused" : "");
   }
   ::umask(DeviceUmask);
   return true;

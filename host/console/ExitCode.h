@@ -21,11 +21,29 @@ struct FatalError {
   int exitCode = ExitFailed;
   std::string problem;
   std::string remedy;
+  std::string reason{};  // for programs; empty: what the exit code says
 };
 
+// The reason that goes with nothing but an exit code.
+inline const char* ReasonOf(int exitCode) {
+  switch (exitCode) {
+    case ExitUsage:
+      return "usage";
+    case ExitPluginUnusable:
+      return "plugin-unusable";
+    case ExitRootUnusable:
+      return "root-unusable";
+    case ExitRefused:
+      return "preflight";
+    default:
+      return "failed";
+  }
+}
+
 // Fills the error; false, so that a failing operation can end with it.
-inline bool Fail(FatalError& error, int exitCode, std::string problem, std::string remedy) {
-  error = {exitCode, std::move(problem), std::move(remedy)};
+inline bool Fail(FatalError& error, int exitCode, std::string problem, std::string remedy,
+                 std::string reason = {}) {
+  error = {exitCode, std::move(problem), std::move(remedy), std::move(reason)};
   return false;
 }
 

@@ -30,7 +30,7 @@ UniqueDescriptor OpenLogFile(const std::string& file, FatalError& error) {
       file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644));
   if (!log) {
     Fail(error, ExitUsage, Printable(file) + ": " + ErrnoDescription(errno),
-         "Name a file that can be written with --log");
+         "Name a file that can be written with --log", "log-unwritable");
     return log;
   }
   (void)::fcntl(log.get(), F_SETFL, O_APPEND);
@@ -55,6 +55,7 @@ int ReportFatal(const FatalError& error, bool json) {
   if (json) {
     Json object;
     object["error"] = error.remedy.empty() ? error.problem : error.problem + ". " + error.remedy;
+    object["reason"] = error.reason.empty() ? ReasonOf(error.exitCode) : error.reason;
     object["exitCode"] = error.exitCode;
     (void)WriteWhole(STDOUT_FILENO, JsonLine(object));
   }

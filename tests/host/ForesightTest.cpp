@@ -265,7 +265,7 @@ class Trial {
       : seed_(seed),
         asUser_(asUser),
         setup_(setup),
-        tree_(asUser ? "/tmp" : "/dev/shm"),
+
         device_(tree_ / "device"),
         generator_(device_, seed) {}
 
@@ -286,6 +286,7 @@ class Trial {
   }
 
   int items() const { return items_; }
+  const std::vector<std::string>& printed() const { return printed_; }
 
  private:
   // What is new belongs to the user who migrates; what an earlier round gave to root stays that.
@@ -301,6 +302,7 @@ class Trial {
     const HostRun looked = device_.run({"inspect", "--json"}, setup_);
     ASSERT_FALSE(looked.out.empty()) << looked.err;
     const json foreseen = json::parse(looked.out);
+    printed_.push_back(looked.out);
     std::vector<std::string> words = {"migrate", "--json"};
     for (const json& finding : foreseen["preflight"]) {
       if (finding["severity"] != "refuse") continue;
@@ -308,10 +310,13 @@ class Trial {
     }
     if (words.size() > 2) {
       EXPECT_EQ(looked.exitCode, 5) << looked.out;
-      EXPECT_EQ(device_.run({"migrate", "--json"}, setup_).exitCode, 5) << looked.out;
+      const HostRun refused = device_.run({"migrate", "--json"}, setup_);
+      EXPECT_EQ(refused.exitCode, 5) << looked.out;
+      printed_.push_back(refused.out);
     }
     const HostRun ran = device_.run(words, setup_);
     ASSERT_FALSE(ran.out.empty()) << ran.err;
+    printed_.push_back(ran.out);
     const auto expected = Said(foreseen);
     const auto said = Said(json::parse(ran.out));
     items_ += static_cast<int>(said.size());
@@ -336,6 +341,7 @@ class Trial {
   const Device device_;
   Generator generator_;
   int items_ = 0;
+  std::vector<std::string> printed_;
 };
 
 // As many as a test may take time for; QUORVEL_SEEDS=1-500 tries more, or one again.
@@ -350,11 +356,14 @@ std::pair<unsigned, unsigned> Seeds() {
 void TryAll(bool asUser, const HostSetup& setup) {
   const auto [first, last] = Seeds();
   int items = 0;
+  std::vector<std::string> printed;
   for (unsigned seed = first; seed <= last; ++seed) {
     Trial trial(seed, asUser, setup);
     trial.run();
     items += trial.items();
+    printed.insert(printed.end(), trial.printed().begin(), trial.printed().end());
   }
+  ExpectDocumented(printed);
   ::testing::Test::RecordProperty("items", items);
   EXPECT_GT(items, 0);
 }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/stat.h>
@@ -13,6 +14,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+
+#include "tests/support/TemporaryTree.h"
 
 namespace quorvel::testing {
 
@@ -149,6 +152,16 @@ std::string CopyHostTo(const std::string& directory) {
   }
   ::chmod(directory.c_str(), 0755);
   return directory + "/" + program.filename().string();
+}
+
+void ExpectDocumented(const std::vector<std::string>& printed) {
+  const TemporaryTree tree;
+  std::string command = "python3 -W ignore -m jsonschema";
+  for (const std::string& object : printed) {
+    command += " -i " + tree.write(std::to_string(command.size()), object);
+  }
+  command += " " QUORVEL_SAMPLES "/../../docs/result.schema.json >" + tree.at("told") + " 2>&1";
+  EXPECT_EQ(std::system(command.c_str()), 0) << tree.read("told").substr(0, 4000);
 }
 
 std::vector<std::string> PathsBelow(const std::string& root) {

@@ -47,6 +47,9 @@ int FinishHost(pid_t host);
 // may lie where only its owner may look. The copied program's path.
 std::string CopyHostTo(const std::string& directory);
 
+// That each is an object as docs/result.schema.json has it.
+void ExpectDocumented(const std::vector<std::string>& printed);
+
 // Every item below a directory, itself included. Looking changes the directories' access times.
 std::vector<std::string> PathsBelow(const std::string& root);
 // Sets access times so far back that the next access of any item shows.

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "QuorvelCommit.h"
 #include "host/console/Output.h"
 #include "host/console/TerminalText.h"
 #include "tools/quorvelctl/CtlCommand.h"
@@ -61,7 +62,7 @@ class CommandLine {
   // loop starts this program a thousand times.
   explicit CommandLine(std::string_view first)
       : parser_("Calls the installation service's shared operations.", "quorvelctl") {
-    parser_.set_version_flag("--version", "quorvelctl " QUORVEL_VERSION);
+    parser_.set_version_flag("--version", std::string("quorvelctl ") + kBuiltVersion);
     parser_.require_subcommand(1);
     parser_.footer(GeneralHelp);
     const std::vector<CommandEntry> all = AllCommands();

@@ -177,7 +177,7 @@ class AccountText {
     // Where a line does not hold both, each has its own.
     if (view_.columns != 0 && columns_ + DisplayWidth(name) + 4 >= view_.columns) {
       const std::size_t room = std::max<std::size_t>(view_.columns, 12) - 5;
-      out_ += "  " + CutEnd(app, room) + "\n    " + CutStart(name, room) + "\n";
+      out_ += "  " + CutEnd(app, room) + "\n    " + CutEnd(name, room) + "\n";
     } else {
       out_ += "  " + Padded(CutEnd(app, columns_), columns_) + "  " + name + "\n";
     }

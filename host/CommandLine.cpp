@@ -7,10 +7,10 @@
 #include <string_view>
 
 #include "QuorvelCommit.h"
-#include "host/UsageComplaint.h"
 #include "host/console/ExitCode.h"
 #include "host/console/NearestName.h"
 #include "host/console/TerminalText.h"
+#include "host/console/UsageComplaint.h"
 #include "host/preflight/Finding.h"
 #include "platform/FileSystemRepresentation.h"
 

@@ -3,12 +3,19 @@
 // Exit codes: 0 made, 1 could not be made, 2 usage.
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <string>
 
+#include "QuorvelCommit.h"
+#include "host/console/ExitCode.h"
+#include "host/console/ShellWord.h"
+#include "host/console/TerminalText.h"
+#include "host/console/UsageComplaint.h"
 #include "tools/legacy-image/LegacyImageDevice.h"
 
 namespace {
@@ -18,18 +25,20 @@ using quorvel::tools::LegacyImageOptions;
 using quorvel::tools::LegacyImageResult;
 using quorvel::tools::LegacyImageWriter;
 
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
+using quorvel::host::ExitFailed;
+using quorvel::host::ExitUsage;
+using quorvel::host::Printable;
+using quorvel::host::ShellWord;
 
-// The text as one word for a shell.
-std::string ShellWord(const std::string& text) {
-  if (!text.empty() && text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                              "0123456789_./+-") == std::string::npos) {
-    return text;
-  }
-  std::string word = "'";
-  for (const char byte : text) word += byte == '\'' ? std::string("'\\''") : std::string(1, byte);
-  return word + "'";
+// A check of a number; the parser's own words for a wrong one are not for people.
+auto UpTo(std::uint64_t most) {
+  return [most](const std::string& text) {
+    std::uint64_t number = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, failure] = std::from_chars(text.data(), end, number);
+    if (failure == std::errc() && stop == end && number <= most) return std::string();
+    return Printable(text) + " is no whole number up to " + std::to_string(most);
+  };
 }
 
 std::string Footer() {
@@ -48,7 +57,12 @@ std::string Footer() {
 
 int Complain(const std::string& problem) {
   std::cerr << "legacy-image: " << problem << "\n";
-  return kExitFailed;
+  return ExitFailed;
+}
+
+int ComplainOfUsage(const std::string& problem) {
+  (void)Complain(problem + "\nSee legacy-image --help");
+  return ExitUsage;
 }
 
 // One identifier per line.
@@ -83,28 +97,32 @@ int ParseAndRun(int argc, char** argv) {
   std::string listPath;
   LegacyImageOptions options;
   bool withoutIcons = false;
-  app.set_version_flag("--version", "legacy-image 1.0.0");
+  app.set_version_flag("--version", std::string("legacy-image ") + quorvel::kBuiltVersion);
   app.add_option("DIR", directory, "where to make it: a new or empty directory")->required();
   app.add_option("--apps", options.apps, "number of apps")
-      ->check(CLI::Range(0U, 1000000U))
+      ->check(UpTo(1000000))
       ->capture_default_str();
-  app.add_option("--seed", options.seed, "chooses names, colours and data")->capture_default_str();
+  app.add_option("--seed", options.seed, "chooses names, colours and data")
+      ->check(UpTo(std::numeric_limits<std::uint64_t>::max()))
+      ->capture_default_str();
   app.add_option("--data-bytes", options.dataBytes, "user data of each container, in bytes")
-      ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{1} << 40U))
+      ->check(UpTo(std::uint64_t{1} << 40U))
       ->capture_default_str();
-  auto* failing = app.add_flag("--failing", options.failing, "add containers that must fail");
-  app.add_flag("--plain", options.plain, "nothing but apps that are all alike, for measurements")
-      ->excludes(failing);
+  app.add_flag("--failing", options.failing, "add containers that must fail");
+  app.add_flag("--plain", options.plain, "nothing but apps that are all alike, for measurements");
   app.add_flag("--no-icons", withoutIcons, "apps without icons");
   app.add_option("--registered-list", listPath,
                  "also write the identifiers to be registered to this file, one per line");
   app.footer(Footer());
+  const std::string wrong = quorvel::host::UsageComplaint(app, argc, argv);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
     if (problem.get_exit_code() == 0) return app.exit(problem);
-    (void)Complain(std::string(problem.what()) + "\nSee legacy-image --help");
-    return kExitUsage;
+    return ComplainOfUsage(wrong.empty() ? Printable(problem.what()) : wrong);
+  }
+  if (options.plain && options.failing) {
+    return ComplainOfUsage("--plain and --failing exclude each other");
   }
   options.icons = !withoutIcons;
   return Run(directory, options, listPath);
@@ -117,6 +135,6 @@ int main(int argc, char** argv) {
     return ParseAndRun(argc, argv);
   } catch (const std::exception& problem) {  // no memory; nothing else throws
     std::fprintf(stderr, "legacy-image: %s\n", problem.what());
-    return kExitFailed;
+    return ExitFailed;
   }
 }

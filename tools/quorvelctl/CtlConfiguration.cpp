@@ -3,6 +3,7 @@
 #include <initializer_list>
 #include <set>
 
+#include "host/console/UsageComplaint.h"
 #include "platform/linux/plist/PreferencesPlist.h"
 #include "shared/configuration/QVGlobalConfiguration.h"
 #include "tools/quorvelctl/CtlCommand.h"
@@ -109,8 +110,6 @@ class Catalog final : public Command {
     QVGlobalConfiguration& own = Configuration();
     session.writeDetails(verbose_);
     if (rescan_) {
-      (void)own.builtInFrameworkBundleIDs();
-      (void)own.builtInApplicationBundleIDs();
       own.reScanSystemApps();
       own.reScanCoreServicesApps();
       own.reScanInternalApps();
@@ -164,13 +163,13 @@ class Flags final : public Command {
   explicit Flags(CLI::App& parser) {
     AddText(parser, "ACTION", action_, "get or set")
         ->required()
-        ->check(CLI::IsMember({"get", "set"}).description(""));
+        ->check(host::OneOf({"get", "set"}));
     AddText(parser, "NAME", name_,
             "haveUpdatedPluginContainersWithParentID or alternateThinningModelIdentifier (get "
             "only); without it \"get\" shows both")
-        ->check(CLI::IsMember({UpdatedFlag, ModelFlag}).description(""));
+        ->check(host::OneOf({UpdatedFlag, ModelFlag}));
     AddText(parser, "VALUE", value_, "For \"set\": true or false")
-        ->check(CLI::IsMember({"true", "false"}).description(""));
+        ->check(host::OneOf({"true", "false"}));
   }
 
   std::string complaint() const override {

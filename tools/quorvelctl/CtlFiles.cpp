@@ -2,9 +2,12 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <set>
 
 #include "host/console/TerminalText.h"
+#include "host/console/UsageComplaint.h"
 #include "platform/linux/files/AtomicFile.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/plist/PropertyList.h"
@@ -38,19 +41,33 @@ class Digest final : public Command {
     for (const std::string& file : files_) {
       const Path path = session.path(file);
       const auto digest = QVCreateSHA256Digest(path.string());
+      std::optional<std::string> error;
       if (digest) {
         plain += line(session, *digest, file);
       } else {
-        session.note(session.loggedReason("it cannot be read"));
+        error = session.loggedReason("it cannot be read");
+        session.note(*error);
         succeeded = false;
       }
-      list.push_back({{"path", path.string()}, {"sha256", host::JsonOrNull(digest)}});
+      list.push_back({{"path", path.string()},
+                      {"sha256", host::JsonOrNull(digest)},
+                      {"error", host::JsonOrNull(error)},
+                      {"reason", digest ? Json(nullptr) : Json(reason(path))}});
     }
     return session.finish({{"files", std::move(list)}}, plain,
                           succeeded ? host::ExitSucceeded : host::ExitFailed);
   }
 
  private:
+  // Why the file could not be read, as the kernel tells it when it is asked again.
+  static std::string reason(const Path& path) {
+    std::vector<std::uint8_t> bytes;
+    const FileSystemRepresentation name = path.fileSystemRepresentation();
+    const int number = onlinux::ReadRegularFile(AT_FDCWD, name.c_str(), 0, false, bytes);
+    const char* text = number != 0 && number != EFBIG ? ::strerrorname_np(number) : nullptr;
+    return text != nullptr ? text : host::ReasonOf(host::ExitFailed);
+  }
+
   // The line that sha256sum prints and checks: in a name that has a backslash, a newline or a
   // carriage return these are escaped, which a backslash before the digest says. On a terminal
   // whatever could harm it is escaped in the same way.
@@ -154,10 +171,10 @@ class PropertyList final : public Command {
   explicit PropertyList(CLI::App& parser) {
     AddText(parser, "ACTION", action_, "show or convert")
         ->required()
-        ->check(CLI::IsMember({"show", "convert"}).description(""));
+        ->check(host::OneOf({"show", "convert"}));
     AddText(parser, "FILE", file_, "A property list in either encoding")->required();
     AddText(parser, "--to", format_, "For \"convert\": xml, binary or json")
-        ->check(CLI::IsMember({"xml", "binary", "json"}).description(""));
+        ->check(host::OneOf({"xml", "binary", "json"}));
   }
 
   std::string complaint() const override {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "host/console/UsageComplaint.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/files/ReachBeneath.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -118,10 +119,10 @@ class Attribute final : public Command {
   explicit Attribute(CLI::App& parser) {
     AddText(parser, "ATTRIBUTE", attribute_, "placeholder, install-type or class")
         ->required()
-        ->check(CLI::IsMember({"placeholder", "install-type", "class"}).description(""));
+        ->check(host::OneOf({"placeholder", "install-type", "class"}));
     AddText(parser, "ACTION", action_, "get or set")
         ->required()
-        ->check(CLI::IsMember({"get", "set"}).description(""));
+        ->check(host::OneOf({"get", "set"}));
     AddText(parser, "PATH", path_, "The item")->required();
     AddText(parser, "VALUE", value_, "For \"set\": install-type 0 to 2^64-1, class 0 to 2^31-1");
   }

@@ -9,6 +9,7 @@
 #include "QuorvelCommit.h"
 #include "host/console/Output.h"
 #include "host/console/TerminalText.h"
+#include "host/console/UsageComplaint.h"
 #include "tools/quorvelctl/CtlCommand.h"
 #include "tools/quorvelctl/CtlOptions.h"
 #include "tools/quorvelctl/CtlSession.h"
@@ -81,7 +82,7 @@ class CommandLine {
     for (int i = argc - 1; i > 0; --i) words.push_back(Guarded(argv[i]));
     asksForJson_ = std::any_of(words.begin(), words.end(),
                                [](const std::string& word) { return word == "--json"; });
-    const std::string unknown = unknownCommand(words.empty() ? "" : words.back());
+    const std::string wrong = host::UsageComplaint(parser_, argc, argv);
     try {
       parser_.parse(std::move(words));
     } catch (const CLI::CallForHelp&) {
@@ -89,7 +90,7 @@ class CommandLine {
     } catch (const CLI::CallForVersion& version) {
       return print(std::string(version.what()) + "\n");
     } catch (const CLI::ParseError& error) {
-      return complain(unknown.empty() ? Printable(error.what()) : unknown);
+      return complain(wrong.empty() ? Printable(error.what()) : wrong);
     }
     return runCommand();
   }
@@ -100,15 +101,6 @@ class CommandLine {
     std::string text = chosen.empty() ? parser_.help() : chosen.front()->help(parser_.get_name());
     if (!text.ends_with('\n')) text += '\n';
     return text;
-  }
-
-  // The parser's own complaint about a first word that names no command does not show it.
-  std::string unknownCommand(const std::string& word) const {
-    const bool known = std::any_of(commands_.begin(), commands_.end(), [&](const Declared& one) {
-      return one.parser->get_name() == word;
-    });
-    if (known || word.empty() || word.starts_with('-')) return {};
-    return Printable(word) + ": unknown command";
   }
 
   int runCommand() {

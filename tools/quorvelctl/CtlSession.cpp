@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <vector>
@@ -98,6 +99,16 @@ std::string ErrorText(const std::string& command, const Error& error) {
     text += "  caused by " + ErrorLine(ErrorAsJson(cause));
   }
   return text;
+}
+
+// For programs: the errno's name where there is one, else the domain with the code.
+std::string ReasonOf(const Error& error) {
+  for (Error cause = error; cause; cause = cause.underlying()) {
+    if (cause.domain() != PosixErrorDomain) continue;
+    const char* name = ::strerrorname_np(static_cast<int>(cause.code()));
+    if (name != nullptr) return name;
+  }
+  return error.domain() + "." + std::to_string(error.code());
 }
 
 std::string ReasonText(const std::string& command, const std::string& reason) {
@@ -214,6 +225,7 @@ int Session::fail(const Error& error) {
   const Json record = ErrorAsJson(error);
   Json object;
   object["error"] = record["message"];
+  object["reason"] = ReasonOf(error);
   object["exitCode"] = static_cast<int>(ExitFailed);
   object["domain"] = record["domain"];
   object["code"] = record["code"];
@@ -226,6 +238,7 @@ int Session::failAsLogged(const std::string& otherwise) {
   const std::string reason = loggedReason(otherwise);
   Json object;
   object["error"] = reason;
+  object["reason"] = host::ReasonOf(ExitFailed);
   object["exitCode"] = static_cast<int>(ExitFailed);
   return failWith(std::move(object), ReasonText(options_.command, reason));
 }
@@ -233,6 +246,7 @@ int Session::failAsLogged(const std::string& otherwise) {
 int Session::failFatally(const FatalError& error) {
   Json object;
   object["error"] = error.remedy.empty() ? error.problem : error.problem + ". " + error.remedy;
+  object["reason"] = error.reason.empty() ? host::ReasonOf(error.exitCode) : error.reason;
   object["exitCode"] = error.exitCode;
   return failWith(std::move(object), "quorvelctl: " + error.problem + "\n" +
                                          (error.remedy.empty() ? "" : error.remedy + "\n"));

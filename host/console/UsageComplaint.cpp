@@ -1,5 +1,5 @@
 // Goes through the words as the option parser does.
-#include "host/UsageComplaint.h"
+#include "host/console/UsageComplaint.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -42,8 +42,13 @@ class Words {
       : command_(command), words_(argv, argv + argc) {}
 
   std::string complaint() {
+    bool onlyArguments = false;
     for (at_ = 0; at_ < words_.size(); ++at_) {
-      std::string wrong = wordIsWrong(words_[at_]);
+      if (words_[at_] == "--" && !onlyArguments) {
+        onlyArguments = true;
+        continue;
+      }
+      std::string wrong = onlyArguments ? argumentIsWrong(words_[at_]) : wordIsWrong(words_[at_]);
       if (!wrong.empty()) return wrong;
     }
     for (const CLI::Option* option : command_.get_options()) {
@@ -71,7 +76,8 @@ class Words {
   // Takes the next place that is free for a word of its own.
   std::string argumentIsWrong(const std::string& word) {
     for (const CLI::Option* option : command_.get_options()) {
-      if (!option->get_positional() || given_[option]) continue;
+      const bool takesMore = !given_[option] || option->get_expected_max() > 1;
+      if (!option->get_positional() || !takesMore) continue;
       given_[option] = true;
       return {};
     }
@@ -105,6 +111,9 @@ bool AsksForHelp(int argc, const char* const* argv) {
 
 std::string UsageComplaint(const CLI::App& parser, int argc, const char* const* argv) {
   if (AsksForHelp(argc, argv)) return {};
+  if (parser.get_subcommands([](const CLI::App*) { return true; }).empty()) {
+    return Words(parser, argc - 1, argv + 1).complaint();
+  }
   const std::string word = argc > 1 ? argv[1] : "";
   if (word.empty()) return "a command is needed";
   if (word.starts_with('-')) {
@@ -117,6 +126,15 @@ std::string UsageComplaint(const CLI::App& parser, int argc, const char* const* 
     return Printable(word) + ": unknown command" + Suggestion(word, CommandNames(parser));
   }
   return Words(*command, argc - 2, argv + 2).complaint();
+}
+
+std::function<std::string(const std::string&)> OneOf(std::initializer_list<const char*> names) {
+  return [known = std::vector<std::string>(names.begin(), names.end())](const std::string& value) {
+    if (std::find(known.begin(), known.end(), value) != known.end()) return std::string();
+    std::string list;
+    for (const std::string& name : known) list += (list.empty() ? "" : ", ") + name;
+    return Printable(value) + " is none of " + list + Suggestion(value, known);
+  };
 }
 
 }  // namespace quorvel::host

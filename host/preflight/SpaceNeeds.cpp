@@ -1,19 +1,27 @@
 // Adds up by file system; a file counts with the blocks it has, since holes stay holes.
 #include "host/preflight/SpaceNeeds.h"
 
+#include <fcntl.h>
+#include <sys/quota.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <limits>
+#include <optional>
 
+#include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/TreeWalkerLinux.h"
 
 namespace quorvel::host {
 
 namespace {
 
-constexpr std::uint64_t kStatBlock = 512;  // the unit of st_blocks, whatever the file system's
+constexpr std::uint64_t kQuotaBlock = 1024;  // the unit of a quota's limits of blocks
+constexpr std::uint64_t kStatBlock = 512;    // the unit of st_blocks, whatever the file system's
 // The registry's log, one placeholder with its icon and the logs' first pages.
 constexpr std::uint64_t kMarginBytes = 1024 * 1024;
 // A record in the registry and a few lines in each log.
@@ -21,6 +29,48 @@ constexpr std::uint64_t kMarginBytesPerContainer = 4096;
 constexpr std::uint64_t kMarginInodes = 32;
 // A bundle and a data container in the place of a legacy one.
 constexpr std::uint64_t kMarginInodesPerContainer = 1;
+
+// What is left of a file system to this process.
+struct Room {
+  std::uint64_t bytes = 0;
+  std::uint64_t inodes = 0;
+  const char* limit = "its file system has";  // what the numbers are of
+};
+
+constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
+
+// A hard limit of the user's or the group's; the privileged have none. A soft one lasts for days.
+void Narrow(int directory, int kind, unsigned id, Room& room) {
+  if_dqblk quota = {};
+  const unsigned command = QCMD(static_cast<unsigned>(Q_GETQUOTA), static_cast<unsigned>(kind));
+  if (::syscall(SYS_quotactl_fd, directory, command, id, &quota) != 0) return;
+  const std::uint64_t most = quota.dqb_bhardlimit * kQuotaBlock;
+  const std::uint64_t left = most - std::min<std::uint64_t>(most, quota.dqb_curspace);
+  const std::uint64_t inodes =
+      quota.dqb_ihardlimit - std::min<std::uint64_t>(quota.dqb_ihardlimit, quota.dqb_curinodes);
+  const bool narrows =
+      (most != 0 && left < room.bytes) || (quota.dqb_ihardlimit != 0 && inodes < room.inodes);
+  if (narrows) room.limit = kind == USRQUOTA ? "this user's quota has" : "this group's quota has";
+  if (most != 0) room.bytes = std::min(room.bytes, left);
+  if (quota.dqb_ihardlimit != 0) room.inodes = std::min(room.inodes, inodes);
+}
+
+// Absent when it cannot be told. A file system without a number of blocks or inodes has no limit of
+// its own.
+std::optional<Room> RoomAt(const std::string& directory) {
+  const UniqueDescriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct statvfs info {};
+  if (::statvfs(directory.c_str(), &info) != 0) return std::nullopt;
+  const bool isRoot = ::geteuid() == 0;
+  Room room;
+  room.bytes =
+      info.f_blocks == 0 ? kUnlimited : (isRoot ? info.f_bfree : info.f_bavail) * info.f_frsize;
+  room.inodes = info.f_files == 0 ? kUnlimited : (isRoot ? info.f_ffree : info.f_favail);
+  if (isRoot || !opened) return room;
+  Narrow(opened.get(), USRQUOTA, ::geteuid(), room);
+  Narrow(opened.get(), GRPQUOTA, ::getegid(), room);
+  return room;
+}
 
 std::uint64_t RoundedUp(std::uint64_t bytes, std::uint64_t unit) {
   return unit == 0 ? bytes : (bytes + unit - 1) / unit * unit;
@@ -87,25 +137,21 @@ void SpaceNeeds::addMargin(const std::string& directory, const ItemFacts& facts,
 
 void SpaceNeeds::check(Findings& findings) const {
   for (const auto& [device, need] : needs_) {
-    struct statvfs info {};
-    if (::statvfs(need.directory.c_str(), &info) != 0) continue;
-    const bool mayUseReserve = ::geteuid() == 0;
-    const std::uint64_t free = (mayUseReserve ? info.f_bfree : info.f_bavail) * info.f_frsize;
+    const auto room = RoomAt(need.directory);
+    if (!room) continue;
     const std::uint64_t bytes = need.bytes + need.largestBytes;
-    // A file system without a number of blocks or inodes has no limit of its own.
-    if (info.f_blocks > 0 && free < bytes) {
+    if (room->bytes < bytes) {
       findings.push_back({kNoSpace, Severity::refuse, need.directory,
-                          "its file system has " + std::to_string(free / 1024) +
+                          room->limit + (" " + std::to_string(room->bytes / 1024)) +
                               " KiB free and the migration needs about " + InMebibytes(bytes),
-                          "Free " + InMebibytes(bytes - free) + " on it"});
+                          "Free " + InMebibytes(bytes - room->bytes) + " on it"});
     }
     const std::uint64_t inodes = need.inodes + need.largestInodes;
-    const std::uint64_t freeInodes = mayUseReserve ? info.f_ffree : info.f_favail;
-    if (info.f_files > 0 && freeInodes < inodes) {
+    if (room->inodes < inodes) {
       findings.push_back({kNoInodes, Severity::refuse, need.directory,
-                          "its file system has room for " + std::to_string(freeInodes) +
+                          room->limit + (" room for " + std::to_string(room->inodes)) +
                               " more files and the migration makes about " + std::to_string(inodes),
-                          "Remove " + std::to_string(inodes - freeInodes) + " files from it"});
+                          "Remove " + std::to_string(inodes - room->inodes) + " files from it"});
     }
   }
 }

@@ -1,13 +1,9 @@
 // Whole migrations: the built host and the real plug-in on made device trees.
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
 
-#include <chrono>
 #include <nlohmann/json.hpp>
-#include <random>
-#include <thread>
 
 #include "tests/support/HostProcess.h"
 #include "tests/support/MigrationDevice.h"
@@ -121,61 +117,6 @@ TEST(EndToEndTest, EverythingArrivesWhereItBelongs) {
   ExpectSame(outcome, Outcome(device), "second run");
 }
 
-TEST(EndToEndTest, KilledAgainAndAgainItArrivesAllTheSame) {
-  const ScratchTree tree;
-  const Device pristine(tree / "pristine");
-  pristine.make();
-  ASSERT_EQ(pristine.registerTunnel(), 0);
-  const auto copy = [&](const char* name) {
-    const Device device(tree / name);
-    EXPECT_EQ(std::system(("cp -a '" + pristine.root() + "' '" + device.root() + "'").c_str()), 0);
-    return device;
-  };
-  const Device reference = copy("reference");
-  const auto start = std::chrono::steady_clock::now();
-  ASSERT_EQ(reference.run({"migrate"}).exitCode, 0);
-  const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(
-      std::chrono::steady_clock::now() - start);
-  const Facts expected = Outcome(reference);
-
-  const unsigned seed = std::random_device()();
-  std::mt19937 random(seed);
-  int kills = 0;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  for (int round = 0;
-       round < 40 && !::testing::Test::HasFailure() && std::chrono::steady_clock::now() < deadline;
-       ++round) {
-    const Device device = copy("device");
-    for (int attempt = 0; attempt < 4; ++attempt) {
-      const pid_t host = StartHost({"migrate", "--root", device.root()});
-      std::uniform_int_distribution<long> delay(0, whole.count());
-      std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
-      ::kill(host, SIGKILL);
-      if (FinishHost(host) != -SIGKILL) break;
-      ++kills;
-      // Looking at what the killed host left is no second migration.
-      if (attempt == 0) {
-        const Facts before = Snapshot(device.root());
-        EXPECT_EQ(device.run({"inspect", "--json"}).exitCode, 0);
-        EXPECT_EQ(device.run({"registry", "--json"}).exitCode, 0);
-        ExpectSame(before, Snapshot(device.root()), "inspect after a kill");
-      }
-    }
-    const HostRun last = device.run({"migrate"});
-    EXPECT_EQ(last.exitCode, 0) << last.out << last.err;
-    Facts outcome = Outcome(device);
-    // Killed between its last two steps a host leaves the map of a directory that is gone: no later
-    // run reads it or misses it.
-    outcome.erase(InstallMap);
-    ExpectSame(expected, outcome, "round " + std::to_string(round));
-    ExpectLegacyGone(device);
-    if (!::testing::Test::HasFailure()) RemoveWithSystem(device.root());
-  }
-  RecordProperty("kills", kills);
-  EXPECT_GT(kills, 0) << "no run was hit while it ran";
-  if (::testing::Test::HasFailure()) std::cerr << "seed " << seed << "\n";
-}
-
 // That what inspect foresaw is what became of every container, group, harbor and link.
 void ExpectForeseen(const json& foreseen, const json& done) {
   ASSERT_EQ(foreseen["containers"].size(), done["containers"].size());
@@ -248,6 +189,7 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   fs::remove_all(device.container("G7"));
   const HostRun later = device.run({"migrate"});
   EXPECT_EQ(later.exitCode, 0) << later.out;
+  EXPECT_NE(later.out.find("apps were installed before this run"), std::string::npos) << later.out;
   Facts outcome = Outcome(device);
   std::erase_if(outcome,
                 [](const auto& fact) { return fact.first.find("messy") != std::string::npos; });

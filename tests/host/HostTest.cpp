@@ -340,10 +340,13 @@ TEST_F(HostTest, TerminalShowsProgressAndCannotBePlayedWith) {
   EXPECT_NE(plain.out.find("\r\x1b[K["), std::string::npos);
   EXPECT_EQ(plain.out.find("\x1b[3"), std::string::npos) << "color in spite of NO_COLOR";
 
+  setup.columns = 40;
+  const HostRun narrow = RunHost(migrate(), setup);
+  EXPECT_NE(narrow.out.find("two\r\n    com.example."), std::string::npos) << narrow.out;
   const HostRun none = RunHost(migrate({"--progress", "never"}), setup);
   EXPECT_EQ(none.out.find('\x1b'), std::string::npos);
   EXPECT_EQ(RunHost(migrate(), script("nasty")).err, "") << "progress without a terminal";
-  EXPECT_NE(RunHost(migrate({"--progress", "always", "--json"})).err.find("100%"),
+  EXPECT_NE(RunHost(migrate({"--progress", "always", "--json"})).err.find("100% 3 of 3"),
             std::string::npos);
 }
 

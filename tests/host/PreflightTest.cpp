@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 
 #include <cerrno>
 #include <functional>
@@ -49,6 +50,10 @@ void ExpectRefused(const Device& device, const std::vector<std::string>& expecte
   EXPECT_EQ(run.exitCode, 5) << run.out << run.err;
   EXPECT_EQ(FindingsOf(run), expected) << run.out;
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), std::ssize(expected) + 1) << run.err;
+  const HostRun looked = device.run({"inspect", "--json"}, setup);
+  EXPECT_EQ(looked.exitCode, 5) << looked.err;
+  EXPECT_EQ(FindingsOf(looked), expected) << looked.out;
+  ExpectDocumented({run.out, looked.out});
   EXPECT_EQ(Snapshot(device.root()), before);
 }
 
@@ -158,7 +163,6 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
     const auto found = FindingsOf(run);
     ASSERT_EQ(found.size(), 1U) << run.out;
     EXPECT_TRUE(found[0].starts_with("refuse read-only /private/var/mobile")) << found[0];
-    EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), found);
   });
   // What must be copied there is a file of three mebibytes, and one of a hundred with a hole.
   Put(device.container("A 1") + "/Documents/large", std::string(3 << 20, 'x'));
@@ -238,6 +242,32 @@ TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
       "warning container-not-movable " + home + "/Applications/A 1",
       "warning container-not-movable " + home + "/Applications/E5"};
   EXPECT_EQ(found, expected) << run.err;
+}
+
+TEST(PreflightTest, ARefusedNamespaceIsToldWithTheWayAroundIt) {
+  if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
+  const ScratchTree tree("/tmp");  // programs may be copied to it and run
+  HostSetup setup;
+  setup.asNobody = true;
+  setup.program = CopyHostTo(tree / "bin");
+  setup.environment["LD_LIBRARY_PATH"] = tree / "bin";
+  const Device device(tree / "device");
+  device.make();
+  const Facts before = Snapshot(device.root());
+  for (const auto& [error, remedy] : {std::pair(ENOSPC, "max_user_namespaces"),
+                                      {EINVAL, "a kernel that has"},
+                                      {EPERM, "as root"}}) {
+    EXPECT_TRUE(InChild([&, error = error, remedy = remedy] {
+      FailSystemCall(SYS_unshare, error);
+      const HostRun run = device.run({"migrate", "--json"}, setup);
+      EXPECT_EQ(run.exitCode, 4);
+      EXPECT_EQ(json::parse(run.out)["reason"], "namespace-refused") << run.out;
+      EXPECT_NE(run.err.find(remedy), std::string::npos) << run.err;
+      EXPECT_LE(std::count(run.err.begin(), run.err.end(), '\n'), 3) << run.err;
+      ExpectDocumented({run.out});
+    }));
+  }
+  EXPECT_EQ(Snapshot(device.root()), before);
 }
 
 TEST(PreflightTest, SaysWhatWasMeantAndWhatAShellTakes) {

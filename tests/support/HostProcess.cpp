@@ -85,7 +85,7 @@ void Collect(int first, std::string& firstText, int second, std::string& secondT
 }
 
 HostRun RunOnTerminal(const std::vector<std::string>& arguments, const HostSetup& setup) {
-  winsize size = {24, 80, 0, 0};
+  winsize size = {24, setup.columns, 0, 0};
   int controller = -1;
   const pid_t child = ::forkpty(&controller, nullptr, nullptr, &size);
   if (child == 0) Become(arguments, setup);

@@ -25,7 +25,8 @@ inline std::string NoUnprivilegedCase() {
 struct HostSetup {
   std::map<std::string, std::string> environment{};  // beside PATH; TERM is "xterm"
   bool asNobody = false;
-  bool onTerminal = false;       // standard output and error are one terminal, 80 columns wide
+  bool onTerminal = false;       // standard output and error are one terminal
+  unsigned short columns = 80;   // of it
   std::string standardOutput{};  // a file instead of a pipe; "-" closes it
   std::string program = HOST_BINARY;
 };

@@ -12,7 +12,6 @@
 #include <functional>
 
 #include "host/console/NamespaceRefusal.h"
-#include "host/console/NearestName.h"
 #include "host/console/ShellWord.h"
 #include "tests/support/HostProcess.h"
 #include "tests/support/MigrationDevice.h"
@@ -120,29 +119,6 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
       EXPECT_NE(run.exitCode, 5);
     }
   }
-}
-
-TEST(PreflightTest, AWrongRootIsNamedWithTheLikelyOneAndStaysAsItIs) {
-  const ScratchTree tree;
-  const Device device(tree / "above/device");
-  device.make();
-  fs::create_directories(tree / "empty");
-  const std::pair<std::string, std::string> cases[] = {
-      {tree / "empty", "Name the directory"},
-      {device.root() + "/private", "Did you mean --root " + device.root() + "?"},
-      {device.root() + Mobile + "/Applications", "Did you mean --root " + device.root() + "?"},
-      {tree / "above", "Did you mean --root " + device.root() + "?"}};
-  const Facts before = Snapshot(tree.path());
-  for (const auto& [root, remedy] : cases) {
-    for (const char* command : {"migrate", "inspect", "registry", "register"}) {
-      std::vector<std::string> words = {command, "--root", root};
-      if (command == std::string("register")) words.insert(words.end(), {"--identifier", "a.b"});
-      const HostRun run = RunHost(words);
-      EXPECT_EQ(run.exitCode, 4) << command << root;
-      EXPECT_NE(run.err.find(remedy), std::string::npos) << run.err;
-    }
-  }
-  EXPECT_EQ(Snapshot(tree.path()), before);
 }
 
 TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
@@ -270,21 +246,7 @@ TEST(PreflightTest, ARefusedNamespaceIsToldWithTheWayAroundIt) {
   EXPECT_EQ(Snapshot(device.root()), before);
 }
 
-TEST(PreflightTest, SaysWhatWasMeantAndWhatAShellTakes) {
-  const std::pair<std::vector<std::string>, std::string> lines[] = {
-      {{"migrat"}, "migrat: unknown command, did you mean migrate?"},
-      {{"migrate", "--rot", "x"}, "--rot: unknown option of migrate, did you mean --root?"},
-      {{"migrate", "--rot=x"}, "--rot: unknown option of migrate, did you mean --root?"},
-      {{"inspect", "--root"}, "--root needs a value"},
-      {{"inspect"}, "--root is needed by inspect"},
-      {{"inspect", "--root", "x", "--json=yes"}, "--json takes no value"},
-      {{"migrate", "--root", "x", "--force-preflight", "no-spce"}, "did you mean no-space?"},
-      {{"--root", "x"}, "a command is needed before --root"}};
-  for (const auto& [words, complaint] : lines) {
-    const HostRun run = RunHost(words);
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find(complaint), std::string::npos) << run.err;
-  }
+TEST(PreflightTest, WordsAreWhatAShellTakesForThem) {
   for (const std::string word : {"plain", "", "a b", "it's", "back\\slash", "tab\tline\nend",
                                  "caf\xc3\xa9 $HOME `x` \"", "raw \xff\x01 %d\\n'"}) {
     const std::string command = "test " + host::ShellWord(word) + " = \"$WORD\"";

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 #include "tests/support/TemporaryTree.h"
 
@@ -152,6 +153,44 @@ std::string CopyHostTo(const std::string& directory) {
   }
   ::chmod(directory.c_str(), 0755);
   return directory + "/" + program.filename().string();
+}
+
+HostRun RunShell(const std::string& lines, const std::string& directory) {
+  HostSetup setup{.environment = {{"LC_ALL", "C.UTF-8"}, {"SAMPLES", QUORVEL_SAMPLES}},
+                  .program = "/bin/sh"};
+  const std::string programs = std::filesystem::path(HOST_BINARY).parent_path();
+  return RunHost({"-c", "exec 2>&1; PATH=" + programs + ":$PATH; cd " + directory + "\n" + lines},
+                 setup);
+}
+
+void ExpectTranscript(const std::string& file, const std::string& directory) {
+  std::ifstream stream(file);
+  std::string command;
+  std::string expected;
+  const auto check = [&] {
+    if (command.empty()) return;
+    const HostRun run = RunShell(command, directory);
+    std::string told = run.out;
+    for (auto at = told.find(directory); at != std::string::npos; at = told.find(directory)) {
+      told.replace(at, directory.size(), "TREE");
+    }
+    if (!told.empty() && told.back() != '\n') told += '\n';
+    if (run.exitCode != 0) told += "[" + std::to_string(run.exitCode) + "]\n";
+    EXPECT_EQ(told, expected) << command;
+  };
+  for (std::string line; std::getline(stream, line);) {
+    if (line.starts_with("> ")) {
+      command += "\n" + line.substr(2);
+    } else if (line.starts_with("$ ")) {
+      check();
+      command = line.substr(2);
+      expected.clear();
+    } else {
+      expected += line + "\n";
+    }
+  }
+  check();
+  EXPECT_FALSE(command.empty()) << file;
 }
 
 void ExpectDocumented(const std::vector<std::string>& printed) {

@@ -48,6 +48,15 @@ int FinishHost(pid_t host);
 // may lie where only its owner may look. The copied program's path.
 std::string CopyHostTo(const std::string& directory);
 
+// Runs lines of a shell in the directory, with the tested program's directory first on the path;
+// both its outputs are in `out`.
+HostRun RunShell(const std::string& lines, const std::string& directory);
+// That each command of the file, run by a shell in the directory, ends and prints as it says:
+//   $ COMMAND       the next lines of it begin with "> "
+//   OUTPUT          with TREE for the directory
+//   [EXIT CODE]     unless that is 0
+void ExpectTranscript(const std::string& file, const std::string& directory);
+
 // That each is an object as docs/result.schema.json has it.
 void ExpectDocumented(const std::vector<std::string>& printed);
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "platform/linux/plist/PropertyListText.h"
@@ -103,6 +104,15 @@ Json ErrorAsJson(const Error& error) {
       silent ? ErrnoDescription(static_cast<int>(error.code())) : error.description();
   if (const Error cause = error.underlying()) object["underlying"] = ErrorAsJson(cause);
   return object;
+}
+
+std::string ReasonOf(const Error& error) {
+  for (Error cause = error; cause; cause = cause.underlying()) {
+    if (cause.domain() != PosixErrorDomain) continue;
+    const char* name = ::strerrorname_np(static_cast<int>(cause.code()));
+    if (name != nullptr) return name;
+  }
+  return error.domain() + "." + std::to_string(error.code());
 }
 
 std::string JsonAsText(const Json& json, const std::function<std::string(const std::string&)>& show,

@@ -31,6 +31,8 @@ void AddMember(Json& object, const std::string& key, Json value);
 
 // domain, code, message, and under "underlying" the cause likewise.
 Json ErrorAsJson(const Error& error);
+// Its cause in a word: the errno's name where there is one, else the domain with the code.
+std::string ReasonOf(const Error& error);
 
 // Nested "key: value" lines. `show` turns a text into what goes to the stream.
 std::string JsonAsText(const Json& json, const std::function<std::string(const std::string&)>& show,

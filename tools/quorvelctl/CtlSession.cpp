@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <vector>
@@ -99,16 +98,6 @@ std::string ErrorText(const std::string& command, const Error& error) {
     text += "  caused by " + ErrorLine(ErrorAsJson(cause));
   }
   return text;
-}
-
-// For programs: the errno's name where there is one, else the domain with the code.
-std::string ReasonOf(const Error& error) {
-  for (Error cause = error; cause; cause = cause.underlying()) {
-    if (cause.domain() != PosixErrorDomain) continue;
-    const char* name = ::strerrorname_np(static_cast<int>(cause.code()));
-    if (name != nullptr) return name;
-  }
-  return error.domain() + "." + std::to_string(error.code());
 }
 
 std::string ReasonText(const std::string& command, const std::string& reason) {

@@ -74,7 +74,8 @@ class Remove final : public Command {
         continue;
       }
       session.note(error);
-      failed.push_back({{"path", path.string()}, {"error", ErrorAsJson(error)}});
+      failed.push_back(
+          {{"path", path.string()}, {"reason", ReasonOf(error)}, {"error", ErrorAsJson(error)}});
     }
     const int code = failed.empty() ? host::ExitSucceeded : host::ExitFailed;
     return session.finish({{"removed", std::move(removed)}, {"failed", std::move(failed)}}, "",

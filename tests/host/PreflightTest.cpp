@@ -77,38 +77,27 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
   const ScratchTree tree;
   struct Case {
     const char* file;
-    std::function<void(const std::string&)> damage;
+    const char* damage;  // a line of a shell, for $F
     const char* finding;
   };
-  const auto garbage = [](const std::string& file) { Put(file, std::string(9000, 'x')); };
-  const auto truncated = [](const std::string& file) {
-    fs::resize_file(file, fs::file_size(file) / 2);
-  };
-  // Keeps its size and its first page.
-  const auto scribbled = [](const std::string& file) {
-    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
-    stream.seekp(4096);
-    stream << std::string(4096, '\x5a');
-  };
-  const auto noGroups = [](const std::string& file) { Put(file, Map("<string>none</string>")); };
-  const auto directory = [](const std::string& file) {
-    fs::remove(file);
-    fs::create_directory(file);
-  };
-  const Case cases[] = {{Registry, garbage, "registry-damaged"},
-                        {Registry, truncated, "registry-damaged"},
-                        {Registry, scribbled, "registry-damaged"},
-                        {InstallMap, garbage, "install-map-damaged"},
-                        {InstallMap, noGroups, "install-map-damaged"},
-                        {InstallMap, directory, "install-map-unreadable"},
-                        {HarborMap, truncated, "harbor-map-damaged"}};
+  const Case cases[] = {
+      {Registry, "yes | head -c 9000 >$F", "registry-damaged"},
+      {Registry, "truncate -s $(($(stat -c %s $F) / 2)) $F", "registry-damaged"},
+      // Keeps its size and its first page.
+      {Registry, "yes | dd of=$F bs=4k seek=1 count=1 conv=notrunc", "registry-damaged"},
+      {InstallMap, "yes | head -c 9000 >$F", "install-map-damaged"},
+      {InstallMap, "sed -i 's,<dict>.*<.dict>,<dict><key>GroupContainers</key><true/></dict>,' $F",
+       "install-map-damaged"},
+      {InstallMap, "rm $F && mkdir $F", "install-map-unreadable"},
+      {HarborMap, "truncate -s $(($(stat -c %s $F) / 2)) $F", "harbor-map-damaged"}};
   int number = 0;
   for (const Case& one : cases) {
     SCOPED_TRACE(std::to_string(number) + one.finding);
     const Device device(tree / ("device" + std::to_string(number++)));
     device.make();
     ASSERT_EQ(device.registerTunnel(), 0);
-    one.damage(device.root() + one.file);
+    ASSERT_EQ(std::system(("exec 2>/dev/null; F=" + device.root() + one.file + "; " + one.damage).c_str()),
+              0);
     const std::string finding = std::string(one.finding) + " " + one.file;
     ExpectRefused(device, {"refuse " + finding});
     if (one.file == std::string(InstallMap)) {

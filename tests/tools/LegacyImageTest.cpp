@@ -1,7 +1,5 @@
 // Made devices: always the same for one seed, and fit to be migrated.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <set>
@@ -9,54 +7,23 @@
 #include <vector>
 
 #include "platform/linux/plist/PropertyList.h"
+#include "tests/support/HostProcess.h"
 #include "tests/support/TreeTools.h"
 
 namespace quorvel {
 namespace {
 
+using testing::HostRun;
 using testing::ReadFile;
+using testing::RunShell;
 using testing::ScratchTree;
 using testing::Snapshot;
 using testing::WriteFile;
 
-struct Outcome {
-  int exitCode = -1;
-  std::string output;  // standard output; with "2>&1" in the command also standard error
-};
-
-Outcome Shell(const std::string& command) {
-  Outcome run;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) return run;
-  char buffer[4096];
-  while (const std::size_t count = ::fread(buffer, 1, sizeof buffer, pipe)) {
-    run.output.append(buffer, count);
-  }
-  const int status = ::pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
-
-Outcome Make(const std::string& arguments) { return Shell(LEGACY_IMAGE " " + arguments); }
-// A confined process has no /proc, without which a leak checker ends it as failed.
-constexpr const char* NoLeakCheck = "ASAN_OPTIONS=detect_leaks=0 ";
-
-Outcome Migrate(const std::string& root) {
-  return Shell(std::string(NoLeakCheck) + MIGRATION_HOST " migrate --quiet --root " + root +
-               " 2>&1");
-}
-
-// Runs the printed commands with the host of this build.
-void Register(const Outcome& made) {
-  const std::string directory = std::filesystem::path(MIGRATION_HOST).parent_path();
-  std::size_t at = 0;
-  while (at < made.output.size()) {
-    const std::size_t end = made.output.find('\n', at);
-    const std::string environment = NoLeakCheck + ("PATH=" + directory) + ":$PATH ";
-    EXPECT_EQ(Shell(environment + made.output.substr(at, end - at)).exitCode, 0);
-    at = end + 1;
-  }
-}
+// Both outputs of a shell's line are in the run's first.
+HostRun Shell(const std::string& line) { return RunShell(line, "/"); }
+HostRun Make(const std::string& arguments) { return Shell("legacy-image " + arguments); }
+HostRun Migrate(const std::string& root) { return Shell("migration-host migrate --root " + root); }
 
 std::set<std::string> NamesIn(const std::string& directory) {
   std::set<std::string> names;
@@ -83,24 +50,18 @@ TEST(LegacyImage, TheSameArgumentsMakeTheSameTree) {
   }
 }
 
-TEST(LegacyImage, NothingIsWrittenIntoWhatExistsAndWrongUsageTouchesNothing) {
+TEST(LegacyImage, NothingIsWrittenIntoWhatExists) {
   const ScratchTree scratch;
   std::filesystem::create_directory(scratch / "full");
   WriteFile(scratch / "full/precious", "data");
   WriteFile(scratch / "file", "data");
   const auto before = Snapshot(scratch.path());
   for (const char* target : {"full", "file", "missing/below"}) {
-    const Outcome run = Make((scratch / target) + " 2>&1");
+    const HostRun run = Make((scratch / target) + " 2>&1");
     EXPECT_EQ(run.exitCode, 1) << target;
-    EXPECT_NE(run.output.find(scratch / target), std::string::npos) << run.output;
+    EXPECT_NE(run.out.find(scratch / target), std::string::npos) << run.out;
   }
   const std::string target = scratch / "new";
-  for (const std::string& arguments :
-       {std::string(), target + " --apps", target + " --apps x", target + " --apps -1",
-        target + " --unknown", target + " extra", target + " --plain --failing"}) {
-    EXPECT_EQ(Make(arguments + " >/dev/null 2>&1").exitCode, 2) << arguments;
-  }
-  EXPECT_EQ(Make("--help >/dev/null").exitCode, 0);
   EXPECT_TRUE(Snapshot(scratch.path()) == before);
   std::filesystem::create_directory(target);
   EXPECT_EQ(Make(target + " --apps 0").exitCode, 0) << "an empty directory will do";
@@ -108,15 +69,15 @@ TEST(LegacyImage, NothingIsWrittenIntoWhatExistsAndWrongUsageTouchesNothing) {
 
 TEST(LegacyImage, AFullFileSystemIsReported) {
   const ScratchTree scratch;
-  const Outcome run = Shell("ulimit -f 128; trap '' XFSZ; " LEGACY_IMAGE " " + (scratch / "new") +
+  const HostRun run = Shell("ulimit -f 128; trap '' XFSZ; legacy-image " + (scratch / "new") +
                             " --plain --data-bytes 100000 2>&1");
   EXPECT_EQ(run.exitCode, 1);
-  EXPECT_NE(run.output.find("data.bin: "), std::string::npos) << run.output;
+  EXPECT_NE(run.out.find("data.bin: "), std::string::npos) << run.out;
 }
 
 TEST(LegacyImage, HoldsWhatItPromises) {
   const ScratchTree scratch;
-  const Outcome made = Make(scratch / "device --registered-list " + (scratch / "list"));
+  const HostRun made = Make(scratch / "device --registered-list " + (scratch / "list 2>/dev/null"));
   ASSERT_EQ(made.exitCode, 0);
   EXPECT_GE(NamesIn(scratch / "device" + Applications).size(), 40U);
   std::size_t binary = 0;
@@ -148,17 +109,19 @@ TEST(LegacyImage, HoldsWhatItPromises) {
               list.substr(at, end - at) + "\n";
   }
   EXPECT_FALSE(listed.empty());
-  EXPECT_EQ(made.output, listed);
+  EXPECT_EQ(made.out, listed);
 }
 
 TEST(LegacyImage, ASoundDeviceMigratesAndEachFailingCaseIsLeft) {
   const ScratchTree scratch;
-  Register(Make(scratch / "sound"));
-  const Outcome sound = Migrate(scratch / "sound");
-  EXPECT_EQ(sound.exitCode, 0) << sound.output;
+  ASSERT_EQ(Shell("legacy-image " + (scratch / "sound | sh -e")).exitCode, 0);
+  const HostRun sound = Migrate(scratch / "sound");
+  EXPECT_EQ(sound.exitCode, 0) << sound.out;
   EXPECT_FALSE(std::filesystem::exists(scratch / "sound" + Applications));
 
-  Register(Make(scratch / "failing --failing --apps 3"));
+  ASSERT_EQ(Shell("legacy-image " + (scratch / "failing --failing --apps 3 2>/dev/null | sh -e"))
+                .exitCode,
+            0);
   std::set<std::string> failing;
   for (const std::string& name : NamesIn(scratch / "failing" + Applications)) {
     if (name.starts_with("failing-")) failing.insert(name);

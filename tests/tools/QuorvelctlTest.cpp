@@ -84,6 +84,10 @@ TEST_F(QuorvelctlTest, DoesAndSaysWhatTheTranscriptHas) {
   ExpectTranscript(QUORVEL_SAMPLES "/../tools/quorvelctl.transcript", tree_.path());
 }
 
+TEST_F(QuorvelctlTest, ShowsAndSetsWhatIsTheDevices) {
+  ExpectTranscript(QUORVEL_SAMPLES "/../tools/device.transcript", tree_.path());
+}
+
 TEST_F(QuorvelctlTest, HelpAndVersionSucceedAndEveryExampleWorks) {
   EXPECT_EQ(RunHost({"--version"}).out.rfind("quorvelctl ", 0), 0U);
   const Words names = commands();
@@ -122,8 +126,11 @@ TEST_F(QuorvelctlTest, NamesOfAnyBytesComeInAndGoOut) {
   EXPECT_NE(shown.find("\\x1b[2J\\r"), std::string::npos) << shown;
   EXPECT_NE(shown.find("\\xff\\xfe"), std::string::npos) << shown;
   EXPECT_EQ(RunHost({"remove", "\x1B[2J/x"}).err.find('\x1B'), std::string::npos);
+}
 
-  // In: copied to a sibling each, after "--", from the directory itself.
+// Copied to a sibling each, after "--", from the directory itself.
+TEST_F(QuorvelctlTest, WordsOfAnyBytesMeanThemselves) {
+  for (const std::string& name : HostileNames) tree_.write("d/" + name, name);
   fs::current_path(tree_.at("d"));
   for (const std::string& name : HostileNames) {
     EXPECT_EQ(exitCode({"copy", "--", name, "../" + name + "~"}), 0) << name;
@@ -248,81 +255,6 @@ std::string InfoPlist(const std::string& identifier, const std::string& version)
   return "<plist version=\"1.0\"><dict><key>PKBundleIdentifier</key><string>" + identifier +
          "</string><key>PKBundleVersion</key><string>" + version +
          "</string><key>Other</key><integer>7</integer></dict></plist>";
-}
-
-TEST_F(QuorvelctlTest, ConfigurationAndCatalogsAreTheDevices) {
-  tree_.write("device/private/var/mobile/Library/Preferences/ByHost/com.velto.quorvel.plist",
-              "<plist><dict><key>LowerInstallPriority</key><false/>"
-              "<key>SimultaneousInstallsNumber</key><integer>9</integer></dict></plist>");
-  tree_.write("device/private/var/mobile/Library/Preferences/com.velto.lorvixstored.plist",
-              "<plist><dict><key>ThinnedAppVariantID</key><string>model</string></dict></plist>");
-  const json config = object({"config", "--root", device()});
-  EXPECT_EQ(config["preferences"], json({{"lowerInstallPriority", false},
-                                         {"skipDeviceFamilyCheck", false},
-                                         {"skipThinningCheck", false},
-                                         {"nSimultaneousInstallations", 9}}));
-  EXPECT_EQ(config["uid"], 33);
-  EXPECT_EQ(config["paths"].size(), 15U);
-  EXPECT_EQ(config["paths"]["oldContainerPath"], "/private/var/mobile/Applications");
-  EXPECT_EQ(config["appUserDataItemNames"], json({"Documents", "Library", "tmp", "Tillkit"}));
-  EXPECT_EQ(config["installationBlacklist"], json::array({"com.velto.Kyo6Updater"}));
-  EXPECT_EQ(RunHost({"flags", "get", "alternateThinningModelIdentifier", "--root", device()}).out,
-            "model\n");
-
-  tree_.write("device/Applications/A.app/Info.plist", InfoPlist("com.example.a", "1"));
-  tree_.write("device/Applications/B.APP/Info.plist", InfoPlist("com.example.b", "1"));
-  tree_.write("device/Developer/Applications/D.app/Info.plist", InfoPlist("com.example.d", "2"));
-  tree_.write("device/System/Library/Frameworks/F.framework/Info.plist",
-              InfoPlist("com.example.f", "3"));
-  const json catalog = object({"catalog", "--root", device(), "--rescan"});
-  EXPECT_EQ(catalog["systemApps"],
-            json({{"com.example.a",
-                   {{"PKBundleIdentifier", "com.example.a"},
-                    {"PKBundleVersion", "1"},
-                    {"com.velto.Quorvel.bundleURL", "/Applications/A.app"}}}}));
-  EXPECT_EQ(catalog["internalApps"], nullptr);
-  EXPECT_EQ(catalog["diskImageApps"].size(), 1U);
-  EXPECT_EQ(catalog["builtInFrameworkBundleIDs"], json::array({"com.example.f"}));
-  EXPECT_EQ(catalog["builtInApplicationBundleIDs"], json({"com.example.a", "com.example.d"}));
-  EXPECT_NE(RunHost({"catalog", "--root", device()}).out.find("PKBundleVersion: 2\n"),
-            std::string::npos);
-
-  const std::string bundle = "/Applications/A.app";
-  EXPECT_EQ(object({"info", bundle, "--root", device()})["Other"], 7);
-  EXPECT_EQ(RunHost({"info", "device" + bundle, "PKBundleVersion", "Other"}).out, "1\n7\n");
-  EXPECT_EQ(object({"info", "device" + bundle, "Absent", "Other"}, 1),
-            json({{"Absent", nullptr}, {"Other", 7}}));
-  tree_.write("device/private/var/mobile/Library/Preferences/ByHost/com.velto.quorvel.plist",
-              "damaged");
-  const HostRun set = RunHost({"flags", "set", Flag, "true", "--root", device(), "--json"});
-  EXPECT_EQ(set.exitCode, 0);
-  EXPECT_NE(set.err.find(".damaged"), std::string::npos) << set.err;
-  EXPECT_NE(set.out.find("com.velto.quorvel.plist.damaged\"]"), std::string::npos) << set.out;
-  const HostRun none = RunHost({"info", "device"});
-  EXPECT_EQ(none.exitCode, 1);
-  EXPECT_NE(none.err.find("no Info.plist"), std::string::npos) << none.err;
-
-  // A bundle that is left out does not make the catalog less whole, but is told.
-  tree_.write("device/Applications/Broken.app/Info.plist", "<plist><dict>");
-  fs::create_directories(tree_.at("device/Applications/Empty.app"));
-  const json partly = object({"catalog", "--root", device()});
-  EXPECT_EQ(partly["systemApps"].size(), 1U);
-  EXPECT_EQ(object({"catalog", "--root", device(), "--rescan"})["leftOut"], partly["leftOut"]);
-  for (const char* name : {"Broken.app", "Empty.app"}) {
-    EXPECT_NE(partly["leftOut"].dump().find(name), std::string::npos) << partly["leftOut"];
-  }
-  for (const bool verbose : {false, true}) {
-    const std::string log = tree_.at(verbose ? "verbose.log" : "log");
-    Words words = {"catalog", "--root", device(), "--log", log};
-    if (verbose) words.push_back("--verbose");
-    EXPECT_EQ(RunHost(words).exitCode, 0);
-    const std::string lines = shell("cat '" + log + "'");
-    EXPECT_EQ(lines.find("Missing Info.plist") != std::string::npos, verbose) << lines;
-  }
-
-  // A catalog that is not whole is no success: here one "directory" is a file.
-  tree_.write("device/VeltoInternal/Applications", "");
-  EXPECT_EQ(object({"catalog", "--root", device()}, 1)["internalApps"], nullptr);
 }
 
 TEST_F(QuorvelctlTest, DigestLinesAreThoseOfSha256sum) {

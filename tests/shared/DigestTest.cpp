@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+#include <thread>
+
 #include "platform/linux/system/Sha256Linux.h"
 #include "shared/support/Digest.h"
 #include "tests/support/FaultWrappers.h"
@@ -44,13 +47,34 @@ class Digests : public ::testing::Test {
   ScratchTree tree_;
 };
 
+// Whole, and as the provider takes the same bytes in pieces; by several threads at once.
 TEST_F(Digests, OfPublishedInputs) {
-  EXPECT_EQ(digest(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-  EXPECT_EQ(digest("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  EXPECT_EQ(digest("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
-            "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
-  EXPECT_EQ(digest(std::string(1000000, 'a')),
-            "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+  const std::pair<std::string, const char*> vectors[] = {
+      {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+      {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+      {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+       "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+      {std::string(1000000, 'a'),
+       "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}};
+  for (const auto& [text, expected] : vectors) EXPECT_EQ(digest(text), expected);
+  const auto inPieces = [&](std::size_t step) {
+    for (const auto& [text, expected] : vectors) {
+      const auto computation = sha256_.start();
+      for (std::size_t at = 0; at < text.size(); at += step) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data()) + at;
+        computation->update({bytes, std::min(step, text.size() - at)});
+      }
+      Sha256Digest result = {};
+      EXPECT_TRUE(computation->finish(result));
+      EXPECT_FALSE(computation->finish(result)) << "called twice";
+      std::ostringstream hex;
+      for (const unsigned byte : result) hex << std::hex << byte / 16 << byte % 16;
+      EXPECT_EQ(hex.str(), expected) << text.size() << " by " << step;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (const std::size_t step : {1U, 63U, 64U, 65536U}) threads.emplace_back(inPieces, step);
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST_F(Digests, AroundTheChunkInAsManyReads) {

@@ -210,27 +210,6 @@ class FaultyPropertyListStore final : public PropertyListStore {
   Fault& fault_;
 };
 
-class FaultyFileData final : public FileData {
- public:
-  FaultyFileData(FileData& real, Fault& fault) : real_(real), fault_(fault) {}
-  std::unique_ptr<std::vector<std::uint8_t>> readWholeFile(const Path& file,
-                                                           Error* error) override {
-    if (!fault_.strikes("readWholeFile")) return real_.readWholeFile(file, error);
-    SetError(error, onlinux::PosixFailure(fault_.errorNumber(), file.string()));
-    return nullptr;
-  }
-  bool writeAtomically(std::span<const std::uint8_t> bytes, const Path& file,
-                       Error* error) override {
-    if (!fault_.strikes("writeAtomically")) return real_.writeAtomically(bytes, file, error);
-    return SetError(error, onlinux::PosixFailure(fault_.errorNumber(), file.string()));
-  }
-  Path temporaryDirectory() override { return real_.temporaryDirectory(); }
-
- private:
-  FileData& real_;
-  Fault& fault_;
-};
-
 // Operations: "open", "identifier", "infoDictionary", "filteredInfo" (no value, and a
 // PosixErrorDomain record of the fault's number), and "filteredInfo type" (a value that is no
 // dictionary).
@@ -273,83 +252,6 @@ class FaultyBundleReader final : public BundleReader {
   }
 
   BundleReader& real_;
-  Fault& fault_;
-};
-
-// Operations: "createHomeScreenIconImage", "createPngEncoder", "finalize".
-class FaultyIconRenderer final : public IconRenderer {
- public:
-  FaultyIconRenderer(IconRenderer& real, Fault& fault) : real_(real), fault_(fault) {}
-  std::unique_ptr<Image> createHomeScreenIconImage(PKBundle& bundle) override {
-    if (fault_.strikes("createHomeScreenIconImage")) return nullptr;
-    return real_.createHomeScreenIconImage(bundle);
-  }
-  std::unique_ptr<PngEncoder> createPngEncoder(std::vector<std::uint8_t>& buffer,
-                                               std::size_t imageCount) override {
-    if (fault_.strikes("createPngEncoder")) return nullptr;
-    auto encoder = real_.createPngEncoder(buffer, imageCount);
-    return encoder ? std::make_unique<Encoder>(std::move(encoder), fault_) : nullptr;
-  }
-
- private:
-  class Encoder final : public PngEncoder {
-   public:
-    Encoder(std::unique_ptr<PngEncoder> real, Fault& fault)
-        : real_(std::move(real)), fault_(fault) {}
-    void addImage(const Image& image) override { real_->addImage(image); }
-    bool finalize() override { return !fault_.strikes("finalize") && real_->finalize(); }
-
-   private:
-    std::unique_ptr<PngEncoder> real_;
-    Fault& fault_;
-  };
-
-  IconRenderer& real_;
-  Fault& fault_;
-};
-
-class FaultyInstallationService final : public InstallationService {
- public:
-  FaultyInstallationService(InstallationService& real, Fault& fault) : real_(real), fault_(fault) {}
-  int QuorvelRegisterSafeHarborForContainerType(const std::string& path,
-                                                const std::string& identifier, int containerType,
-                                                const PlistDictionary* options) override {
-    if (fault_.strikes("QuorvelRegisterSafeHarborForContainerType")) return 0;
-    return real_.QuorvelRegisterSafeHarborForContainerType(path, identifier, containerType,
-                                                           options);
-  }
-  int QuorvelUpdateContainerDataProtectionForMigratorOnly(const PlistDictionary& options) override {
-    if (fault_.strikes("QuorvelUpdateContainerDataProtectionForMigratorOnly")) return 0;
-    return real_.QuorvelUpdateContainerDataProtectionForMigratorOnly(options);
-  }
-
- private:
-  InstallationService& real_;
-  Fault& fault_;
-};
-
-// A failing install reports nothing to the callback: only the Error tells.
-class FaultyApplicationWorkspace final : public ApplicationWorkspace {
- public:
-  FaultyApplicationWorkspace(ApplicationWorkspace& real, Fault& fault)
-      : real_(real), fault_(fault) {}
-  bool applicationIsInstalled(const std::string& identifier) override {
-    return !fault_.strikes("applicationIsInstalled") && real_.applicationIsInstalled(identifier);
-  }
-  std::optional<BundleProxy> bundleProxyForIdentifier(const std::string& identifier) override {
-    if (fault_.strikes("bundleProxyForIdentifier")) return std::nullopt;
-    return real_.bundleProxyForIdentifier(identifier);
-  }
-  bool installApplication(const Path& staging, const PlistDictionary& options, Error* error,
-                          const InstallProgressCallback& progress) override {
-    if (!fault_.strikes("installApplication")) {
-      return real_.installApplication(staging, options, error, progress);
-    }
-    return SetError(error, onlinux::PosixFailure(fault_.errorNumber(), staging.string()));
-  }
-
- private:
-  ApplicationWorkspace& real_;
   Fault& fault_;
 };
 

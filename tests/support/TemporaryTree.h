@@ -2,6 +2,9 @@
 #pragma once
 
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,23 +13,34 @@
 
 namespace quorvel::testing {
 
+// The system's own removal, which also copes with deep trees.
+inline void RemoveWithSystem(const std::string& path) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::execlp("rm", "rm", "-rf", "--", path.c_str(), nullptr);
+    ::_exit(127);
+  }
+  ::waitpid(child, nullptr, 0);
+}
+
 // Made under `where`, else TMPDIR, else /tmp. Belongs to one test.
 class TemporaryTree {
  public:
   explicit TemporaryTree(const char* where = nullptr) {
     const char* parent = where != nullptr ? where : ::getenv("TMPDIR");
     std::string text = std::string(parent != nullptr ? parent : "/tmp") + "/quorvel-test.XXXXXX";
-    path_ = ::mkdtemp(text.data()) != nullptr ? text : std::string();
+    if (::mkdtemp(text.data()) == nullptr) std::abort();
+    path_ = text;
+    // Unprivileged children of the test work in it.
+    ::chmod(path_.c_str(), 0755);
   }
   TemporaryTree(const TemporaryTree&) = delete;
   TemporaryTree& operator=(const TemporaryTree&) = delete;
-  ~TemporaryTree() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
+  ~TemporaryTree() { RemoveWithSystem(path_); }
 
   const std::string& path() const { return path_; }
   std::string at(std::string_view name) const { return path_ + "/" + std::string(name); }
+  std::string operator/(std::string_view name) const { return at(name); }
 
   // Writes a file with its missing parent directories.
   std::string write(std::string_view name, std::string_view bytes) const {

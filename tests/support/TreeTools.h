@@ -27,38 +27,14 @@
 #include <vector>
 
 #include "platform/UniqueDescriptor.h"
+#include "tests/support/TemporaryTree.h"
 
 namespace quorvel::testing {
 
-// The system's own removal, which also copes with deep trees.
-inline void RemoveWithSystem(const std::string& path) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::execlp("rm", "rm", "-rf", "--", path.c_str(), nullptr);
-    ::_exit(127);
-  }
-  ::waitpid(child, nullptr, 0);
-}
-
-// A directory of the test's own, removed with everything in it.
-class ScratchTree {
+// In memory unless said otherwise.
+class ScratchTree : public TemporaryTree {
  public:
-  explicit ScratchTree(const std::string& base = "/dev/shm") {
-    std::string name = base + "/quorvel-test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) std::abort();
-    path_ = name;
-    // Unprivileged children of the test work in it.
-    ::chmod(path_.c_str(), 0755);
-  }
-  ScratchTree(const ScratchTree&) = delete;
-  ScratchTree& operator=(const ScratchTree&) = delete;
-  ~ScratchTree() { RemoveWithSystem(path_); }
-
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
+  explicit ScratchTree(const std::string& base = "/dev/shm") : TemporaryTree(base.c_str()) {}
 };
 
 // A second file system to /dev/shm: TMPDIR, mostly a disk.

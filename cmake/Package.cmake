@@ -3,19 +3,17 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Headers keep their folders below one directory, so that "platform/Path.h" means the same inside
-# and outside this tree. Nothing of platform/linux is among them.
-set(headers ${CMAKE_INSTALL_INCLUDEDIR}/quorvel)
-install(DIRECTORY shared DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
-  PATTERN ConfigurationForRoot.h EXCLUDE PATTERN Services.h EXCLUDE)
-install(DIRECTORY platform DESTINATION ${headers} COMPONENT library FILES_MATCHING PATTERN "*.h"
-  PATTERN linux EXCLUDE PATTERN UniqueDescriptor.h EXCLUDE PATTERN WriteWhole.h EXCLUDE)
+# Nothing generic is on the include path of others: <quorvel/filemanager/QVFileManager.h>.
+install(CODE "
+  set(QUORVEL_SOURCES \"${CMAKE_SOURCE_DIR}\")
+  set(DESTINATION \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}\")
+  include(\"${CMAKE_SOURCE_DIR}/cmake/InstallHeaders.cmake\")" COMPONENT library)
 
-install(TARGETS quorvel quorvel_platform EXPORT quorvel
-  LIBRARY COMPONENT library NAMELINK_COMPONENT library
-  INCLUDES DESTINATION ${headers})
+install(TARGETS quorvel quorvel_platform quorvel_linux EXPORT quorvel
+  LIBRARY COMPONENT library NAMELINK_COMPONENT library)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/quorvel)
 set_target_properties(quorvel_platform PROPERTIES EXPORT_NAME platform)
+set_target_properties(quorvel_linux PROPERTIES EXPORT_NAME linux)
 install(EXPORT quorvel NAMESPACE quorvel:: FILE quorvelTargets.cmake DESTINATION ${package}
   COMPONENT library)
 configure_package_config_file(cmake/quorvelConfig.cmake.in ${CMAKE_BINARY_DIR}/quorvelConfig.cmake
@@ -27,9 +25,12 @@ install(FILES ${CMAKE_BINARY_DIR}/quorvelConfig.cmake
 
 # Paths relative to the file itself, so that an installed tree can be moved.
 file(RELATIVE_PATH prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/quorvel.pc.in ${CMAKE_BINARY_DIR}/quorvel.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/quorvel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT library)
+foreach(package quorvel quorvel-linux)
+  configure_file(cmake/${package}.pc.in ${CMAKE_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT library)
+endforeach()
+install(FILES docs/library.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT library)
 
 # The plug-in is loaded, never linked: it stands in a directory of its own.
 install(TARGETS Ravelle LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/quorvel)

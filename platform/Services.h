@@ -7,6 +7,7 @@
 // report a failure, ends the process with a line that does.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 
 #include "platform/ApplicationRegistry.h"
@@ -28,9 +29,20 @@
 
 namespace quorvel {
 
+struct PlatformServices;
+
+// How much of a set there is. A copy has no more than the program that makes it knows of.
+class PlatformServicesSize {
+ public:
+  PlatformServicesSize();
+  PlatformServicesSize(const PlatformServicesSize& other);
+  PlatformServicesSize& operator=(const PlatformServicesSize& other);
+  std::size_t bytes;
+};
+
 struct PlatformServices {
-  // How much of this there was when the program was compiled: later services are added at the end.
-  std::size_t size = sizeof(PlatformServices);
+  // Later services are added at the end.
+  PlatformServicesSize size;
   LogWriter* log = nullptr;
   HostLogWriter* hostLog = nullptr;
   MigrationAccount* account = nullptr;  // may be null in every program
@@ -50,5 +62,15 @@ struct PlatformServices {
   CpuUsageMonitor* cpuMonitor = nullptr;
   CrashReportMessage* crashReport = nullptr;
 };
+
+inline PlatformServicesSize::PlatformServicesSize() : bytes(sizeof(PlatformServices)) {}
+
+inline PlatformServicesSize::PlatformServicesSize(const PlatformServicesSize& other)
+    : bytes(std::min(other.bytes, sizeof(PlatformServices))) {}
+
+inline PlatformServicesSize& PlatformServicesSize::operator=(const PlatformServicesSize& other) {
+  bytes = std::min(other.bytes, sizeof(PlatformServices));
+  return *this;
+}
 
 }  // namespace quorvel

@@ -120,11 +120,13 @@ class QV_EXPORT QVGlobalConfiguration {
   void setHaveUpdatedPluginContainersWithParentID(bool flag) noexcept;
   std::optional<std::string> alternateThinningModelIdentifier() noexcept;
 
-  // --- Steps of the above, not exported by the shared library -------------------------------
+  // Not installed: what others cannot link.
+  // --- Steps of the above ------------------------------------------------------------------
 
   std::shared_ptr<const QVBundleMap> _bundleIDMapForBundlesInDirectory(
       const Path& directory, const std::string& extension);
   std::shared_ptr<const QVBundleMap> _bundleIDMapForAppsInDirectory(const Path& directory);
+  // Installed again.
 
  private:
   // Others are made by tests only (shared/configuration/ConfigurationForRoot.h).
@@ -132,11 +134,13 @@ class QV_EXPORT QVGlobalConfiguration {
   // `root` stands for the system's "/".
   explicit QVGlobalConfiguration(const Path& root);
 
+  // Not installed: what others cannot link.
   Path _fixedDirectory(std::optional<Path>& member, const Path& base, const char* component);
   std::shared_ptr<const QVBundleMap> _appMap(std::shared_ptr<const QVBundleMap>& member,
                                              Path (QVGlobalConfiguration::*directory)());
   std::optional<std::string> _firstMountPointBelow(HardwareEntry entry);
   void _readPreferences();
+  // Installed again.
 
   // Declared in the order of the service's own description of the class.
   Path _quorveldPath;

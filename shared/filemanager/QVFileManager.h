@@ -105,12 +105,14 @@ class QV_EXPORT QVFileManager {
                                                                 bool ignoringSymlinks,
                                                                 Error* error = nullptr);
 
+  // Not installed: what others cannot link.
   // Hands every entry of the tree to the visitor, each directory before and after its contents,
   // without following links or entering other devices. The visitor goes on with true; with false
   // it ends the walk as a failure and may leave an Error. False also when the tree could not be
-  // walked whole. Not exported by the shared library, like all names with an underscore.
+  // walked whole.
   using TreeVisitor = std::function<bool(const TreeWalkEntry& entry, Error* error)>;
   bool _traverseDirectory(const Path& root, Error* error, const TreeVisitor& visitor);
+  // Installed again.
 
   // Gives every item of the tree one owner and group, directories mode 0755 and everything else
   // 0644. What cannot be changed is logged and passed over; a link that leads out of the tree
@@ -161,7 +163,8 @@ class QV_EXPORT QVFileManager {
   // 0 when none was set.
   std::optional<std::uint64_t> installTypeForBundle(const Path& bundle, Error* error = nullptr);
 
-  // --- Steps of the above, not exported by the shared library -------------------------------
+  // Not installed: what others cannot link.
+  // --- Steps of the above ------------------------------------------------------------------
 
   bool _copyItemAtURL(const Path& source, const Path& destination, bool failIfSrcMissing,
                       Error* error);
@@ -178,6 +181,7 @@ class QV_EXPORT QVFileManager {
   // and "." nothing. Writes the depth reached on success.
   bool _validateSymlink(const std::optional<std::string>& path, std::uint32_t startingDepth,
                         std::uint32_t* endingDepth);
+  // Installed again.
 };
 
 }  // namespace quorvel

@@ -16,10 +16,12 @@ namespace quorvel {
 // thread may call; memory stays below one chunk whatever the file.
 QV_EXPORT std::optional<std::string> QVCreateSHA256Digest(const std::string& path);
 
+// Not installed: what others cannot link.
 // Hands the file to the callback in chunks of at most 65,536 bytes, up to the size that the file
 // had when it was opened. The callback returns 1 to go on, anything else to stop. True when the
 // whole file was handed over; otherwise the reason is in the log and errno.
 using ReadFileCallback = std::function<int(const std::uint8_t* bytes, std::size_t count)>;
 bool _ReadFile(const char* path, const ReadFileCallback& callback);
+// Installed again.
 
 }  // namespace quorvel

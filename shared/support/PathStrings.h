@@ -26,9 +26,12 @@ struct QV_EXPORT QuorvelAdditions {
 // and trailing slashes separate but add nothing. They refer to `path`.
 QV_EXPORT std::vector<std::string_view> QVPathComponents(std::string_view path);
 
-// Appends the path as a URL: "file://", the absolute path with every byte outside the unreserved
-// and sub-delimiter characters, and ";", percent-escaped, and a final slash for a directory.
-void AppendURL(std::string& out, const Path& path);
+// The path as a URL: "file://", the absolute path with every byte outside the unreserved and
+// sub-delimiter characters, and ";", percent-escaped, and a final slash for a directory.
 QV_EXPORT std::string QVURLForm(const Path& path);
+
+// Not installed: what others cannot link.
+void AppendURL(std::string& out, const Path& path);
+// Installed again.
 
 }  // namespace quorvel

@@ -39,7 +39,7 @@ Service* FindService(const ServiceSlot<Service>& slot) {
   const PlatformServices& set = QVPlatform();
   const auto* begin = reinterpret_cast<const char*>(&set);
   const auto* end = reinterpret_cast<const char*>(&(set.*slot.member) + 1);
-  return static_cast<std::size_t>(end - begin) <= set.size ? set.*slot.member : nullptr;
+  return static_cast<std::size_t>(end - begin) <= set.size.bytes ? set.*slot.member : nullptr;
 }
 
 // Ends the process with one line that names the service.

@@ -26,12 +26,13 @@ set(prefix ${work}/installed)
 
 file(GLOB_RECURSE installed RELATIVE ${prefix} ${prefix}/*)
 foreach(wanted bin/migration-host bin/quorvelctl quorvel/Ravelle\\.so
-    libquorvel\\.so\\.1 include/quorvel/platform/Path\\.h man1/migration-host\\.1)
+    libquorvel\\.so\\.1 libquorvel-linux\\.so\\.1 include/quorvel/platform/Path\\.h
+    include/quorvel/linux/QVLinuxServices\\.h doc/quorvel/library\\.md man1/migration-host\\.1)
   if(NOT "${installed}" MATCHES "${wanted}")
     fail("not installed: ${wanted}")
   endif()
 endforeach()
-if("${installed}" MATCHES "platform/linux|UniqueDescriptor|\\.cpp")
+if("${installed}" MATCHES "platform/linux|shared/|UniqueDescriptor|\\.cpp")
   fail("installed, but none of a consumer's business: ${CMAKE_MATCH_0}")
 endif()
 
@@ -47,19 +48,86 @@ if("${output}" MATCHES "not found")
   fail("the plug-in misses a library:\n${output}")
 endif()
 
-run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${work}/consumer -G ${GENERATOR}
-  -DCMAKE_MAKE_PROGRAM=${MAKE_PROGRAM} -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${COMPILER} -DCMAKE_CXX_FLAGS=${FLAGS})
-run(${CMAKE_COMMAND} --build ${work}/consumer)
-run(${work}/consumer/consumer)
+# Each header alone, with nothing but our own names on the include path; and all by the next
+# standard.
+file(COPY ${CONSUMER} DESTINATION ${work}/sources)
+file(GLOB_RECURSE headers RELATIVE ${prefix}/include ${prefix}/include/*.h)
+set(all)
+foreach(header ${headers})
+  string(REPLACE "/" "_" name ${header})
+  file(WRITE ${work}/sources/consumer/headers/${name}.cpp "#include <${header}>\n")
+  string(APPEND all "#include <${header}>\n")
+endforeach()
+file(WRITE ${work}/all.cpp "${all}")
+run(${COMPILER} -std=c++2b -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I${prefix}/include
+  ${work}/all.cpp)
 
-file(GLOB_RECURSE module ${prefix}/quorvel.pc)
+# The document's programs, each named by its first line.
+file(GLOB_RECURSE document ${prefix}/*/library.md)
+file(READ ${document} text)
+foreach(program files catalog digests)
+  string(FIND "${text}" "// ${program}.cpp:" begin)
+  string(SUBSTRING "${text}" ${begin} -1 code)
+  string(FIND "${code}" "\n```" end)
+  string(SUBSTRING "${code}" 0 ${end} code)
+  file(WRITE ${work}/sources/consumer/${program}.cpp "${code}\n")
+endforeach()
+
+file(MAKE_DIRECTORY ${work}/device/Applications/A.app ${work}/device/private/var/mobile/Library)
+file(WRITE ${work}/device/Applications/A.app/Info.plist
+  "<plist><dict><key>PKBundleIdentifier</key><string>com.example.a</string></dict></plist>")
+set(enter)
+execute_process(COMMAND id -u OUTPUT_VARIABLE user OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT user EQUAL 0)
+  set(enter unshare --user --map-root-user)
+endif()
+
+# What the programs do, by either way of building them.
+function(try_programs directory)
+  run(${directory}/consumer)
+  run(${directory}/files ${CONSUMER} ${work}/copy)
+  run(diff -r ${CONSUMER} ${work}/copy)
+  execute_process(COMMAND ${directory}/files /nonexistent/item ${work}/copy RESULT_VARIABLE result
+    ERROR_VARIABLE message)
+  if(result EQUAL 0 OR NOT message MATCHES "clonetree of .* failed: No such file or directory")
+    fail("files showed no error: ${message}")
+  endif()
+  run(${enter} ${directory}/catalog ${work}/device)
+  if(NOT "${output}" STREQUAL "com.example.a\n")
+    fail("catalog said ${output}")
+  endif()
+  run(${prefix}/bin/quorvelctl flags --root ${work}/device get haveUpdatedPluginContainersWithParentID)
+  run(${directory}/digests ${document} ${document})
+  set(ours "${output}")
+  run(sha256sum ${document} ${document})
+  if(NOT "${output}" STREQUAL "${ours}")
+    fail("digests said ${ours}")
+  endif()
+endfunction()
+
+run(${CMAKE_COMMAND} -S ${work}/sources/consumer -B ${work}/consumer -G ${GENERATOR}
+  -DCMAKE_MAKE_PROGRAM=${MAKE_PROGRAM} -DCMAKE_PREFIX_PATH=${prefix}
+  -DCMAKE_CXX_COMPILER=${COMPILER} -DCMAKE_CXX_FLAGS=${FLAGS})
+run(${CMAKE_COMMAND} --build ${work}/consumer)
+try_programs(${work}/consumer)
+
+file(GLOB_RECURSE module ${prefix}/quorvel-linux.pc)
 cmake_path(GET module PARENT_PATH modules)
 set(ENV{PKG_CONFIG_PATH} ${modules})
-run(pkg-config --cflags --libs quorvel)
+run(pkg-config --cflags --libs quorvel-linux)
 separate_arguments(package UNIX_COMMAND "${output} ${FLAGS}")
-run(${COMPILER} -std=c++20 -Wall -Wextra -Wpedantic -Werror ${CONSUMER}/Main.cpp
-  -o ${work}/direct ${package})
+file(MAKE_DIRECTORY ${work}/direct)
+foreach(program consumer files catalog digests)
+  run(${COMPILER} -std=c++20 -Wall -Wextra -Wpedantic -Werror -pthread
+    ${work}/sources/consumer/${program}.cpp -o ${work}/direct/${program} ${package})
+endforeach()
 cmake_path(GET modules PARENT_PATH libraries)
 set(ENV{LD_LIBRARY_PATH} ${libraries})
-run(${work}/direct)
+try_programs(${work}/direct)
+
+# Who uses files alone loads none of the large libraries.
+run(ldd ${libraries}/libquorvel.so.1)
+if("${output}" MATCHES "png|sqlite|expat|crypto")
+  fail("libquorvel needs a library of the platform's:\n${output}")
+endif()
 file(REMOVE_RECURSE ${work})

@@ -186,7 +186,7 @@ TEST_F(ProcessSupportDeathTest, AServiceThatIsMissingIsNamed) {
   };
   for (const bool isOlder : {false, true}) {
     set_.fileSystem = isOlder ? &files : nullptr;
-    if (isOlder) set_.size = offsetof(PlatformServices, fileSystem);
+    if (isOlder) set_.size.bytes = offsetof(PlatformServices, fileSystem);
     for (const auto& operation : operations) {
       Error error;
       EXPECT_FALSE(operation(&error));

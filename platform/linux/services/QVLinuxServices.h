@@ -16,9 +16,11 @@
 
 namespace quorvel {
 
+// Not installed: what others cannot link.
 namespace onlinux {
 class ApplicationRegistryLinux;
 }
+// Installed again.
 
 struct QVLinuxServicesOptions {
   // Where lines go. Not owned; they must outlive the services. Null: nowhere.
@@ -41,7 +43,7 @@ struct QVLinuxServicesOptions {
 
 // Owns every service of its set and must outlive their use. The services keep the thread rules of
 // their own headers: all but the registry's two and the log sinks' own may be used by any thread.
-class QVLinuxServices {
+class [[gnu::visibility("default")]] QVLinuxServices {
  public:
   // Made before a process confines itself: what the services need from outside the root (/proc,
   // /sys, libcrypto) is opened here, and nothing on the device is touched.
@@ -50,9 +52,8 @@ class QVLinuxServices {
   // preferences' and the temporary files' own places lie below it, and the paths that they hand out
   // begin with it; paths that a caller gives are taken as they are. Null with the Error when the
   // root is no directory that can be reached.
-  static std::unique_ptr<QVLinuxServices> create(const Path& root,
-                                                 const QVLinuxServicesOptions& options,
-                                                 Error* error);
+  static std::unique_ptr<QVLinuxServices> create(
+      const Path& root, const QVLinuxServicesOptions& options, Error* error);
   QVLinuxServices(const QVLinuxServices&) = delete;
   QVLinuxServices& operator=(const QVLinuxServices&) = delete;
   ~QVLinuxServices();
@@ -61,8 +62,10 @@ class QVLinuxServices {
   // have single services replaced.
   const PlatformServices& set() const;
 
+  // Not installed: what others cannot link.
   // The registry beyond its interfaces, for the programs of this tree.
   onlinux::ApplicationRegistryLinux& registry();
+  // Installed again.
 
  private:
   struct Parts;

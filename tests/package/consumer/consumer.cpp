@@ -3,17 +3,17 @@
 #include <cstdlib>
 #include <string>
 
-#include "shared/configuration/InfoPlist.h"
-#include "shared/configuration/QVGlobalConfiguration.h"
-#include "shared/filemanager/QVFileManager.h"
-#include "shared/support/Digest.h"
-#include "shared/support/Errors.h"
-#include "shared/support/Format.h"
-#include "shared/support/Logging.h"
-#include "shared/support/PathStrings.h"
-#include "shared/support/Platform.h"
-#include "shared/support/ProcessSupport.h"
-#include "shared/support/Values.h"
+#include <quorvel/configuration/InfoPlist.h>
+#include <quorvel/configuration/QVGlobalConfiguration.h>
+#include <quorvel/filemanager/QVFileManager.h>
+#include <quorvel/support/Digest.h>
+#include <quorvel/support/Errors.h>
+#include <quorvel/support/Format.h>
+#include <quorvel/support/Logging.h>
+#include <quorvel/support/PathStrings.h>
+#include <quorvel/support/Platform.h>
+#include <quorvel/support/ProcessSupport.h>
+#include <quorvel/support/Values.h>
 
 using namespace quorvel;
 

@@ -250,10 +250,14 @@ void AddAccount(const RunAccount& account, Json& object) {
     return Json{{"path", entry.first}, {"why", NameOf(entry.second)}};
   });
   object["problems"] = list(account.problems(), ProblemAsJson);
+  object["counts"] = CountsAsJson(account);
+}
+
+Json CountsAsJson(const RunAccount& account) {
   const auto counts = account.counts();
   Json numbers;
   for (std::size_t i = 0; i < counts.size(); ++i) numbers[MigrationOutcomeNames[i]] = counts[i];
-  object["counts"] = std::move(numbers);
+  return numbers;
 }
 
 std::size_t InstalledApps(const onlinux::RegistrySnapshot& registry) {

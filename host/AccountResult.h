@@ -14,6 +14,9 @@ namespace quorvel::host {
 // Adds "containers", "groups", "harbors", "leftBehind", "problems" and "counts" to the object.
 void AddAccount(const RunAccount& account, Json& object);
 
+// An object with a number for each outcome.
+Json CountsAsJson(const RunAccount& account);
+
 // How many apps the registry has as a whole, those that come with the system left out.
 std::size_t InstalledApps(const onlinux::RegistrySnapshot& registry);
 

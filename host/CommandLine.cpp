@@ -85,6 +85,10 @@ void AddForcePreflight(CLI::App& command, Options& options) {
       ->check(KnownRefusal);
 }
 
+void AddFile(CLI::App& command, const char* name, std::string& value, const char* text) {
+  command.add_option(name, value, text)->type_name("FILE")->check(NotEmpty);
+}
+
 void AddMigrate(CLI::App& parser, Options& options) {
   CLI::App* command = parser.add_subcommand("migrate", "Migrate the device tree");
   AddRoot(*command, options);
@@ -101,6 +105,8 @@ void AddMigrate(CLI::App& parser, Options& options) {
       ->check(KnownProgressMode);
   AddPlugin(*command, options);
   AddForcePreflight(*command, options);
+  AddFile(*command, "--events", options.events,
+          "Append what happens as JSON lines while it runs (- for standard output)");
   command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")
       ->disable_flag_override();
   command->callback([&options] { options.command = Command::migrate; });
@@ -131,10 +137,6 @@ void AddRegistry(CLI::App& parser, Options& options) {
   command->footer(
       "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host registry --root "
       "/tmp/device --json");
-}
-
-void AddFile(CLI::App& command, const char* name, std::string& value, const char* text) {
-  command.add_option(name, value, text)->type_name("FILE")->check(NotEmpty);
 }
 
 void AddFlag(CLI::App& command, const char* name, bool& value, const char* text) {
@@ -232,6 +234,9 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   const std::string complaint = UsageComplaint(parser, argc, argv);
   try {
     parser.parse(argc, argv);
+    if (options.events == "-" && options.json) {
+      throw CLI::ValidationError("--events - and --json both want standard output", ExitUsage);
+    }
     parsed.options = std::move(options);
   } catch (const CLI::CallForHelp&) {
     const auto chosen = parser.get_subcommands();

@@ -22,6 +22,7 @@ struct Options {
   bool quiet = false;
   ProgressMode progress = ProgressMode::automatic;
   std::string logFile;                      // empty: none
+  std::string events;                       // empty: none; "-": standard output
   std::vector<std::string> forcedFindings;  // names of findings that refuse a run
   // register only:
   std::string identifier;

@@ -8,6 +8,7 @@
 
 #include "host/AccountResult.h"
 #include "host/Commands.h"
+#include "host/EventStream.h"
 #include "host/FailureWords.h"
 #include "host/HostServices.h"
 #include "host/Interruption.h"
@@ -41,11 +42,23 @@ bool ShowsProgress(const Options& options, Terminal terminal) {
   return options.progress == ProgressMode::always;
 }
 
+// "-" is a copy of standard output, on which the result is then no text.
+bool OpenEvents(const Options& options, std::optional<EventStream>& events, FatalError& error) {
+  if (options.events.empty()) return true;
+  UniqueDescriptor file = options.events == "-"
+                              ? UniqueDescriptor(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))
+                              : OpenLogFile(options.events, error);
+  if (!file) return options.events == "-";
+  events.emplace(std::move(file));
+  return true;
+}
+
 // Everything that is needed from outside the device tree, then the tree itself.
 bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, HostServices& services,
-             FatalError& error) {
+             std::optional<EventStream>& events, FatalError& error) {
   if (!root.openDevice(options.root, error) || !bundle.load(options.plugin, error)) return false;
   if (!options.logFile.empty() && !services.openLog(options.logFile, error)) return false;
+  if (!OpenEvents(options, events, error)) return false;
   return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
 }
 
@@ -69,7 +82,7 @@ void Drive(MigratorPlugin& plugin, const RunAccount& account, const Options& opt
 // What there is to do and what is done, before it begins.
 void ShowEstimate(const MigratorPlugin& plugin, const RunAccount& account,
                   std::size_t installedBefore, const Options& options) {
-  if (options.json || options.quiet) return;
+  if (options.json || options.quiet || options.events == "-") return;
   const std::string earlier = installedBefore == 0 ? std::string()
                                                    : std::to_string(installedBefore) +
                                                          " apps were installed before this run.\n";
@@ -96,6 +109,7 @@ int Report(const MigrationResult& result, const RunAccount& account, const Optio
   const int code = result.interruptedBy != 0 ? kSignalled + result.interruptedBy
                                              : (result.succeeded ? ExitSucceeded : ExitFailed);
   if (options.json) return WriteResult(ResultAsJson(result, account), code);
+  if (options.events == "-") return code;
   if (options.quiet && result.succeeded) return code;
   const int stream = options.quiet ? STDERR_FILENO : STDOUT_FILENO;
   const std::string text = ResultAsText(result, account, options, stream);
@@ -104,22 +118,24 @@ int Report(const MigrationResult& result, const RunAccount& account, const Optio
   return code;
 }
 
+void TellEnd(EventStream& events, const MigrationResult& result, const RunAccount& account) {
+  events.tell("finished", {{"succeeded", result.succeeded},
+                           {"interrupted", result.interruptedBy != 0},
+                           {"counts", CountsAsJson(account)}});
+}
+
 // Says what was done so far and ends the process: any moment is safe to end a migration at, and
 // between two steps it also leaves nothing half done.
-[[noreturn]] void EndEarly(int signal, const MigratorPlugin& plugin, RunAccount& account,
-                           const Options& options, Clock::time_point start,
-                           const MigrationResult& begun) {
-  MigrationResult result;
+[[noreturn]] void EndEarly(MigrationResult result, const MigratorPlugin& plugin,
+                           RunAccount& account, EventStream* events, const Options& options,
+                           Clock::time_point start) {
   result.items = account.items();
-  result.identity = begun.identity;
-  result.installedBefore = begun.installedBefore;
-  result.preflight = begun.preflight;
   account.halt(kPatience);
-  result.interruptedBy = signal;
   Describe(plugin, start, result);
   if (ShowsProgress(options, DescribeTerminal(STDERR_FILENO))) {
     (void)WriteWhole(STDERR_FILENO, "\n");
   }
+  if (events != nullptr) TellEnd(*events, result, account);
   const int code = Report(result, account, options);
   // What the plug-in's thread holds must not be touched any more.
   ::_exit(code);
@@ -133,13 +149,17 @@ int RunMigrate(const Options& options) {
   PluginBundle bundle;
   HostServices services(DeviceAccess::change);
   RunAccount account;
-  if (!Prepare(options, root, bundle, services, error)) return ReportFatal(error, options.json);
+  std::optional<EventStream> events;
+  if (!Prepare(options, root, bundle, services, events, error)) {
+    return ReportFatal(error, options.json);
+  }
   MigrationResult result;
   result.identity = IdentifyRun(bundle);
   Findings findings = RunPreflight(root.descriptor(), options.forcedFindings);
   if (Refuses(findings)) return ReportRefusal(findings, options.json);
   ShowFindings(findings, options);
   services.tell(account);
+  if (events) account.follow(*events);
   services.install();
   onlinux::RegistrySnapshot registry;
   // A failure is the plug-in's to meet.
@@ -158,12 +178,16 @@ int RunMigrate(const Options& options) {
   ShowEstimate(*plugin, account, result.installedBefore, options);
   result.preflight = std::move(findings);
   {
-    const Interruption interruption(
-        [&](int signal) { EndEarly(signal, *plugin, account, options, start, result); });
+    // A copy, which nobody changes while the run goes on.
+    const Interruption interruption([&, begun = result](int signal) mutable {
+      begun.interruptedBy = signal;
+      EndEarly(std::move(begun), *plugin, account, events ? &*events : nullptr, options, start);
+    });
     Drive(*plugin, account, options, result);
   }
   Describe(*plugin, start, result);
   WarnOfIncompleteLog(services, options);
+  if (events) TellEnd(*events, result, account);
   return Report(result, account, options);
 }
 

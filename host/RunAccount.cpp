@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/FailureWords.h"
+
 namespace quorvel::host {
 
 namespace {
@@ -32,11 +34,24 @@ ContainerResult* RunAccount::open() {
 void RunAccount::itemsFound(std::size_t count) {
   const std::scoped_lock lock(mutex_);
   items_ = count;
+  tell("found", {{"items", count}});
 }
 
 void RunAccount::stepBegan(MigrationStep /*step*/) {
   std::unique_lock lock(mutex_);
   standIfHalted(lock);
+}
+
+void RunAccount::stepEnded(MigrationStep step, bool succeeded) {
+  const std::scoped_lock lock(mutex_);
+  tell("step", {{"step", NameOf(step)}, {"succeeded", succeeded}});
+}
+
+// With the container at hand, by its place among the items.
+void RunAccount::tell(const char* event, Json fields) {
+  if (events_ == nullptr || halting_) return;
+  if (open_) fields["container"] = *open_;
+  events_->tell(event, std::move(fields));
 }
 
 void RunAccount::containerBegan(std::size_t index, const std::string& path) {
@@ -51,6 +66,7 @@ void RunAccount::containerBegan(std::size_t index, const std::string& path) {
   open_ = index;
   since_ = now;
   containers_[index].path = path;
+  tell("began", {{"path", path}});
 }
 
 void RunAccount::containerClassified(const ClassifiedContainer& container) {
@@ -68,6 +84,11 @@ void RunAccount::problem(const MigrationProblem& problem) {
   ContainerResult* result = open();
   const bool isOfRun = result == nullptr || problem.step == MigrationStep::run;
   AddCapped(isOfRun ? problems_ : result->problems, problem);
+  tell("problem", {{"step", NameOf(problem.step)},
+                   {"reason", NameOf(problem.reason)},
+                   {"path", problem.path},
+                   {"errno", ErrorNumberName(ErrorNumberOf(problem.error))},
+                   {"stops", problem.stops}});
 }
 
 void RunAccount::lost(const MigrationLoss& loss) {
@@ -84,6 +105,9 @@ void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
   result->outcome = resumed ? MigrationOutcome::resumed : outcome;
   result->stays = stays;
   result->ended = true;
+  tell("ended", {{"identifier", result->is.identifier},
+                 {"outcome", NameOf(result->outcome)},
+                 {"stays", stays}});
   result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
   open_.reset();
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "host/EventStream.h"
 #include "platform/MigrationAccount.h"
 
 namespace quorvel::host {
@@ -33,8 +34,12 @@ struct ContainerResult {
 
 class RunAccount : public MigrationAccount {
  public:
+  // Before the run: what is told here is told to the stream as well, until an early end.
+  void follow(EventStream& events) { events_ = &events; }
+
   void itemsFound(std::size_t count) override;
   void stepBegan(MigrationStep step) override;
+  void stepEnded(MigrationStep step, bool succeeded) override;
   void containerBegan(std::size_t index, const std::string& path) override;
   void containerClassified(const ClassifiedContainer& container) override;
   void dataContainerFound(const std::string& path) override;
@@ -74,9 +79,11 @@ class RunAccount : public MigrationAccount {
   using Clock = std::chrono::steady_clock;
   ContainerResult* open();
   void standIfHalted(std::unique_lock<std::mutex>& lock);
+  void tell(const char* event, Json fields);
 
   mutable std::mutex mutex_;
   std::condition_variable stands_;
+  EventStream* events_ = nullptr;
   bool halting_ = false;
   bool standing_ = false;
   std::size_t items_ = 0;

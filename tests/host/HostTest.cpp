@@ -180,7 +180,7 @@ TEST_F(HostTest, ASignalEndsTheRunWithTheAccountSoFar) {
       const std::string out = tree_.write("out", "");
       HostSetup setup = script("hold");
       setup.standardOutput = out;
-      const pid_t host = StartHost(migrate({"--json"}), setup);
+      const pid_t host = StartHost(migrate({"--json", "--events", tree_.at("events")}), setup);
       ASSERT_TRUE(waitFor("holding"));
       const auto start = std::chrono::steady_clock::now();
       ASSERT_EQ(::kill(host, signal), 0);
@@ -195,6 +195,9 @@ TEST_F(HostTest, ASignalEndsTheRunWithTheAccountSoFar) {
       std::size_t ended = 0;
       for (const json& count : object["counts"]) ended += count.get<std::size_t>();
       EXPECT_EQ(ended, object["items"]);
+      const std::string events = tree_.read("events");
+      const json last = json::parse(events.substr(events.rfind("{\"event\"")));
+      EXPECT_EQ(last["counts"], object["counts"]) << last;
       EXPECT_EQ(object["interruptedBy"], name);
       EXPECT_EQ(object["succeeded"], false);
       EXPECT_EQ(object["counts"]["migrated"], released ? 2 : 1) << object;
@@ -255,6 +258,28 @@ TEST_F(HostTest, LogHoldsEveryCallInOrder) {
   }
   ExpectFatal(RunHost(migrate({"--log", tree_.at("absent/log")})), 2, "absent/log");
   ExpectFatal(RunHost(migrate({"--log", tree_.path()})), 2, tree_.path());
+}
+
+TEST_F(HostTest, EventsAreLinesThatCanBeFollowed) {
+  const std::string file = tree_.at("events");
+  const HostRun told = RunHost(migrate({"--events", "-"}), script("fail"));
+  EXPECT_EQ(RunHost(migrate({"--json", "--events", file}), script("fail")).exitCode, 1);
+  EXPECT_EQ(told.exitCode, 1);
+  for (const std::string& text : {told.out, tree_.read("events")}) {
+    std::string order;
+    json line;
+    std::istringstream lines(text);
+    for (std::string each; std::getline(lines, each);) {
+      line = json::parse(each);
+      order +=
+          line["event"].get<std::string>() + line.value("outcome", line.value("reason", "")) + " ";
+    }
+    EXPECT_EQ(order,
+              "found began endedmigrated began problemno-record endedfailed began endedmigrated "
+              "finished ");
+    EXPECT_EQ(line["counts"]["migrated"], 2) << line;
+    EXPECT_EQ(line["succeeded"], false);
+  }
 }
 
 TEST_F(HostTest, QuietSaysNothingButErrors) {

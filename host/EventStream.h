@@ -1,0 +1,26 @@
+// What happens during a migration, as lines of JSON for other tools to follow.
+#pragma once
+
+#include <chrono>
+
+#include "host/console/Json.h"
+#include "platform/UniqueDescriptor.h"
+
+namespace quorvel::host {
+
+// A reader that goes away does not stop the migration: lines that cannot be written are dropped.
+// One thread at a time.
+class EventStream {
+ public:
+  // A file open for appending, a pipe, or standard output.
+  explicit EventStream(UniqueDescriptor file) : file_(std::move(file)) {}
+
+  // Adds "seconds" since the stream began, and ends the line.
+  void tell(const char* event, Json fields);
+
+ private:
+  const UniqueDescriptor file_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+}  // namespace quorvel::host

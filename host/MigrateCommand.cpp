@@ -62,6 +62,18 @@ bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, Hos
   return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
 }
 
+// Ready to be driven; null with the error, and with what the plug-in told on the way.
+std::unique_ptr<MigratorPlugin> CreatePlugin(const PluginBundle& bundle, const RunAccount& account,
+                                             FatalError& error) {
+  std::unique_ptr<MigratorPlugin> plugin = bundle.create(error);
+  if (plugin != nullptr) return plugin;
+  for (const MigrationProblem& problem : account.problems()) {
+    error.problem += ": " + Printable(problem.path) + ": " + WordsFor(problem.reason) + ": " +
+                     Printable(DetailOf(problem.error));
+  }
+  return plugin;
+}
+
 void Describe(const MigratorPlugin& plugin, Clock::time_point start, MigrationResult& result) {
   result.dataClassName = plugin.dataClassName();
   result.estimatedDuration = plugin.estimatedDuration();
@@ -167,14 +179,8 @@ int RunMigrate(const Options& options) {
     result.installedBefore = InstalledApps(registry);
   }
   const auto start = Clock::now();
-  const std::unique_ptr<MigratorPlugin> plugin = bundle.create(error);
-  if (plugin == nullptr) {
-    for (const MigrationProblem& problem : account.problems()) {
-      error.problem += ": " + Printable(problem.path) + ": " + WordsFor(problem.reason) + ": " +
-                       Printable(DetailOf(problem.error));
-    }
-    return ReportFatal(error, options.json);
-  }
+  const std::unique_ptr<MigratorPlugin> plugin = CreatePlugin(bundle, account, error);
+  if (plugin == nullptr) return ReportFatal(error, options.json);
   ShowEstimate(*plugin, account, result.installedBefore, options);
   result.preflight = std::move(findings);
   {

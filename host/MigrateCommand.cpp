@@ -62,6 +62,12 @@ bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, Hos
   return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
 }
 
+// A registry that cannot be read is the plug-in's to meet.
+std::size_t InstalledNow(HostServices& services) {
+  onlinux::RegistrySnapshot registry;
+  return services.registry().snapshot(&registry, nullptr) ? InstalledApps(registry) : 0;
+}
+
 // Ready to be driven; null with the error, and with what the plug-in told on the way.
 std::unique_ptr<MigratorPlugin> CreatePlugin(const PluginBundle& bundle, const RunAccount& account,
                                              FatalError& error) {
@@ -173,11 +179,7 @@ int RunMigrate(const Options& options) {
   services.tell(account);
   if (events) account.follow(*events);
   services.install();
-  onlinux::RegistrySnapshot registry;
-  // A failure is the plug-in's to meet.
-  if (services.registry().snapshot(&registry, nullptr)) {
-    result.installedBefore = InstalledApps(registry);
-  }
+  result.installedBefore = InstalledNow(services);
   const auto start = Clock::now();
   const std::unique_ptr<MigratorPlugin> plugin = CreatePlugin(bundle, account, error);
   if (plugin == nullptr) return ReportFatal(error, options.json);

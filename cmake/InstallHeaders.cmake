@@ -3,6 +3,7 @@
 #   shared/support/X.h -> quorvel/support/X.h       platform/X.h -> quorvel/platform/X.h
 #   platform/linux/services/X.h -> quorvel/linux/X.h
 # Needs QUORVEL_SOURCES, and DESTINATION (an absolute path, with DESTDIR).
+cmake_policy(VERSION 3.25)
 function(install_header source target)
   file(READ ${QUORVEL_SOURCES}/${source} text)
   while(TRUE)

@@ -7,33 +7,43 @@ include(CMakePackageConfigHelpers)
 install(CODE "
   set(QUORVEL_SOURCES \"${CMAKE_SOURCE_DIR}\")
   set(DESTINATION \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}\")
-  include(\"${CMAKE_SOURCE_DIR}/cmake/InstallHeaders.cmake\")" COMPONENT library)
+  include(\"${CMAKE_SOURCE_DIR}/cmake/InstallHeaders.cmake\")" COMPONENT development)
 
 install(TARGETS quorvel quorvel_platform quorvel_linux EXPORT quorvel
-  LIBRARY COMPONENT library NAMELINK_COMPONENT library)
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/quorvel)
 set_target_properties(quorvel_platform PROPERTIES EXPORT_NAME platform)
 set_target_properties(quorvel_linux PROPERTIES EXPORT_NAME linux)
 install(EXPORT quorvel NAMESPACE quorvel:: FILE quorvelTargets.cmake DESTINATION ${package}
-  COMPONENT library)
+  COMPONENT development)
 configure_package_config_file(cmake/quorvelConfig.cmake.in ${CMAKE_BINARY_DIR}/quorvelConfig.cmake
   INSTALL_DESTINATION ${package} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/quorvelConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/quorvelConfig.cmake
-  ${CMAKE_BINARY_DIR}/quorvelConfigVersion.cmake DESTINATION ${package} COMPONENT library)
+  ${CMAKE_BINARY_DIR}/quorvelConfigVersion.cmake DESTINATION ${package} COMPONENT development)
 
 # Paths relative to the file itself, so that an installed tree can be moved.
 file(RELATIVE_PATH prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 foreach(package quorvel quorvel-linux)
   configure_file(cmake/${package}.pc.in ${CMAKE_BINARY_DIR}/${package}.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-    COMPONENT library)
+    COMPONENT development)
 endforeach()
-install(FILES docs/library.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT library)
+install(FILES docs/library.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
+  COMPONENT development)
 
 # The plug-in is loaded, never linked: it stands in a directory of its own.
 install(TARGETS Ravelle LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/quorvel)
 install(TARGETS migration-host)
 file(GLOB manuals CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/*.1)
-install(FILES ${manuals} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+if(QUORVEL_DEBIAN)
+  # Compressed, as its packages have them.
+  foreach(manual ${manuals})
+    cmake_path(GET manual FILENAME name)
+    execute_process(COMMAND gzip -9nc ${manual} OUTPUT_FILE ${CMAKE_BINARY_DIR}/${name}.gz)
+    install(FILES ${CMAKE_BINARY_DIR}/${name}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  endforeach()
+else()
+  install(FILES ${manuals} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()

@@ -103,8 +103,8 @@ bool MetadataCopier::copyPinnedAttributes(int input, int output) {
   if (count > 0 && value_ == nullptr) {
     value_ = std::make_unique_for_overwrite<char[]>(XATTR_SIZE_MAX);
   }
-  for (ssize_t at = 0; at < count; at += static_cast<ssize_t>(std::strlen(&names_[at])) + 1) {
-    const char* name = &names_[at];
+  const char* const end = names_.get() + count;
+  for (const char* name = names_.get(); name < end; name += std::strlen(name) + 1) {
     const ssize_t size = ::getxattr(from.c_str(), name, value_.get(), XATTR_SIZE_MAX);
     const bool done = size >= 0 ? ::setxattr(to.c_str(), name, value_.get(),
                                              static_cast<std::size_t>(size), 0) == 0

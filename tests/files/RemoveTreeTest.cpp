@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/linux/files/FileSystemLinux.h"
+#include "tests/support/Refusals.h"
 #include "tests/support/TreeTools.h"
 
 namespace quorvel {
@@ -266,8 +267,9 @@ TEST_F(RemoveTreeTest, WidthNeedsNoMemory) {
 }
 
 TEST_F(RemoveTreeTest, LeavesMountsAndWhatIsInThem) {
+  if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   EXPECT_TRUE(InChild([&] {
-    if (::unshare(CLONE_NEWNS) != 0) return;
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
     ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     MakeDirectory(tree_ / "canary");
     WriteFile(tree_ / "canary/kept", "kept");
@@ -394,7 +396,8 @@ TEST_F(RemoveTreeTest, OthersThatRemoveAndCreateMeanwhileDoNoHarm) {
     for (const auto& [path, number] : listener_.reports) {
       EXPECT_TRUE(number == ENOENT || number == ENOTEMPTY) << path << ' ' << number;
     }
-    RemoveWithSystem(tree_ / "root");
+    // Out of the other's reach, where nobody wins against it.
+    ::rename((tree_ / "root").c_str(), (tree_ / std::to_string(round)).c_str());
   }
   stop = true;
   other.join();

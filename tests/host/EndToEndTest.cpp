@@ -7,6 +7,7 @@
 
 #include "tests/support/HostProcess.h"
 #include "tests/support/MigrationDevice.h"
+#include "tests/support/Refusals.h"
 #include "tests/support/TreeTools.h"
 
 namespace quorvel::testing {
@@ -159,7 +160,7 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
 }
 
 TEST(EndToEndTest, ContainersOnAnotherFileSystemGetWholeCopies) {
-  if (::geteuid() != 0) GTEST_SKIP() << "mounting needs privileges";
+  if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   const ScratchTree tree;
   const Device device(tree / "device");
   device.make();

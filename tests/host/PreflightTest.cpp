@@ -15,6 +15,7 @@
 #include "host/console/ShellWord.h"
 #include "tests/support/HostProcess.h"
 #include "tests/support/MigrationDevice.h"
+#include "tests/support/Refusals.h"
 #include "tests/support/TreeTools.h"
 
 namespace quorvel::testing {
@@ -56,14 +57,6 @@ void ExpectRefused(const Device& device, const std::vector<std::string>& expecte
   EXPECT_EQ(Snapshot(device.root()), before);
 }
 
-bool MayMount() {
-  return ::geteuid() == 0 && InChild([] {
-           ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-           ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-           ASSERT_EQ(::mount("tmpfs", "/mnt", "tmpfs", 0, nullptr), 0);
-         });
-}
-
 // In a child with mounts of its own.
 void WithMounts(const std::function<void()>& body) {
   EXPECT_TRUE(InChild([&] {
@@ -96,7 +89,8 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
     const Device device(tree / ("device" + std::to_string(number++)));
     device.make();
     ASSERT_EQ(device.registerTunnel(), 0);
-    ASSERT_EQ(std::system(("exec 2>/dev/null; F=" + device.root() + one.file + "; " + one.damage).c_str()),
+    ASSERT_EQ(std::system(
+                  ("exec 2>/dev/null; F=" + device.root() + one.file + "; " + one.damage).c_str()),
               0);
     const std::string finding = std::string(one.finding) + " " + one.file;
     ExpectRefused(device, {"refuse " + finding});
@@ -111,7 +105,7 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
 }
 
 TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
-  if (!MayMount()) GTEST_SKIP() << "mounting is refused here";
+  if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   const ScratchTree tree;
   const Device device(tree / "device");
   device.make();

@@ -67,6 +67,7 @@ std::string Place(const json& registry, const char* identifier, const char* key)
 }
 
 TEST(ProofTest, WhatIsTamperedWithAfterAMigrationIsNamed) {
+  if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   const ScratchTree tree;
   const Device device(tree / "device");
   device.make();
@@ -259,6 +260,7 @@ void ExpectUntouched(const Rehearsed& each) {
 // Whatever becomes of the rehearsed migration, with privileges and without, in memory and on a
 // disk.
 TEST(ProofTest, ARehearsalLeavesTheTreeAsItIs) {
+  if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   const ScratchTree program;
   const HostSetup nobody{.asNobody = true, .program = CopyHostTo(program / "bin")};
   ExpectUntouched({"in memory", false, false, {}});

@@ -6,6 +6,7 @@
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
 #include "tests/support/FaultWrappers.h"
+#include "tests/support/Refusals.h"
 #include "tests/support/TestPlatform.h"
 #include "tests/support/TreeTools.h"
 
@@ -256,14 +257,11 @@ TEST_F(Standardization, TheVisitorsErrorIsTheResultsAndOutlivesAFailedClose) {
 
 TEST_F(Standardization, AnotherDeviceIsAnEntryWithoutItsContents) {
   MakeDirectory(at("t/mounted"), 0700);
-  if (::geteuid() != 0) GTEST_SKIP() << "needs the right to mount";
+  if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   EXPECT_TRUE(InChild([&] {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("none", at("t/mounted").c_str(), "tmpfs", 0, "mode=0711") != 0) {
-      std::printf("cannot mount here\n");
-      return;
-    }
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(::mount("none", at("t/mounted").c_str(), "tmpfs", 0, "mode=0711"), 0);
     WriteFile(at("t/mounted/f"), "x", 0600);
     EXPECT_TRUE(standardize());
     EXPECT_EQ(StatOf(at("t/mounted")).st_mode & 07777, 0755U);

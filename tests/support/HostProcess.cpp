@@ -22,6 +22,16 @@ namespace quorvel::testing {
 
 namespace {
 
+// The programs find their library beside themselves, which the loader learns from /proc; without it
+// none of them starts, and nothing of what their tests try can be tried.
+class ProgramsNeedProc : public ::testing::Environment {
+  void SetUp() override {
+    if (!NoProc().empty()) GTEST_SKIP() << NoProc();
+  }
+};
+[[maybe_unused]] ::testing::Environment* const needsProc =
+    ::testing::AddGlobalTestEnvironment(new ProgramsNeedProc);
+
 struct Pipe {
   int read = -1;
   int write = -1;

@@ -8,19 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Refusals.h"
+
 namespace quorvel::testing {
 
 // The user that tests become when they need one without privileges.
 inline constexpr uid_t NobodyUser = 65534;
-
-// Why the unprivileged case cannot be tried, or empty.
-inline std::string NoUnprivilegedCase() {
-#ifdef __SANITIZE_THREAD__
-  return "the sanitizer's own thread forbids a new user namespace";
-#else
-  return ::geteuid() != 0 ? "needs to become someone else" : "";
-#endif
-}
 
 struct HostSetup {
   std::map<std::string, std::string> environment{};  // beside PATH; TERM is "xterm"

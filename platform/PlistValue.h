@@ -195,14 +195,15 @@ inline PlistDictionary::PlistDictionary(std::initializer_list<PlistEntry> entrie
 
 inline PlistDictionary PlistDictionary::fromEntries(std::vector<PlistEntry> entries) {
   const auto byKey = [](const PlistEntry& a, const PlistEntry& b) { return a.key < b.key; };
-  if (!std::is_sorted(entries.begin(), entries.end(), byKey)) {
+  const auto outOfOrder = [](const PlistEntry& a, const PlistEntry& b) { return b.key <= a.key; };
+  if (std::adjacent_find(entries.begin(), entries.end(), outOfOrder) != entries.end()) {
     std::stable_sort(entries.begin(), entries.end(), byKey);
+    // Keep the last of each run of one key: compare from the back, where the last comes first.
+    const auto keptFromBack =
+        std::unique(entries.rbegin(), entries.rend(),
+                    [](const PlistEntry& a, const PlistEntry& b) { return a.key == b.key; });
+    entries.erase(entries.begin(), keptFromBack.base());
   }
-  // Keep the last of each run of one key: compare from the back, where the last one comes first.
-  const auto keptFromBack =
-      std::unique(entries.rbegin(), entries.rend(),
-                  [](const PlistEntry& a, const PlistEntry& b) { return a.key == b.key; });
-  entries.erase(entries.begin(), keptFromBack.base());
   PlistDictionary result;
   result.entries_ = std::move(entries);
   return result;

@@ -1,9 +1,11 @@
 // Builds values from the object table with an explicit stack.
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <utility>
 
 #include "platform/linux/plist/BinaryPropertyListFormat.h"
@@ -25,53 +27,12 @@ struct Object {
   std::size_t count = 0;  // of bytes, characters or entries
 };
 
-void AppendUtf8(std::string& text, std::uint32_t point) {
-  const auto add = [&](std::uint32_t byte) { text += static_cast<char>(byte); };
-  if (point < 0x80) {
-    add(point);
-    return;
-  }
-  if (point < 0x800) {
-    add(0xC0U | point >> 6U);
-  } else if (point < 0x10000) {
-    add(0xE0U | point >> 12U);
-    add(0x80U | (point >> 6U & 0x3FU));
-  } else {
-    add(0xF0U | point >> 18U);
-    add(0x80U | (point >> 12U & 0x3FU));
-    add(0x80U | (point >> 6U & 0x3FU));
-  }
-  add(0x80U | (point & 0x3FU));
-}
-
-// False when a surrogate stands alone: it is replaced.
-bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& text) {
-  const auto unit = [&](std::size_t i) {
-    return static_cast<std::uint32_t>(units[2 * i] << 8U | units[2 * i + 1]);
-  };
-  bool sound = true;
-  text.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    std::uint32_t point = unit(i);
-    if ((point & 0xF800U) == 0xD800U) {
-      const std::uint32_t second = i + 1 < count ? unit(i + 1) : 0;
-      if (point < 0xDC00U && (second & 0xFC00U) == 0xDC00U) {
-        point = 0x10000U + ((point & 0x3FFU) << 10U) + (second & 0x3FFU);
-        ++i;
-      } else {
-        point = 0xFFFDU;
-        sound = false;
-      }
-    }
-    AppendUtf8(text, point);
-  }
-  return sound;
-}
-
 class BinaryReader {
  public:
   explicit BinaryReader(std::span<const std::uint8_t> bytes)
-      : bytes_(bytes), budget_(bytes.size()) {}
+      : bytes_(bytes), budget_(bytes.size()) {
+    frames_.reserve(16);  // more than most files nest
+  }
 
   Error read(PlistReading& out) {
     if (!readTrailer() || !addObject(root_)) return failure_;
@@ -94,6 +55,12 @@ class BinaryReader {
     bool dictionary;
     PlistArray array;
     std::vector<PlistEntry> entries;
+  };
+
+  // A key that is no other kind of object, as the last dictionary had it.
+  struct KnownKey {
+    std::uint64_t index = UINT64_MAX;
+    std::string text;
   };
 
   bool fail(const char* reason) {
@@ -127,39 +94,50 @@ class BinaryReader {
     return true;
   }
 
-  // Reads the next entry of the innermost container, or closes it.
+  // Reads the entries of the innermost container up to one that is a container, or closes it.
   bool step() {
     Frame& frame = frames_.back();
-    if (frame.next == frame.count) {
-      close();
-      return true;
+    const std::size_t depth = frames_.size();
+    while (frame.next < frame.count) {
+      if (!(frame.dictionary ? addEntry(frame) : addObject(reference(frame, frame.next++)))) {
+        return false;
+      }
+      if (frames_.size() != depth) return true;
     }
+    close(frame);
+    return true;
+  }
+
+  bool addEntry(Frame& frame) {
     const std::size_t at = frame.next++;
-    if (!frame.dictionary) return addObject(reference(frame, at));
     bool foreign = false;
-    if (!addKey(frame, reference(frame, at), foreign)) return false;
+    if (!addKey(frame, at, foreign)) return false;
     if (!foreign) return addObject(reference(frame, frame.count + at));
     ++frame.foreignKeys;
     isExact_ = false;
     return true;
   }
 
-  void close() {
-    Frame frame = std::move(frames_.back());
-    frames_.pop_back();
-    if (!frame.dictionary) return add(std::move(frame.array));
+  void close(Frame& frame) {
+    if (!frame.dictionary) {
+      PlistArray array = std::move(frame.array);
+      frames_.pop_back();
+      return add(std::move(array));
+    }
     PlistDictionary dictionary = PlistDictionary::fromEntries(std::move(frame.entries));
     dictionary.setForeignKeyCount(frame.foreignKeys);
+    frames_.pop_back();
     add(std::move(dictionary));
   }
 
-  // Puts a finished value where the innermost container, or the caller, waits for it.
+  // Puts a finished value where the innermost container, or the caller, waits for it. It is made
+  // in its place, which holds a boolean so far: an assignment would ask both what they are.
   template <class T>
   void add(T&& value) {
-    if (frames_.empty()) {
-      result_ = PlistValue(std::forward<T>(value));
-    } else if (frames_.back().dictionary) {
-      frames_.back().entries.back().value = PlistValue(std::forward<T>(value));
+    if (frames_.empty() || frames_.back().dictionary) {
+      PlistValue& place = frames_.empty() ? result_ : frames_.back().entries.back().value;
+      std::destroy_at(&place);
+      std::construct_at(&place, std::forward<T>(value));
     } else {
       frames_.back().array.emplace_back(std::forward<T>(value));
     }
@@ -234,20 +212,26 @@ class BinaryReader {
     return true;
   }
 
-  // Divides rather than multiplies: a count may be anything.
-  bool isWhole(const Object& object, std::uint64_t width) {
-    const auto left = static_cast<std::uint64_t>(table_ - object.content);
-    return object.count <= left / width || fail("an object that is not whole");
+  // What is left is no more than a file's size: only a count that fits it is multiplied.
+  bool isWhole(const Object& object, std::size_t width) {
+    const auto left = static_cast<std::size_t>(table_ - object.content);
+    return (object.count <= left && object.count * width <= left) ||
+           fail("an object that is not whole");
   }
 
-  bool addKey(Frame& frame, std::uint64_t index, bool& foreign) {
-    Object object;
-    if (!find(index, object)) return false;
-    foreign = object.kind < AsciiString || object.kind > Utf8String;
-    if (foreign) return true;
-    std::string& key = frame.entries.emplace_back().key;
-    readString(object, key);
-    return budget_.take(0, key.size()) || refuse(EFBIG, "too much content");
+  // Most dictionaries of a file have the same keys in the same order as the one before.
+  bool addKey(Frame& frame, std::size_t at, bool& foreign) {
+    const std::uint64_t index = reference(frame, at);
+    KnownKey& known = knownKeys_[at % knownKeys_.size()];
+    if (known.index != index) {
+      Object object;
+      if (!find(index, object)) return false;
+      foreign = object.kind < AsciiString || object.kind > Utf8String;
+      if (foreign) return true;
+      known = {index, textOf(object)};
+    }
+    frame.entries.emplace_back().key = known.text;
+    return budget_.take(0, known.text.size()) || refuse(EFBIG, "too much content");
   }
 
   // Adds a value, or opens a container whose entries step() reads.
@@ -344,23 +328,23 @@ class BinaryReader {
   }
 
   bool addString(const Object& object) {
-    std::string text;
-    readString(object, text);
+    std::string text = textOf(object);
     if (!budget_.take(0, text.size())) return refuse(EFBIG, "too much content");
     add(std::move(text));
     return true;
   }
 
   // Some writers put UTF-8 where ASCII belongs.
-  void readString(const Object& object, std::string& text) {
+  std::string textOf(const Object& object) {
     if (object.kind == Utf16String) {
+      std::string text;
       if (!Utf8FromUtf16(object.content, object.count, text)) isExact_ = false;
-      return;
+      return text;
     }
-    text.assign(reinterpret_cast<const char*>(object.content), object.count);
-    if (IsAscii(text) || IsUtf8(text)) return;
-    text = WithoutInvalidUtf8(text);
+    const std::string_view text(reinterpret_cast<const char*>(object.content), object.count);
+    if (IsAscii(text) || IsUtf8(text)) return std::string(text);
     isExact_ = false;
+    return WithoutInvalidUtf8(text);
   }
 
   // The depth limit also ends cycles. Its entries are accounted for before space is made for
@@ -384,6 +368,7 @@ class BinaryReader {
   PlistValue result_;
   bool isExact_ = true;
   std::vector<Frame> frames_;
+  std::array<KnownKey, 16> knownKeys_;   // by their place in the dictionary, modulo the size
   const std::uint8_t* table_ = nullptr;  // also the end of the objects
   std::size_t entryWidth_ = 0;
   std::size_t referenceWidth_ = 0;

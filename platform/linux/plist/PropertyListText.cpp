@@ -114,6 +114,25 @@ void TakePadding(std::string_view& text) {
   while (!text.empty() && (IsXmlSpace(text.back()) || text.back() == '=')) text.remove_suffix(1);
 }
 
+void AppendUtf8(std::string& text, std::uint32_t point) {
+  const auto add = [&](std::uint32_t byte) { text += static_cast<char>(byte); };
+  if (point < 0x80) {
+    add(point);
+    return;
+  }
+  if (point < 0x800) {
+    add(0xC0U | point >> 6U);
+  } else if (point < 0x10000) {
+    add(0xE0U | point >> 12U);
+    add(0x80U | (point >> 6U & 0x3FU));
+  } else {
+    add(0xF0U | point >> 18U);
+    add(0x80U | (point >> 12U & 0x3FU));
+    add(0x80U | (point >> 6U & 0x3FU));
+  }
+  add(0x80U | (point & 0x3FU));
+}
+
 }  // namespace
 
 bool IsXmlSpace(char character) {
@@ -121,14 +140,19 @@ bool IsXmlSpace(char character) {
 }
 
 bool IsAscii(std::string_view text) {
-  std::size_t at = 0;
-  for (; at + 8 <= text.size(); at += 8) {
+  std::uint64_t all = 0;
+  const auto take = [&](const char* from) {
     std::uint64_t word = 0;
-    std::memcpy(&word, text.data() + at, sizeof word);
-    if ((word & 0x8080808080808080U) != 0) return false;
+    std::memcpy(&word, from, sizeof word);
+    all |= word;
+  };
+  if (text.size() >= 8) {
+    for (std::size_t at = 0; at + 8 <= text.size(); at += 8) take(text.data() + at);
+    take(text.data() + text.size() - 8);  // the rest, and some of what was before it
+  } else {
+    for (const char c : text) all |= static_cast<unsigned char>(c);
   }
-  return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return (all & 0x8080808080808080U) == 0;
 }
 
 bool IsUtf8(std::string_view text) {
@@ -149,6 +173,29 @@ std::string WithoutInvalidUtf8(std::string_view text) {
     text.remove_prefix(std::max<std::size_t>(length, 1));
   }
   return valid;
+}
+
+bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& text) {
+  const auto unit = [&](std::size_t i) {
+    return static_cast<std::uint32_t>(units[2 * i] << 8U | units[2 * i + 1]);
+  };
+  bool sound = true;
+  text.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    std::uint32_t point = unit(i);
+    if ((point & 0xF800U) == 0xD800U) {
+      const std::uint32_t second = i + 1 < count ? unit(i + 1) : 0;
+      if (point < 0xDC00U && (second & 0xFC00U) == 0xDC00U) {
+        point = 0x10000U + ((point & 0x3FFU) << 10U) + (second & 0x3FFU);
+        ++i;
+      } else {
+        point = 0xFFFDU;
+        sound = false;
+      }
+    }
+    AppendUtf8(text, point);
+  }
+  return sound;
 }
 
 std::size_t XmlCharacterLength(std::string_view text) {

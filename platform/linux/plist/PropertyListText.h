@@ -34,6 +34,8 @@ bool IsUtf8(std::string_view text);
 bool IsAscii(std::string_view text);
 // The text with every byte that belongs to no UTF-8 character replaced.
 std::string WithoutInvalidUtf8(std::string_view text);
+// Appends big-endian UTF-16. False when a surrogate stands alone: it is replaced.
+bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& text);
 // Length of the character at the front of the text, which is not empty; 0 when it is one that XML
 // cannot hold, or not in UTF-8.
 std::size_t XmlCharacterLength(std::string_view text);

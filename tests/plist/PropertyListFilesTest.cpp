@@ -448,7 +448,8 @@ TEST_F(FilesTest, NoFailedCallMakesABundleUseless) {
       EXPECT_LT(run.exitStatus, 2) << ErrnoDescription(number) << " from call " << call;
       failed += run.exitStatus;
     }
-    EXPECT_GE(failed, 4) << ErrnoDescription(number);  // two openings, one status, one reading
+    // Two openings, one status, one reading; but ELOOP is what the first look at a link meets anyway.
+    EXPECT_GE(failed, number == ELOOP ? 3 : 4) << ErrnoDescription(number);
   }
 }
 

@@ -118,7 +118,7 @@ class ForeseenTree::Count {
     went_.emplace_back(entry.path);
     ++loss.files;
     if (entry.kind == TreeWalkKind::file) {
-      loss.bytes += static_cast<std::uint64_t>(entry.info.st_size);
+      loss.bytes += entry.info.size;
     }
   }
 

@@ -19,7 +19,7 @@ void CountEntry(const TreeWalkEntry& entry, MigrationLoss& loss) {
   switch (entry.kind) {
     case TreeWalkKind::file:
       ++loss.files;
-      loss.bytes += static_cast<std::uint64_t>(entry.info.st_size);
+      loss.bytes += entry.info.size;
       break;
     case TreeWalkKind::symbolicLink:
     case TreeWalkKind::other:

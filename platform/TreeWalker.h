@@ -4,8 +4,7 @@
 // a test wants to present entries that no real file system yields.
 #pragma once
 
-#include <sys/stat.h>
-
+#include <cstdint>
 #include <memory>
 
 namespace quorvel {
@@ -26,6 +25,19 @@ enum class TreeWalkKind {
   error,                // FTS_ERR
 };
 
+// What lstat tells of an entry, in types that are the same in every program: those of its record
+// change with _FILE_OFFSET_BITS and _TIME_BITS.
+struct TreeWalkInfo {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::uint64_t links = 0;
+  std::uint64_t size = 0;    // bytes
+  std::uint64_t blocks = 0;  // of 512 bytes
+  std::uint32_t mode = 0;
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+};
+
 // One entry. All pointers are valid until the next read().
 struct TreeWalkEntry {
   TreeWalkKind kind = TreeWalkKind::error;
@@ -38,7 +50,7 @@ struct TreeWalkEntry {
   int errorNumber = 0;  // for the last two kinds and unreadable directories
   // Taken without following links; for directoryAfter the one of directoryBefore. Not filled for
   // noStat and error.
-  struct stat info {};
+  TreeWalkInfo info = {};
 };
 
 class TreeWalk {

@@ -97,18 +97,17 @@ SpaceNeeds::Size SpaceNeeds::sizeOf(const std::string& tree, std::uint64_t block
   onlinux::TreeWalkerLinux walker;
   const auto walk = walker.open(tree.c_str(), FTS_PHYSICAL_OPTION);
   if (walk == nullptr) return {0, 0, errno};
-  std::set<std::pair<dev_t, ino_t>> linked;
+  std::set<std::pair<std::uint64_t, std::uint64_t>> linked;
   while (const TreeWalkEntry* entry = walk->read()) {
     if (entry->kind == TreeWalkKind::directoryAfter) continue;
     if (entry->errorNumber != 0 && size.failure == 0) size.failure = entry->errorNumber;
     if (entry->kind == TreeWalkKind::noStat || entry->kind == TreeWalkKind::error) continue;
-    const struct stat& info = entry->info;
-    const bool again = !S_ISDIR(info.st_mode) && info.st_nlink > 1 &&
-                       !linked.insert({info.st_dev, info.st_ino}).second;
+    const TreeWalkInfo& info = entry->info;
+    const bool again =
+        !S_ISDIR(info.mode) && info.links > 1 && !linked.insert({info.device, info.inode}).second;
     if (again) continue;
     ++size.inodes;
-    const auto allocated = static_cast<std::uint64_t>(info.st_blocks) * kStatBlock;
-    size.bytes += S_ISDIR(info.st_mode) ? blockSize : RoundedUp(allocated, blockSize);
+    size.bytes += S_ISDIR(info.mode) ? blockSize : RoundedUp(info.blocks * kStatBlock, blockSize);
   }
   if (errno != 0 && size.failure == 0) size.failure = errno;
   return size;

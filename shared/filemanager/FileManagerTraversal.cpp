@@ -46,7 +46,7 @@ bool VisitAll(TreeWalk& walk, const FileSystemRepresentation& root, Error* error
 // Both changes reach the item by its name in the directory that the walk has open: its whole path
 // may be too long for a system call, and may by now lead somewhere else.
 void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) {
-  if (entry.info.st_uid == standard.uid && entry.info.st_gid == standard.gid) return;
+  if (entry.info.uid == standard.uid && entry.info.gid == standard.gid) return;
   if (::fchownat(entry.parent, entry.name, standard.uid, standard.gid, AT_SYMLINK_NOFOLLOW) == 0) {
     return;
   }
@@ -56,9 +56,9 @@ void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) 
 }
 
 void ChangeMode(const TreeWalkEntry& entry) {
-  if (S_ISLNK(entry.info.st_mode) && !RequiredService(kFileSystem).LinksHaveModes()) return;
-  const mode_t wanted = S_ISDIR(entry.info.st_mode) ? kDirectoryMode : kItemMode;
-  if ((entry.info.st_mode & kPermissionBits) == wanted) return;
+  if (S_ISLNK(entry.info.mode) && !RequiredService(kFileSystem).LinksHaveModes()) return;
+  const mode_t wanted = S_ISDIR(entry.info.mode) ? kDirectoryMode : kItemMode;
+  if ((entry.info.mode & kPermissionBits) == wanted) return;
   if (RequiredService(kFileSystem).lchmod(entry.parent, entry.name, wanted) == 0) return;
   const int number = errno;
   QV_LOG(LogLevelError, kStandardize, "Could not chmod %s: %s", entry.path,
@@ -111,7 +111,7 @@ bool QVFileManager::standardizeOwnershipAtURL(const Path& root, const OwnershipS
   if (!HasService(kFileSystem, kStandardize, __LINE__, error)) return false;
   return _traverseDirectory(root, error, [&](const TreeWalkEntry& entry, Error* entryError) {
     ChangeOwner(entry, standard);
-    if (standard.validateSymlinks && S_ISLNK(entry.info.st_mode) &&
+    if (standard.validateSymlinks && S_ISLNK(entry.info.mode) &&
         !ValidateLink(*this, entry, root, entryError)) {
       return false;
     }

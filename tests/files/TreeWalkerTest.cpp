@@ -29,7 +29,7 @@ int Walk(const std::string& root, const Visitor& visit) {
     struct stat info;
     if (entry->kind != TreeWalkKind::noStat &&
         ::fstatat(entry->parent, entry->name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
-      EXPECT_EQ(info.st_ino, entry->info.st_ino) << entry->path;
+      EXPECT_EQ(info.st_ino, entry->info.inode) << entry->path;
     }
     visit(*entry);
   }
@@ -63,7 +63,7 @@ TEST(TreeWalkerTest, DeliversEveryEntryOnceAndDirectoriesTwice) {
                      return;
                    }
                    EXPECT_TRUE(seen.emplace(path, entry.kind).second) << path;
-                   EXPECT_EQ(entry.info.st_mode, StatOf(path).st_mode);
+                   EXPECT_EQ(entry.info.mode, StatOf(path).st_mode);
                    EXPECT_TRUE(open.empty() || path.starts_with(open.back() + "/"));
                    if (entry.kind == TreeWalkKind::directoryBefore) open.push_back(path);
                  }),

@@ -48,10 +48,18 @@ if("${output}" MATCHES "not found")
   fail("the plug-in misses a library:\n${output}")
 endif()
 
-# Each header alone, with nothing but our own names on the include path; and all by the next
-# standard.
-file(COPY ${CONSUMER} DESTINATION ${work}/sources)
+# Types that are another size by another _FILE_OFFSET_BITS or _TIME_BITS of the program's.
 file(GLOB_RECURSE headers RELATIVE ${prefix}/include ${prefix}/include/*.h)
+foreach(header ${headers})
+  file(READ ${prefix}/include/${header} text)
+  if("${text}" MATCHES "struct stat|(off|ino|time|blkcnt)_t|struct time")
+    fail("${header} holds ${CMAKE_MATCH_0}, which programs may have otherwise")
+  endif()
+endforeach()
+
+# Each header alone, with nothing but our own names on the include path; and all together by the
+# next standard and by the other compiler (scripts/try-packages has each alone by all of them).
+file(COPY ${CONSUMER} DESTINATION ${work}/sources)
 set(all)
 foreach(header ${headers})
   string(REPLACE "/" "_" name ${header})
@@ -59,8 +67,14 @@ foreach(header ${headers})
   string(APPEND all "#include <${header}>\n")
 endforeach()
 file(WRITE ${work}/all.cpp "${all}")
-run(${COMPILER} -std=c++2b -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I${prefix}/include
-  ${work}/all.cpp)
+find_program(clang clang++)
+if(NOT clang)
+  message("clang++ is not installed: it does not look at the headers")
+  set(clang ${COMPILER})
+endif()
+foreach(by "${COMPILER};-std=c++2b" "${clang};-std=c++2b" "${clang};-std=c++20")
+  run(${by} -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I${prefix}/include ${work}/all.cpp)
+endforeach()
 
 # The document's programs, each named by its first line.
 file(GLOB_RECURSE document ${prefix}/*/library.md)

@@ -43,6 +43,7 @@ class TreeWalkLinux final : public TreeWalk {
   bool sameDevice_;
   DirectoryStack stack_;
   std::vector<struct stat> directories_;  // of the levels of the stack
+  struct stat info_ {};                   // of the entry
   TreeWalkEntry entry_;
   std::string entryPath_;
   bool begun_ = false;
@@ -50,6 +51,17 @@ class TreeWalkLinux final : public TreeWalk {
   bool ended_ = false;
   int endNumber_ = 0;
 };
+
+TreeWalkInfo InfoOf(const struct stat& info) {
+  return {.device = info.st_dev,
+          .inode = info.st_ino,
+          .links = info.st_nlink,
+          .size = static_cast<std::uint64_t>(info.st_size),
+          .blocks = static_cast<std::uint64_t>(info.st_blocks),
+          .mode = info.st_mode,
+          .uid = info.st_uid,
+          .gid = info.st_gid};
+}
 
 TreeWalkKind KindOf(mode_t mode) {
   if (S_ISDIR(mode)) return TreeWalkKind::directoryBefore;
@@ -105,41 +117,41 @@ const TreeWalkEntry* TreeWalkLinux::deliver(TreeWalkKind kind, int parent, const
   entry_.path = entryPath_.c_str();
   entry_.parent = parent;
   entry_.name = name;
+  entry_.info = InfoOf(info_);
   return &entry_;
 }
 
 const TreeWalkEntry* TreeWalkLinux::deliverRoot() {
   begun_ = true;
   entryPath_ = root_;
-  const bool seen = ::fstatat(AT_FDCWD, root_.c_str(), &entry_.info, AT_SYMLINK_NOFOLLOW) == 0;
+  const bool seen = ::fstatat(AT_FDCWD, root_.c_str(), &info_, AT_SYMLINK_NOFOLLOW) == 0;
   entry_.errorNumber = seen ? 0 : errno;
-  return deliver(seen ? KindOf(entry_.info.st_mode) : TreeWalkKind::noStat, AT_FDCWD,
-                 root_.c_str());
+  return deliver(seen ? KindOf(info_.st_mode) : TreeWalkKind::noStat, AT_FDCWD, root_.c_str());
 }
 
 const TreeWalkEntry* TreeWalkLinux::deliverEntry(const DirectoryEntry& listed) {
   const int parent = stack_.descriptor();
   entry_.errorNumber = 0;
-  const bool seen = ::fstatat(parent, listed.name, &entry_.info, AT_SYMLINK_NOFOLLOW) == 0;
+  const bool seen = ::fstatat(parent, listed.name, &info_, AT_SYMLINK_NOFOLLOW) == 0;
   if (!seen) entry_.errorNumber = errno;
   const std::string& directory = stack_.path();
   entryPath_ = directory;
   if (directory.back() != '/') entryPath_ += '/';
   entryPath_ += listed.name;
-  return deliver(seen ? KindOf(entry_.info.st_mode) : TreeWalkKind::noStat, parent, listed.name);
+  return deliver(seen ? KindOf(info_.st_mode) : TreeWalkKind::noStat, parent, listed.name);
 }
 
 // Goes into the directory delivered last. Null when it was entered, or the walk has ended.
 const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
   const bool root = stack_.depth() == 0;
-  if (sameDevice_ && !root && entry_.info.st_dev != directories_.front().st_dev) {
+  if (sameDevice_ && !root && info_.st_dev != directories_.front().st_dev) {
     return deliver(TreeWalkKind::directoryAfter, entry_.parent, entry_.name);
   }
   UniqueDescriptor descriptor = stack_.openDirectoryAt(entry_.parent, entry_.name);
   struct stat opened {};
   int number = descriptor && ::fstat(descriptor.get(), &opened) == 0 ? 0 : errno;
   // Exchanged meanwhile: the visitor has judged another directory.
-  if (number == 0 && IdentityOf(opened) != IdentityOf(entry_.info)) number = ESTALE;
+  if (number == 0 && IdentityOf(opened) != IdentityOf(info_)) number = ESTALE;
   if (IsOfTheDirectory(number)) {
     entry_.errorNumber = number;
     return deliver(TreeWalkKind::unreadableDirectory, entry_.parent, entry_.name);
@@ -147,7 +159,7 @@ const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
   entry_.kind = TreeWalkKind::directoryAfter;  // it is dealt with, whatever follows
   // Anything else would leave out entries without a word.
   if (number != 0) return end(number);
-  directories_.push_back(entry_.info);
+  directories_.push_back(info_);
   stack_.enter(std::move(descriptor), IdentityOf(opened), entry_.name);
   return nullptr;
 }
@@ -155,7 +167,7 @@ const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
 const TreeWalkEntry* TreeWalkLinux::finishDirectory() {
   if (!stack_.openParent()) return end(errno);
   leave_ = true;
-  entry_.info = directories_.back();
+  info_ = directories_.back();
   entry_.errorNumber = 0;
   if (stack_.depth() == 1) {
     entryPath_ = root_;

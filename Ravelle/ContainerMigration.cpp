@@ -17,19 +17,27 @@ namespace {
 constexpr const char* kMigrate = "-[QVRavelle _migrateContainerWithInfo:]";
 constexpr const char* kMissed = "-[QVRavelle _containerHasMissedItems:withIdentifier:]";
 
-// The marker is what an interrupted run is resumed from, once the bundle has left its place.
-// Without one the sequence still goes on: most likely nobody will need it.
-void WriteMarker(const ContainerRecord& record, const Path& legacy) {
-  const Path marker = legacy.child(MigrationMarkerName);
-  Error error;
-  if (QVPlatform().propertyLists->writeDictionary(record, marker, PropertyListFormat::xml,
-                                                  &error)) {
-    return;
-  }
+void TellMarkerNotWritten(const Path& marker, const Error& error) {
   RAVELLE_LOG(LogLevelError, kMigrate,
               "QVRavelle: Failed to write out container marker dictionary... hopefully we don't "
               "need it to recover.");
   TellNote(MigrationStep::marker, MigrationReason::markerNotWritten, marker, error);
+}
+
+// The marker is what an interrupted run is resumed from, once the bundle has left its place.
+// Without one the sequence still goes on: most likely nobody will need it.
+//
+// A new one needs no flush of its own: while a power cut may still undo it or leave it empty, the
+// bundle is in its place and says the same. One that was there already may be the only thing that
+// tells of a staged bundle, and is never without its content.
+void WriteMarker(QVFileManager& files, const ContainerRecord& record, const Path& marker) {
+  PropertyListStore& lists = *QVPlatform().propertyLists;
+  constexpr PropertyListFormat format = PropertyListFormat::xml;
+  Error error;
+  const bool written = files.itemDoesNotExistAtURL(marker)
+                           ? lists.writeDictionaryBeforeFlush(record, marker, format, &error)
+                           : lists.writeDictionary(record, marker, format, &error);
+  if (!written) TellMarkerNotWritten(marker, error);
 }
 
 // The six lines about a record that has no data container.
@@ -65,16 +73,26 @@ std::optional<Path> FindDataContainer(const std::string& identifier) {
   return proxy->dataContainerPath;
 }
 
-// Makes sure that the registry knows the app.
-bool RegisterApp(QVRavelle& plugin, const RecordFields& fields) {
+// Brings the marker to stable storage, before the bundle is staged: from then on nothing else tells
+// what the container was.
+void StoreMarker(QVFileManager& files, const Path& container) {
+  Error error;
+  if (files.syncFileSystemsOfItems({container}, &error)) return;
+  if (error.is(PosixErrorDomain, ENOENT)) return;  // the whole container is gone
+  TellMarkerNotWritten(container.child(MigrationMarkerName), error);
+}
+
+// Makes sure that the registry knows the app. *flushed is set where that took an installation.
+bool RegisterApp(QVRavelle& plugin, const RecordFields& fields, bool* flushed) {
   if (QVPlatform().workspace->applicationIsInstalled(fields.identifier)) {
     RAVELLE_LOG(LogLevelNotice, kMigrate,
                 "QVRavelle: App %@ is already installed, so not creating placeholder.",
                 fields.identifier);
     return true;
   }
-  return plugin._stageAndInstallPlaceholderForBundleAtURL(fields.bundle, fields.identifier,
-                                                          fields.container);
+  *flushed = plugin._stageAndInstallPlaceholderForBundleAtURL(fields.bundle, fields.identifier,
+                                                              fields.container);
+  return *flushed;
 }
 
 enum class Outcome { migrated, notInstalled, keptBack };
@@ -107,15 +125,6 @@ bool IsLegacyContainer(QVFileManager& files, const Path& legacy, const Path& leg
                                       "%@ does not lie in %@", legacy, legacyContainers));
 }
 
-bool RemoveContainer(QVFileManager& files, const RecordFields& fields, bool isPlaceholder,
-                     bool installed, Error* error) {
-  // Only a container that was looked through to its end holds nothing that would be lost.
-  if (installed && !isPlaceholder) return files.removeItemAtURL(fields.container, error);
-  std::vector<Path> except;
-  if (isPlaceholder) except.push_back(fields.bundle);
-  return RemoveAndTellLoss(files, fields.container, except, error);
-}
-
 }  // namespace
 
 // The sequence of one container. Data goes before the bundle, so that whatever fails later has lost
@@ -124,39 +133,54 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   const RecordFields fields = FieldsOf(record);
   // Before anything on disk changes: the bundle will be moved.
   const bool isPlaceholder = _files.bundleAtURLIsPlaceholder(fields.bundle);
-  WriteMarker(record, fields.container);
+  WriteMarker(_files, record, fields.container.child(MigrationMarkerName));
+  bool flushed = false;
   const std::optional<Path> dataContainer =
       InStep(MigrationStep::placeholder, [&]() -> std::optional<Path> {
-        if (fields.isApp() && !RegisterApp(*this, fields)) return std::nullopt;
+        if (fields.isApp() && !RegisterApp(*this, fields, &flushed)) return std::nullopt;
         return FindDataContainer(fields.identifier);
       });
   if (!dataContainer) return false;
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Moving data from container %@ to %@",
               fields.container.string(), dataContainer->string());
-  bool flushed = false;
+  // The registry has flushed what it worked on, which usually is all there is.
+  if (!flushed || AreOnDifferentFileSystems(fields.container, *dataContainer)) {
+    StoreMarker(_files, fields.container);
+  }
   const bool dataMoved = InStep(MigrationStep::data, [&] {
-    return _migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer,
-                                              &flushed);
+    return _migrateDataContainerForIdentifier(fields.identifier, fields.container, *dataContainer);
   });
   if (!dataMoved) return false;
-  // Without data nothing has stored the marker's name yet, which must outlive the bundle's place. A
-  // failure shows again when the bundle is staged there.
-  if (!flushed && !isPlaceholder) _files.syncDirectoryAtURL(fields.container);
   const Outcome outcome = isPlaceholder ? Outcome::migrated : InstallAndCheck(*this, fields);
   if (outcome == Outcome::keptBack) return false;
+  const bool isWhole = !isPlaceholder && outcome == Outcome::migrated;
+  // With an installed bundle the registry has flushed the data too.
+  if (!isWhole && !_storeMovedData(fields.identifier, fields.container, *dataContainer)) {
+    return false;
+  }
+  std::vector<Path> except;
+  if (isPlaceholder) except.push_back(fields.bundle);
   RAVELLE_LOG(LogLevelNotice, kMigrate, "QVRavelle: Removing container for %@ at %@",
               fields.identifier, fields.container.string());
+  _removeContainer(fields.container, isWhole ? nullptr : &except);
+  return outcome == Outcome::migrated;
+}
+
+// `except` is what of the container is no loss; null when it was looked through to its end and
+// holds nothing that would be lost. A failure changes nothing for the app, which has its data.
+void QVRavelle::_removeContainer(const Path& container, const std::vector<Path>* except) {
   Error error;
   const bool removed = InStep(MigrationStep::removal, [&] {
-    return IsLegacyContainer(_files, fields.container, _configuration.oldContainerPath(), &error) &&
-           RemoveContainer(_files, fields, isPlaceholder, outcome == Outcome::migrated, &error);
+    if (!IsLegacyContainer(_files, container, _configuration.oldContainerPath(), &error)) {
+      return false;
+    }
+    return except == nullptr ? _files.removeItemAtURL(container, &error)
+                             : RemoveAndTellLoss(_files, container, *except, &error);
   });
-  if (!removed) {
-    TellProblem(MigrationStep::removal, MigrationReason::notRemoved, fields.container, error);
-    RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to remove container %@ : %@",
-                fields.container.string(), error);
-  }
-  return outcome == Outcome::migrated;
+  if (removed) return;
+  TellProblem(MigrationStep::removal, MigrationReason::notRemoved, container, error);
+  RAVELLE_LOG(LogLevelError, kMigrate, "QVRavelle: Failed to remove container %@ : %@",
+              container.string(), error);
 }
 
 // The last look before a removal. A directory that cannot be listed may hold anything.

@@ -49,15 +49,6 @@ Presence LookAt(QVFileManager& files, const Path& item, Error* error) {
   return Presence::unknown;
 }
 
-// Whether a move from one directory to the other has to copy.
-bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
-  struct stat source {};
-  struct stat destination {};
-  return ::lstat(from.fileSystemRepresentation().c_str(), &source) == 0 &&
-         ::lstat(to.fileSystemRepresentation().c_str(), &destination) == 0 &&
-         source.st_dev != destination.st_dev;
-}
-
 // The path of an entry of the harbor map; null, and logged, when the entry is damaged.
 const std::string* HarborPathOf(const std::string& identifier, const PlistValue& entry) {
   if (entry.dictionary() == nullptr) {
@@ -98,11 +89,10 @@ bool RegisterHarbor(const std::string& identifier, const std::string& path) {
 // In the order of the configuration's names, the first failure ending the step: what was moved
 // stays moved, and a later run passes over it.
 bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
-                                                   const Path& to, bool* anyMoved) {
+                                                   const Path& to) {
   // An interrupted run may have copied a directory whole and been killed while removing it.
   if (AreOnDifferentFileSystems(from, to)) _files.removeRemainsOfMovesInDirectory(from);
   Error error;
-  bool moved = false;
   for (const std::string& name : _configuration.appUserDataItemNames()) {
     const Path source = from.child(name);
     const Path destination = to.child(name);
@@ -112,17 +102,21 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }
-    moved = true;
-  }
-  if (anyMoved != nullptr) *anyMoved = moved;
-  if (!moved) return true;
-  // Once per container: the marker and the data's new names are stored before the bundle leaves
-  // its place and long before the legacy container can go.
-  if (!_files.syncFileSystemsOfItems({from, to}, &error)) {
-    LogFailedDataMove(from, to, identifier, error);
-    return false;
   }
   return true;
+}
+
+// Before a container goes without the registry having flushed anything: what this run or an earlier
+// one moved must not come undone by a power cut. What is not there needs no flush.
+bool QVRavelle::_storeMovedData(const std::string& identifier, const Path& from, const Path& to) {
+  std::vector<Path> items;
+  for (const Path& item : {from, to}) {
+    if (!_files.itemDoesNotExistAtURL(item)) items.push_back(item);
+  }
+  Error error;
+  if (_files.syncFileSystemsOfItems(items, &error)) return true;
+  LogFailedDataMove(from, to, identifier, error);
+  return false;
 }
 
 // A group belongs to several apps and goes with the first that lists it; for the others its entry

@@ -185,10 +185,11 @@ bool BuildPlaceholder(QVRavelle& plugin, const Path& bundlePath, const std::stri
                 icon.string());
     TellNote(MigrationStep::placeholder, MigrationReason::iconFailed, icon);
   }
-  // Binary: unlike XML it holds every string that an app may have put into its dictionary.
+  // Binary: unlike XML it holds every string that an app may have put into its dictionary. It is
+  // flushed with the rest of the placeholder, by the registry.
   const Path file = directory.child(InfoPlistName);
-  if (!QVPlatform().propertyLists->writeDictionary(*info, file, PropertyListFormat::binary,
-                                                   &error)) {
+  if (!QVPlatform().propertyLists->writeDictionaryBeforeFlush(*info, file,
+                                                              PropertyListFormat::binary, &error)) {
     TellProblem(MigrationStep::placeholder, MigrationReason::placeholderFailed, file, error);
     RAVELLE_LOG(LogLevelError, kPlaceholder,
                 "QVRavelle: Failed to write placeholder Info.plist to %@", file.string());

@@ -68,10 +68,11 @@ class QVRavelle final : public MigratorPlugin {
   // container is then kept with its marker, unless only its bundle could not be installed.
   bool _migrateContainerWithInfo(const ContainerRecord& record);
 
-  // Moves the user data items; stops at the first that cannot be moved. *anyMoved, where it is
-  // asked for, tells with success whether there was one; only then the file systems were flushed.
+  // Moves the user data items; stops at the first that cannot be moved. Nothing is flushed: within
+  // one file system a move is a rename, and one to another brings its copy to stable storage
+  // itself.
   bool _migrateDataContainerForIdentifier(const std::string& identifier, const Path& from,
-                                          const Path& to, bool* anyMoved = nullptr);
+                                          const Path& to);
   // Stages the bundle (and plug-in, unless absent) with its store metadata and has the registry
   // install it. True also when a newer copy is built in.
   bool _stageAndInstallBundleAtURL(const Path& bundle, const std::string& identifier,
@@ -103,6 +104,8 @@ class QVRavelle final : public MigratorPlugin {
   };
   std::deque<WorkItem> _buildWorkList();
   bool _migrateRecords(const std::deque<WorkItem>& workList);
+  bool _storeMovedData(const std::string& identifier, const Path& from, const Path& to);
+  void _removeContainer(const Path& container, const std::vector<Path>* except);
   void _endContainer(const Path& entry, const RecordFields& fields, bool migrated);
   void _tellUnclaimedGroups();
   void _tellRemaining(const std::vector<Path>& remaining);

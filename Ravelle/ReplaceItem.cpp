@@ -78,6 +78,14 @@ std::vector<Path> DirectoriesInUse(const QVGlobalConfiguration& configuration) {
 
 }  // namespace
 
+bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
+  struct stat source {};
+  struct stat destination {};
+  return ::lstat(from.fileSystemRepresentation().c_str(), &source) == 0 &&
+         ::lstat(to.fileSystemRepresentation().c_str(), &destination) == 0 &&
+         source.st_dev != destination.st_dev;
+}
+
 // Real paths on both sides: a prefix of the texts says nothing where links or ".." are involved.
 bool LiesBelow(const Path& item, const Path& directory) {
   const std::string location = RealLocationOf(item);

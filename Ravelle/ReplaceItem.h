@@ -13,6 +13,10 @@ namespace quorvel {
 // deleting it would delete what is to be moved.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
 
+// Whether a move from one directory to the other has to copy. False where that cannot be found out:
+// the move itself then meets why.
+bool AreOnDifferentFileSystems(const Path& from, const Path& to);
+
 // Whether the item itself (a link is not followed) lies somewhere below the directory, whatever
 // links and spellings their paths contain. False where that cannot be found out.
 bool LiesBelow(const Path& item, const Path& directory);

@@ -72,6 +72,11 @@ class ApplicationWorkspace {
   // in between. "ApplicationAlreadyInstalled" is reported when a newer copy is built in: the staged
   // bundle is obsolete then and is discarded with the staging directory. Any other refusal leaves
   // the staging directory as it is.
+  //
+  // Stable storage: nothing leaves a customer package, and no request is satisfied or found
+  // obsolete, before everything that was written until then to the file systems of the staging
+  // directory, of the app's containers and of the registry itself is on stable storage, whoever
+  // wrote it. The caller's own preparations need no flush where they lie on one of these.
   virtual bool installApplication(const Path& staging, const PlistDictionary& options, Error* error,
                                   const InstallProgressCallback& progress) = 0;
 };

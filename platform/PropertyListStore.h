@@ -38,6 +38,12 @@ class PropertyListStore {
   // (PlatformPropertyListWriteInvalidError) and the old file stays.
   virtual bool writeDictionary(const PlistDictionary& dictionary, const Path& file,
                                PropertyListFormat format, Error* error) = 0;
+
+  // The same without bringing the content to stable storage: until the caller has synced the file
+  // system, a power cut may leave the name with no bytes, or other ones, behind it. For files that
+  // nothing rests on before that, which spares a flush for each.
+  virtual bool writeDictionaryBeforeFlush(const PlistDictionary& dictionary, const Path& file,
+                                          PropertyListFormat format, Error* error) = 0;
 };
 
 }  // namespace quorvel

@@ -269,18 +269,44 @@ TEST_F(MigrationTest, DataStepOfAContainerWithoutDataTouchesNothing) {
   EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("A"), nowhere));
   EXPECT_TRUE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("gone"), nowhere));
   EXPECT_THAT(log_.take(), IsEmpty());
-  // The marker's name is stored all the same before the bundle leaves its place.
-  Fault counter;
-  FaultyFileSystem counted(platform_.fileSystem, counter);
-  platform_.set.fileSystem = &counted;
-  EXPECT_TRUE(migrateContainer("A"));
-  platform_.set.fileSystem = &platform_.fileSystem;
-  EXPECT_EQ(counter.calls("SyncDirectory"), 1);
-  log_.take();
   // An item that could not be looked at is not passed over.
   std::filesystem::create_symlink("loop", legacy("loop"));
   EXPECT_FALSE(plugin->_migrateDataContainerForIdentifier("id", legacyPath("loop"), nowhere));
   EXPECT_THAT(log_.take(), ElementsAre(HasSubstr("PosixErrorDomain " + std::to_string(ELOOP))));
+}
+
+// The registry flushes what was prepared for it; the plug-in does so itself only where that would
+// come too late or never: a marker whose app was known already, and data whose bundle is not
+// installed.
+TEST_F(MigrationTest, FlushesOnlyWhatTheRegistryDoesNot) {
+  Fault counter;
+  FaultyFileSystem counted(platform_.fileSystem, counter);
+  platform_.set.fileSystem = &counted;
+  const auto flushes = [&](const std::string& container) {
+    const int before = counter.calls("SyncFileSystem") + counter.calls("SyncDirectory");
+    migrateContainer(container);
+    return counter.calls("SyncFileSystem") + counter.calls("SyncDirectory") - before;
+  };
+  makeApp("A", "com.example.a");
+  EXPECT_EQ(flushes("A"), 0) << "two barriers of the registry cover all of it";
+  makeApp("B", "com.example.a", {{"PKBundleVersion", "2.0"}});
+  EXPECT_EQ(flushes("B"), 1) << "the marker";
+  makeApp("P", "com.example.p");
+  markAsPlaceholder(legacy("P") + "/Foo.app");
+  EXPECT_EQ(flushes("P"), 1) << "the data, before the container goes";
+  makeApp("R", "com.example.r");
+  workspace_.customerScripts["com.example.r"] = {{}, Error(PosixErrorDomain, EIO, {})};
+  EXPECT_EQ(flushes("R"), 1) << "the data, before the container goes";
+  EXPECT_FALSE(exists(legacy("R")));
+  // What cannot be flushed keeps its container.
+  makeApp("K", "com.example.k");
+  workspace_.customerScripts["com.example.k"] = {{}, Error(PosixErrorDomain, EIO, {})};
+  Fault fault("SyncFileSystem", 1, EIO);
+  FaultyFileSystem broken(platform_.fileSystem, fault);
+  platform_.set.fileSystem = &broken;
+  EXPECT_FALSE(migrateContainer("K"));
+  EXPECT_TRUE(exists(legacy("K") + "/Staging"));
+  platform_.set.fileSystem = &platform_.fileSystem;
 }
 
 // What is staged goes with the container, so only what lies among the containers is.

@@ -199,13 +199,19 @@ class FaultyPropertyListStore final : public PropertyListStore {
   }
   bool writeDictionary(const PlistDictionary& dictionary, const Path& file,
                        PropertyListFormat format, Error* error) override {
-    if (!fault_.strikes("writeDictionary")) {
-      return real_.writeDictionary(dictionary, file, format, error);
-    }
-    return SetError(error, onlinux::PosixFailure(fault_.errorNumber(), file.string()));
+    return mayWrite(file, error) && real_.writeDictionary(dictionary, file, format, error);
+  }
+  bool writeDictionaryBeforeFlush(const PlistDictionary& dictionary, const Path& file,
+                                  PropertyListFormat format, Error* error) override {
+    return mayWrite(file, error) &&
+           real_.writeDictionaryBeforeFlush(dictionary, file, format, error);
   }
 
  private:
+  bool mayWrite(const Path& file, Error* error) {
+    return !fault_.strikes("writeDictionary") ||
+           SetError(error, onlinux::PosixFailure(fault_.errorNumber(), file.string()));
+  }
   PropertyListStore& real_;
   Fault& fault_;
 };

@@ -22,6 +22,13 @@ Error InFile(const Path& file, const Error& cause) {
                  PlistValue("Reading " + file.string() + ": " + cause.description())}});
 }
 
+bool Write(const PlistDictionary& dictionary, const Path& file, PropertyListFormat format,
+           Durability durability, Error* error) {
+  std::vector<std::uint8_t> bytes;
+  return SerializePropertyList(PlistValue(dictionary), format, bytes, error) &&
+         ReplaceFileAtomically(file, bytes, durability, error);
+}
+
 }  // namespace
 
 std::unique_ptr<PlistDictionary> DictionaryOf(std::span<const std::uint8_t> bytes, const Path& file,
@@ -49,9 +56,13 @@ std::unique_ptr<PlistDictionary> PropertyListFiles::readDictionary(const Path& f
 
 bool PropertyListFiles::writeDictionary(const PlistDictionary& dictionary, const Path& file,
                                         PropertyListFormat format, Error* error) {
-  std::vector<std::uint8_t> bytes;
-  return SerializePropertyList(PlistValue(dictionary), format, bytes, error) &&
-         ReplaceFileAtomically(file, bytes, Durability::contentFirst, error);
+  return Write(dictionary, file, format, Durability::contentFirst, error);
+}
+
+bool PropertyListFiles::writeDictionaryBeforeFlush(const PlistDictionary& dictionary,
+                                                   const Path& file, PropertyListFormat format,
+                                                   Error* error) {
+  return Write(dictionary, file, format, Durability::none, error);
 }
 
 }  // namespace quorvel::onlinux

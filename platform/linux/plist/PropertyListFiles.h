@@ -15,6 +15,8 @@ class PropertyListFiles : public PropertyListStore {
   std::unique_ptr<PlistDictionary> readDictionary(const Path& file, Error* error) override;
   bool writeDictionary(const PlistDictionary& dictionary, const Path& file,
                        PropertyListFormat format, Error* error) override;
+  bool writeDictionaryBeforeFlush(const PlistDictionary& dictionary, const Path& file,
+                                  PropertyListFormat format, Error* error) override;
 };
 
 // readDictionary for a file named relative to an open directory. `name` is as a system call

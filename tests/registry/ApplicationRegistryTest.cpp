@@ -313,8 +313,9 @@ TEST(RegistryCost, DoesNotGrowWithTheNumberOfApps) {
   EXPECT_LE(calls[1], calls[0] + 25);  // a deeper tree has a few more pages to read
 }
 
-// The containers' file system is flushed once, before the records speak of them.
-TEST(RegistryFlushes, OncePerInstallWhateverItTouches) {
+// One before a bundle leaves its package, which exists nowhere else, and one before the records
+// speak of it; a repeated request that changes nothing has one for what its caller wrote.
+TEST(RegistryFlushes, BeforeWhatCannotBeRepeatedAndBeforeTheRecords) {
   RegistryDevice device(Memory);
   Fault none;
   onlinux::FileSystemLinux files;
@@ -325,12 +326,16 @@ TEST(RegistryFlushes, OncePerInstallWhateverItTouches) {
   };
   install(device.stageApp({"com.first", "1", {"group.x"}}), CustomerOptions("com.first"));
   const int directories = none.calls("SyncDirectory");
-  EXPECT_EQ(1, none.calls("SyncFileSystem"));
-  install(device.stagePlaceholder({"com.a"}), PlaceholderOptions("com.a"));
   EXPECT_EQ(2, none.calls("SyncFileSystem"));
+  install(device.stagePlaceholder({"com.a"}), PlaceholderOptions("com.a"));
+  EXPECT_EQ(3, none.calls("SyncFileSystem"));
+  install(device.at("tmp/foo.app"), PlaceholderOptions("com.a"));
+  EXPECT_EQ(4, none.calls("SyncFileSystem"));
   install(device.stageApp({"com.a", "2", {"group.x"}}), CustomerOptions("com.a"));
   install(device.stageApp({"com.a", "3", {"group.y"}}), CustomerOptions("com.a"));
-  EXPECT_EQ(4, none.calls("SyncFileSystem"));
+  EXPECT_EQ(8, none.calls("SyncFileSystem"));
+  install(device.at("nowhere"), CustomerOptions("com.a"));
+  EXPECT_EQ(9, none.calls("SyncFileSystem"));
   EXPECT_EQ(directories, none.calls("SyncDirectory")) << "only where containers live, once";
 }
 
@@ -338,10 +343,19 @@ TEST(RegistryFlushes, NothingIsReplacedWhileTheyFail) {
   RegistryDevice device(Memory);
   { EXPECT_TRUE(Registry(device).install(device.stageApp({"com.a"}), CustomerOptions("com.a"))); }
   const Path staging = device.stageApp({"com.a", "2"}, true);
+  onlinux::FileSystemLinux files;
   {
     Fault always{"SyncFileSystem", 0, EIO};
-    onlinux::FileSystemLinux files;
     FaultyFileSystem broken(files, always);
+    EXPECT_FALSE(Registry({.deviceRoot = device.root()}, &broken)
+                     .install(staging, CustomerOptions("com.a")));
+  }
+  // Refused before anything was taken: the package is whole, and nothing goes on by itself.
+  EXPECT_EQ(Registry(device).proxy("com.a")->bundleVersion, "1.0");
+  EXPECT_TRUE(std::filesystem::exists(staging.string() + "/Payload/Foo.app"));
+  {
+    Fault second{"SyncFileSystem", -2, EIO};
+    FaultyFileSystem broken(files, second);
     Registry registry({.deviceRoot = device.root()}, &broken);
     const BundleProxy before = registry.proxy("com.a").value_or(BundleProxy{});
     EXPECT_FALSE(registry.install(staging, CustomerOptions("com.a")));

@@ -29,8 +29,8 @@ class Fault {
  public:
   // Nothing fails; calls are counted.
   Fault() = default;
-  // The call number `nth` (from 1) of the operation fails; "*" means any operation. With nth 0
-  // every call fails.
+  // The call number `nth` (from 1) of the operation fails; "*" means any operation. With nth
+  // 0 every call fails, with -n every one from the n-th on.
   Fault(std::string operation, int nth, int errorNumber)
       : operation_(std::move(operation)), nth_(nth), errorNumber_(errorNumber) {}
 
@@ -40,7 +40,7 @@ class Fault {
     ++calls_[operation];
     if (operation_ != operation && operation_ != "*") return false;
     ++matching_;
-    if (nth_ != 0 && matching_ != nth_) return false;
+    if (nth_ > 0 ? matching_ != nth_ : matching_ < -nth_) return false;
     fired_ = true;
     errno = errorNumber_;
     return true;

@@ -116,7 +116,9 @@ bool ApplicationWorkspaceLinux::installPlaceholder(const Request& request, Error
   const bool isThere = known && core_.hasBundle(*known);
   if (!IsRealDirectory(request.staging)) {
     // An interrupted request took it over already.
-    if (isThere && known->placeholder && known->staging == request.staging.string()) return true;
+    if (isThere && known->placeholder && known->staging == request.staging.string()) {
+      return core_.flush(*known, request.staging, error);
+    }
     return Fail(Code::noBundle, request.staging.string() + ": is no placeholder bundle", error);
   }
   if (request.staging.pathExtension() != "app") {
@@ -252,6 +254,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
 // Store metadata that came after its bundle follows it, unless the name is taken.
 bool ApplicationWorkspaceLinux::repeat(const Request& request, const PackageContents& package,
                                        const AppRecord& known, Error* error) {
+  if (!core_.flush(known, request.staging, error)) return false;
   if (package.isPresent) {
     InstallPlan plan = core_.newPlan();
     for (const std::string& name : package.metadata) {

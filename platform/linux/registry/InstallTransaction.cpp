@@ -114,8 +114,7 @@ bool TakesWhatIsNowhereElse(const InstallIntent& intent) {
 
 bool InstallTransaction::run(InstallIntent intent,
                              const std::map<std::string, std::string>& newGroups, Error* error) {
-  const Flush flushed = TakesWhatIsNowhereElse(intent) ? Flush::now : Flush::later;
-  if (!store_.begin(&intent, newGroups, flushed)) {
+  if (!store_.begin(&intent, newGroups)) {
     // Should the log hold the transaction in spite of its failure, a later open finds it.
     mayHaveOpenIntents_ = true;
     return SetError(error, store_.failure());
@@ -142,15 +141,22 @@ bool InstallTransaction::finishOpenIntents(Error* error) {
 
 bool InstallTransaction::advance(InstallIntent* intent, Vanished vanished, Error* error) {
   if (!intent->committed) {
+    // Also of an intent that was found open: it may have outlived a kill without being stored.
+    if (TakesWhatIsNowhereElse(*intent) && !flush(*intent, error)) return false;
     if (!performSteps(intent, vanished, error) || !flush(*intent, error)) return false;
     if (!store_.commit(intent)) return SetError(error, store_.failure());
   }
-  if (cleanUp(*intent, nullptr)) {
-    store_.finish(*intent);
+  conclude(*intent);
+  return true;
+}
+
+// The records are replaced: what is left of the intent.
+void InstallTransaction::conclude(const InstallIntent& intent) {
+  if (cleanUp(intent, nullptr)) {
+    store_.finish(intent);
   } else {
     mayHaveOpenIntents_ = true;
   }
-  return true;
 }
 
 bool InstallTransaction::performSteps(InstallIntent* intent, Vanished vanished, Error* error) {
@@ -269,19 +275,50 @@ bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
   return RemoveEmptyDirectory(payload, error) && RemoveEmptyDirectory(step.target, error);
 }
 
-// One flush of the file system costs less than one for each of its directories.
 bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
-  std::set<dev_t> flushed;
+  std::set<std::string> items;
   for (const InstallStep& step : intent.steps) {
     if (step.cleanup) continue;
-    const std::string directory = ParentOf(step.target);
-    const FileSystemRepresentation bytes(directory);
-    struct stat info {};
-    if (::lstat(bytes.c_str(), &info) != 0) return Fail(directory, error);
-    if (!flushed.insert(info.st_dev).second) continue;
-    if (fileSystem_.SyncFileSystem(bytes.c_str()) != 0) return Fail(directory, error);
+    items.insert(ParentOf(step.target));
+    if (!step.source.empty()) items.insert(ParentOf(step.source));
   }
-  return true;
+  for (const AppRecord& record : intent.records) {
+    if (!record.dataContainer) continue;
+    items.insert(layout_.container(ContainerKind::data, *record.dataContainer).string());
+  }
+  return flush(items, error);
+}
+
+bool InstallTransaction::flush(const AppRecord& record, const Path& staging, Error* error) {
+  std::set<std::string> items{ParentOf(staging.string())};
+  if (record.dataContainer) {
+    items.insert(layout_.container(ContainerKind::data, *record.dataContainer).string());
+  }
+  if (record.bundleContainer) {
+    items.insert(layout_.container(ContainerKind::bundle, *record.bundleContainer).string());
+  }
+  return flush(items, error);
+}
+
+bool InstallTransaction::flushStore(Error* error) { return flush(std::set<std::string>{}, error); }
+
+// One flush of a file system costs less than one for each of its directories, and one is enough
+// for all that lie on it. What is not there has nothing to lose.
+bool InstallTransaction::flush(const std::set<std::string>& items, Error* error) {
+  std::set<dev_t> flushed;
+  const auto flushOne = [&](const std::string& item) {
+    const FileSystemRepresentation bytes(item);
+    struct stat info {};
+    if (::lstat(bytes.c_str(), &info) != 0) {
+      return errno == ENOENT || errno == ENOTDIR || Fail(item, error);
+    }
+    if (flushed.contains(info.st_dev)) return true;
+    if (fileSystem_.SyncFileSystem(bytes.c_str()) != 0) return Fail(item, error);
+    flushed.insert(info.st_dev);
+    return true;
+  };
+  return flushOne(layout_.registryDirectory().string()) &&
+         std::all_of(items.begin(), items.end(), flushOne);
 }
 
 bool InstallTransaction::cleanUp(const InstallIntent& intent, Error* error) {
@@ -306,7 +343,10 @@ bool InstallTransaction::withdraw(InstallIntent* intent) {
     store_.rewrite(*intent);
     return false;
   }
-  return advance(intent, Vanished::fails, nullptr);
+  // Needs no barrier: undone by a power cut it is an open intent again, of which nothing was done.
+  if (!store_.commit(intent)) return false;
+  conclude(*intent);
+  return true;
 }
 
 }  // namespace quorvel::onlinux

@@ -3,18 +3,24 @@
 // The order of writes and flushes, for every change of the registry:
 //
 //   1. The intent goes into the database in one transaction: every new name, so that whatever is
-//      made next has an owner, and the records as they will be. It is flushed when the steps take
-//      what exists nowhere else; a placeholder does not (undone by a power cut it is made anew).
-//   2. The steps: directories are made; bundles are moved (one rename; across file systems the
+//      made next has an owner, and the records as they will be.
+//   2. A barrier, when the steps take what exists nowhere else: from here on the intent cannot be
+//      lost. A placeholder needs none (undone by a power cut it is made anew).
+//   3. The steps: directories are made; bundles are moved (one rename; across file systems the
 //      copy is flushed before it takes its name, and the source goes after that), store metadata
 //      after its bundle. Nothing that exists elsewhere only is removed.
-//   3. The file system of the containers is flushed, once, so that the records of the next step
-//      never speak of what a power cut can undo.
-//   4. The records are replaced in one transaction, which is flushed. Before it the app is as it
-//      was, after it the app is as requested.
-//   5. Only now what was replaced is removed: the old bundle container, obsolete bundles, and the
+//   4. A barrier: the steps are done for good, and the intent cannot be lost.
+//   5. The records are replaced in one transaction. Before it the app is as it was, after it the
+//      app is as requested. It is not flushed: a power cut that undoes it finds the intent open,
+//      whose steps find all done, and replaces the records again.
+//   6. Only now what was replaced is removed: the old bundle container, obsolete bundles, and the
 //      emptied staging directories (never one with something in it).
-//   6. The intent is forgotten with the next transaction. Lost, it repeats step 5 in vain.
+//   7. The intent is forgotten with the next transaction. Lost, it repeats step 6 in vain. The log
+//      keeps transactions in their order, so that no intent is forgotten before its records last.
+//
+// A barrier is one flush of each file system that holds the registry, the staging directory or a
+// container of the request. It covers all that was written there by anyone: that is how callers
+// get their own preparations to stable storage for nothing (platform/ApplicationRegistry.h).
 //
 // Whoever opens the registry next takes up each intent where it was left: steps and clean-up may
 // be repeated at any point. An intent is carried forward, with two exceptions that lose nothing.
@@ -26,27 +32,33 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 
 #include "platform/Error.h"
 #include "platform/FileSystem.h"
+#include "platform/linux/registry/DeviceLayout.h"
 #include "platform/linux/registry/RegistryStore.h"
 
 namespace quorvel::onlinux {
 
 class InstallTransaction {
  public:
-  // Both must outlive the object.
-  InstallTransaction(FileSystem& fileSystem, RegistryStore& store)
-      : fileSystem_(fileSystem), store_(store) {}
+  // All must outlive the object.
+  InstallTransaction(FileSystem& fileSystem, const DeviceLayout& layout, RegistryStore& store)
+      : fileSystem_(fileSystem), layout_(layout), store_(store) {}
 
-  // Steps 1 to 6. True once the records are replaced, whether or not the clean-up succeeded: what
+  // Steps 1 to 7. True once the records are replaced, whether or not the clean-up succeeded: what
   // is left of it is tried again by finishOpenIntents(). False with an Error otherwise.
   bool run(InstallIntent intent, const std::map<std::string, std::string>& newGroups, Error* error);
 
   // Takes up what was left open, by this process or another one. Each intent is tried; false with
   // the first failure. Costs nothing after a success until an intent is left open again.
   bool finishOpenIntents(Error* error);
+
+  // A barrier for a request that finds nothing left to do, or for the registry alone.
+  bool flush(const AppRecord& record, const Path& staging, Error* error);
+  bool flushStore(Error* error);
 
  private:
   enum class Vanished { fails, isGivenUp };  // a bundle that is nowhere
@@ -61,10 +73,13 @@ class InstallTransaction {
   bool removeTree(const InstallStep& step, Error* error);
   bool removeStaging(const InstallStep& step, Error* error);
   bool flush(const InstallIntent& intent, Error* error);
+  bool flush(const std::set<std::string>& items, Error* error);
+  void conclude(const InstallIntent& intent);
   bool cleanUp(const InstallIntent& intent, Error* error);
   bool withdraw(InstallIntent* intent);
 
   FileSystem& fileSystem_;
+  const DeviceLayout& layout_;
   RegistryStore& store_;
   bool mayHaveOpenIntents_ = true;
 };

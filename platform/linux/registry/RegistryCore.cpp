@@ -22,7 +22,7 @@ RegistryCore::RegistryCore(FileSystem& fileSystem, BundleReader& bundles, Regist
       bundles_(bundles),
       options_(std::move(options)),
       layout_(options_.deviceRoot),
-      transaction_(fileSystem_, store_),
+      transaction_(fileSystem_, layout_, store_),
       builtIn_(bundles_, layout_.applications()) {}
 
 bool RegistryCore::prepare(Error* error) {
@@ -161,9 +161,11 @@ bool RegistryCore::recordDataProtection(std::int64_t unsupported, Error* error) 
       fileSystem_.SyncFileSystem(containers.fileSystemRepresentation().c_str()) != 0) {
     return Fail(containers.string(), error);
   }
-  return (store_.putSetting(kDataProtectionUnsupported, unsupported) &&
-          store_.putSetting(kDataProtectionUpdated, 1)) ||
-         storeFailed(error);
+  if (!store_.putSetting(kDataProtectionUnsupported, unsupported) ||
+      !store_.putSetting(kDataProtectionUpdated, 1)) {
+    return storeFailed(error);
+  }
+  return transaction_.flushStore(error);
 }
 
 bool RegistryCore::snapshot(RegistrySnapshot* result, Error* error) {

@@ -82,7 +82,13 @@ class RegistryCore {
   // Gives a built-in app the containers it still lacks, and updates the record.
   bool giveContainers(const BundleDescription& builtIn, std::optional<AppRecord>* record,
                       Error* error);
-  bool putSafeHarbor(const SafeHarborRecord& harbor) { return store_.putSafeHarbor(harbor); }
+  // Brings what a request without changes rests on to stable storage (InstallTransaction.h).
+  bool flush(const AppRecord& record, const Path& staging, Error* error) {
+    return transaction_.flush(record, staging, error);
+  }
+  bool putSafeHarbor(const SafeHarborRecord& harbor) {
+    return store_.putSafeHarbor(harbor) && transaction_.flushStore(nullptr);
+  }
   // Records that the update of data protection ran, and how many containers could not hold a
   // class, once what it did is on stable storage.
   bool recordDataProtection(std::int64_t unsupported, Error* error);

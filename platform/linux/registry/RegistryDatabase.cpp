@@ -164,7 +164,7 @@ bool RegistryDatabase::open(const std::string& directory, const char* name,
 bool RegistryDatabase::check(const std::string& path, const DatabaseOptions& options,
                              Error* error) {
   const bool ready = execute(
-      "PRAGMA locking_mode=EXCLUSIVE; PRAGMA temp_store=MEMORY; PRAGMA synchronous=FULL;"
+      "PRAGMA locking_mode=EXCLUSIVE; PRAGMA temp_store=MEMORY; PRAGMA synchronous=NORMAL;"
       "PRAGMA cell_size_check=ON; PRAGMA trusted_schema=OFF;"
       "SELECT count(*) FROM sqlite_schema;");
   if (!ready) return SetError(error, failure_);
@@ -208,10 +208,6 @@ void RegistryDatabase::close() {
   statements_.clear();
   sqlite3_close(connection_);
   connection_ = nullptr;
-}
-
-bool RegistryDatabase::setFlush(Flush flush) {
-  return execute(flush == Flush::now ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL");
 }
 
 bool RegistryDatabase::begin() { return Query(*this, "BEGIN IMMEDIATE").run(); }

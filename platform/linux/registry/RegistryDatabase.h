@@ -1,7 +1,13 @@
 // The registry's database file: opening it safely, and statements on it.
 //
 // SQLite with a write-ahead log in exclusive locking mode: one process at a time, no shared
-// memory file, one flush per transaction. What is in the tables is RegistryStore's business.
+// memory file. What is in the tables is RegistryStore's business.
+//
+// A commit is one write to the log and survives a kill. It is on stable storage after the next
+// flush of its file system, which is the caller's to make: that flush usually covers much more.
+// What a power cut leaves of the log is a whole number of transactions, the first ones: each frame
+// is checked on reading. The database flushes by itself only where it reuses the log
+// (synchronous=NORMAL), so that pages never reach the file before the log that would repair them.
 #pragma once
 
 #include <cstdint>
@@ -25,9 +31,6 @@ struct DatabaseOptions {
   bool readOnly = false;            // nothing on disk changes, not even the log
   int busyTimeoutMilliseconds = 0;  // wait for another process
 };
-
-// Whether a commit is on stable storage when it returns. Either survives a kill.
-enum class Flush { now, later };
 
 // One connection. One thread at a time.
 class RegistryDatabase {
@@ -55,10 +58,8 @@ class RegistryDatabase {
   // Reads every page: whether the tables are whole. In linear time.
   bool contentIsWhole();
 
-  // For the transactions that follow; `now` at the start. Not inside a transaction.
-  bool setFlush(Flush flush);
   bool begin();     // a transaction that writes
-  bool commit();    // durable when true
+  bool commit();    // a kill cannot undo it
   void rollback();  // nothing when no transaction is open
 
   // The failure of the last statement that failed.

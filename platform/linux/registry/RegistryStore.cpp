@@ -122,14 +122,7 @@ bool RegistryStore::forEachApp(const std::function<void(const AppRecord&)>& visi
 }
 
 bool RegistryStore::begin(InstallIntent* intent,
-                          const std::map<std::string, std::string>& newGroups, Flush flush) {
-  if (!database_.setFlush(flush)) return false;
-  const bool begun = beginIntent(intent, newGroups);
-  return database_.setFlush(Flush::now) && begun;
-}
-
-bool RegistryStore::beginIntent(InstallIntent* intent,
-                                const std::map<std::string, std::string>& newGroups) {
+                          const std::map<std::string, std::string>& newGroups) {
   if (!database_.begin()) return false;
   bool done = forgetFinished();
   for (const auto& [group, container] : newGroups) {

@@ -36,10 +36,12 @@ class RegistryStore {
   bool findGroup(const std::string& group, std::optional<std::string>* container);
   bool forEachApp(const std::function<void(const AppRecord&)>& visit);
 
+  // Changes survive a kill at once, and a power cut from the next flush of the database's file
+  // system on; of several the earlier one never goes alone.
+
   // Writes the intent and its new groups (identifier to container) in one transaction, forgets
-  // the finished ones, and sets the id. All other transactions are flushed at once.
-  bool begin(InstallIntent* intent, const std::map<std::string, std::string>& newGroups,
-             Flush flush);
+  // the finished ones, and sets the id.
+  bool begin(InstallIntent* intent, const std::map<std::string, std::string>& newGroups);
   // Replaces what is stored of an open intent.
   bool rewrite(const InstallIntent& intent);
   // Replaces the records by those of the intent; only its clean-up is left then.
@@ -61,7 +63,6 @@ class RegistryStore {
   RegistryStore& operator=(const RegistryStore&) = delete;
 
  private:
-  bool beginIntent(InstallIntent* intent, const std::map<std::string, std::string>& newGroups);
   bool putRecord(const AppRecord& record);
   bool putIntent(const InstallIntent& intent);
   bool forgetFinished();

@@ -212,9 +212,15 @@ TEST(MountTableLinux, TellsWhyThereIsNoTable) {
   MountTableLinux empty(tree.write("empty", ""));
   EXPECT_TRUE(empty.read().empty());
   EXPECT_NE(errno, 0);
+  // The older table names the device also of what is no file system's own root.
   const auto own = MountTableLinux().read();
+  const auto older = MountTableLinux("/proc/self/mounts").read();
   ASSERT_FALSE(own.empty());
-  EXPECT_EQ(Shown(own), Shown(MountTableLinux("/proc/self/mounts").read()));
+  ASSERT_EQ(own.size(), older.size());
+  for (std::size_t i = 0; i < own.size(); ++i) {
+    EXPECT_EQ(own[i].mountPoint, older[i].mountPoint);
+    EXPECT_TRUE(own[i].device == older[i].device || own[i].device.empty()) << own[i].device;
+  }
 }
 
 // A small image attached to a loop device and mounted, all undone at the end.

@@ -219,7 +219,7 @@ TEST(MountTableLinux, TellsWhyThereIsNoTable) {
   ASSERT_EQ(own.size(), older.size());
   for (std::size_t i = 0; i < own.size(); ++i) {
     EXPECT_EQ(own[i].mountPoint, older[i].mountPoint);
-    EXPECT_TRUE(own[i].device == older[i].device || own[i].device.empty()) << own[i].device;
+    EXPECT_TRUE(own[i].mountedFrom == older[i].mountedFrom || own[i].mountedFrom.empty());
   }
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/DeviceNames.h"
@@ -52,6 +53,28 @@ bool IsCertainlyNotThere(const Path& item) {
   return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT;
 }
 
+// Whether the names alone show that the item lies below: the directory's text, plain names, and no
+// link on the way. Spares what is nearly always so the looking up of two whole paths.
+bool IsNamedBelow(const Path& item, const Path& directory) {
+  const FileSystemRepresentation itemBytes = item.fileSystemRepresentation();
+  const FileSystemRepresentation aboveBytes = directory.fileSystemRepresentation();
+  const std::string_view above = aboveBytes.c_str();
+  std::string_view text = itemBytes.c_str();
+  while (text.ends_with('/')) text.remove_suffix(1);
+  if (!above.ends_with('/') || !text.starts_with(above)) return false;
+  for (std::size_t begin = above.size();;) {
+    const std::size_t end = text.find('/', begin);
+    const std::string_view name = text.substr(begin, end - begin);
+    if (name.empty() || name == "." || name == "..") return false;
+    if (end == std::string_view::npos) return true;
+    struct stat info {};
+    if (::lstat(std::string(text.substr(0, end)).c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+      return false;
+    }
+    begin = end + 1;
+  }
+}
+
 // True also when it cannot be told.
 bool DestinationHoldsSource(const Path& source, const Path& destination) {
   const std::string from = RealLocationOf(source);
@@ -88,6 +111,7 @@ bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
 
 // Real paths on both sides: a prefix of the texts says nothing where links or ".." are involved.
 bool LiesBelow(const Path& item, const Path& directory) {
+  if (IsNamedBelow(item, directory)) return true;
   const std::string location = RealLocationOf(item);
   const std::string above = RealPathOf(directory.fileSystemRepresentation().c_str());
   return !location.empty() && !above.empty() && IsBelow(location, above);

@@ -10,6 +10,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "platform/DeviceNames.h"
@@ -166,6 +167,12 @@ int FileSystemLinux::SyncDirectory(const char* path) {
 
 int FileSystemLinux::SyncFileSystem(const char* path) {
   return Result([&] {
+    // Nearly always a directory; a slash at the end would have a link followed.
+    const UniqueDescriptor directory(
+        std::string_view(path).ends_with('/')
+            ? -1
+            : ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (directory) return ::syncfs(directory.get()) == 0 ? 0 : errno;
     ItemPath item;
     const int number = OpenItemPath(path, &item);
     // The root directory and paths that end in a dot name no link.

@@ -279,7 +279,9 @@ bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
   std::set<std::string> items;
   for (const InstallStep& step : intent.steps) {
     if (step.cleanup) continue;
-    items.insert(ParentOf(step.target));
+    // A made directory stands for itself; what is moved into it would only repeat it.
+    const bool makes = step.kind == Kind::makeDirectory;
+    items.insert(makes ? step.target : ParentOf(step.target));
     if (!step.source.empty()) items.insert(ParentOf(step.source));
   }
   for (const AppRecord& record : intent.records) {

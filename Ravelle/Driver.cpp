@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <unordered_set>
 
+#include "Ravelle/NeededServices.h"
 #include "Ravelle/Ravelle.h"
 #include "Ravelle/RavelleAccount.h"
 #include "Ravelle/RavelleLog.h"
@@ -29,6 +30,10 @@ QVRavelle::QVRavelle(const QVGlobalConfiguration& configuration)
 // empty one takes the install map with it, which therefore is loaded only when there are entries.
 MigratorPlugin* QVRavelle::init() {
   if (MigratorPlugin::init() == nullptr) return nullptr;
+  if (const char* service = MissingService()) {
+    RAVELLE_LOG(LogLevelError, kInit, "QVRavelle: No %s is among the platform's services", service);
+    return nullptr;
+  }
   const Path legacy = _configuration.oldContainerPath();
   if (!_files.itemDoesNotExistAtURL(legacy)) {
     Error error;

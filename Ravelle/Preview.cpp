@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Ravelle/NeededServices.h"
 #include "Ravelle/RavelleAccount.h"
 #include "Ravelle/ReplaceItem.h"
 #include "platform/DeviceNames.h"
@@ -37,6 +38,10 @@ RavellePreview::RavellePreview(const QVGlobalConfiguration& configuration)
     : configuration_(configuration), files_(QVFileManager::defaultManager()) {}
 
 bool RavellePreview::preview(MigrationAccount& account, Error* error) {
+  if (const char* service = MissingService()) {
+    return SetError(error, _CreateError("-[RavellePreview preview]", __LINE__, PosixErrorDomain,
+                                        ENOSYS, "No %s is among the platform's services", service));
+  }
   account_ = &account;
   tree_ = {};
   installed_.clear();

@@ -41,7 +41,8 @@ class QVRavelle final : public MigratorPlugin {
 
   // --- The host's protocol ------------------------------------------------------------------
 
-  // Null when the legacy applications directory exists but cannot be listed.
+  // Null when the legacy applications directory exists but cannot be listed, or when the platform
+  // lacks a service that a migration needs.
   MigratorPlugin* init() override;
   const char* dataClassName() const override;
   float estimatedDuration() const override;

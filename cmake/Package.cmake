@@ -32,6 +32,23 @@ foreach(package quorvel quorvel-linux)
 endforeach()
 install(FILES docs/library.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
   COMPONENT development)
+find_program(CMARK cmark-gfm)  # scripts/install-dependencies installs it
+if(CMARK)
+  set(page ${CMAKE_BINARY_DIR}/library.html)
+  set(maker ${CMAKE_SOURCE_DIR}/cmake/Document.cmake)
+  set(document ${CMAKE_SOURCE_DIR}/docs/library.md)
+  add_custom_command(OUTPUT ${page} DEPENDS ${document} ${maker}
+    COMMAND ${CMAKE_COMMAND} -DCMARK=${CMARK} -DSOURCE=${document} -DPAGE=${page} -P ${maker})
+  add_custom_target(library_page ALL DEPENDS ${page})
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+else()
+  message(STATUS "cmark-gfm is not installed: the library's document is installed as it is only")
+endif()
+
+foreach(program migration-host quorvelctl legacy-image)
+  install(FILES tools/completion/quorvel.bash RENAME ${program}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+endforeach()
 
 # The plug-in is loaded, never linked: it stands in a directory of its own.
 install(TARGETS Ravelle LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/quorvel)

@@ -33,6 +33,15 @@ inline constexpr ServiceSlot<CpuUsageMonitor> kCpuMonitor{&PlatformServices::cpu
 inline constexpr ServiceSlot<CrashReportMessage> kCrashReport{&PlatformServices::crashReport,
                                                               "CrashReportMessage"};
 
+inline constexpr ServiceSlot<ApplicationWorkspace> kWorkspace{&PlatformServices::workspace,
+                                                              "ApplicationWorkspace"};
+inline constexpr ServiceSlot<InstallationService> kInstallationService{
+    &PlatformServices::installationService, "InstallationService"};
+inline constexpr ServiceSlot<IconRenderer> kIcons{&PlatformServices::icons, "IconRenderer"};
+inline constexpr ServiceSlot<PropertyListStore> kPropertyLists{&PlatformServices::propertyLists,
+                                                               "PropertyListStore"};
+inline constexpr ServiceSlot<FileData> kFileData{&PlatformServices::fileData, "FileData"};
+
 // The service, or null: the set has none, or is older than this member.
 template <class Service>
 Service* FindService(const ServiceSlot<Service>& slot) {

@@ -50,11 +50,18 @@ TEST(Library, ExportsExactlyWhatIsListed) {
   }
 }
 
-// Every operation has its contract in the document, under its own name.
+// Every operation has its contract in the document, under its own name; every service is named.
 TEST(Library, EveryExportedOperationIsDescribed) {
   std::ifstream file(QUORVEL_SOURCES "/docs/library.md");
   const std::string document((std::istreambuf_iterator<char>(file)), {});
   ASSERT_FALSE(document.empty());
+  std::ifstream services(QUORVEL_SOURCES "/platform/Services.h");
+  const std::string set((std::istreambuf_iterator<char>(services)), {});
+  static const std::regex member(R"(\n  (\w+)\* \w+ = nullptr;)");
+  for (std::sregex_iterator it(set.begin(), set.end(), member), end; it != end; ++it) {
+    const std::string name = (*it)[1];
+    EXPECT_NE(document.find("`" + name + "`"), std::string::npos) << name;
+  }
   for (const std::string& symbol : CheckedInSymbols()) {
     const std::string qualified = symbol.substr(0, symbol.find_first_of("[("));
     const std::size_t scope = qualified.rfind("::");

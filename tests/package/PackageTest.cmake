@@ -27,11 +27,15 @@ set(prefix ${work}/installed)
 file(GLOB_RECURSE installed RELATIVE ${prefix} ${prefix}/*)
 foreach(wanted bin/migration-host bin/quorvelctl quorvel/Ravelle\\.so
     libquorvel\\.so\\.1 libquorvel-linux\\.so\\.1 include/quorvel/platform/Path\\.h
-    include/quorvel/linux/QVLinuxServices\\.h doc/quorvel/library\\.md man1/migration-host\\.1)
+    include/quorvel/linux/QVLinuxServices\\.h doc/quorvel/library\\.md man1/migration-host\\.1
+    bash-completion/completions/quorvelctl)
   if(NOT "${installed}" MATCHES "${wanted}")
     fail("not installed: ${wanted}")
   endif()
 endforeach()
+if(EXISTS ${BUILD}/library.html AND NOT "${installed}" MATCHES "doc/quorvel/library\\.html")
+  fail("the document's page is not installed")
+endif()
 if("${installed}" MATCHES "platform/linux|shared/|UniqueDescriptor|\\.cpp")
   fail("installed, but none of a consumer's business: ${CMAKE_MATCH_0}")
 endif()
@@ -47,6 +51,20 @@ run(ldd ${plugin})
 if("${output}" MATCHES "not found")
   fail("the plug-in misses a library:\n${output}")
 endif()
+
+# Commands and options are completed from the help.
+foreach(words "migration-host reh=rehearse" "quorvelctl dig=digest" "quorvelctl flags --js=--json"
+    "legacy-image --fai=--failing")
+  string(REPLACE "=" ";" words "${words}")
+  list(GET words 0 typed)
+  list(GET words 1 wanted)
+  run(bash -c "PATH=${prefix}/bin:$PATH
+    source ${prefix}/share/bash-completion/completions/quorvelctl
+    COMP_WORDS=(${typed}) COMP_CWORD=$(($(wc -w <<<'${typed}') - 1)) && _quorvel && echo \"\${COMPREPLY[*]}\"")
+  if(NOT "${output}" STREQUAL "${wanted}\n")
+    fail("${typed} is completed to ${output}")
+  endif()
+endforeach()
 
 # Types that are another size by another _FILE_OFFSET_BITS or _TIME_BITS of the program's.
 file(GLOB_RECURSE headers RELATIVE ${prefix}/include ${prefix}/include/*.h)
@@ -124,6 +142,7 @@ run(${CMAKE_COMMAND} -S ${work}/sources/consumer -B ${work}/consumer -G ${GENERA
   -DCMAKE_CXX_COMPILER=${COMPILER} -DCMAKE_CXX_FLAGS=${FLAGS})
 run(${CMAKE_COMMAND} --build ${work}/consumer)
 try_programs(${work}/consumer)
+run(${work}/consumer/preferences ${work}/device ${prefix}/bin/quorvelctl 20)
 
 file(GLOB_RECURSE module ${prefix}/quorvel-linux.pc)
 cmake_path(GET module PARENT_PATH modules)

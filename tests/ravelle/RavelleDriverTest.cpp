@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "Ravelle/Preview.h"
 #include "tests/ravelle/RavelleFixture.h"
 #include "tests/support/FaultWrappers.h"
 
@@ -65,6 +66,33 @@ TEST_F(DriverTest, LegacyDirectoryThatCannotBeListedMakesNoInstance) {
                                   "/ : "
                                   "PosixErrorDomain 20 {"));
   EXPECT_TRUE(exists(legacy()));
+}
+
+// Found out before anything is touched, by the plug-in and by its preview.
+TEST_F(DriverTest, ServiceThatIsMissingMakesNoInstance) {
+  makeApp("one", "com.example.one");
+  const PlatformServices whole = platform_.set;
+  const auto lacks = [&](auto PlatformServices::*member, const std::string& name) {
+    platform_.set = whole;
+    platform_.set.*member = nullptr;
+    const std::string text = "No " + name + " is among the platform's services";
+    EXPECT_EQ(makePlugin()->init(), nullptr) << name;
+    EXPECT_EQ(log_.take(), Lines{std::string("3 ") + kInit + "QVRavelle: " + text});
+    Error error;
+    EXPECT_FALSE(RavellePreview(*configuration_).preview(account_, &error)) << name;
+    EXPECT_EQ(error.description(), text);
+  };
+  lacks(&PlatformServices::workspace, "ApplicationWorkspace");
+  lacks(&PlatformServices::installationService, "InstallationService");
+  lacks(&PlatformServices::bundles, "BundleReader");
+  lacks(&PlatformServices::icons, "IconRenderer");
+  lacks(&PlatformServices::propertyLists, "PropertyListStore");
+  lacks(&PlatformServices::fileData, "FileData");
+  lacks(&PlatformServices::fileSystem, "FileSystem");
+  lacks(&PlatformServices::treeWalker, "TreeWalker");
+  platform_.set = whole;
+  EXPECT_EQ(account_.take(), Lines{});
+  EXPECT_TRUE(exists(legacy("one") + "/Foo.app/executable"));
 }
 
 TEST_F(DriverTest, InstallMapAndHarborMapAreLoadedOrMissed) {

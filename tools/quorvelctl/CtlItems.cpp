@@ -202,9 +202,9 @@ std::unique_ptr<Command> Make(CLI::App& parser) {
 constexpr CommandEntry kCommands[] = {
     {"resolve", "Show where a path really leads, if it stays inside a base directory",
      "mkdir -p d && quorvelctl resolve --base d d/new/file", Make<Resolve>},
-    {"link", "Make a symbolic link", "mkdir -p d && rm -f d/l && quorvelctl link ../target d/l",
-     Make<Link>},
-    {"readlink", "Show a symbolic link's text",
+    {"link", "Make a symbolic link of a device, never in place of or inside what is there",
+     "mkdir -p d && rm -f d/l && quorvelctl link ../target d/l", Make<Link>},
+    {"readlink", "Show a symbolic link's text, byte for byte with --json",
      "mkdir -p d && ln -sfn ../target d/l && quorvelctl readlink d/l", Make<ReadLink>},
     {"attr", "Show or set an attribute that the service keeps on an item",
      "mkdir -p d && quorvelctl attr class get d", Make<Attribute>},

@@ -232,7 +232,8 @@ std::unique_ptr<Command> MakeMove(CLI::App& parser) {
 }
 
 constexpr CommandEntry kCommands[] = {
-    {"list", "List a directory's items in its own order, a path a line",
+    {"list",
+     "List items as the service meets them: in the directory's order, links told from directories",
      "mkdir -p d/sub && quorvelctl list d", Make<List>},
     {"remove", "Remove items and everything below them; a missing one is done",
      "mkdir -p d/sub && quorvelctl remove d", Make<Remove>},
@@ -241,7 +242,7 @@ constexpr CommandEntry kCommands[] = {
     {"move", "Move an item, across file systems by a whole copy first",
      "mkdir -p old && quorvelctl move old new", MakeMove},
     {"mkdir", "Make a directory", "quorvelctl mkdir --parents d/sub", Make<MakeDirectory>},
-    {"mktemp", "Make a directory with a name of its own, and show its path",
+    {"mktemp", "Make a directory as the service's temporary ones, and show its path",
      "mkdir -p d && quorvelctl mktemp d", Make<MakeTemporary>},
     {"capture", "Carry the four store-metadata items from one directory into another",
      "mkdir -p d e && quorvelctl capture --copy d e", Make<Capture>},

@@ -33,12 +33,6 @@ int WhyDenied(const char* path, int wanted) {
 // Whether entries of the directory can be taken out of it or put into it.
 int WhyNotChanged(const char* directory) { return WhyDenied(directory, W_OK | X_OK); }
 
-Path ParentOf(const Path& path) {
-  const std::string& text = path.string();
-  const std::size_t slash = text.rfind('/');
-  return Path::directory(slash == 0 || slash == std::string::npos ? "/" : text.substr(0, slash));
-}
-
 // Why the item cannot leave its directory. A directory that gets another parent is itself written;
 // of anything else only a flag is in the way, which the kernel tells by another number.
 int WhyNotTakenOut(const Path& item) {

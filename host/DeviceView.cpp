@@ -17,6 +17,7 @@
 #include "platform/Error.h"
 #include "platform/Path.h"
 #include "platform/linux/files/FileSystemLinux.h"
+#include "platform/linux/files/RemoveItem.h"
 
 namespace quorvel::host {
 
@@ -109,8 +110,7 @@ DeviceView::~DeviceView() {
     return;
   }
   onlinux::FileSystemLinux files;
-  const auto state = files.allocateWipeTreeState();
-  if (state != nullptr) (void)files.RemoveTree(directory_.c_str(), WIPETREE_RECURSIVE, *state);
+  (void)onlinux::RemoveItem(files, directory_);
 }
 
 bool DeviceView::prepare(DeviceRoot& root, const std::string& upper, bool keep, FatalError& error) {

@@ -67,6 +67,9 @@ inline constexpr const char* ProtectionClassAttributeName =
 // and a number, beside where it was, and that carries the attribute (1 byte).
 inline constexpr std::string_view MoveRemainPrefix = ".com.velto.quorvel.moved.";
 inline constexpr const char* MoveRemainAttributeName = "com.velto.quorveld.moveRemain";
+// Of the registry's moves, beside the new place: "." and its name and one of these.
+inline constexpr std::string_view MoveIncomingSuffix = ".incoming";  // the copy as it grows
+inline constexpr std::string_view MovePlacedSuffix = ".moving";  // where it came from, once whole
 // Where placeholders are put together, in the process's temporary directory.
 inline constexpr const char* PlaceholderParentName = "com.velto.quorvel.migrator";
 

@@ -89,4 +89,6 @@ class Path {
   bool directory_ = false;
 };
 
+inline Path ParentOf(const Path& path) { return Path::directory(ParentOf(path.string())); }
+
 }  // namespace quorvel

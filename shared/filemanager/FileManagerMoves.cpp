@@ -6,6 +6,7 @@
 #include <new>
 
 #include "platform/DeviceNames.h"
+#include "platform/MoveRemains.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
@@ -58,49 +59,24 @@ bool IsDirectory(const FileSystemRepresentation& path) {
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-constexpr mode_t kRemainMode = 0700;
-
-// A directory beside the source that whatever is in it is removed with: new, and marked as ours
-// where the file system has attributes. Where it has none, what an interruption leaves in it is
-// taken for somebody else's and kept. False with the Error when none can be made.
-bool MakeRemain(QVFileManager& manager, const Path& source, Path* made, Error* error) {
-  constexpr int kMostRemains = 100;
-  const Path parent = Path::directory(ParentOf(source.string()));
-  for (int number = 1; number <= kMostRemains; ++number) {
-    *made = parent.childDirectory(std::string(MoveRemainPrefix) + std::to_string(number));
-    const FileSystemRepresentation path = made->fileSystemRepresentation();
-    if (::mkdir(path.c_str(), kRemainMode) == 0) {
-      constexpr std::uint8_t mark = 1;
-      RequiredService(kFileSystem)
-          .setxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0, XATTR_NOFOLLOW);
-      return manager.syncDirectoryAtURL(*made, error);
-    }
-    if (errno != EEXIST) return FailMove(source, *made, errno, error);
-  }
-  return FailMove(source, *made, EEXIST, error);
-}
-
-// Removes a source whose copy is complete and on stable storage. A directory is renamed first, and
-// the rename brought to stable storage: a removal that stops halfway would otherwise leave a part
-// under the source's name, and a repeated move would replace the whole copy by that part. `rest` is
-// where a failure leaves what it leaves.
+// Removes a source whose copy is complete and on stable storage, a directory from within a remain.
+// `rest` is where a failure leaves what it leaves.
 bool RemoveMoveSource(QVFileManager& manager, const Path& source, Path* rest, Error* error) {
   *rest = source;
   const FileSystemRepresentation from = source.fileSystemRepresentation();
   if (!IsDirectory(from)) return manager.removeItemAtURL(source, error);
-  Path remain;
-  if (!MakeRemain(manager, source, &remain, error)) return false;
-  const Path doomed = remain.childDirectory(source.lastPathComponent());
-  const FileSystemRepresentation to = doomed.fileSystemRepresentation();
-  if (::rename(from.c_str(), to.c_str()) != 0) {
-    const int number = errno;
-    manager.removeItemAtURL(remain);
-    return FailMove(source, doomed, number, error);
-  }
-  *rest = doomed;
-  return manager.syncDirectoryAtURL(remain, error) &&
-         manager.syncDirectoryAtURL(Path::directory(ParentOf(source.string())), error) &&
-         manager.removeItemAtURL(remain, error);
+  const auto pathOf = [](const std::string& bytes) {
+    return Path::directory(StringFromFileSystemRepresentation(bytes));
+  };
+  const auto flush = [&](const std::string& directory) {
+    return manager.syncDirectoryAtURL(pathOf(directory), error);
+  };
+  SourceSetAside aside;
+  const bool isAside =
+      SetMoveSourceAside(RequiredService(kFileSystem), from.c_str(), flush, &aside);
+  if (aside.isThere) *rest = pathOf(aside.place);
+  if (isAside) return manager.removeItemAtURL(pathOf(aside.remain), error);
+  return aside.number != 0 && FailMove(source, pathOf(aside.place), aside.number, error);
 }
 
 bool MoveAcrossFileSystems(QVFileManager& manager, const Path& source, const Path& destination,
@@ -188,27 +164,15 @@ bool QVFileManager::moveItemIfExistsAtURL(const Path& source, const Path& destin
   return _moveItemAtURL(source, destination, false, error);
 }
 
-// By the attribute, which only this code sets: a name alone may be a user's.
 bool QVFileManager::isRemainOfMove(const Path& item) {
-  const std::string_view name = item.lastPathComponent();
-  struct stat info {};
-  const FileSystemRepresentation path = item.fileSystemRepresentation();
-  if (!name.starts_with(MoveRemainPrefix) || ::lstat(path.c_str(), &info) != 0 ||
-      !S_ISDIR(info.st_mode)) {
-    return false;
-  }
-  std::uint8_t mark = 0;
-  if (RequiredService(kFileSystem)
-          .getxattr(path.c_str(), MoveRemainAttributeName, &mark, sizeof mark, 0, XATTR_NOFOLLOW) ==
-      sizeof mark) {
-    return true;
-  }
-  // One whose making was interrupted has nothing in it.
-  const bool isNumbered =
-      name.find_first_not_of("0123456789", MoveRemainPrefix.size()) == std::string_view::npos;
-  if (!isNumbered || (info.st_mode & 07777U) != kRemainMode) return false;
-  const auto items = defaultManager().urlsForItemsInDirectoryAtURL(item, false, nullptr);
-  return items && items->empty();
+  // Nearly every item ends here, and needs no service.
+  if (!item.lastPathComponent().starts_with(MoveRemainPrefix)) return false;
+  const auto isEmpty = [&item](const std::string&) {
+    const auto items = defaultManager().urlsForItemsInDirectoryAtURL(item, false, nullptr);
+    return items && items->empty();
+  };
+  return IsMoveRemain(RequiredService(kFileSystem), item.fileSystemRepresentation().c_str(),
+                      isEmpty);
 }
 
 void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {

@@ -39,7 +39,7 @@ class FaultyFiles final : public FileSystem {
   }
   int setxattr(const char* path, const char* name, const void* value, std::size_t size,
                std::uint32_t position, int options) override {
-    return real_.setxattr(path, name, value, size, position, options);
+    return at([&] { return real_.setxattr(path, name, value, size, position, options); });
   }
   int lchmod(int directory, const char* name, mode_t mode) override {
     return real_.lchmod(directory, name, mode);
@@ -99,8 +99,9 @@ class MoveItemTest : public ::testing::Test {
     return static_cast<int>(error.code());
   }
 
-  // The move is complete and nothing else is there.
+  // The move is complete and, but for what goes as remains, nothing else is there.
   void expectMoved() {
+    onlinux::RemoveRemainsOfMoves(files_, near_.path());
     EXPECT_EQ(Snapshot(to_), whole_);
     EXPECT_EQ(Snapshot(far_.path()).size(), 1 + whole_.size());
     EXPECT_EQ(Snapshot(near_.path()).size(), 1U);
@@ -122,8 +123,12 @@ TEST_F(MoveItemTest, MovesWholeTreesAndTellsWhenItWasDone) {
   EXPECT_EQ(move(from_, far_ / "other"), ENOENT);
   EXPECT_EQ(move(to_, far_ / "renamed"), 0);
   EXPECT_EQ(Snapshot(far_ / "renamed"), whole_);
-  EXPECT_EQ(move(far_ / "renamed", near_ / std::string(255, 'n')), 0) << "siblings of long names";
-  EXPECT_EQ(Snapshot(near_ / std::string(255, 'n')), whole_);
+  // What an earlier version began for a long name is known by its name, and taken over.
+  const std::string longest = near_ / std::string(255, 'n');
+  WriteFile(near_ / ".c2c977771654d7a9.incoming", "part");
+  EXPECT_EQ(move(far_ / "renamed", longest), 0);
+  EXPECT_EQ(Snapshot(longest), whole_);
+  EXPECT_EQ(Snapshot(near_.path()).size(), 1 + whole_.size());
 }
 
 TEST_F(MoveItemTest, DestroysNothingThatItDidNotPutThere) {

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/WriteWhole.h"
+#include "platform/linux/files/HiddenName.h"
 #include "platform/linux/files/PosixFailure.h"
 
 namespace quorvel::onlinux {
@@ -188,23 +189,11 @@ int ReadToEnd(int file, std::size_t expected, std::size_t limit, std::vector<std
 // Some file systems cannot flush a directory and say EINVAL: they need not.
 bool FlushDirectory(int directory) { return Flush(directory) || errno == EINVAL; }
 
-std::string TemporaryNameFor(const std::string& name) {
-  constexpr std::string_view suffix = ".tmp";
-  if (1 + name.size() + suffix.size() <= NAME_MAX) return "." + name + std::string(suffix);
-  // FNV-1a, 64 bits: stable between versions, unlike std::hash.
-  std::uint64_t hash = 0xCBF29CE484222325U;
-  for (const char byte : name) {
-    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, ".%016llx.tmp", static_cast<unsigned long long>(hash));
-  return text;
-}
+std::string TemporaryNameFor(const std::string& name) { return HiddenNameFor(name, ".tmp"); }
 
 UniqueDescriptor OpenParentDirectory(const Path& file) {
   const std::string name = BytesOfFileSystemRepresentation(file.string());
-  const auto slash = name.rfind('/');
-  const std::string parent = slash == std::string::npos ? "." : name.substr(0, slash + 1);
+  const std::string parent = ParentOf(name);
   return UniqueDescriptor(
       Uninterrupted([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
 }

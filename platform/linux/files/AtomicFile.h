@@ -51,8 +51,7 @@ bool ReplaceFileAtomicallyAt(int directory, const std::string& name,
 // Brings renames in an open directory to stable storage; false with errno.
 bool FlushDirectory(int directory);
 
-// The temporary name that belongs to a file name: ".<name>.tmp", or when that would be longer than
-// 255 bytes ".<16 hexadecimal digits>.tmp" with a hash of the name.
+// The temporary name that belongs to a file name: ".<name>.tmp" (HiddenName.h).
 std::string TemporaryNameFor(const std::string& name);
 
 // Reads a regular file whole, however it grows or shrinks meanwhile. Returns 0 or an errno value:

@@ -61,4 +61,10 @@ void DirectoryReader::suspend() {
   seek_ = true;
 }
 
+int NamesIn(int directory, std::vector<std::string>& names) {
+  DirectoryReader reader;
+  while (const DirectoryEntry* entry = reader.next(directory)) names.emplace_back(entry->name);
+  return errno;
+}
+
 }  // namespace quorvel::onlinux

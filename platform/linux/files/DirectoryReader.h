@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace quorvel::onlinux {
 
@@ -34,5 +36,8 @@ class DirectoryReader {
   bool seek_ = false;   // the descriptor is elsewhere
   DirectoryEntry entry_;
 };
+
+// Adds the names of the open directory's entries, in its order. 0, or an errno value.
+int NamesIn(int directory, std::vector<std::string>& names);
 
 }  // namespace quorvel::onlinux

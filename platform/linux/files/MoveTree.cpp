@@ -1,4 +1,4 @@
-// Copies, flushes, renames the source aside and only then removes it.
+// Copies, flushes, puts the copy in its place and only then lets the source go.
 #include "platform/linux/files/MoveTree.h"
 
 #include <fcntl.h>
@@ -7,13 +7,17 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <functional>
-#include <string>
-#include <string_view>
+#include <vector>
 
+#include "platform/DeviceNames.h"
+#include "platform/MoveRemains.h"
 #include "platform/Path.h"
 #include "platform/UniqueDescriptor.h"
+#include "platform/WriteWhole.h"
+#include "platform/linux/files/DirectoryReader.h"
+#include "platform/linux/files/HiddenName.h"
 #include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/files/RemoveItem.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -26,15 +30,9 @@ std::string WithoutTrailingSlashes(std::string path) {
   return path;
 }
 
-// The hidden sibling ".<name>.<suffix>"; a name too long for that is told by its hash.
 std::string SiblingOf(const std::string& path, std::string_view suffix) {
-  constexpr std::size_t kLongestName = 240;
   const std::size_t begin = path.rfind('/') + 1;  // 0 without a slash
-  std::string name = path.substr(begin);
-  if (name.size() > kLongestName) {
-    name = name.substr(0, 200) + "." + std::to_string(std::hash<std::string>{}(name));
-  }
-  return path.substr(0, begin) + "." + name + "." + std::string(suffix);
+  return path.substr(0, begin) + HiddenNameFor(path.substr(begin), suffix);
 }
 
 bool Exists(const std::string& path) {
@@ -43,6 +41,11 @@ bool Exists(const std::string& path) {
 }
 
 bool IsMissing(const std::string& path) { return !Exists(path) && errno == ENOENT; }
+
+bool IsDirectory(const std::string& path) {
+  struct stat info;
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
 
 bool Rename(const std::string& from, const std::string& to) {
   return ::rename(from.c_str(), to.c_str()) == 0;
@@ -55,9 +58,8 @@ class Move {
       : files_(files),
         from_(WithoutTrailingSlashes(from)),
         to_(WithoutTrailingSlashes(to)),
-        incoming_(SiblingOf(to_, "incoming")),
-        moving_(SiblingOf(to_, "moving")),
-        outgoing_(SiblingOf(from_, "outgoing")) {}
+        incoming_(SiblingOf(to_, MoveIncomingSuffix)),
+        moving_(SiblingOf(to_, MovePlacedSuffix)) {}
 
   int run();
 
@@ -66,8 +68,8 @@ class Move {
   int copyIntoPlace();
   int copyAndPlace();
   int retireSource();
-  void tidy();
-  int clear(const std::string& path);
+  int retireDirectory();
+  void removeMark();
   bool wasPlaced() const;
   int writeMark() const;
 
@@ -76,7 +78,6 @@ class Move {
   std::string to_;
   std::string incoming_;
   std::string moving_;
-  std::string outgoing_;
 };
 
 int Move::run() {
@@ -85,8 +86,8 @@ int Move::run() {
   // Between file systems rename does not look whether there is anything to move.
   if (!IsMissing(from_)) return number == EXDEV ? moveAcross() : number;
   if (!Exists(to_)) return ENOENT;
-  // An earlier call moved it, and may have been killed while it cleaned up.
-  tidy();
+  // An earlier call moved it, and may have been killed before it took the mark away.
+  removeMark();
   return 0;
 }
 
@@ -111,20 +112,17 @@ bool Move::wasPlaced() const {
 int Move::writeMark() const {
   const UniqueDescriptor mark(
       ::open(moving_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!mark) return errno;
-  const ssize_t count = ::pwrite(mark.get(), from_.data(), from_.size(), 0);
-  if (count < 0) return errno;
-  return count == static_cast<ssize_t>(from_.size()) ? 0 : ENOSPC;
+  return mark ? WriteWhole(mark.get(), from_) : errno;
 }
 
 int Move::copyIntoPlace() {
   ::unlink(moving_.c_str());
-  int number = clear(incoming_);
+  int number = RemoveItem(files_, incoming_);
   if (number != 0) return number;
   number = copyAndPlace();
   if (number == 0) return 0;
   ::unlink(moving_.c_str());
-  clear(incoming_);
+  RemoveItem(files_, incoming_);
   return number;
 }
 
@@ -140,38 +138,39 @@ int Move::copyAndPlace() {
 // From here on the move is done; a failure leaves source and destination both whole.
 int Move::retireSource() {
   if (files_.SyncDirectory(ParentOf(to_).c_str()) != 0) return errno;
-  const int number = clear(outgoing_);
+  if (IsDirectory(from_)) return retireDirectory();
+  const int number = RemoveItem(files_, from_);
   if (number != 0) return number;
-  if (!Rename(from_, outgoing_)) return errno;
-  // Were the mark to go first, a power cut could bring the source back beside its copy.
   if (files_.SyncDirectory(ParentOf(from_).c_str()) != 0) return errno;
-  tidy();
+  removeMark();
   return 0;
 }
 
-// Removes the mark, then what is left of the source. The move is done whatever comes of it, so a
-// failure is none of the caller's; but hardly anyone looks here again, so one is not accepted yet.
-void Move::tidy() {
-  if (::unlink(moving_.c_str()) != 0 && errno != ENOENT) ::unlink(moving_.c_str());
-  if (clear(outgoing_) != 0) clear(outgoing_);
-}
-
-int KeepFirst(WipeTreeState& state, const char*, void* context) {
-  auto* first = static_cast<int*>(context);
-  int number = 0;
-  if (*first == 0 && state.getErrorNumber(&number)) *first = number;
-  return WIPETREE_PROCEED;
-}
-
-int Move::clear(const std::string& path) {
-  const std::unique_ptr<WipeTreeState> state = files_.allocateWipeTreeState();
-  if (state == nullptr) return errno;
-  int first = 0;
-  if (!state->setErrorCallback(KeepFirst) || !state->setErrorContext(&first)) return errno;
-  if (files_.RemoveTree(path.c_str(), WIPETREE_RECURSIVE, *state) != 0 && first == 0) {
-    first = errno;
+int Move::retireDirectory() {
+  const auto flush = [this](const std::string& directory) {
+    return files_.SyncDirectory(directory.c_str()) == 0;
+  };
+  SourceSetAside aside;
+  if (!SetMoveSourceAside(files_, from_, flush, &aside)) {
+    return aside.number != 0 ? aside.number : errno;
   }
-  return first == ENOENT ? 0 : first;
+  // Were the mark to go first, a power cut could bring the source back beside its copy.
+  removeMark();
+  // The move is done whatever comes of this.
+  RemoveItem(files_, aside.remain);
+  return 0;
+}
+
+// Hardly anyone looks here again, so one failure is not accepted yet.
+void Move::removeMark() {
+  if (::unlink(moving_.c_str()) != 0 && errno != ENOENT) ::unlink(moving_.c_str());
+}
+
+// 0, or an errno value.
+int ReadNames(const std::string& directory, std::vector<std::string>& names) {
+  const UniqueDescriptor opened(
+      ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return opened ? NamesIn(opened.get(), names) : errno;
 }
 
 }  // namespace
@@ -180,6 +179,19 @@ bool MoveItem(FileSystem& files, const char* from, const char* to, Error* error)
   const int number = Move(files, from, to).run();
   if (number == 0) return true;
   return SetError(error, PosixFailure(number, std::string("moving ") + from + " to " + to));
+}
+
+void RemoveRemainsOfMoves(FileSystem& files, const std::string& directory) {
+  const auto isEmpty = [](const std::string& item) {
+    std::vector<std::string> names;
+    return ReadNames(item, names) == 0 && names.empty();
+  };
+  std::vector<std::string> names;
+  ReadNames(directory, names);
+  for (const std::string& name : names) {
+    const std::string item = directory + "/" + name;
+    if (IsMoveRemain(files, item, isEmpty)) RemoveItem(files, item);
+  }
 }
 
 }  // namespace quorvel::onlinux

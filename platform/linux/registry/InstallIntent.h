@@ -26,12 +26,6 @@ struct AppRecord {
   bool obsolete = false;
 };
 
-// A move out of the staging directory, by paths.
-struct StagedMove {
-  std::string source;
-  std::string target;
-};
-
 // One step of an intent. Each may be repeated, whether or not it was done before.
 struct InstallStep {
   enum class Kind {        // their numbers are stored
@@ -42,15 +36,14 @@ struct InstallStep {
     markPlaceholder,       // target
     removeTree,            // target
     removeEmptyDirectory,  // target; one that is not empty stays
-    removeStaging,         // target, when only "Payload" and remains of `moves` are in it
+    removeStaging,         // target, when only "Payload" and remains of moves are in it
   };
   Kind kind = Kind::makeDirectory;
   bool cleanup = false;    // done after the records were replaced
   std::string identifier;  // whose record depends on it; empty: nobody's
   std::string source;
   std::string target;
-  std::string data;               // of writeFile
-  std::vector<StagedMove> moves;  // of removeStaging: all that the intent took from there
+  std::string data;  // of writeFile
 };
 
 // What an operation set out to do, whole: steps, then records, then clean-up steps.

@@ -25,7 +25,7 @@ bool ChooseName(std::string* name, Error* error) {
 void InstallPlan::addStep(Kind kind, const std::string& identifier, const Path& source,
                           const Path& target) {
   const bool cleanup = kind == Kind::removeTree || kind == Kind::removeStaging;
-  intent_.steps.push_back({kind, cleanup, identifier, source.string(), target.string(), {}, {}});
+  intent_.steps.push_back({kind, cleanup, identifier, source.string(), target.string(), {}});
 }
 
 bool InstallPlan::giveDataContainer(AppRecord* record, Error* error) {
@@ -91,14 +91,7 @@ void InstallPlan::removeTree(const AppRecord& record, const Path& path) {
 }
 
 void InstallPlan::removeStaging(const AppRecord& record, const Path& staging) {
-  std::vector<StagedMove> moves;
-  for (const InstallStep& step : intent_.steps) {
-    if (step.kind == Kind::moveBundle || step.kind == Kind::moveItem) {
-      moves.push_back({step.source, step.target});
-    }
-  }
   addStep(Kind::removeStaging, record.identifier, {}, staging);
-  intent_.steps.back().moves = std::move(moves);
 }
 
 }  // namespace quorvel::onlinux

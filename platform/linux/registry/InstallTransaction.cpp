@@ -20,6 +20,7 @@
 #include "platform/linux/files/DurableDirectory.h"
 #include "platform/linux/files/MoveTree.h"
 #include "platform/linux/files/PosixFailure.h"
+#include "platform/linux/files/RemoveItem.h"
 #include "platform/linux/registry/RegistryErrors.h"
 
 namespace quorvel::onlinux {
@@ -76,7 +77,6 @@ void GiveUp(InstallIntent* intent, const std::string& identifier) {
                       "",
                       "",
                       step.target,
-                      {},
                       {}});
     }
   }
@@ -241,38 +241,20 @@ bool InstallTransaction::markPlaceholder(const InstallStep& step, Error* error) 
 }
 
 bool InstallTransaction::removeTree(const InstallStep& step, Error* error) {
-  const auto state = fileSystem_.allocateWipeTreeState();
-  int first = 0;
-  const auto keepFirst = [](WipeTreeState& wipe, const char*, void* context) {
-    int number = EIO;
-    wipe.getErrorNumber(&number);
-    int& kept = *static_cast<int*>(context);
-    if (kept == 0 && number != ENOENT) kept = number;
-    return WIPETREE_PROCEED;
-  };
-  if (state == nullptr || !state->setErrorCallback(keepFirst) || !state->setErrorContext(&first)) {
-    return Fail(step.target, error);
-  }
-  const FileSystemRepresentation bytes(step.target);
-  if (fileSystem_.RemoveTree(bytes.c_str(), WIPETREE_RECURSIVE, *state) != 0 && errno != ENOENT) {
-    return Fail(step.target, error);
-  }
-  return first == 0 || SetError(error, PosixFailure(first, step.target));
+  const int number = RemoveItem(fileSystem_, FileSystemRepresentation(step.target).c_str());
+  return number == 0 || SetError(error, PosixFailure(number, step.target));
 }
 
-// Across file systems a move may leave remains of its source, which a repeated one clears.
+// Across file systems interrupted moves leave remains of their sources.
 bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
-  const std::string payload = step.target + "/Payload";
-  if (!RemoveEmptyDirectory(payload, error) || !RemoveEmptyDirectory(step.target, error)) {
-    return false;
+  const std::string payload = step.target + "/" + PayloadName;
+  for (const std::string& directory : {payload, step.target}) {
+    if (!RemoveEmptyDirectory(directory, error)) return false;
+    if (IsMissing(directory)) continue;
+    RemoveRemainsOfMoves(fileSystem_, FileSystemRepresentation(directory).c_str());
+    if (!RemoveEmptyDirectory(directory, error)) return false;
   }
-  if (IsMissing(step.target)) return true;
-  for (const auto& [source, target] : step.moves) {
-    if (!IsMissing(source)) continue;
-    MoveItem(fileSystem_, FileSystemRepresentation(source).c_str(),
-             FileSystemRepresentation(target).c_str(), nullptr);
-  }
-  return RemoveEmptyDirectory(payload, error) && RemoveEmptyDirectory(step.target, error);
+  return true;
 }
 
 bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {

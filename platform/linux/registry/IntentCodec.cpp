@@ -10,7 +10,6 @@
 namespace quorvel::onlinux {
 namespace {
 
-constexpr auto kMoveFields = std::tuple(&StagedMove::source, &StagedMove::target);
 constexpr auto kStepFields =
     std::tuple(&InstallStep::kind, &InstallStep::cleanup, &InstallStep::identifier,
                &InstallStep::source, &InstallStep::target, &InstallStep::data);
@@ -34,14 +33,8 @@ class Writer {
   void put(InstallStep::Kind kind) { put(std::to_string(static_cast<int>(kind))); }
   // Absent is empty, present begins with "=".
   void put(const std::optional<std::string>& text) { put(text ? "=" + *text : std::string()); }
-  void put(const StagedMove& move) { putFields(move, kMoveFields); }
   void put(const AppRecord& record) { putFields(record, kRecordFields); }
-  void put(const InstallStep& step) {
-    Writer inner;
-    inner.putAll(step, kStepFields);
-    inner.put(step.moves);
-    put(inner.text_);
-  }
+  void put(const InstallStep& step) { putFields(step, kStepFields); }
   template <class Value>
   void put(const std::vector<Value>& list) {
     Writer inner;
@@ -107,15 +100,15 @@ class Reader {
     if (!text.empty()) value->emplace(text.substr(1));
     return true;
   }
-  bool take(StagedMove* move) {
-    std::string_view text;
-    return take(&text) && Reader(text).takeAll(move, kMoveFields);
-  }
   bool take(AppRecord* record) {
     std::string_view text;
     return take(&text) && Reader(text).takeAll(record, kRecordFields);
   }
-  bool take(InstallStep* step);
+  // Earlier versions added what removeStaging no longer needs: more fields are no damage.
+  bool take(InstallStep* step) {
+    std::string_view text;
+    return take(&text) && Reader(text).takeAll(step, kStepFields);
+  }
   template <class Value>
   bool take(std::vector<Value>* list) {
     std::string_view text;
@@ -138,26 +131,6 @@ class Reader {
 
   std::string_view rest_;
 };
-
-// An earlier version had no field for the moves and put their paths, as one list, into `data`.
-bool TakeMovesFromData(InstallStep* step) {
-  std::vector<std::string> paths;
-  if (step->kind != InstallStep::Kind::removeStaging) return true;
-  if (!DecodeList(step->data, &paths)) return false;
-  for (std::size_t i = 0; i + 1 < paths.size(); i += 2) {
-    step->moves.push_back({paths[i], paths[i + 1]});
-  }
-  step->data.clear();
-  return true;
-}
-
-bool Reader::take(InstallStep* step) {
-  std::string_view text;
-  if (!take(&text)) return false;
-  Reader inner(text);
-  if (!inner.takeAll(step, kStepFields)) return false;
-  return inner.atEnd() ? TakeMovesFromData(step) : inner.take(&step->moves);
-}
 
 }  // namespace
 

@@ -86,8 +86,9 @@ int Move::run() {
   // Between file systems rename does not look whether there is anything to move.
   if (!IsMissing(from_)) return number == EXDEV ? moveAcross() : number;
   if (!Exists(to_)) return ENOENT;
-  // An earlier call moved it, and may have been killed before it took the mark away.
+  // An earlier call moved it, and may have been killed while it cleaned up.
   removeMark();
+  RemoveRemainsOfMoves(files_, ParentOf(from_));
   return 0;
 }
 
@@ -156,8 +157,8 @@ int Move::retireDirectory() {
   }
   // Were the mark to go first, a power cut could bring the source back beside its copy.
   removeMark();
-  // The move is done whatever comes of this.
-  RemoveItem(files_, aside.remain);
+  // The move is done whatever comes of this. Earlier attempts may have left remains of their own.
+  RemoveRemainsOfMoves(files_, ParentOf(from_));
   return 0;
 }
 

@@ -19,7 +19,8 @@ namespace quorvel::onlinux {
 // instant `from` or `to` is whole, and a call repeated after a kill or a power cut completes the
 // move: with `from` gone and `to` there it succeeds; with both missing it fails with ENOENT.
 // Remains of the source that cannot be removed do not fail a move that is complete. Failures are
-// PosixErrorDomain records. Any thread may call, one at a time for each `to`.
+// PosixErrorDomain records. Any thread may call, one at a time for each directory that holds a
+// `from` or a `to`.
 bool MoveItem(FileSystem& files, const char* from, const char* to, Error* error);
 
 // Removes what interrupted moves left of their sources in the directory, as far as it can be.

@@ -157,7 +157,9 @@ int Move::retireDirectory() {
   }
   // Were the mark to go first, a power cut could bring the source back beside its copy.
   removeMark();
-  // The move is done whatever comes of this. Earlier attempts may have left remains of their own.
+  // The move is done whatever comes of this. The own remain is known also where it has no mark;
+  // earlier attempts may have left theirs.
+  RemoveItem(files_, aside.remain);
   RemoveRemainsOfMoves(files_, ParentOf(from_));
   return 0;
 }

@@ -137,17 +137,19 @@ void RavellePreview::tellLoss(const ForeseenTree::Removal& removal) {
   if (!loss.complete || loss.files != 0 || !loss.userDataItems.empty()) account_->lost(loss);
 }
 
+void RavellePreview::tellUnreadable(const Path& map, const Error& error) {
+  account_->problem({.step = Step::run,
+                     .reason = Reason::mapUnreadable,
+                     .path = map.string(),
+                     .error = error,
+                     .stops = false});
+}
+
 void RavellePreview::loadGroups() {
   const Path file = configuration_.oldInstallMapPath();
   Error error;
   const auto map = QVPlatform().propertyLists->readDictionary(file, &error);
-  if (!map && !error.is(PosixErrorDomain, ENOENT)) {
-    account_->problem({.step = Step::run,
-                       .reason = Reason::mapUnreadable,
-                       .path = file.string(),
-                       .error = error,
-                       .stops = false});
-  }
+  if (!map && !error.is(PosixErrorDomain, ENOENT)) tellUnreadable(file, error);
   const PlistValue* groups = map ? map->find(InstallMapGroupsKey) : nullptr;
   if (groups == nullptr || groups->dictionary() == nullptr) return;
   for (const PlistEntry& entry : *groups->dictionary()) groups_.emplace(entry.key, entry.value);
@@ -218,14 +220,7 @@ void RavellePreview::tellHarbors() {
   if (files_.itemDoesNotExistAtURL(file)) return;
   Error error;
   const auto map = QVPlatform().propertyLists->readDictionary(file, &error);
-  if (!map) {
-    account_->problem({.step = Step::run,
-                       .reason = Reason::mapUnreadable,
-                       .path = file.string(),
-                       .error = error,
-                       .stops = false});
-    return;
-  }
+  if (!map) return tellUnreadable(file, error);
   for (const PlistEntry& entry : *map) {
     MigratedDirectory told{.identifier = entry.key};
     const PlistDictionary* record = entry.value.dictionary();

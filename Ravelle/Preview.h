@@ -63,6 +63,7 @@ class RavellePreview final : public MigrationPreview {
   void tellLoss(const ForeseenTree::Removal& removal);
 
   std::set<std::string> groupsOf(const RecordFields& fields, const std::vector<Path>& package);
+  void tellUnreadable(const Path& map, const Error& error);
   void loadGroups();
   void moveGroup(const std::string& group);
   void moveGroupItems(MigratedDirectory& told);

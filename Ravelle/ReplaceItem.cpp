@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/DeviceNames.h"
+#include "platform/Path.h"
 #include "shared/support/Errors.h"
 
 namespace quorvel {
@@ -35,10 +36,9 @@ std::string RealLocationOf(const Path& item) {
   const FileSystemRepresentation bytes = item.fileSystemRepresentation();
   std::string text = bytes.c_str();
   while (text.size() > 1 && text.back() == '/') text.pop_back();
-  const std::size_t slash = text.rfind('/');
-  const std::string name = text.substr(slash + 1);
+  const std::string name = text.substr(text.rfind('/') + 1);
   if (name.empty() || name == "." || name == "..") return RealPathOf(text.c_str());
-  std::string parent = RealPathOf(text.substr(0, slash + 1).c_str());
+  std::string parent = RealPathOf(ParentOf(text).c_str());
   if (parent.empty()) return parent;
   return parent == "/" ? parent + name : parent + "/" + name;
 }

@@ -1,7 +1,6 @@
 // Confines the process by a change of root, through a user namespace where it must.
 #include "host/console/DeviceRoot.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/capability.h>
@@ -24,6 +23,7 @@
 #include "host/console/TerminalText.h"
 #include "platform/DeviceNames.h"
 #include "platform/Error.h"
+#include "platform/linux/files/DirectoryReader.h"
 
 namespace quorvel::host {
 
@@ -94,27 +94,20 @@ bool IsDeviceTree(int directory) {
   return UniqueDescriptor(static_cast<int>(home)) || errno == EACCES;
 }
 
-struct CloseDirectory {
-  void operator()(DIR* stream) const { ::closedir(stream); }
-};
-
 // The only directory below that is a device tree; one of several is nobody's guess.
 std::string TreeBelow(int directory, const std::string& path) {
-  UniqueDescriptor own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::unique_ptr<DIR, CloseDirectory> stream(own ? ::fdopendir(own.get()) : nullptr);
-  if (stream == nullptr) return {};
-  (void)own.release();
+  const UniqueDescriptor own(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!own) return {};
+  onlinux::DirectoryReader reader;
   std::string found;
   for (int looked = 0; looked < kEntriesLookedAt; ++looked) {
-    const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): own stream
+    const onlinux::DirectoryEntry* entry = reader.next(own.get());
     if (entry == nullptr) break;
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
     const UniqueDescriptor child(
-        ::openat(directory, entry->d_name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        ::openat(directory, entry->name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!child || !IsDeviceTree(child.get())) continue;
     if (!found.empty()) return {};
-    found = path + (path.ends_with('/') ? "" : "/") + name;
+    found = path + (path.ends_with('/') ? "" : "/") + entry->name;
   }
   return found;
 }

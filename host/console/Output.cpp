@@ -37,19 +37,18 @@ UniqueDescriptor OpenLogFile(const std::string& file, FatalError& error) {
   return log;
 }
 
-int WriteResult(std::string_view text, int code) {
+int WriteResult(std::string_view text, int code, const std::string& complaint) {
   const int failure = WriteWhole(STDOUT_FILENO, text);
   if (failure == 0) return code;
-  const std::string message = "migration-host: standard output: the result cannot be written: " +
-                              ErrnoDescription(failure) + "\n" +
+  const std::string message = complaint + ": " + ErrnoDescription(failure) + "\n" +
                               (code == ExitSucceeded ? "The command itself succeeded.\n"
                                                      : "The command itself failed, too.\n");
   (void)WriteWhole(STDERR_FILENO, message);
   return ExitFailed;
 }
 
-int ReportFatal(const FatalError& error, bool json) {
-  std::string text = "migration-host: " + error.problem + "\n";
+int ReportFatal(const FatalError& error, bool json, const std::string& program) {
+  std::string text = program + ": " + error.problem + "\n";
   if (!error.remedy.empty()) text += error.remedy + "\n";
   (void)WriteWhole(STDERR_FILENO, text);
   if (json) {

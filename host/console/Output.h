@@ -19,10 +19,12 @@ void PrepareStandardStreams();
 UniqueDescriptor OpenLogFile(const std::string& file, FatalError& error);
 
 // Writes a command's result to standard output. `code`, or ExitFailed with a message on standard
-// error when the result could not be written.
-int WriteResult(std::string_view text, int code);
+// error, which begins with `complaint`, when the result could not be written.
+int WriteResult(
+    std::string_view text, int code,
+    const std::string& complaint = "migration-host: standard output: the result cannot be written");
 
 // Tells the user, and with `json` the program that reads standard output. The error's exit code.
-int ReportFatal(const FatalError& error, bool json);
+int ReportFatal(const FatalError& error, bool json, const std::string& program = "migration-host");
 
 }  // namespace quorvel::host

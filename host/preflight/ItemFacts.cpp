@@ -1,7 +1,6 @@
 // Asks the kernel once an item: its statx record says nearly everything.
 #include "host/preflight/ItemFacts.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -10,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
 #include <string_view>
 
 #include "platform/Error.h"
@@ -56,10 +54,6 @@ std::string OwnerOrMode(const ItemFacts& item, const char* rights) {
 
 const Obstacle kFixedObstacle = {"it is immutable or append-only",
                                  "Take the flag from it: chattr -ia"};
-
-struct CloseDirectory {
-  void operator()(DIR* stream) const { ::closedir(stream); }
-};
 
 }  // namespace
 
@@ -107,20 +101,6 @@ std::optional<Obstacle> WhatSeals(int directory, const char* name, const ItemFac
   if (denied == 0) return std::nullopt;
   return Obstacle{"its entries may not be moved: " + ErrnoDescription(denied),
                   OwnerOrMode(item, "rwx")};
-}
-
-int NamesIn(int directory, std::vector<std::string>& names) {
-  UniqueDescriptor own(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
-  const std::unique_ptr<DIR, CloseDirectory> stream(own ? ::fdopendir(own.get()) : nullptr);
-  if (stream == nullptr) return errno;
-  (void)own.release();
-  for (;;) {
-    errno = 0;
-    const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): own stream
-    if (entry == nullptr) return errno;
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
-  }
 }
 
 }  // namespace quorvel::host

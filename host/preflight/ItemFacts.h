@@ -37,7 +37,4 @@ std::optional<Obstacle> WhatKeeps(int directory, const char* name, const ItemFac
 // Why entries of the directory cannot be listed, taken out or put in.
 std::optional<Obstacle> WhatSeals(int directory, const char* name, const ItemFacts& item);
 
-// The entries of a directory as bytes. 0, or the error number.
-int NamesIn(int directory, std::vector<std::string>& names);
-
 }  // namespace quorvel::host

@@ -12,6 +12,7 @@
 #include "platform/Error.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/Path.h"
+#include "platform/linux/files/DirectoryReader.h"
 
 namespace quorvel::host {
 
@@ -65,7 +66,7 @@ std::size_t MoveChecks::containers(const std::string& applications) {
   std::vector<std::string> names;
   const auto holder = directory ? FactsAt(directory.get(), "") : std::nullopt;
   // What keeps it from being listed is told where the directories that all depends on are.
-  if (!holder || NamesIn(directory.get(), names) != 0) return 0;
+  if (!holder || onlinux::NamesIn(directory.get(), names) != 0) return 0;
   for (const std::string& name : names) container(directory.get(), name, *holder);
   return names.size();
 }
@@ -84,7 +85,7 @@ void MoveChecks::container(int applications, const std::string& name, const Item
   if (kept) return complain(path, *kept, "");
   const UniqueDescriptor directory = OpenToLook(applications, name.c_str());
   std::vector<std::string> names;
-  const int failure = directory ? NamesIn(directory.get(), names) : errno;
+  const int failure = directory ? onlinux::NamesIn(directory.get(), names) : errno;
   if (failure != 0) {
     return complain(path, {"it cannot be listed: " + ErrnoDescription(failure), "Repair it"}, "");
   }
@@ -130,7 +131,7 @@ void MoveChecks::group(const std::string& path) {
   }
   const UniqueDescriptor directory = OpenToLook(AT_FDCWD, path.c_str());
   std::vector<std::string> names;
-  const int failure = directory ? NamesIn(directory.get(), names) : errno;
+  const int failure = directory ? onlinux::NamesIn(directory.get(), names) : errno;
   if (failure != 0) {
     return complain(path, {"it cannot be listed: " + ErrnoDescription(failure), "Repair it"}, "");
   }

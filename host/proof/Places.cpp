@@ -28,8 +28,7 @@ std::vector<std::string> NamesIn(const std::string& directory) {
   const UniqueDescriptor opened(
       ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened) return names;
-  onlinux::DirectoryReader reader;
-  while (const auto* entry = reader.next(opened.get())) names.emplace_back(entry->name);
+  (void)onlinux::NamesIn(opened.get(), names);
   return names;
 }
 

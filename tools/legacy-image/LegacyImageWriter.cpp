@@ -3,12 +3,14 @@
 
 #include <fcntl.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 
 #include "platform/Error.h"
+#include "platform/WriteWhole.h"
 
 namespace quorvel::tools {
 namespace {
@@ -71,17 +73,6 @@ void LegacyImageWriter::directory(const std::string& path, mode_t mode) {
   directories_.push_back({path, mode, nextTime()});
 }
 
-bool LegacyImageWriter::writeAt(int file, std::string_view bytes, std::uint64_t offset) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-    offset += static_cast<std::size_t>(count);
-  }
-  return true;
-}
-
 void LegacyImageWriter::file(const std::string& path, std::string_view bytes, mode_t mode) {
   makeParents(path);
   if (!problem_.empty()) return;
@@ -89,7 +80,7 @@ void LegacyImageWriter::file(const std::string& path, std::string_view bytes, mo
                                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   const timespec time = nextTime();
   const timespec both[] = {time, time};
-  const bool done = file && writeAt(file.get(), bytes, 0) && ::fchmod(file.get(), mode) == 0 &&
+  const bool done = file && WriteWhole(file.get(), bytes) == 0 && ::fchmod(file.get(), mode) == 0 &&
                     ::futimens(file.get(), both) == 0;
   if (!done) fail(path);
 }
@@ -100,7 +91,10 @@ void LegacyImageWriter::sparseFile(const std::string& path, std::uint64_t size,
   if (!problem_.empty()) return;
   const UniqueDescriptor file(::openat(directory_.get(), path.c_str(),
                                        O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file || !writeAt(file.get(), tail, size - tail.size())) fail(path);
+  const auto begin = static_cast<off_t>(size - tail.size());
+  const bool done =
+      file && ::lseek(file.get(), begin, SEEK_SET) == begin && WriteWhole(file.get(), tail) == 0;
+  if (!done) fail(path);
   if (problem_.empty()) setTime(path);
 }
 

@@ -47,7 +47,6 @@ class LegacyImageWriter {
 
   void makeParents(const std::string& path);
   void setTime(const std::string& path);
-  bool writeAt(int file, std::string_view bytes, std::uint64_t offset);
   bool fail(const std::string& path);
   timespec nextTime();
 

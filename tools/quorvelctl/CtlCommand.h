@@ -41,6 +41,12 @@ struct CommandEntry {
   std::unique_ptr<Command> (*declare)(CLI::App& parser);
 };
 
+// The usual `declare`, of a class that takes the parser.
+template <class T>
+std::unique_ptr<Command> Make(CLI::App& parser) {
+  return std::make_unique<T>(parser);
+}
+
 std::span<const CommandEntry> ConfigurationCommands();
 std::span<const CommandEntry> TreeCommands();
 std::span<const CommandEntry> ItemCommands();

@@ -225,11 +225,6 @@ class Flags final : public Command {
   std::string value_;
 };
 
-template <class T>
-std::unique_ptr<Command> Make(CLI::App& parser) {
-  return std::make_unique<T>(parser);
-}
-
 constexpr CommandEntry kCommands[] = {
     {"config", "Show the preferences in force, the paths, the lists and the blacklist",
      "quorvelctl config --json", Make<ShowConfiguration>},

@@ -213,11 +213,6 @@ class PropertyList final : public Command {
   std::string format_;
 };
 
-template <class T>
-std::unique_ptr<Command> Make(CLI::App& parser) {
-  return std::make_unique<T>(parser);
-}
-
 constexpr CommandEntry kCommands[] = {
     {"digest", "Print SHA-256 digests in the form of sha256sum",
      "printf abc > f && quorvelctl digest f", Make<Digest>},

@@ -194,11 +194,6 @@ class Attribute final : public Command {
   std::string value_;
 };
 
-template <class T>
-std::unique_ptr<Command> Make(CLI::App& parser) {
-  return std::make_unique<T>(parser);
-}
-
 constexpr CommandEntry kCommands[] = {
     {"resolve", "Show where a path really leads, if it stays inside a base directory",
      "mkdir -p d && quorvelctl resolve --base d d/new/file", Make<Resolve>},

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <optional>
 #include <vector>
@@ -187,14 +186,7 @@ int Session::finish(const Json& object, int code) {
 
 int Session::finishBytes(std::string_view bytes, int code) {
   errorLines_.flush();
-  const int failure = WriteWhole(STDOUT_FILENO, bytes);
-  if (failure == 0) return code;
-  (void)WriteWhole(STDERR_FILENO,
-                   "quorvelctl: " + options_.command +
-                       ": standard output: " + ErrnoDescription(failure) + "\n" +
-                       (code == ExitSucceeded ? "The command itself succeeded.\n"
-                                              : "The command itself failed, too.\n"));
-  return ExitFailed;
+  return host::WriteResult(bytes, code, "quorvelctl: " + options_.command + ": standard output");
 }
 
 int Session::succeed() {
@@ -233,12 +225,7 @@ int Session::failAsLogged(const std::string& otherwise) {
 }
 
 int Session::failFatally(const FatalError& error) {
-  Json object;
-  object["error"] = error.remedy.empty() ? error.problem : error.problem + ". " + error.remedy;
-  object["reason"] = error.reason.empty() ? host::ReasonOf(error.exitCode) : error.reason;
-  object["exitCode"] = error.exitCode;
-  return failWith(std::move(object), "quorvelctl: " + error.problem + "\n" +
-                                         (error.remedy.empty() ? "" : error.remedy + "\n"));
+  return host::ReportFatal(error, options_.json, "quorvelctl");
 }
 
 void Session::dropLineOf(const Error& error) {

@@ -216,11 +216,6 @@ class Standardize final : public Command {
   OwnershipStandard standard_;
 };
 
-template <class T>
-std::unique_ptr<Command> Make(CLI::App& parser) {
-  return std::make_unique<T>(parser);
-}
-
 std::unique_ptr<Command> MakeCopy(CLI::App& parser) {
   return std::make_unique<Carry>(parser, &QVFileManager::copyItemAtURL,
                                  &QVFileManager::copyItemIfExistsAtURL, true);

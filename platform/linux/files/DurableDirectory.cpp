@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "platform/Path.h"
 #include "platform/linux/files/PosixFailure.h"
 
 namespace quorvel::onlinux {
@@ -29,8 +30,8 @@ bool MakeDurableDirectory(FileSystem& fileSystem, const std::string& directory, 
       continue;
     }
     if (::chmod(part.c_str(), 0755) != 0) return SetError(error, PosixFailure(errno, part));
-    const std::string parent = part.substr(0, part.rfind('/'));
-    if (fileSystem.SyncDirectory(parent.empty() ? "/" : parent.c_str()) != 0) {
+    const std::string parent = ParentOf(part);
+    if (fileSystem.SyncDirectory(parent.c_str()) != 0) {
       return SetError(error, PosixFailure(errno, parent));
     }
   }

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <string_view>
 
+#include "platform/Path.h"
+
 namespace quorvel::onlinux {
 
 int OpenItemPath(const char* path, ItemPath* item) {
@@ -19,10 +21,8 @@ int OpenItemPath(const char* path, ItemPath* item) {
   const std::size_t slash = text.rfind('/');
   const std::string_view name = slash == std::string_view::npos ? text : text.substr(slash + 1);
   if (name == "." || name == "..") return EINVAL;
-  const std::string parent =
-      slash == std::string_view::npos ? "." : std::string(text.substr(0, slash + 1));
 
-  item->parent.reset(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  item->parent.reset(::open(ParentOf(text).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!item->parent) return errno;
   item->name = name;
   item->path = text;

@@ -16,14 +16,11 @@
 #include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/DirectoryReader.h"
 #include "platform/linux/registry/RegistryErrors.h"
 
 namespace quorvel::onlinux {
 namespace {
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
 
 // A directory, not a link to one; -1 with errno.
 UniqueDescriptor OpenDirectory(int parent, const char* name) {
@@ -38,24 +35,21 @@ const char* TypeOfExtension(std::string_view extension) {
   return extension == "vpnplugin" ? BundleTypeVPNPlugin : nullptr;
 }
 
-bool IsDirectoryEntry(int parent, const dirent& entry) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+bool IsDirectoryEntry(int parent, const DirectoryEntry& entry) {
+  if (entry.type != DT_UNKNOWN) return entry.type == DT_DIR;
   struct stat info {};
-  return ::fstatat(parent, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
+  return ::fstatat(parent, entry.name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
 }
 
 // The bundle directories in an open directory, sorted. False with errno.
-bool ListBundles(UniqueDescriptor directory, const Path& path, std::vector<Path>* bundles) {
-  const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(directory.get()));
-  if (stream == nullptr) return false;
-  const int descriptor = directory.release();
-  errno = 0;
-  while (const dirent* entry = ::readdir(stream.get())) {  // NOLINT(concurrency-mt-unsafe)
-    const Path child = path.childDirectory(StringFromFileSystemRepresentation(entry->d_name));
-    if (TypeOfExtension(child.pathExtension()) != nullptr && IsDirectoryEntry(descriptor, *entry)) {
+bool ListBundles(const UniqueDescriptor& directory, const Path& path, std::vector<Path>* bundles) {
+  DirectoryReader reader;
+  while (const DirectoryEntry* entry = reader.next(directory.get())) {
+    const Path child = path.childDirectory(StringFromFileSystemRepresentation(entry->name));
+    if (TypeOfExtension(child.pathExtension()) != nullptr &&
+        IsDirectoryEntry(directory.get(), *entry)) {
       bundles->push_back(child);
     }
-    errno = 0;
   }
   const bool listed = errno == 0;
   if (listed) std::sort(bundles->begin(), bundles->end());
@@ -141,7 +135,7 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
     return SaysAbsent(errno) || Fail(payload.string(), error);
   }
   std::vector<Path> paths;
-  if (!ListBundles(std::move(bundles), payload, &paths)) {
+  if (!ListBundles(bundles, payload, &paths)) {
     return Fail(payload.string(), error);
   }
   for (const Path& path : paths) {
@@ -170,7 +164,7 @@ const BuiltInApps::Map* BuiltInApps::all(Error* error) {
   UniqueDescriptor directory =
       OpenDirectory(AT_FDCWD, applications_.fileSystemRepresentation().c_str());
   std::vector<Path> paths;
-  if (directory ? !ListBundles(std::move(directory), applications_, &paths) : !SaysAbsent(errno)) {
+  if (directory ? !ListBundles(directory, applications_, &paths) : !SaysAbsent(errno)) {
     Fail(applications_.string(), error);
     return nullptr;
   }

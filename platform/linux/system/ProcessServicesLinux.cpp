@@ -4,10 +4,11 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string_view>
 #include <utility>
+
+#include "platform/WriteWhole.h"
 
 // "used" keeps it when nothing in the program reads it: its reader is another process.
 extern "C" {
@@ -17,19 +18,6 @@ extern "C" {
 }
 
 namespace quorvel::onlinux {
-namespace {
-
-void WriteToStandardError(const char* bytes, std::size_t length) {
-  while (length != 0) {
-    const ssize_t count = ::write(STDERR_FILENO, bytes, length);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return;
-    bytes += count;
-    length -= static_cast<std::size_t>(count);
-  }
-}
-
-}  // namespace
 
 SerialTaskQueue::SerialTaskQueue() : thread_([this] { run(); }) {}
 
@@ -67,9 +55,9 @@ void SerialTaskQueue::run() {
 void CrashReportMessageLinux::set(const char* text) {
   // The record first: it is complete even when standard error cannot be written.
   quorvel_crash_report_message.message.store(reinterpret_cast<std::uintptr_t>(text));
-  const std::size_t length = std::strlen(text);
-  WriteToStandardError(text, length);
-  if (length == 0 || text[length - 1] != '\n') WriteToStandardError("\n", 1);
+  const std::string_view line = text;
+  (void)WriteWhole(STDERR_FILENO, line);
+  if (!line.ends_with('\n')) (void)WriteWhole(STDERR_FILENO, "\n");
 }
 
 std::optional<std::string> CrashReportMessageLinux::currentThreadName() {

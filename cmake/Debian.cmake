@@ -35,14 +35,14 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME quorvel-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "app-installation service: shared code
- File operations, configuration, errors and logs of the app-installation
- service, and the services of the platform that they need, on Linux.")
+File operations, configuration, errors and logs of the app-installation
+service, and the services of the platform that they need, on Linux.")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "app-installation service: development files
- Headers, packages and document of the shared code of the app-installation
- service.")
+Headers, packages and document of the shared code of the app-installation
+service.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "app-installation service: migration and tools
- The migration host with its plug-in, the shared operations from a shell, and
- a maker of device trees in the legacy layout.")
+The migration host with its plug-in, the shared operations from a shell, and
+a maker of device trees in the legacy layout.")
 
 # Compressed as Debian has them, and only for its packages: others read them as they are.
 function(install_compressed source name destination component)

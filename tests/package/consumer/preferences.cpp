@@ -44,7 +44,9 @@ int main(int count, char** arguments) {
     // Without a pause, from the child's start to its end.
     while (::waitpid(child, &status, WNOHANG) == 0) {
       preferences.setValue(kOurs, PlistValue(++updates), QVPreferencesDomain, kScope);
-      if (!preferences.synchronize(QVPreferencesDomain, kScope)) return 1;
+      if (preferences.synchronize(QVPreferencesDomain, kScope)) continue;
+      std::fprintf(stderr, "update %ld was not stored\n", updates);
+      return 1;
     }
     const auto ours = preferences.copyValue(kOurs, QVPreferencesDomain, kScope);
     const auto theirs =

@@ -28,7 +28,7 @@ endfunction()
 file(GLOB headers RELATIVE ${QUORVEL_SOURCES} ${QUORVEL_SOURCES}/shared/*/*.h
   ${QUORVEL_SOURCES}/platform/*.h ${QUORVEL_SOURCES}/platform/linux/services/QVLinuxServices.h)
 # Tools of the tree's own sources.
-list(FILTER headers EXCLUDE REGEX "/(ConfigurationForRoot|MoveRemains|Services|UniqueDescriptor|WriteWhole)\\.h$")
+list(FILTER headers EXCLUDE REGEX "/(ConfigurationForRoot|MoveRemains|Services|Uninterrupted|UniqueDescriptor|WriteWhole)\\.h$")
 list(APPEND headers platform/Services.h)
 foreach(header ${headers})
   string(REGEX REPLACE "^shared/" "" target ${header})

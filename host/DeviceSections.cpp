@@ -11,6 +11,7 @@
 
 #include "host/FailureWords.h"
 #include "host/RegistryRecords.h"
+#include "host/proof/LeavingAccessTime.h"
 #include "platform/DeviceNames.h"
 #include "platform/FileSystemRepresentation.h"
 #include "platform/UniqueDescriptor.h"
@@ -27,8 +28,8 @@ using onlinux::ContainerKind;
 // The items of one directory, sorted by the bytes of their names; 0 or an errno value.
 int ItemsIn(const std::string& directory, std::vector<SectionItem>& items) {
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  UniqueDescriptor opened(::open(directory.c_str(), flags | O_NOATIME));
-  if (!opened && errno == EPERM) opened.reset(::open(directory.c_str(), flags));
+  const UniqueDescriptor opened = LeavingAccessTime(
+      flags, [&](int how) { return UniqueDescriptor(::open(directory.c_str(), how)); });
   if (!opened) return errno;
   onlinux::DirectoryReader reader;
   while (const auto* entry = reader.next(opened.get())) {

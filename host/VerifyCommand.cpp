@@ -16,6 +16,7 @@
 #include "host/console/TerminalText.h"
 #include "host/proof/Verification.h"
 #include "platform/FileSystemRepresentation.h"
+#include "platform/Uninterrupted.h"
 #include "platform/linux/system/Sha256Linux.h"
 
 namespace quorvel::host {
@@ -112,11 +113,8 @@ bool ReadResult(UniqueDescriptor file, ReportedLosses& losses) {
   char piece[64 * 1024];
   ssize_t count = 1;
   while (count > 0 && text.size() <= kMostOfResult) {
-    count = ::read(file.get(), piece, sizeof piece);
-    if (count < 0 && errno == EINTR)
-      count = 1;
-    else if (count > 0)
-      text.append(piece, static_cast<std::size_t>(count));
+    count = Uninterrupted([&] { return ::read(file.get(), piece, sizeof piece); });
+    if (count > 0) text.append(piece, static_cast<std::size_t>(count));
   }
   const Json result = Json::parse(text, nullptr, false);
   if (count != 0 || !result.is_object() || !result.contains("containers") ||

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "host/console/TerminalText.h"
+#include "host/proof/LeavingAccessTime.h"
 #include "platform/DeviceNames.h"
 #include "platform/Error.h"
 #include "platform/FileSystemRepresentation.h"
@@ -21,10 +22,8 @@ namespace {
 constexpr int kLookFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 UniqueDescriptor OpenToLook(int directory, const char* name) {
-  const int quiet = ::openat(directory, name, kLookFlags | O_NOATIME);
-  // Only an owner may ask for that.
-  return UniqueDescriptor(quiet >= 0 || errno != EPERM ? quiet
-                                                       : ::openat(directory, name, kLookFlags));
+  return LeavingAccessTime(
+      kLookFlags, [&](int flags) { return UniqueDescriptor(::openat(directory, name, flags)); });
 }
 
 bool IsBundle(const Path& name) {

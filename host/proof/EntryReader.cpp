@@ -12,7 +12,9 @@
 #include <cstring>
 #include <memory>
 
+#include "host/proof/LeavingAccessTime.h"
 #include "platform/Error.h"
+#include "platform/Uninterrupted.h"
 
 namespace quorvel::host {
 
@@ -130,8 +132,8 @@ class ItemReader {
 
   void readContents(ManifestEntry& entry, const struct stat& expected) {
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    UniqueDescriptor file(::open(name_, flags | O_NOATIME));
-    if (!file && errno == EPERM) file.reset(::open(name_, flags));
+    const UniqueDescriptor file =
+        LeavingAccessTime(flags, [this](int how) { return UniqueDescriptor(::open(name_, how)); });
     struct stat info {};
     if (!file || ::fstat(file.get(), &info) != 0) return complain(entry, errno);
     if (info.st_dev != expected.st_dev || info.st_ino != expected.st_ino) {
@@ -140,8 +142,7 @@ class ItemReader {
     const auto digest = digests_->start();
     std::uint64_t total = 0;
     for (;;) {
-      const ssize_t count = ::read(file.get(), buffer(), kPieceSize);
-      if (count < 0 && errno == EINTR) continue;
+      const ssize_t count = Uninterrupted([&] { return ::read(file.get(), buffer(), kPieceSize); });
       if (count < 0) return complain(entry, errno);
       if (count == 0) break;
       total += static_cast<std::uint64_t>(count);

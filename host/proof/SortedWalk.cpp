@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "host/proof/LeavingAccessTime.h"
+
 namespace quorvel::host {
 
 namespace {
@@ -83,9 +85,8 @@ bool SortedWalk::describe(int directory, const char* name, WalkedItem& item, int
 
 // Opened before it is delivered, so that its line can say when it cannot be.
 void SortedWalk::prepareDirectory(int directory, const char* name, WalkedItem& item) {
-  UniqueDescriptor opened = stack_.openAt(directory, name, kDirectoryFlags | O_NOATIME);
-  // Only an owner may ask for that.
-  if (!opened && errno == EPERM) opened = stack_.openAt(directory, name, kDirectoryFlags);
+  UniqueDescriptor opened = LeavingAccessTime(
+      kDirectoryFlags, [&](int flags) { return stack_.openAt(directory, name, flags); });
   struct stat info {};
   if (!opened || ::fstat(opened.get(), &info) != 0) {
     item.problem = errno;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "platform/Uninterrupted.h"
 #include "platform/UniqueDescriptor.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
@@ -35,10 +36,7 @@ class KeepErrno {
 };
 
 ssize_t ReadOnce(int descriptor, std::uint8_t* buffer, std::size_t size) {
-  while (true) {
-    const ssize_t count = ::read(descriptor, buffer, size);
-    if (count >= 0 || errno != EINTR) return count;
-  }
+  return Uninterrupted([&] { return ::read(descriptor, buffer, size); });
 }
 
 // The size to read up to, 0 for pipes and devices; -1 with errno set when there is none, or it is

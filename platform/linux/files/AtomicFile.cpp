@@ -16,6 +16,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Uninterrupted.h"
 #include "platform/WriteWhole.h"
 #include "platform/linux/files/HiddenName.h"
 #include "platform/linux/files/PosixFailure.h"
@@ -26,14 +27,6 @@ namespace {
 
 constexpr std::size_t kReadStep = 65'536;
 constexpr mode_t kNewFileMode = 0644;
-
-// Calls until no signal interrupts.
-template <class Call>
-auto Uninterrupted(Call call) {
-  auto result = call();
-  while (result < 0 && errno == EINTR) result = call();
-  return result;
-}
 
 // Locks are a courtesy between writers. A file system without them has one writer at most, or
 // bears the risk: only a lock that another holds counts as a refusal.

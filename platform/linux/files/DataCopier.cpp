@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/Uninterrupted.h"
+
 namespace quorvel::onlinux {
 namespace {
 
@@ -24,16 +26,12 @@ constexpr off_t kLeastData = 4096;
 
 // The bytes read from `offset` on, fewer than `length` only at the end of the file.
 ssize_t ReadAt(int input, char* buffer, std::size_t length, off_t offset) {
-  for (;;) {
-    const ssize_t count = ::pread(input, buffer, length, offset);
-    if (count >= 0 || errno != EINTR) return count;
-  }
+  return Uninterrupted([&] { return ::pread(input, buffer, length, offset); });
 }
 
 bool WriteAt(int output, const char* buffer, std::size_t length, off_t offset) {
   while (length > 0) {
-    const ssize_t count = ::pwrite(output, buffer, length, offset);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = Uninterrupted([&] { return ::pwrite(output, buffer, length, offset); });
     if (count < 0) return false;
     if (count == 0) {
       errno = EIO;
@@ -136,14 +134,11 @@ bool DataCopier::copyRange(int input, int output, off_t offset, off_t end, off_t
 ssize_t DataCopier::copyInKernel(int input, int output, off_t offset, std::size_t length) {
   loff_t from = offset;
   loff_t to = offset;
-  for (;;) {
-    const ssize_t count = ::copy_file_range(input, &from, output, &to, length, 0);
-    if (count >= 0) return count;
-    if (errno == EINTR) continue;
-    if (!MeansUnsupported(errno)) return -1;
-    mayCopyInKernel_ = false;
-    return 0;
-  }
+  const ssize_t count =
+      Uninterrupted([&] { return ::copy_file_range(input, &from, output, &to, length, 0); });
+  if (count >= 0 || !MeansUnsupported(errno)) return count;
+  mayCopyInKernel_ = false;
+  return 0;
 }
 
 ssize_t DataCopier::copyThroughBuffer(int input, int output, off_t offset, std::size_t length) {

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+#include "platform/Uninterrupted.h"
+
 namespace quorvel::onlinux {
 namespace {
 
@@ -23,10 +25,8 @@ bool DirectoryReader::fill(int descriptor) {
   if (seek_ && ::lseek(descriptor, position_, SEEK_SET) < 0) return false;
   seek_ = false;
   if (buffer_ == nullptr) buffer_ = std::make_unique_for_overwrite<char[]>(kBufferSize);
-  ssize_t count;
-  do {
-    count = ::getdents64(descriptor, buffer_.get(), kBufferSize);
-  } while (count < 0 && errno == EINTR);
+  ssize_t count =
+      Uninterrupted([&] { return ::getdents64(descriptor, buffer_.get(), kBufferSize); });
   // A directory that was removed meanwhile reads as ENOENT; it has no entries any more.
   if (count < 0 && errno == ENOENT) count = 0;
   if (count < 0) return false;

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Uninterrupted.h"
+
 namespace quorvel::onlinux {
 namespace {
 
@@ -46,10 +48,7 @@ int ReadLinkAt(int link, std::string* text) {
 }
 
 UniqueDescriptor OpenAt(int directory, const char* name, int flags) {
-  for (;;) {
-    UniqueDescriptor item(::openat(directory, name, flags));
-    if (item || errno != EINTR) return item;
-  }
+  return UniqueDescriptor(Uninterrupted([&] { return ::openat(directory, name, flags); }));
 }
 
 // Component by component: `flags` are for the last, which the walk opens when it is no link.

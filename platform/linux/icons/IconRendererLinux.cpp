@@ -4,11 +4,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <string>
 #include <string_view>
 
 #include "platform/DeviceNames.h"
+#include "platform/Uninterrupted.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/icons/IconScaler.h"
 #include "platform/linux/icons/PngCodec.h"
@@ -76,8 +76,8 @@ bool ReadExactly(int file, std::size_t size, std::vector<std::uint8_t>& bytes) {
   bytes.resize(size);
   std::size_t got = 0;
   while (got < size) {
-    const ssize_t count = ::read(file, bytes.data() + got, size - got);
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count =
+        Uninterrupted([&] { return ::read(file, bytes.data() + got, size - got); });
     if (count <= 0) return false;
     got += static_cast<std::size_t>(count);
   }

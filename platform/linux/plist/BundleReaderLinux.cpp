@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/DeviceNames.h"
+#include "platform/Uninterrupted.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/AtomicFile.h"
 #include "platform/linux/files/PosixFailure.h"
@@ -118,8 +119,7 @@ int FailureOfOpening(const char* name, int failure) {
 std::unique_ptr<PKBundle> BundleReaderLinux::open(const Path& directory, Error* error) {
   const FileSystemRepresentation name = directory.fileSystemRepresentation();
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-  UniqueDescriptor descriptor(::open(name.c_str(), flags));
-  while (!descriptor && errno == EINTR) descriptor.reset(::open(name.c_str(), flags));
+  UniqueDescriptor descriptor(Uninterrupted([&] { return ::open(name.c_str(), flags); }));
   if (!descriptor) {
     const int failure = FailureOfOpening(name.c_str(), errno);
     SetError(error, PosixFailure(failure, "Opening the bundle " + directory.string()));

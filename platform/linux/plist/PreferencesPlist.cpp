@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Uninterrupted.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/AtomicFile.h"
 #include "platform/linux/plist/PropertyList.h"
@@ -40,9 +41,7 @@ std::string FileNameOf(const std::string& domain) {
 }
 
 int OpenAt(int directory, const char* name, int flags, mode_t mode = 0) {
-  int result = ::openat(directory, name, flags, mode);
-  while (result < 0 && errno == EINTR) result = ::openat(directory, name, flags, mode);
-  return result;
+  return Uninterrupted([&] { return ::openat(directory, name, flags, mode); });
 }
 
 // Gives what was made in a directory to whom the directory belongs, and the mode that the umask may
@@ -89,7 +88,8 @@ UniqueDescriptor OpenOrCreateDirectory(const Path& directory) {
 UniqueDescriptor LockFor(int directory, const std::string& fileName) {
   const std::string name = "." + fileName + ".lock";
   UniqueDescriptor lock(OpenAt(directory, name.c_str(),
-                               O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode));
+                               O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                               kFileMode));
   if (!lock) return lock;
   struct stat info {};
   // Every user of the directory must be able to open it.
@@ -97,9 +97,7 @@ UniqueDescriptor LockFor(int directory, const std::string& fileName) {
       (info.st_mode & 07777U) != kFileMode && !GiveTo(directory, lock.get(), kFileMode)) {
     return UniqueDescriptor();
   }
-  int result = ::flock(lock.get(), LOCK_EX);
-  while (result != 0 && errno == EINTR) result = ::flock(lock.get(), LOCK_EX);
-  if (result != 0) lock.reset();
+  if (Uninterrupted([&] { return ::flock(lock.get(), LOCK_EX); }) != 0) lock.reset();
   return lock;
 }
 

@@ -4,18 +4,17 @@
 #include <sys/random.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+
+#include "platform/Uninterrupted.h"
 
 namespace quorvel::onlinux {
 
 std::string NewContainerName() {
   std::array<std::uint8_t, 16> bytes{};
   // Up to 256 bytes come whole or not at all.
-  while (::getrandom(bytes.data(), bytes.size(), 0) < 0) {
-    if (errno != EINTR) return {};
-  }
+  if (Uninterrupted([&] { return ::getrandom(bytes.data(), bytes.size(), 0); }) < 0) return {};
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);  // version 4: random
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);  // the standard variant
   std::string name;

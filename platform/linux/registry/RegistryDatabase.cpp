@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "platform/Uninterrupted.h"
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/files/PosixFailure.h"
 #include "platform/linux/registry/RegistryErrors.h"
@@ -93,8 +94,8 @@ bool RegistryDatabase::create(const std::string& directory, const char* name,
       ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!parent) return Fail(directory, error);
   // Only one process makes it; the lock goes with the descriptor, however the process ends.
-  while (::flock(parent.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) return Fail(directory, error);
+  if (Uninterrupted([&] { return ::flock(parent.get(), LOCK_EX); }) != 0) {
+    return Fail(directory, error);
   }
   struct stat info {};
   if (::fstatat(parent.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) return true;

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <optional>
 
+#include "platform/Uninterrupted.h"
+
 namespace quorvel::onlinux {
 namespace {
 
@@ -70,9 +72,9 @@ bool ReadWhole(int file, std::string& text) {
   while (true) {
     const std::size_t size = text.size();
     text.resize(size + step);
-    const ssize_t count = ::pread(file, text.data() + size, step, static_cast<off_t>(size));
+    const ssize_t count = Uninterrupted(
+        [&] { return ::pread(file, text.data() + size, step, static_cast<off_t>(size)); });
     text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return count == 0;
   }
 }

@@ -1,0 +1,16 @@
+// System calls that a signal may interrupt, made again.
+#pragma once
+
+#include <cerrno>
+
+namespace quorvel {
+
+// What the call answers once no signal interrupts it; errno is the call's. Any thread.
+template <class Call>
+auto Uninterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+}  // namespace quorvel

@@ -3,18 +3,14 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <span>
 #include <vector>
 
+#include "fuzz/Fuzzing.h"
 #include "platform/linux/plist/PropertyList.h"
 
 namespace quorvel::fuzzing {
-
-inline void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Whether the values are equal, but for dates, of which XML holds whole seconds.
 inline bool EqualButForDates(const PlistValue& a, const PlistValue& b) {

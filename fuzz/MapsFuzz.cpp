@@ -1,0 +1,163 @@
+// A marker, an install map and a harbor map of any content drive a whole migration of a small
+// device: nothing outside it changes, and no file of the user's goes without being told as lost.
+#include <set>
+
+#include "Ravelle/Ravelle.h"
+#include "fuzz/Fuzzing.h"
+#include "platform/linux/services/QVLinuxServices.h"
+#include "shared/configuration/ConfigurationForRoot.h"
+#include "shared/support/Platform.h"
+
+namespace quorvel::fuzzing {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kMobile = "/private/var/mobile";
+const std::string kLegacy = kMobile + "/Applications";
+
+const std::string kPaths[] = {"/",
+                              kMobile,
+                              kLegacy,
+                              kLegacy + "/A",
+                              kLegacy + "/A/A.app",
+                              kLegacy + "/A/Documents",
+                              kLegacy + "/A/T.vpnplugin",
+                              kLegacy + "/B",
+                              kLegacy + "/B/B.app",
+                              kMobile + "/Groups/g",
+                              kMobile + "/Groups",
+                              kMobile + "/Harbors/h",
+                              kMobile + "/Containers",
+                              kMobile + "/Containers/Data",
+                              "/private/var/quorveld",
+                              "/../canary",
+                              "../canary",
+                              "/link",
+                              "nowhere",
+                              ""};
+const char* const kSuffixes[] = {"", "", "", "/", "/..", "/.", "/Documents", "/A.app", "/x"};
+const char* const kIdentifiers[] = {
+    "com.example.a", "com.example.b", "com.example.a.t", "group.g", "", "..", "/"};
+const char* const kTypes[] = {"App", "VPNBundle", "app", ""};
+
+const std::string kUserFiles[] = {kLegacy + "/A/Documents/one",          kLegacy + "/A/Library/two",
+                                  kLegacy + "/B/Documents/three",        kMobile + "/Groups/g/four",
+                                  kMobile + "/Harbors/h/Documents/five", kMobile + "/Media/six"};
+
+std::string ContentOf(const std::string& userFile) { return "what the user wrote: " + userFile; }
+
+std::string Dictionary(const std::string& content) { return "<dict>" + content + "</dict>"; }
+std::string List(const std::string& content) {
+  return "<plist>" + Dictionary(content) + "</plist>";
+}
+
+// A path mostly of the device, under the key; now and then of a wrong kind, or none.
+std::string Entry(const std::string& key, Input& input, const std::string& usual) {
+  const std::size_t form = input.number(16);
+  if (form == 0) return {};
+  if (form == 1) return "<key>" + key + "</key><array/>";
+  const std::string text = form == 2 ? input.text() : form < 8 ? usual : input.oneOf(kPaths);
+  const std::string suffix = form < 8 ? std::string() : input.oneOf(kSuffixes);
+  return "<key>" + key + "</key><string>" + text + suffix + "</string>";
+}
+
+std::string Marker(Input& input) {
+  return List(Entry(RecordContainerPathKey, input, kLegacy + "/A") +
+              Entry(RecordBundlePathKey, input, kLegacy + "/A/A.app") +
+              Entry(RecordContainerTypeKey, input, input.oneOf(kTypes)) +
+              Entry(RecordBundleIdentifierKey, input, input.oneOf(kIdentifiers)) +
+              (input.number(2) == 0 ? "" : Entry(RecordSecondBundlePathKey, input, "")));
+}
+
+std::string Records(Input& input, const char* key, const std::string& usual) {
+  std::string records;
+  for (std::size_t left = input.number(4); left > 0; --left) {
+    const std::string identifier = input.number(2) == 0 ? "group.g" : input.oneOf(kIdentifiers);
+    records += "<key>" + identifier + "</key>" + Dictionary(Entry(key, input, usual));
+  }
+  return records;
+}
+
+// What the grammar says, any bytes instead, or nothing.
+void PutList(const std::string& file, Input& input, const std::string& fromGrammar) {
+  const std::size_t form = input.number(8);
+  if (form == 0) return;
+  Put(file, form == 1 ? input.text() : fromGrammar);
+}
+
+void PutBundle(const std::string& directory, const std::string& identifier) {
+  Put(directory + "/Info.plist",
+      List("<key>PKBundleIdentifier</key><string>" + identifier +
+           "</string><key>PKBundleVersion</key><string>1</string>"
+           "<key>PKApplicationGroups</key><array><string>group.g</string></array>"));
+}
+
+void MakeDevice(const std::string& root, Input& input) {
+  for (const std::string& file : kUserFiles) Put(root + file, ContentOf(file));
+  PutBundle(root + kLegacy + "/A/A.app", "com.example.a");
+  PutBundle(root + kLegacy + "/A/T.vpnplugin", "com.example.a.t");
+  PutBundle(root + kLegacy + "/B/B.app", "com.example.b");
+  fs::create_symlink("../canary", root + "/link");
+  fs::create_directories(root + "/tmp");
+  PutList(root + kLegacy + "/A/" + MigrationMarkerName, input, Marker(input));
+  PutList(root + kMobile + "/" + LegacyInstallMapPath, input,
+          List("<key>GroupContainers</key>" +
+               Dictionary(Records(input, InstallMapContainerKey, kMobile + "/Groups/g"))));
+  PutList(root + kMobile + "/Library/Quorvel/" + HarborMapName, input,
+          List(Records(input, HarborPathKey, kMobile + "/Harbors/h")));
+}
+
+class LossAccount final : public MigrationAccount {
+ public:
+  void lost(const MigrationLoss& loss) override { files += loss.complete ? loss.files : 1000; }
+  std::uint64_t files = 0;
+};
+
+void Migrate(const std::string& root, LossAccount& account) {
+  const auto services = QVLinuxServices::create(
+      Path::directory(root), {.digests = false, .processWillEnterRoot = true}, nullptr);
+  Require(services != nullptr);
+  PlatformServices set = services->set();
+  set.account = &account;
+  QVInstallPlatformServices(&set);
+  const Confinement confinement(root);
+  {
+    const auto configuration = ConfigurationForRoot::make(Path::directory("/"));
+    QVRavelle plugin(*configuration);
+    if (plugin.init() != nullptr) plugin.performMigration();
+  }
+  QVInstallPlatformServices(nullptr);
+}
+
+std::set<std::string> ContentsBelow(const std::string& root) {
+  std::set<std::string> contents;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    const bool small = entry.is_regular_file() && !entry.is_symlink() && entry.file_size() < 200;
+    if (small) contents.insert(Get(entry.path()));
+  }
+  return contents;
+}
+
+}  // namespace
+}  // namespace quorvel::fuzzing
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace quorvel;           // NOLINT
+  using namespace quorvel::fuzzing;  // NOLINT
+  Input input(data, size);
+  const std::string& scratch = Scratch::fresh();
+  const std::string root = scratch + "/device";
+  Put(scratch + "/canary/file", "canary");
+  MakeDevice(root, input);
+  LossAccount account;
+  Migrate(root, account);
+
+  Require(Get(scratch + "/canary/file") == "canary");
+  Require(ContentsBelow(scratch + "/canary").size() == 1);
+  const auto there = ContentsBelow(root);
+  std::uint64_t gone = 0;
+  for (const std::string& file : kUserFiles) gone += there.contains(ContentOf(file)) ? 0U : 1U;
+  Require(gone <= account.files);
+  return 0;
+}

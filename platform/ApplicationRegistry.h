@@ -66,7 +66,10 @@ class ApplicationWorkspace {
   // bundles in "Payload" and store-metadata items beside it; a placeholder package is the
   // bundle itself. True when the request is satisfied, also when an earlier one satisfied it: a
   // customer package without a bundle asks for nothing more where the identifier's full bundle is
-  // installed, nor does a placeholder's directory that an interrupted request took over. False with
+  // installed, nor does a placeholder's directory that an interrupted request took over. A customer
+  // package whose bundle was taken over before something failed (a disk that became full) is
+  // satisfied, too, after a report of the failure: the staging directory, with what could not be
+  // moved, stays until the registry is next asked about anything and can complete it. False with
   // an Error, and with a report to the callback (which may be empty), otherwise. Either way the app
   // is found afterwards as it was before or completely installed, also when the process is killed
   // in between. "ApplicationAlreadyInstalled" is reported when a newer copy is built in: the staged

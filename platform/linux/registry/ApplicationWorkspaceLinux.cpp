@@ -61,6 +61,9 @@ bool ApplicationWorkspaceLinux::installApplication(const Path& staging,
     return true;
   }
   if (progress) progress(RegistryReport(failure));
+  // What was taken is not given back, and a caller that is told of a failure may drop the package
+  // with the store metadata that is still in it.
+  if (!request.placeholder && core_.hasTakenOver(request.identifier, request.staging)) return true;
   return SetError(error, std::move(failure));
 }
 

@@ -124,6 +124,18 @@ bool InstallTransaction::run(InstallIntent intent,
   return false;
 }
 
+bool InstallTransaction::hasTakenOver(const std::string& identifier, const Path& staging) {
+  std::vector<InstallIntent> intents;
+  if (!mayHaveOpenIntents_ || !store_.openIntents(&intents)) return false;
+  return std::any_of(intents.begin(), intents.end(), [&](const InstallIntent& intent) {
+    return !intent.committed && !IsUntouched(intent, identifier) &&
+           std::any_of(intent.records.begin(), intent.records.end(), [&](const AppRecord& record) {
+             return record.identifier == identifier && !record.obsolete &&
+                    record.staging == staging.string();
+           });
+  });
+}
+
 bool InstallTransaction::finishOpenIntents(Error* error) {
   if (!mayHaveOpenIntents_) return true;
   std::vector<InstallIntent> intents;

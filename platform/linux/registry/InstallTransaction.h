@@ -56,6 +56,10 @@ class InstallTransaction {
   // the first failure. Costs nothing after a success until an intent is left open again.
   bool finishOpenIntents(Error* error);
 
+  // Whether an open intent has moved the bundle of the identifier out of this staging directory.
+  // False where that cannot be told.
+  bool hasTakenOver(const std::string& identifier, const Path& staging);
+
   // A barrier for a request that finds nothing left to do, or for the registry alone.
   bool flush(const AppRecord& record, const Path& staging, Error* error);
   bool flushStore(Error* error);

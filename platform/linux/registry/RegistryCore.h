@@ -82,6 +82,10 @@ class RegistryCore {
   // Gives a built-in app the containers it still lacks, and updates the record.
   bool giveContainers(const BundleDescription& builtIn, std::optional<AppRecord>* record,
                       Error* error);
+  // See InstallTransaction.h.
+  bool hasTakenOver(const std::string& identifier, const Path& staging) {
+    return transaction_.hasTakenOver(identifier, staging);
+  }
   // Brings what a request without changes rests on to stable storage (InstallTransaction.h).
   bool flush(const AppRecord& record, const Path& staging, Error* error) {
     return transaction_.flush(record, staging, error);

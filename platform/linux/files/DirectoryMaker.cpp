@@ -47,6 +47,21 @@ int EnterOrMake(UniqueDescriptor* directory, const std::string& name, mode_t mod
   return 0;
 }
 
+// Opens the deepest directory above the path's last component that is there, and takes its name off
+// *rest. `isLong`: the path is longer than one call takes, so only its first component will do.
+int OpenDeepest(std::string_view* rest, bool isLong, UniqueDescriptor* directory) {
+  std::string_view above = *rest;
+  do {
+    const std::size_t slash = isLong ? std::string_view::npos : above.rfind('/');
+    above = above.substr(0, slash == std::string_view::npos ? 0 : slash);
+    while (above.ends_with('/')) above.remove_suffix(1);
+    const char* start = rest->front() == '/' ? "/" : ".";
+    directory->reset(::open(above.empty() ? start : std::string(above).c_str(), kPin));
+  } while (!*directory && errno == ENOENT && !above.empty());
+  rest->remove_prefix(above.size());
+  return *directory ? 0 : errno;
+}
+
 }  // namespace
 
 int MakeDirectories(const char* path, mode_t mode, const ModeChanger& modes) {
@@ -61,8 +76,9 @@ int MakeDirectories(const char* path, mode_t mode, const ModeChanger& modes) {
   if (number == EEXIST) return Existing(AT_FDCWD, whole.c_str());
   if (number != ENOENT && number != ENAMETOOLONG) return number;
 
-  UniqueDescriptor directory(::open(rest.front() == '/' ? "/" : ".", kPin));
-  if (!directory) return errno;
+  UniqueDescriptor directory;
+  number = OpenDeepest(&rest, number == ENAMETOOLONG, &directory);
+  if (number != 0) return number;
   for (;;) {
     rest.remove_prefix(std::min(rest.find_first_not_of('/'), rest.size()));
     const std::size_t length = std::min(rest.find('/'), rest.size());

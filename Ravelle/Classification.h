@@ -17,6 +17,7 @@
 namespace quorvel {
 
 // A line of the host's log that is still to be written.
+// Kept apart from the log, since a preview decides the same way and writes nothing.
 struct PendingLine {
   const char* file;
   const char* function;

@@ -12,12 +12,15 @@ namespace quorvel {
 // The fields below, and any others that a marker held: those are kept and never read.
 using ContainerRecord = PlistDictionary;
 
+// The keys are those of the marker's file on disk: renaming one orphans every container that was
+// begun.
 inline constexpr const char* RecordContainerPathKey = "ContainerPath";
 inline constexpr const char* RecordBundlePathKey = "BundlePath";
 inline constexpr const char* RecordContainerTypeKey = "ContainerType";
 inline constexpr const char* RecordBundleIdentifierKey = "BundleIdentifier";
 inline constexpr const char* RecordSecondBundlePathKey = "SecondBundlePath";  // optional
 
+// The values of ContainerType; the registry's bundle types have the same words.
 inline constexpr const char* ContainerTypeApp = "App";
 inline constexpr const char* ContainerTypeVPNBundle = "VPNBundle";
 
@@ -33,6 +36,7 @@ struct RecordFields {
   bool isApp() const { return type == ContainerTypeApp; }
 };
 
+// Takes any dictionary; what is missing or of another kind comes out empty.
 inline RecordFields FieldsOf(const ContainerRecord& record) {
   const auto text = [&record](const char* key) {
     const std::string* value = record.findString(key);
@@ -49,6 +53,7 @@ inline RecordFields FieldsOf(const ContainerRecord& record) {
   return fields;
 }
 
+// The reverse, for a container that was looked at for the first time. Holds nothing else.
 inline ContainerRecord RecordOf(const RecordFields& fields) {
   ContainerRecord record;
   record.set(RecordContainerPathKey, fields.container.string());

@@ -67,6 +67,7 @@ class ForeseenTree::Count {
         leave(entry.path, false);
         break;
       case TreeWalkKind::unreadableDirectory:
+        // What is in it is not known, and it cannot go without being emptied.
         loss.complete = false;
         leave(entry.path, true);
         break;
@@ -122,6 +123,7 @@ class ForeseenTree::Count {
 
 std::optional<Path> ForeseenTree::now(const Path& path) const {
   const std::string& text = path.string();
+  // From the item up: the nearest change above it decides where it is.
   for (std::size_t end = text.size(); end > 0 && end != std::string::npos;
        end = text.rfind('/', end - 1)) {
     const std::string above = text.substr(0, end);
@@ -145,6 +147,7 @@ bool ForeseenTree::isDirectory(const Path& path) const {
 }
 
 std::optional<std::vector<std::string>> ForeseenTree::names(const Path& directory) const {
+  // What lies there now and would still, then what would have come.
   std::set<std::string> found;
   if (const auto at = now(directory)) {
     Error error;
@@ -173,6 +176,7 @@ int ForeseenTree::whyNotPutInto(const Path& directory) const {
 
 int ForeseenTree::whyNotMade(const Path& directory) const {
   if (exists(directory)) return isDirectory(directory) ? 0 : ENOTDIR;
+  // Missing parents are made in the deepest directory that would be there.
   Path above = ParentOf(directory);
   while (!exists(above) && above.string() != "/") above = ParentOf(above);
   return isDirectory(above) ? whyNotPutInto(above) : ENOTDIR;
@@ -188,6 +192,7 @@ int ForeseenTree::whyNotMoved(const Path& from, const Path& to) const {
     if (const int failure = whyNotPutInto(parent)) return failure;
   }
   if (!exists(to)) return 0;
+  // rename replaces an empty directory by a directory, and nothing else here.
   const auto inTheWay = isDirectory(to) ? names(to) : std::vector<std::string>();
   if (isDirectory(to) != isDirectory(from)) return isDirectory(to) ? EISDIR : ENOTDIR;
   return inTheWay && inTheWay->empty() ? 0 : ENOTEMPTY;
@@ -234,6 +239,7 @@ ForeseenTree::Removal ForeseenTree::removal(const Path& item) const {
   const auto at = now(item);
   struct stat info {};
   if (!at || !Look(*at, info)) return removal;
+  // The item goes from its directory, its entries from itself: two different rights.
   const bool isFree = WhyNotChanged(ParentOf(*at).fileSystemRepresentation().c_str()) == 0;
   if (!S_ISDIR(info.st_mode)) {
     removal.whole = count(*at, item, isFree, removal);
@@ -246,6 +252,7 @@ ForeseenTree::Removal ForeseenTree::removal(const Path& item) const {
   std::set<std::string, std::less<>> went;
   for (const std::string& name : listed.value_or(std::vector<std::string>())) {
     const Path child = item.child(name);
+    // What was placed here is counted below, where it is now.
     if (placed_.contains(child.string()) || !exists(child)) continue;
     const bool goes = count(*now(child), child, changeable, removal);
     removal.whole = removal.whole && goes;
@@ -268,6 +275,7 @@ void ForeseenTree::move(const Path& from, const Path& to) {
   if (!source || from.string() == to.string() || !Look(*source, info)) return;
   remove(from);
   remove(to);
+  // In this order: a removal of what was at `to` must not hide what comes there.
   gone_.erase(to.string());
   placed_[to.string()] = source->string();
 }

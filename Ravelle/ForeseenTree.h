@@ -45,13 +45,18 @@ class ForeseenTree {
   void remove(const Path& item, const Removal& removal);
 
  private:
+  // Adds up what one removal would take with it.
   class Count;
 
+  // Whether the process may make entries in the directory. 0 or an error number.
   int whyNotPutInto(const Path& directory) const;
+  // Adds to `removal` what would go of `item`, which would be at `at` by then; whether all would.
   bool count(const Path& item, const Path& at, bool changeable, Removal& removal) const;
+  // Whether anything below was moved or removed: otherwise paths need no look-up each.
   bool hasChangesBelow(const std::string& path) const;
 
   std::map<std::string, std::string> placed_;  // where something would be, to where it is now
+  // Paths that nothing would be at. What is below one is gone with it, unless it was placed.
   std::set<std::string> gone_;
 };
 

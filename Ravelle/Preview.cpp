@@ -78,6 +78,7 @@ std::deque<RavellePreview::WorkItem> RavellePreview::classify(const std::vector<
     } else {
       found = ClassifyLegacyContainer(files_, items[index]);
     }
+    // What would be removed is removed at once, as in the migration, so that later entries see it.
     lookAt({index, items[index], std::move(found)}, workList);
   }
   return workList;
@@ -119,6 +120,7 @@ void RavellePreview::follow(const WorkItem& item) {
   account_->containerBegan(item.index, item.entry.string());
   const bool migrated = migrates(fields);
   const bool stays = tree_.exists(item.entry);
+  // The marker named another container, which went in the place of this one.
   if (migrated && stays && item.entry.string() != fields.container.string()) {
     stop(Step::removal, Reason::foreignMarker, fields.container);
   }
@@ -156,6 +158,7 @@ void RavellePreview::loadGroups() {
 }
 
 void RavellePreview::moveGroup(const std::string& group) {
+  // Claimed even if nothing can be moved: it is then told here and not as unclaimed.
   claimedGroups_.insert(group);
   const auto entry = groups_.find(group);
   if (entry == groups_.end()) return;
@@ -168,6 +171,7 @@ void RavellePreview::moveGroup(const std::string& group) {
     told.reason = Reason::notThere;
     if (tree_.exists(Path(told.path))) moveGroupItems(told);
   }
+  // A group that several apps share is moved once.
   if (told.outcome == MigrationOutcome::migrated) groups_.erase(entry);
   account_->groupEnded(told);
   const bool isLeft = told.reason == Reason::notMoved || told.reason == Reason::notRemoved;
@@ -185,6 +189,7 @@ void RavellePreview::moveGroupItems(MigratedDirectory& told) {
   const Path destination = configuration_.mobileHomePath().childDirectory(ContainersPath);
   for (const std::string& name : *items) {
     const Path item = directory.child(name);
+    // What a killed move left is cleaned up by the next one, not carried.
     if (QVFileManager::isRemainOfMove(item)) continue;
     if (tree_.whyNotMoved(item, destination.childDirectory(told.identifier).child(name)) != 0) {
       return;
@@ -240,6 +245,7 @@ void RavellePreview::tellHarbors() {
 }
 
 void RavellePreview::tellLinks(const Path& legacy) {
+  // Links are no containers: they stay, and nobody else would mention them.
   const auto all = files_.urlsForItemsInDirectoryAtURL(legacy, false);
   for (const Path& entry : all.value_or(std::vector<Path>())) {
     struct stat info {};

@@ -25,40 +25,55 @@ class RavellePreview final : public MigrationPreview {
  public:
   explicit RavellePreview(
       const QVGlobalConfiguration& configuration = QVGlobalConfiguration::sharedInstance());
+  // Tells the account everything in the order in which a migration would. False with the Error when
+  // the legacy directory cannot be listed. May be called again; one thread.
   bool preview(MigrationAccount& account, Error* error) override;
 
  private:
+  // A container that is to be migrated, with its place in the order of the listing.
   struct WorkItem {
     std::size_t index;
     Path entry;
     Classification found;
   };
+  // How one container's steps would end; `keptBack` when items would be missed.
   enum class Outcome { migrated, notInstalled, keptBack };
 
+  // First pass: every entry is looked at, and what needs no steps ends at once.
   std::deque<WorkItem> classify(const std::vector<Path>& items);
   void lookAt(WorkItem item, std::deque<WorkItem>& workList);
   void endRemoved(const Path& entry);
+  // Second pass: the steps of one container, on the tree as earlier ones would leave it.
   void follow(const WorkItem& item);
 
   // The steps of one container, each false or absent when it would stop there.
   bool migrates(const RecordFields& fields);
+  // Whether the registry would know the app and have a data container for it.
   bool registers(const RecordFields& fields);
   bool takesPlaceholder(const RecordFields& fields);
+  // Whether each item of user data could be moved to its container.
   bool movesData(const RecordFields& fields);
   bool movesDataItem(const Path& source, const Path& destination);
   Outcome installsAndChecks(const RecordFields& fields);
+  // Whether the bundles could be put into the staging directory.
   bool stages(const RecordFields& fields);
   bool stagesBundle(const Path& bundle, const Path& payload);
+  // Whether the registry would take what is staged.
   bool installs(const RecordFields& fields);
   bool takes(const RecordFields& fields, const std::vector<Path>& package);
   void installPackage(const RecordFields& fields, const std::vector<Path>& package);
+  // Store metadata follows its bundle; the emptied staging directory goes.
   void takeMetadata(const RecordFields& fields, const Path& container);
   bool isOfAnotherKind(const std::string& identifier, const Path& bundle);
+  // Whether something would be left in the container that no step moves.
   bool missesItems(const RecordFields& fields);
+  // The container would go: what is lost with it, and what would keep it.
   void removes(const RecordFields& fields, bool isPlaceholder, Outcome outcome);
 
   std::vector<Path> packageOf(const RecordFields& fields) const;
+  // Where the bundle can be read now; absent when its dictionary would be gone by then.
   std::optional<Path> infoOf(const Path& bundle) const;
+  // Tells the problem. False, so that a step can end with it.
   bool stop(MigrationStep step, MigrationReason reason, const Path& path, Error error = {});
   void tellLoss(const ForeseenTree::Removal& removal);
 
@@ -67,6 +82,7 @@ class RavellePreview final : public MigrationPreview {
   void loadGroups();
   void moveGroup(const std::string& group);
   void moveGroupItems(MigratedDirectory& told);
+  // After all containers: groups that no migrated app asked for stay behind.
   void tellUnclaimedGroups();
   void tellHarbors();
   void tellLinks(const Path& legacy);

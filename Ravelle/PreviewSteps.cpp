@@ -48,11 +48,13 @@ bool RavellePreview::migrates(const RecordFields& fields) {
 
 // Whether the registry knows the app, or would take a placeholder for it.
 bool RavellePreview::registers(const RecordFields& fields) {
+  // Another container of the same app came first.
   if (installed_.contains(fields.identifier)) return true;
   const auto& workspace = QVPlatform().workspace;
   if (fields.isApp() && !workspace->applicationIsInstalled(fields.identifier)) {
     return takesPlaceholder(fields);
   }
+  // A VPN plug-in gets no placeholder: somebody must have recorded it.
   const auto proxy = workspace->bundleProxyForIdentifier(fields.identifier);
   if (proxy && proxy->dataContainerPath) return true;
   return stop(Step::placeholder, proxy ? Reason::noDataContainer : Reason::noRecord, {});
@@ -172,6 +174,7 @@ bool RavellePreview::installs(const RecordFields& fields) {
     return true;
   }
   const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
+  // A built-in app has no container to put metadata into, and satisfies no request.
   const bool isBuiltIn = proxy && !proxy->bundleContainerPath;
   const bool isOld = proxy && proxy->foundBackingBundle && !proxy->isPlaceholder && !isBuiltIn;
   const bool isNew = installedWhole_.contains(fields.identifier);
@@ -204,6 +207,7 @@ bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& 
       return stop(Step::install, Reason::installRefused, StagingOf(fields), error);
     }
   }
+  // Only now: of a package that is refused nothing is installed.
   for (const auto& [identifier, extension] : seen) installedWhole_.insert(identifier);
   installed_.merge(seen);
   return true;
@@ -213,6 +217,7 @@ bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& 
 void RavellePreview::installPackage(const RecordFields& fields, const std::vector<Path>& package) {
   for (const Path& bundle : package) tree_.remove(bundle);
   const Path container = NewBundle(configuration_, fields);
+  // An earlier bundle of the app is replaced.
   tree_.remove(container);
   takeMetadata(fields, container);
 }
@@ -225,6 +230,7 @@ void RavellePreview::takeMetadata(const RecordFields& fields, const Path& contai
     }
   }
   const auto payload = tree_.names(PayloadOf(fields));
+  // What the registry did not take stays, and the container with it.
   if (!payload || !payload->empty()) return;
   tree_.remove(PayloadOf(fields));
   const auto staging = tree_.names(StagingOf(fields));
@@ -248,6 +254,7 @@ std::set<std::string> RavellePreview::groupsOf(const RecordFields& fields,
     const auto opened = QVPlatform().bundles->open(*tree_.now(bundle));
     const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
     const std::string* identifier = opened ? opened->identifier() : nullptr;
+    // Plug-ins beside the app name groups of their own, which are not moved.
     if (info == nullptr || identifier == nullptr || *identifier != fields.identifier) continue;
     const PlistValue* groups = info->find(PKApplicationGroupsKey);
     if (groups == nullptr || groups->array() == nullptr) return claimed;

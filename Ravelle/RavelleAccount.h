@@ -13,6 +13,7 @@
 namespace quorvel {
 
 // The host's account, or one that nobody reads.
+// Never null, so that no step has to ask; the same object on every call of a run.
 inline MigrationAccount& Account() {
   static MigrationAccount unread;
   MigrationAccount* account = QVPlatform().account;
@@ -32,6 +33,7 @@ inline void TellNote(MigrationStep step, MigrationReason reason, const Path& pat
       {.step = step, .reason = reason, .path = path.string(), .error = error, .stops = false});
 }
 
+// What was decided, and every problem that it rests on.
 void TellClassification(const Classification& found, MigrationAccount& account);
 
 // What would go with the item, except for its marker and what lies at or below `except`. A tree

@@ -45,6 +45,7 @@ Json LossAsJson(const std::optional<MigrationLoss>& loss) {
 }
 
 Json ContainerAsJson(const ContainerResult& container) {
+  // "step", "reason" and "detail" are the stop's; what did not stop it comes as notes.
   const MigrationProblem* stop = container.stoppedAt();
   Json object;
   object["path"] = container.path;
@@ -119,6 +120,7 @@ class AccountText {
   std::string text() {
     measure();
     for (const auto& [outcome, color] : ByWeight) {
+      // With --quiet only what is left to do.
       const bool isFailure =
           outcome == MigrationOutcome::failed || outcome == MigrationOutcome::left;
       if (isFailure || !view_.onlyFailures) section(outcome, color);
@@ -136,6 +138,7 @@ class AccountText {
   }
 
  private:
+  // The widest identifier that will be shown, so that names stand in a column.
   void measure() {
     for (const ContainerResult& container : account_.containers()) {
       if (WentWell(container) && !view_.all) continue;
@@ -152,6 +155,7 @@ class AccountText {
 
   // Each cause once, with its containers.
   void section(MigrationOutcome outcome, const char* color) {
+    // Sorted by the words, so that runs can be compared.
     std::map<std::string, std::vector<const ContainerResult*>> byCause;
     for (const ContainerResult& container : account_.containers()) {
       if (container.outcome != outcome || (WentWell(container) && !view_.all)) continue;
@@ -176,6 +180,7 @@ class AccountText {
     const std::string name = Printable(Path(container.path).lastPathComponent());
     // Where a line does not hold both, each has its own.
     if (view_.columns != 0 && columns_ + DisplayWidth(name) + 4 >= view_.columns) {
+      // Two blanks, and a margin; never less than a few columns, whatever the terminal says.
       const std::size_t room = std::max<std::size_t>(view_.columns, 12) - 5;
       out_ += "  " + CutEnd(app, room) + "\n    " + CutEnd(name, room) + "\n";
     } else {
@@ -184,6 +189,7 @@ class AccountText {
     const MigrationProblem* stop = container.stoppedAt();
     if (stop != nullptr) reasons(*stop, container);
     if (container.loss) detail(LossInWords(*container.loss));
+    // The one case in which a failed container is not where it was.
     if (!WentWell(container) && !container.stays && !container.dataContainer.empty()) {
       detail("the container is gone; its data is in " + Printable(container.dataContainer));
     }
@@ -201,6 +207,7 @@ class AccountText {
     if (!items.empty()) detail(items);
     if (stop.error) {
       detail(Printable(DetailOf(stop.error)));
+      // Without an error record the path says what it was about.
     } else if (stop.path != container.path && !stop.path.empty()) {
       detail(Printable(stop.path));
     }
@@ -263,6 +270,7 @@ Json CountsAsJson(const RunAccount& account) {
 std::size_t InstalledApps(const onlinux::RegistrySnapshot& registry) {
   return static_cast<std::size_t>(std::count_if(
       registry.bundles.begin(), registry.bundles.end(), [](const BundleProxy& bundle) {
+        // Built-in apps have no bundle container.
         return bundle.foundBackingBundle && !bundle.isPlaceholder && bundle.bundleContainerPath;
       }));
 }

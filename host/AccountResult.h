@@ -20,6 +20,7 @@ Json CountsAsJson(const RunAccount& account);
 // How many apps the registry has as a whole, those that come with the system left out.
 std::size_t InstalledApps(const onlinux::RegistrySnapshot& registry);
 
+// How an account is to be shown.
 struct AccountView {
   Terminal terminal{};
   bool all = false;  // what went well, too, and every row of a long list

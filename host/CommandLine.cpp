@@ -27,6 +27,7 @@ std::string NotEmpty(const std::string& value) {
   return value.empty() ? "the value is empty" : std::string();
 }
 
+// It becomes a registry key, log text and part of file names: what cannot be shown is not taken.
 std::string GoodIdentifier(const std::string& value) {
   if (value.empty()) return "the identifier is empty";
   if (StringFromFileSystemRepresentation(value) != value || Printable(value) != value) {
@@ -48,6 +49,7 @@ std::string KnownProgressMode(const std::string& value) {
   return value + " is none of auto, always and never";
 }
 
+// Every command works in one tree, which is never guessed.
 void AddRoot(CLI::App& command, Options& options) {
   command.add_option("--root", options.root, "The device tree to work in")
       ->required()
@@ -74,6 +76,7 @@ std::string KnownRefusal(const std::string& name) {
   return Printable(name) + " is no finding that refuses a run" + Suggestion(name, names);
 }
 
+// One name an option: a list would swallow the words after it.
 void AddForcePreflight(CLI::App& command, Options& options) {
   command
       .add_option("--force-preflight", options.forcedFindings,
@@ -209,6 +212,7 @@ void AddRegister(CLI::App& parser, Options& options) {
       "com.example.tunnel");
 }
 
+// By hand, since parsing has failed: a program that asked for JSON gets its complaint as JSON.
 bool AsksForJson(int argc, const char* const* argv) {
   return std::any_of(argv, argv + argc,
                      [](const char* argument) { return std::string_view(argument) == "--json"; });
@@ -231,14 +235,18 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddRehearse(parser, options);
 
   ParsedCommandLine parsed;
+  // Before parsing, which stops at the first thing that it does not like and has worse words for
+  // it.
   const std::string complaint = UsageComplaint(parser, argc, argv);
   try {
     parser.parse(argc, argv);
+    // A reader could not tell where the events end and the result begins.
     if (options.events == "-" && options.json) {
       throw CLI::ValidationError("--events - and --json both want standard output", ExitUsage);
     }
     parsed.options = std::move(options);
   } catch (const CLI::CallForHelp&) {
+    // Help after a command's name is that command's.
     const auto chosen = parser.get_subcommands();
     parsed.text = chosen.empty() ? parser.help() : chosen.front()->help(parser.get_name());
     if (!parsed.text.ends_with('\n')) parsed.text += '\n';

@@ -8,9 +8,11 @@
 namespace quorvel::host {
 
 enum class Command { migrate, inspect, registry, registerIdentifier, snapshot, verify, rehearse };
+// Automatic: when standard error is a terminal.
 enum class ProgressMode { automatic, always, never };
 
 // A command with its arguments. Paths are the bytes that the user gave.
+// Members that a command does not have keep their defaults.
 struct Options {
   Command command = Command::inspect;
   std::string root;

@@ -6,10 +6,14 @@
 
 namespace quorvel::host {
 
+// The run itself: refuses first what preflight finds, then migrates and reports.
 int RunMigrate(const Options& options);
+// What a migration would do, without changing anything.
 int RunInspect(const Options& options);
+// What the registry holds, and one record more in it.
 int RunRegistry(const Options& options);
 int RunRegister(const Options& options);
+// Proof of a migration: a list before, a comparison after, and both around one in a view.
 int RunSnapshot(const Options& options);
 int RunVerify(const Options& options);
 int RunRehearse(const Options& options);

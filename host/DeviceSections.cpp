@@ -35,6 +35,7 @@ int ItemsIn(const std::string& directory, std::vector<SectionItem>& items) {
   while (const auto* entry = reader.next(opened.get())) {
     SectionItem item;
     item.name = entry->name;
+    // What vanished meanwhile keeps an identity of zeros, which matches nothing.
     struct stat info {};
     if (::fstatat(opened.get(), entry->name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
       item.identity = {info.st_dev, info.st_ino};
@@ -110,6 +111,7 @@ class Describer {
     const Path container = Path::directory(section.path);
     for (const SectionItem& item : section.items) bundle(section, container, "", item.name);
     const std::string payload = std::string(StagingName) + "/" + PayloadName;
+    // A run that was killed left bundles there: they belong to the container as well.
     std::vector<SectionItem> staged;
     (void)ItemsIn(container.child(payload).fileSystemRepresentation().c_str(), staged);
     for (const SectionItem& item : staged) {
@@ -147,12 +149,14 @@ class Describer {
     for (const PlistEntry& entry : *map) {
       const PlistDictionary* fields = entry.value.dictionary();
       const std::string* path = fields != nullptr ? fields->findString(pathKey) : nullptr;
+      // A relative path leads nowhere on a device.
       if (path == nullptr || !path->starts_with('/')) continue;
       add({kind, Path::directory(*path).string(), entry.key});
     }
   }
 
   void currentContainers() {
+    // The registry names containers by app, a listing by path.
     std::map<std::string, std::string> identifiers;  // by path
     const auto note = [&](const std::optional<Path>& path, const std::string& identifier) {
       if (path) identifiers[path->string()] = identifier;
@@ -163,6 +167,7 @@ class Describer {
       if (!bundle.groupContainerPaths) continue;
       for (const auto& [group, path] : *bundle.groupContainerPaths) note(path, group);
     }
+    // The process is in the tree: paths begin at its root.
     const onlinux::DeviceLayout layout("");
     for (const auto& [kind, sectionKind] :
          {std::pair(ContainerKind::bundle, SectionKind::bundle),
@@ -180,6 +185,7 @@ class Describer {
   }
 
   ManifestSection& add(ManifestSection section) {
+    // A stray has no items: it is one.
     if (section.kind != SectionKind::stray) {
       const std::string bytes = BytesOfFileSystemRepresentation(section.path);
       const int failure = ItemsIn(bytes, section.items);

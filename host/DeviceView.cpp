@@ -58,6 +58,7 @@ std::string MountBelow(const std::string& directory) {
   return {};
 }
 
+// Markers and placeholders carry attributes: a view that loses them would rehearse something else.
 bool HoldsAttributes(const std::string& directory) {
   const std::string name = directory + "/probe";
   const bool holds =
@@ -75,6 +76,7 @@ bool MakeUpper(const DeviceRoot& root) {
       ::fstat(root.descriptor(), &info) != 0) {
     return false;
   }
+  // Refused in a user namespace where the owner has no number; the mode alone does then.
   (void)::chown("upper", info.st_uid, info.st_gid);
   return ::chmod("upper", info.st_mode & 07777U) == 0;
 }
@@ -87,6 +89,7 @@ bool CopyTree(const std::string& tree, const char* copy) {
   if (::mkdir(source, 0700) != 0 || ::mount(tree.c_str(), source, nullptr, MS_BIND, nullptr) != 0) {
     return false;
   }
+  // A bind mount takes its flags only when it is mounted anew.
   constexpr unsigned long readOnly = MS_REMOUNT | MS_BIND | MS_RDONLY | MS_NOSUID | MS_NODEV;
   (void)::mount(nullptr, source, nullptr, readOnly, nullptr);
   onlinux::FileSystemLinux files;
@@ -164,6 +167,7 @@ bool DeviceView::chooseDirectory(const std::string& upper, bool keep, FatalError
     return Fail(error, ExitRootUnusable, Printable(place) + ": " + ErrnoDescription(number),
                 "Name a directory that you may write to with --upper");
   }
+  // Its real path: the process changes to it and the tree's path will lead elsewhere.
   const UniqueDescriptor made(::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   directory_ = PathOf(made.get());
   if (HoldsAttributes(directory_)) return true;
@@ -177,6 +181,7 @@ bool DeviceView::mountMemory() {
   if (!MakeTemporary(point)) return false;
   if (::mount("rehearsal", point.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700") == 0) {
     // Older kernels keep no attributes of users there.
+    // tmpfs has them since 6.6.
     if (HoldsAttributes(point)) {
       directory_ = point;
       isMemory_ = true;
@@ -195,6 +200,9 @@ bool DeviceView::mountView(const DeviceRoot& root) const {
   if (privileged_) {
     const std::string options = "lowerdir=" + tree +
                                 ",upperdir=upper,workdir=work,redirect_dir=on,metacopy=off,"
+                                // Inode numbers as the tree has them, since manifests compare
+                                // those. Without redirect_dir directories could not be renamed, and
+                                // a migration does little else.
                                 "xino=on,index=off";
     return ::mount("rehearsal", treePath_.c_str(), "overlay", flags, options.c_str()) == 0;
   }
@@ -219,6 +227,7 @@ bool DeviceView::cover(const DeviceRoot& root, FatalError& error) {
 }
 
 void DeviceView::uncover() {
+  // Lazily: a child that is just ending may still hold it.
   if (isCovered_) ::umount2(treePath_.c_str(), MNT_DETACH);
   isCovered_ = false;
 }

@@ -36,10 +36,15 @@ class DeviceView {
   bool isCopy() const { return !privileged_; }
 
  private:
+  // A mount namespace of its own: as root at once, otherwise within a user namespace.
   bool enterNamespace(FatalError& error);
+  // Memory, beside the tree or below `upper`, wherever extended attributes can be kept.
   bool chooseDirectory(const std::string& upper, bool keep, FatalError& error);
+  // False when it does not do; nothing is left of the attempt.
   bool mountMemory();
+  // Mounts the view over the tree's path. False with errno.
   bool mountView(const DeviceRoot& root) const;
+  // Whether the path leads to something else than the tree: what is let loose must not reach it.
   bool isInView(const DeviceRoot& root) const;
 
   std::string treePath_;

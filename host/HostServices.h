@@ -44,6 +44,7 @@ class HostServices {
   onlinux::ApplicationRegistryLinux& registry();
 
  private:
+  // The Linux services, the logs and the set made of them.
   struct Services;
   std::unique_ptr<Services> services_;
 };

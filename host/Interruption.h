@@ -23,10 +23,12 @@ class Interruption {
   Interruption& operator=(const Interruption&) = delete;
 
  private:
+  // The thread: waits for one of the signals, or for the end of this.
   void watch();
 
   const std::function<void(int)> end_;
   sigset_t signals_{};
+  // The mask to restore.
   sigset_t before_{};
   std::atomic<bool> over_ = false;
   std::thread watcher_;

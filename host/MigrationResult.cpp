@@ -47,6 +47,7 @@ constexpr const char* kLogs = "/private/var/mobile/Library/Logs/{Corvenna,Quorve
 
 // Its name, null when the run came to its end.
 Json InterruptedBy(const MigrationResult& result) {
+  // Without its "SIG", and null for numbers that have no name.
   const char* name = ::sigabbrev_np(result.interruptedBy);
   return result.interruptedBy == 0 || name == nullptr ? Json(nullptr)
                                                       : Json(std::string("SIG") + name);
@@ -101,6 +102,7 @@ std::string ResultAsText(const MigrationResult& result, const RunAccount& accoun
                          const Options& options, int descriptor) {
   AccountView view{
       .terminal = DescribeTerminal(descriptor), .all = options.all, .onlyFailures = options.quiet};
+  // In a file every line is as long as it needs to be.
   if (view.terminal.isTerminal) view.columns = TerminalColumns(descriptor);
   std::string text = AccountAsText(account, view);
   if (!text.empty()) text += "\n";
@@ -108,6 +110,7 @@ std::string ResultAsText(const MigrationResult& result, const RunAccount& accoun
   if (result.items > 0) text += ": " + CountsAsText(account);
   text += " (" + Seconds(result.seconds) + ").\n";
   if (!result.succeeded) {
+    // What to do differs: after an interruption nothing, after a failure its causes first.
     text += result.interruptedBy != 0 ? "Nothing is lost. The same command goes on:\n  "
                                       : "What was kept is taken up again when the causes are "
                                         "removed:\n  ";

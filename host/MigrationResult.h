@@ -22,9 +22,11 @@ RunIdentity IdentifyRun(const PluginBundle& bundle);
 // Adds "versions" and "started".
 void AddIdentity(const RunIdentity& identity, Json& object);
 
+// Everything about a run but what became of its containers, which is the account's.
 struct MigrationResult {
   RunIdentity identity{};
   std::string dataClassName;
+  // As the plug-in told it before the run, in its own unit.
   float estimatedDuration = 0;
   std::size_t items = 0;
   std::size_t installedBefore = 0;  // apps that the registry had before the run

@@ -22,6 +22,7 @@ constexpr const char* Remedy = "Name the plug-in's shared object with --plugin";
 std::string BesideExecutable() {
   std::error_code failure;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", failure);
+  // Without /proc there is the current directory to try.
   if (failure) return PluginFileName;
   const std::filesystem::path beside = self.parent_path() / PluginFileName;
   const std::filesystem::path installed = self.parent_path() / QUORVEL_INSTALLED_PLUGIN;
@@ -52,6 +53,8 @@ bool PluginBundle::load(const std::string& file, FatalError& error) {
   if (!S_ISREG(info.st_mode)) {  // a pipe would block the loader for ever
     return Fail(error, ExitPluginUnusable, printable_ + ": this is no file", Remedy);
   }
+  // RTLD_NOW: what is missing shows here rather than in the middle of a migration, when the library
+  // directories are out of reach.
   void* bundle = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (bundle == nullptr) {
     return Fail(error, ExitPluginUnusable, printable_ + ": cannot be loaded: " + LoaderMessage(),
@@ -63,6 +66,7 @@ bool PluginBundle::load(const std::string& file, FatalError& error) {
                 printable_ + ": this is no plug-in: it does not export " + MigratorPluginEntryName,
                 Remedy);
   }
+  // These two came later: a plug-in without them can still migrate.
   previewEntry_ =
       reinterpret_cast<MigrationPreviewEntry>(::dlsym(bundle, MigrationPreviewEntryName));
   versionEntry_ =

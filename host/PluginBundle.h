@@ -27,9 +27,11 @@ class PluginBundle {
   std::string version() const;
 
  private:
+  // Found by load(); valid for as long as the process lives.
   MigratorPluginEntry entry_ = nullptr;
   MigrationPreviewEntry previewEntry_ = nullptr;  // may be missing, and so may this
   MigratorPluginVersionEntry versionEntry_ = nullptr;
+  // The file's name, for messages.
   std::string printable_;
 };
 

@@ -53,8 +53,10 @@ UniqueDescriptor OpenOriginal(int root, const std::string& path) {
   open_how how = {};
   how.flags = O_PATH | O_CLOEXEC;
   how.resolve = RESOLVE_IN_ROOT;
+  // Relative, since the call without openat2 knows no other root.
   const std::string relative = path == "/" ? "." : path.substr(1);
   const long opened = ::syscall(SYS_openat2, root, relative.c_str(), &how, sizeof how);
+  // Without openat2 (before 5.6) only a link at the end is refused.
   if (opened >= 0 || errno != ENOSYS) return UniqueDescriptor(static_cast<int>(opened));
   return UniqueDescriptor(::openat(root, relative.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
@@ -70,6 +72,7 @@ class Run {
                              "without it no group container finds its app");
     (void)readMap(kHarborMap, kHarborMapDamaged, kHarborMapUnreadable,
                   "without it no data of an uninstalled app is kept track of");
+    // The walk over what must be copied comes last: it is the only part that takes long.
     SpaceNeeds needs;
     MoveChecks checks(findings_, needs);
     const std::size_t containers = checks.containers(kApplications);
@@ -93,6 +96,7 @@ class Run {
     struct stat info {};
     const bool hasLegacy = ::lstat(kApplications.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
     if (hasLegacy) all.push_back(kApplications);
+    // Several may come down to one directory, which is looked at once.
     for (std::string& path : all) path = NearestDirectory(path);
     std::sort(all.begin(), all.end());
     all.erase(std::unique(all.begin(), all.end()), all.end());
@@ -126,6 +130,7 @@ class Run {
     onlinux::ApplicationRegistryLinux registry(files, bundles, std::move(options));
     Error failure;
     if (registry.isSound(&failure)) return;
+    // An errno says that it could not be read; anything else, that it was read and is not whole.
     const bool posix = failure.domain() == PosixErrorDomain;
     // Reading what an unclean end left needs a writer's locks.
     if (readOnly_ && posix) return;
@@ -144,6 +149,7 @@ class Run {
     // No directory on the way, no map.
     struct stat info {};
     if (failure.is(PosixErrorDomain, ENOTDIR) && ::lstat(file.c_str(), &info) != 0) return nullptr;
+    // Only the reader's own verdict is certain; what could not be read may be sound.
     const bool known = failure.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError);
     add(known ? damaged : unreadable, file,
         (known ? "it is damaged, and " : "it cannot be read (") +
@@ -163,6 +169,7 @@ class Run {
   }
 
   static void margins(SpaceNeeds& needs, std::size_t containers) {
+    // Containers and registry often share a file system: its margin counts once.
     std::vector<dev_t> told;
     for (const std::string& path : {kHome + ContainersPath, kRegistry}) {
       const std::string directory = NearestDirectory(path);
@@ -192,6 +199,7 @@ Findings RunPreflight(int originalRoot, const std::vector<std::string>& forced) 
 int ReportRefusal(const Findings& findings, bool json) {
   std::string text = FindingsAsText(findings);
   text += "Nothing was changed. --force-preflight NAME goes on past one of them.\n";
+  // The exit code tells the same if nobody can be written to.
   (void)WriteWhole(STDERR_FILENO, text);
   if (json) {
     Json object;

@@ -27,10 +27,13 @@ class ProgressDisplay {
   void stop();
 
  private:
+  // The thread: draws, then waits for the next time or for stop().
   void run();
   void draw();
+  // The line on a terminal, and the one elsewhere.
   std::string bar(float progress, const std::string& app) const;
   std::string counted(float progress) const;
+  // How long it will still take, by how long it took so far; empty when too little is known.
   std::string remaining(float progress) const;
 
   const MigratorPlugin& plugin_;

@@ -31,6 +31,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// 20 ms: often enough for a peak, and no load.
 constexpr useconds_t kSampleInterval = 20'000;
 
 // What is used of a file system, or free of it.
@@ -56,6 +57,7 @@ Room FreeAt(int descriptor) {
 std::string FingerprintOf(const DeviceRoot& root) {
   onlinux::Sha256ProviderLinux provider;
   const auto digest = provider.start();
+  // Through the descriptor: the tree's path leads into the view by then.
   SortedWalk walk("/proc/self/fd/" + std::to_string(root.descriptor()) + "/.");
   WalkedItem item;
   int failure = 0;
@@ -91,11 +93,13 @@ bool SameManifests(int before, int after) {
     auto a = first.next();
     auto b = second.next();
     if (!a || !b) return !a && !b && first.problem().empty() && second.problem().empty();
+    // The first listing itself may have set them.
     a->accessed = b->accessed = 0;
     if (first.section() != second.section() || EntryLine(*a) != EntryLine(*b)) return false;
   }
 }
 
+// Another descriptor of the same file, from its beginning: a child consumes what it is given.
 UniqueDescriptor Again(const UniqueDescriptor& file) {
   (void)::lseek(file.get(), 0, SEEK_SET);
   return UniqueDescriptor(::fcntl(file.get(), F_DUPFD_CLOEXEC, 3));
@@ -122,6 +126,7 @@ class Rehearsal {
       return ReportFatal(error_, options_.json);
     }
     if (!openFiles()) return ReportFatal(error_, options_.json);
+    // The proof that the tree was not touched is taken before anything is done to it.
     const std::string before = FingerprintOf(root_);
     const int listed = list(before_);
     if (listed != ExitSucceeded) return std::max<int>(listed, ExitFailed);
@@ -184,12 +189,14 @@ class Rehearsal {
   }
 
   void migrate() {
+    // "." is the directory that takes the view's changes.
     used_ = peak_ = UsedAt(".");
     measuring_ = true;
     const auto start = Clock::now();
     Options options = options_;
     options.root = view_.treePath();
     migrateCode_ = inChild(options.json ? &migrated_ : nullptr, [&] {
+      // In a child, with the rights that a real run would have.
       return view_.dropPrivileges() ? RunMigrate(options) : static_cast<int>(ExitRootUnusable);
     });
     seconds_ = std::chrono::duration<double>(Clock::now() - start).count();
@@ -217,6 +224,7 @@ class Rehearsal {
   }
 
   int exitCode() const {
+    // Nothing was rehearsed then.
     if (migrateCode_ == ExitPluginUnusable || migrateCode_ == ExitRootUnusable) return migrateCode_;
     const bool well = migrateCode_ == ExitSucceeded && verifyCode_ == ExitSucceeded && untouched_;
     return well ? ExitSucceeded : ExitFailed;

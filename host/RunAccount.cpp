@@ -14,6 +14,7 @@ namespace {
 constexpr std::size_t MostProblems = 32;
 
 void AddCapped(std::vector<MigrationProblem>& problems, const MigrationProblem& problem) {
+  // What stopped the container is always kept.
   if (problems.size() < MostProblems || problem.stops) problems.push_back(problem);
 }
 
@@ -21,6 +22,7 @@ void AddCapped(std::vector<MigrationProblem>& problems, const MigrationProblem& 
 
 const MigrationProblem* ContainerResult::stoppedAt() const {
   if (outcome == MigrationOutcome::migrated || outcome == MigrationOutcome::resumed) return nullptr;
+  // The last one decided: earlier ones were got over.
   const auto last = std::find_if(problems.rbegin(), problems.rend(),
                                  [](const MigrationProblem& problem) { return problem.stops; });
   return last != problems.rend() ? &*last : nullptr;
@@ -82,6 +84,7 @@ void RunAccount::dataContainerFound(const std::string& path) {
 void RunAccount::problem(const MigrationProblem& problem) {
   const std::scoped_lock lock(mutex_);
   ContainerResult* result = open();
+  // Problems of the run are told while a container is open, too.
   const bool isOfRun = result == nullptr || problem.step == MigrationStep::run;
   AddCapped(isOfRun ? problems_ : result->problems, problem);
   tell("problem", {{"step", NameOf(problem.step)},
@@ -100,6 +103,7 @@ void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
   const std::scoped_lock lock(mutex_);
   ContainerResult* result = open();
   if (result == nullptr) return;
+  // The plug-in tells either as migrated; its marker says that it was begun before.
   const bool resumed =
       outcome == MigrationOutcome::migrated && result->is.kind == LegacyItemKind::marker;
   result->outcome = resumed ? MigrationOutcome::resumed : outcome;
@@ -114,6 +118,7 @@ void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
 
 void RunAccount::groupEnded(const MigratedDirectory& group) {
   const std::scoped_lock lock(mutex_);
+  // A later attempt for another app replaces what an earlier one told.
   groups_[group.identifier] = group;
 }
 
@@ -146,6 +151,7 @@ void RunAccount::standIfHalted(std::unique_lock<std::mutex>& lock) {
   if (!halting_) return;
   standing_ = true;
   stands_.notify_all();
+  // For good: the process ends while this thread stands here, between two steps.
   for (;;) stands_.wait(lock);
 }
 

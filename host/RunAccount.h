@@ -32,11 +32,14 @@ struct ContainerResult {
   const MigrationProblem* stoppedAt() const;
 };
 
+// Written on the plug-in's thread, read on another once the run is over. While it goes on only what
+// says so may be asked from elsewhere.
 class RunAccount : public MigrationAccount {
  public:
   // Before the run: what is told here is told to the stream as well, until an early end.
   void follow(EventStream& events) { events_ = &events; }
 
+  // MigrationAccount's operations: on the plug-in's thread, each under mutex_.
   void itemsFound(std::size_t count) override;
   void stepBegan(MigrationStep step) override;
   void stepEnded(MigrationStep step, bool succeeded) override;
@@ -77,8 +80,11 @@ class RunAccount : public MigrationAccount {
 
  private:
   using Clock = std::chrono::steady_clock;
+  // The container that things belong to now; null between two.
   ContainerResult* open();
+  // Does not return once halt() was called: the plug-in's thread waits there for the process's end.
   void standIfHalted(std::unique_lock<std::mutex>& lock);
+  // A line of the event stream, where there is one.
   void tell(const char* event, Json fields);
 
   mutable std::mutex mutex_;

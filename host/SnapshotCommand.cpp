@@ -26,6 +26,7 @@ namespace {
 bool OpenOutput(const DeviceRoot& root, const Options& options, UniqueDescriptor& file,
                 FatalError& error) {
   if (options.output.empty()) {
+    // A copy: closing the manifest must not close standard output.
     file.reset(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
   } else if (root.contains(ParentOf(options.output))) {
     return Fail(error, ExitUsage, Printable(options.output) + ": no place outside the device tree",
@@ -90,6 +91,7 @@ int SnapshotInto(DeviceRoot& root, const PluginBundle& bundle, UniqueDescriptor 
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
   if (options.quiet) return ExitSucceeded;
   if (options.json) return WriteResult(AsJson(totals, taken.count()), ExitSucceeded);
+  // Standard output may be the manifest's.
   (void)WriteWhole(STDERR_FILENO, AsText(totals));
   return ExitSucceeded;
 }
@@ -104,6 +106,7 @@ int RunSnapshot(const Options& options) {
                         "Name a file for the manifest with --output"},
                        true);
   }
+  // Everything from outside first; then nobody else may work in the tree.
   if (!root.openDevice(options.root, error) || !bundle.load(options.plugin, error) ||
       !OpenOutput(root, options, file, error) || !root.lock(error)) {
     return ReportFatal(error, options.json);

@@ -25,6 +25,7 @@ namespace {
 
 // What a program is told one by one; the totals count the others.
 constexpr std::size_t kMostListed = 10'000;
+// Larger than any run's result; a bound against what is none.
 constexpr std::size_t kMostOfResult = 256 * 1024 * 1024;
 
 std::string Text(const std::string& bytes) { return StringFromFileSystemRepresentation(bytes); }
@@ -130,6 +131,7 @@ bool ReadResult(UniqueDescriptor file, ReportedLosses& losses) {
     const Json& lost = container["lost"];
     if (!lost.is_object()) continue;
     ReportedLoss& loss = losses[string(container, "path")];
+    // Its words are quoted: they are not this command's own finding.
     loss.reason = "the run says: " + string(container, "outcome");
     const std::string reason = string(container, "reason");
     if (!reason.empty()) loss.reason += ", " + reason;
@@ -149,6 +151,7 @@ void CheckRegistry(const ManifestHeader& before, const onlinux::RegistrySnapshot
     ++totals.missing;
     sink({Verdict::missing, identifier, {}, {}, what});
   };
+  // A harbor that is still in the map is waiting for the next run.
   std::set<std::string> harbors = harborMap;
   for (const auto& harbor : now.safeHarbors) harbors.insert(harbor.identifier);
   const auto identifierOf = [](const Json& object) {
@@ -207,6 +210,7 @@ int VerifyAgainst(DeviceRoot& root, UniqueDescriptor manifestFile, UniqueDescrip
     return fail(ExitFailed, root.printable() + ": " + Printable(failure.description()),
                 "What was proven until then does not count");
   }
+  // What was lost in order is no failure, unless the user says so.
   const bool succeeded = totals.isWhole() && !(options.strict && totals.lost > 0);
   return WriteResult(options.json ? findings.asJson(totals, succeeded) : Findings::asText(totals),
                      succeeded ? ExitSucceeded : ExitFailed);
@@ -215,6 +219,7 @@ int VerifyAgainst(DeviceRoot& root, UniqueDescriptor manifestFile, UniqueDescrip
 int RunVerify(const Options& options) {
   FatalError error;
   DeviceRoot root;
+  // Opened before the process enters the tree, where its path would mean something else.
   UniqueDescriptor manifest(::open(options.manifest.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!manifest) {
     return ReportFatal({ExitUsage, Printable(options.manifest) + ": " + ErrnoDescription(errno),

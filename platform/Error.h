@@ -35,6 +35,7 @@ inline constexpr std::int64_t PlatformPropertyListWriteInvalidError = 3852;
 inline constexpr const char* LocalizedDescriptionKey = "LocalizedDescription";
 inline constexpr const char* UnderlyingErrorKey = "UnderlyingError";
 
+// A null pointer is the absent error, so that success costs nothing.
 class Error {
  public:
   using InfoValue = std::variant<PlistValue, Error>;
@@ -46,9 +47,11 @@ class Error {
   explicit operator bool() const { return record_ != nullptr; }
 
   // Empty, 0 and empty without a record.
+  // Which numbering the code belongs to.
   const std::string& domain() const;
   std::int64_t code() const;
   const UserInfo& userInfo() const;
+  // Whether there is a record and it has both.
   bool is(std::string_view domain, std::int64_t code) const;
   // The text under LocalizedDescriptionKey, or "".
   const std::string& description() const;

@@ -55,6 +55,7 @@ inline bool StandsForItself(std::string_view sequence) {
   return !IsEscapeCharacter(sequence);
 }
 
+// The escape of one byte: U+10FE00 plus its value, in UTF-8.
 inline void AppendEscaped(std::string& text, char byte) {
   const auto value = static_cast<unsigned char>(byte);
   text += "\xF4\x8F";

@@ -81,6 +81,7 @@ enum class MigrationReason {
 };
 
 // The words for these in results, the same everywhere.
+// In the order of the enumerators, as the next two: results and event streams hold them.
 inline constexpr std::array<const char*, 10> MigrationStepNames = {
     "introspect", "marker", "placeholder",  "data",    "stage",
     "install",    "groups", "missed-items", "removal", "run"};
@@ -212,7 +213,9 @@ class MigrationAccount {
   virtual void stepEnded(MigrationStep /*step*/, bool /*succeeded*/) {}
   // Where the container's data goes.
   virtual void dataContainerFound(const std::string& /*path*/) {}
+  // When it is met. One that stops the container comes before the container's end.
   virtual void problem(const MigrationProblem& /*problem*/) {}
+  // Before the end of the container whose removal it is.
   virtual void lost(const MigrationLoss& /*loss*/) {}
   // `stays`: the entry is still there.
   virtual void containerEnded(MigrationOutcome /*outcome*/, bool /*stays*/) {}
@@ -220,6 +223,7 @@ class MigrationAccount {
   // Each once for every attempt to move a group, and for every entry of the harbor map.
   virtual void groupEnded(const MigratedDirectory& /*group*/) {}
   virtual void harborEnded(const MigratedDirectory& /*harbor*/) {}
+  // At the end of the run, each item once.
   virtual void leftBehind(const LeftBehind& /*item*/) {}
 };
 

@@ -38,6 +38,7 @@ class Path {
   }
   static Path file(std::string text) { return Path(std::move(text), Kind::file); }
 
+  // Whether this is the empty path; system calls refuse it with ENOENT.
   bool isAbsent() const { return text_.empty(); }
   bool isDirectory() const { return directory_; }
   // The plain path, as messages print it when they print a path string.
@@ -62,6 +63,7 @@ class Path {
     child.directory_ = kind == Kind::directory;
     return child;
   }
+  // The usual cases of appending().
   Path child(std::string_view name) const { return appending(name, Kind::file); }
   Path childDirectory(std::string_view name) const { return appending(name, Kind::directory); }
 

@@ -19,6 +19,7 @@
 namespace quorvel {
 
 class PlistValue;
+// Values hold dictionaries and dictionaries hold entries: declared here, defined at the end.
 struct PlistEntry;
 
 using PlistArray = std::vector<PlistValue>;
@@ -63,6 +64,7 @@ class PlistDictionary {
   std::size_t size() const;
   bool empty() const { return size() == 0; }
   const std::vector<PlistEntry>& entries() const { return entries_; }
+  // In the order of the keys.
   const PlistEntry* begin() const;
   const PlistEntry* end() const;
 
@@ -100,10 +102,12 @@ class PlistValue {
   PlistValue(PlistDictionary dictionary) : storage_(std::move(dictionary)) {}
   PlistValue(PlistSet set) : storage_(std::move(set)) {}
 
+  // The kind, with the two ways of holding an integer as one.
   PlistKind kind() const;
   bool isNumber() const { return storage_.index() <= 3; }
 
   // Each is null when the value is of another kind.
+  // Integers are not booleans here, nor the other way round.
   const bool* boolean() const { return std::get_if<bool>(&storage_); }
   const double* real() const { return std::get_if<double>(&storage_); }
   const std::string* string() const { return std::get_if<std::string>(&storage_); }

@@ -43,21 +43,26 @@ class PlatformServicesSize {
 struct PlatformServices {
   // Later services are added at the end.
   PlatformServicesSize size;
+  // Where the process reports to.
   LogWriter* log = nullptr;
   HostLogWriter* hostLog = nullptr;
   MigrationAccount* account = nullptr;  // may be null in every program
+  // The registry. Both are of one implementation and see the same records.
   ApplicationWorkspace* workspace = nullptr;
   InstallationService* installationService = nullptr;
   BundleReader* bundles = nullptr;
   IconRenderer* icons = nullptr;
   PropertyListStore* propertyLists = nullptr;
+  // Files.
   FileData* fileData = nullptr;
   FileSystem* fileSystem = nullptr;
   TreeWalker* treeWalker = nullptr;
+  // The device and its state.
   PreferencesStore* preferences = nullptr;
   HardwareRegistry* hardware = nullptr;
   MountTable* mounts = nullptr;
   Sha256Provider* sha256 = nullptr;
+  // What the process tells the system about itself.
   ProcessTransaction* transaction = nullptr;
   CpuUsageMonitor* cpuMonitor = nullptr;
   CrashReportMessage* crashReport = nullptr;

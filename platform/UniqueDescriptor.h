@@ -21,6 +21,7 @@ class UniqueDescriptor {
   ~UniqueDescriptor() { reset(); }
 
   explicit operator bool() const { return descriptor_ >= 0; }
+  // Stays owned; release() hands it over.
   int get() const { return descriptor_; }
   int release() { return std::exchange(descriptor_, -1); }
 

@@ -78,6 +78,8 @@ bool ChangeRootToCurrentDirectory(DeviceRoot::View view, bool& refused) {
   const bool privileged = MayChangeRoot();
   refused = !privileged && !EnterOwnNamespace();
   if (refused) return false;
+  // Where the kernel refuses it (before 5.12, or in a container) the commands still change nothing
+  // of their own accord.
   if (view == DeviceRoot::View::readOnly) (void)MoveToReadOnlyView();
   if (::chroot(".") != 0 || ::chdir("/") != 0) return false;
   return privileged || DropCapabilities();
@@ -91,6 +93,7 @@ bool IsDeviceTree(int directory) {
   if (home < 0 && (errno == ENOSYS || errno == EPERM)) {
     home = ::openat(directory, MobileHomeDirectory, O_PATH | O_DIRECTORY | O_CLOEXEC);
   }
+  // One that may not be looked into is there all the same.
   return UniqueDescriptor(static_cast<int>(home)) || errno == EACCES;
 }
 
@@ -157,6 +160,7 @@ bool DeviceRoot::open(const std::string& path, FatalError& error) {
     return Fail(error, ExitRootUnusable, printable_ + ": " + ErrnoDescription(errno),
                 "Check the file system that holds it");
   }
+  // Whatever path was given: a migration of the machine itself is never meant.
   if (own.st_dev == named.st_dev && own.st_ino == named.st_ino) {
     return Fail(error, ExitRootUnusable, printable_ + ": this is the machine's own root",
                 "Name the directory that holds the device tree with --root", "own-root");
@@ -189,6 +193,7 @@ bool DeviceRoot::contains(const std::string& directory) const {
   struct stat before {};
   struct stat at {};
   UniqueDescriptor open(::open(directory.c_str(), flags));
+  // True when in doubt: the caller refuses a place inside the tree.
   if (!open || ::fstat(directory_.get(), &own) != 0 || ::fstat(open.get(), &at) != 0) return true;
   do {
     if (at.st_dev == own.st_dev && at.st_ino == own.st_ino) return true;
@@ -210,11 +215,13 @@ bool DeviceRoot::openAgain(const std::string& path) {
     errno = ESTALE;
     return false;
   }
+  // The lock belongs to the old descriptor, which is kept for it.
   locked_ = std::exchange(directory_, std::move(again));
   return true;
 }
 
 bool DeviceRoot::lock(FatalError& error) {
+  // On the tree's own directory: no file is made, and the kernel frees it with the process.
   while (::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;
     if (errno == EWOULDBLOCK) {

@@ -6,6 +6,7 @@
 
 namespace quorvel::host {
 
+// Documented in the manuals: scripts rely on the numbers.
 enum ExitCode : int {
   ExitSucceeded = 0,       // done, also when there was nothing to do
   ExitFailed = 1,          // ran and reported failure
@@ -17,6 +18,8 @@ enum ExitCode : int {
 
 // An error that ends the command: what is wrong, naming the path, and what to do about it. Each is
 // one line of printable text (TerminalText.h) without a final period or line feed.
+// Commands end with the first one; nothing is said on standard output then but the object that
+// --json promises.
 struct FatalError {
   int exitCode = ExitFailed;
   std::string problem;

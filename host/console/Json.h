@@ -9,6 +9,7 @@
 
 namespace quorvel::host {
 
+// Ordered: keys stand in the order in which they are set, which is the documented one.
 using Json = nlohmann::ordered_json;
 
 // Text that is no UTF-8 is replaced rather than refused: texts of the system are UTF-8, bytes of
@@ -17,6 +18,7 @@ inline std::string JsonLine(const Json& object) {
   return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+// An absent value is null rather than left out, so that objects always have the same keys.
 inline Json JsonOrNull(const std::optional<std::string>& text) {
   return text ? Json(*text) : Json(nullptr);
 }

@@ -30,6 +30,7 @@ char32_t CodePoint(std::string_view sequence) {
 
 bool IsHarmless(char32_t character) {
   if (character < 0x20 || (character >= 0x7F && character <= 0x9F)) return false;
+  // Soft hyphen, Arabic letter mark, byte order mark: invisible, or change the order.
   if (character == 0x00AD || character == 0x061C || character == 0xFEFF) return false;
   if (character >= 0x200B && character <= 0x200F) return false;  // joiners, direction marks
   if (character >= 0x2028 && character <= 0x202E) return false;  // separators, embeddings
@@ -65,6 +66,7 @@ std::size_t FrontLength(std::string_view text) {
 }
 
 std::size_t WidthOf(std::string_view sequence) {
+  // By the locale that Main sets; -1 for what it does not know.
   const int width = ::wcwidth(static_cast<wchar_t>(CodePoint(sequence)));
   return width < 0 ? 1 : static_cast<std::size_t>(width);
 }
@@ -79,6 +81,7 @@ std::string Printable(std::string_view text) {
   while (!rest.empty()) {
     const std::size_t length = encoding_detail::Utf8SequenceLength(rest);
     const std::string_view sequence = rest.substr(0, length == 0 ? 1 : length);
+    // The escape's own sign, so that shown names stay unambiguous.
     if (sequence == "\\") {
       out += "\\\\";
     } else if (length != 0 && IsHarmless(CodePoint(sequence))) {
@@ -104,6 +107,7 @@ std::size_t DisplayWidth(std::string_view printable) {
 std::string CutEnd(std::string_view printable, std::size_t columns) {
   if (DisplayWidth(printable) <= columns) return std::string(printable);
   if (columns == 0) return {};
+  // The ellipsis takes a column.
   std::size_t used = 1;
   std::size_t kept = 0;
   while (kept < printable.size()) {

@@ -44,6 +44,7 @@ class Words {
   std::string complaint() {
     bool onlyArguments = false;
     for (at_ = 0; at_ < words_.size(); ++at_) {
+      // From here on words are arguments, whatever they begin with.
       if (words_[at_] == "--" && !onlyArguments) {
         onlyArguments = true;
         continue;
@@ -63,6 +64,7 @@ class Words {
   std::string wordIsWrong(const std::string& word) {
     const std::size_t equals = word.find('=');
     const bool isLong = word.starts_with("--");
+    // "--name=value" or a word of its own; short options have no such form here.
     const std::string name = isLong ? word.substr(0, equals) : word;
     if (!word.starts_with('-') || word == "-") return argumentIsWrong(word);
     const CLI::Option* option = command_.get_option_no_throw(name);
@@ -87,6 +89,7 @@ class Words {
   std::string useIsWrong(const CLI::Option& option, const std::string& name, bool hasValue) {
     const bool wantsValue = option.get_expected_max() > 0;
     if (hasValue && !wantsValue) return name + " takes no value";
+    // The value is the next word, whatever it looks like.
     if (wantsValue && !hasValue && ++at_ == words_.size()) return name + " needs a value";
     const bool again = given_[&option];
     given_[&option] = true;

@@ -17,6 +17,7 @@ enum class Severity {
   forced,   // the same, and the user said to go on
 };
 
+// One thing that is wrong with the device, for a person and for a program alike.
 struct Finding {
   const char* name = "";  // one of the names below
   Severity severity = Severity::refuse;
@@ -28,15 +29,18 @@ struct Finding {
 using Findings = std::vector<Finding>;
 
 // Names are part of the interface: they are given on command lines and read by programs.
+// Of the device as a whole: the directories that every container's migration writes in.
 inline constexpr const char* kReadOnly = "read-only";
 inline constexpr const char* kNotPermitted = "not-permitted";
 inline constexpr const char* kImmutable = "immutable";
+// Of the registry and the two maps: "damaged" is certain, "unreadable" may pass.
 inline constexpr const char* kRegistryDamaged = "registry-damaged";
 inline constexpr const char* kRegistryUnreadable = "registry-unreadable";
 inline constexpr const char* kInstallMapDamaged = "install-map-damaged";
 inline constexpr const char* kInstallMapUnreadable = "install-map-unreadable";
 inline constexpr const char* kHarborMapDamaged = "harbor-map-damaged";
 inline constexpr const char* kHarborMapUnreadable = "harbor-map-unreadable";
+// Of what is to be moved or copied.
 inline constexpr const char* kGroupNotMovable = "group-not-movable";
 inline constexpr const char* kNoSpace = "no-space";
 inline constexpr const char* kNoInodes = "no-inodes";
@@ -57,6 +61,7 @@ inline constexpr std::array<const char*, 12> kRefusals = {kReadOnly,
                                                           kNoSpace,
                                                           kNoInodes};
 
+// Whether the run must not begin. Those that the user forced do not count.
 inline bool Refuses(const Findings& findings) {
   return std::any_of(findings.begin(), findings.end(),
                      [](const Finding& finding) { return finding.severity == Severity::refuse; });

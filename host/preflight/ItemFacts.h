@@ -12,6 +12,7 @@
 
 namespace quorvel::host {
 
+// As statx tells them.
 struct ItemFacts {
   mode_t mode = 0;
   uid_t owner = 0;
@@ -32,6 +33,8 @@ struct Obstacle {
 
 // `holder` is the facts of the directory that holds the item. A read-only file system is no
 // obstacle here: a tree is also looked at through a read-only view.
+// Absent when nothing does. Judged by the rules that rename goes by: rights on the directory, the
+// sticky bit, flags of either, and mount points.
 std::optional<Obstacle> WhatKeeps(int directory, const char* name, const ItemFacts& item,
                                   const ItemFacts& holder);
 // Why entries of the directory cannot be listed, taken out or put in.

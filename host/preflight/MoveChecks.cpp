@@ -72,6 +72,7 @@ std::size_t MoveChecks::containers(const std::string& applications) {
 
 void MoveChecks::container(int applications, const std::string& name, const ItemFacts& holder) {
   const auto facts = FactsAt(applications, name.c_str());
+  // Files and links among the containers are not moved.
   if (!facts || !S_ISDIR(facts->mode)) return;
   complained_ = false;
   const std::string path =
@@ -93,6 +94,7 @@ void MoveChecks::container(int applications, const std::string& name, const Item
 
 void MoveChecks::carried(int container, const std::string& name, const std::string& path,
                          const ItemFacts& holder) {
+  // The three kinds that a step carries; whatever else is there makes the container stay.
   const bool isData = Holds(UserDataItemNames, name);
   const bool isBundle = IsBundle(Path(name)) || name == StagingName;
   if (!isData && !isBundle && !Holds(StoreMetadataItemNames, name)) return;
@@ -101,6 +103,7 @@ void MoveChecks::carried(int container, const std::string& name, const std::stri
   if (const auto kept = WhatKeeps(container, name.c_str(), *facts, holder)) {
     complain(path, *kept, name + ": ");
   }
+  // Data goes to the data containers; bundles and metadata go with the bundle.
   copied(path + "/" + name, *facts, isData ? data_ : bundles_);
 }
 
@@ -117,6 +120,7 @@ void MoveChecks::groups(const PlistDictionary& map) {
     if (path == nullptr || !path->starts_with('/')) continue;
     const Path directory = Path::directory(*path);
     const std::string bytes = directory.fileSystemRepresentation().c_str();
+    // The root is no group container, whatever the map says; the migration refuses it as well.
     if (bytes != "/" && seen_.insert(bytes).second) group(bytes);
   }
 }
@@ -145,6 +149,7 @@ void MoveChecks::group(const std::string& path) {
 }
 
 void MoveChecks::copied(const std::string& source, const ItemFacts& facts, const Destination& to) {
+  // Within one mount a rename does, whatever the size.
   if (!to.facts || facts.mount == to.facts->mount) return;
   const int failure = needs_.addCopy(source, facts, to.path, *to.facts);
   if (failure == 0) return;

@@ -43,6 +43,7 @@ constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
 void Narrow(int directory, int kind, unsigned id, Room& room) {
   if_dqblk quota = {};
   const unsigned command = QCMD(static_cast<unsigned>(Q_GETQUOTA), static_cast<unsigned>(kind));
+  // Since 5.14; where it is missing or quotas are off there is nothing to narrow.
   if (::syscall(SYS_quotactl_fd, directory, command, id, &quota) != 0) return;
   const std::uint64_t most = quota.dqb_bhardlimit * kQuotaBlock;
   const std::uint64_t left = most - std::min<std::uint64_t>(most, quota.dqb_curspace);
@@ -66,6 +67,7 @@ std::optional<Room> RoomAt(const std::string& directory) {
   room.bytes =
       info.f_blocks == 0 ? kUnlimited : (isRoot ? info.f_bfree : info.f_bavail) * info.f_frsize;
   room.inodes = info.f_files == 0 ? kUnlimited : (isRoot ? info.f_ffree : info.f_favail);
+  // Root may use the reserved blocks and has no quota.
   if (isRoot || !opened) return room;
   Narrow(opened.get(), USRQUOTA, ::geteuid(), room);
   Narrow(opened.get(), GRPQUOTA, ::getegid(), room);
@@ -117,6 +119,8 @@ int SpaceNeeds::addCopy(const std::string& source, const ItemFacts& sourceFacts,
                         const std::string& destination, const ItemFacts& destinationFacts) {
   Need& need = needOf(destination, destinationFacts);
   const Size size = sizeOf(source, need.blockSize);
+  // Two mounts of one file system: the original goes before the next copy is made, so that only the
+  // largest needs room twice.
   if (sourceFacts.device == destinationFacts.device) {
     need.largestBytes = std::max(need.largestBytes, size.bytes);
     need.largestInodes = std::max(need.largestInodes, size.inodes);
@@ -138,6 +142,7 @@ void SpaceNeeds::check(Findings& findings) const {
   for (const auto& [device, need] : needs_) {
     const auto room = RoomAt(need.directory);
     if (!room) continue;
+    // The worst moment: everything that stays is there, and one copy beside its original.
     const std::uint64_t bytes = need.bytes + need.largestBytes;
     if (room->bytes < bytes) {
       findings.push_back({kNoSpace, Severity::refuse, need.directory,

@@ -12,6 +12,8 @@
 
 namespace quorvel::host {
 
+// Sums up per file system, then asks each once. Sizes are rounded up to the blocks of the file
+// system that the copy goes to: many small files take more than their bytes.
 class SpaceNeeds {
  public:
   // A tree that goes to a directory of another mount; `destination` exists. Walks it, the only
@@ -22,6 +24,7 @@ class SpaceNeeds {
   // What a number of moves and installs writes besides: markers, placeholders, records, logs.
   void addMargin(const std::string& directory, const ItemFacts& facts, std::size_t containers);
 
+  // Adds a finding for each file system that has too few bytes or inodes for its needs.
   void check(Findings& findings) const;
 
  private:
@@ -39,7 +42,9 @@ class SpaceNeeds {
     int failure = 0;
   };
 
+  // The entry of the directory's file system, made at the first use.
   Need& needOf(const std::string& directory, const ItemFacts& facts);
+  // What a copy of the tree takes up in blocks of `blockSize` bytes.
   static Size sizeOf(const std::string& tree, std::uint64_t blockSize);
 
   std::map<dev_t, Need> needs_;

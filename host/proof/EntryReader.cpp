@@ -61,8 +61,10 @@ class ItemReader {
   ManifestEntry read(const WalkedItem& item) {
     ManifestEntry entry = Described(item);
     if (item.problem != 0) complain(entry, item.problem);
+    // The walk could not examine it: there is nothing to be read by name either.
     if (item.info.st_mode == 0) return entry;
     const bool isRoot = !*item.parent;
+    // Items of one directory come together: one change for all of them.
     if (!isRoot && item.parent != directory_) {
       if (::fchdir(item.parent->get()) != 0) {
         complain(entry, errno);
@@ -131,6 +133,7 @@ class ItemReader {
   }
 
   void readContents(ManifestEntry& entry, const struct stat& expected) {
+    // By then the name may stand for a FIFO or a terminal: neither is waited for or taken over.
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const UniqueDescriptor file =
         LeavingAccessTime(flags, [this](int how) { return UniqueDescriptor(::open(name_, how)); });
@@ -149,6 +152,7 @@ class ItemReader {
       digest->update(
           {reinterpret_cast<const std::uint8_t*>(buffer()), static_cast<std::size_t>(count)});
     }
+    // The digest is still written: a comparison shows at least that it is another.
     if (total != entry.size) entry.unreadable = "it changed while it was read";
     entry.sha256 = finished(*digest);
     if (entry.sha256.empty()) complain(entry, ENOMEM);
@@ -185,6 +189,7 @@ EntryReader::~EntryReader() {
 
 std::future<std::vector<ManifestEntry>> EntryReader::read(std::vector<WalkedItem> items,
                                                           const std::string& root) {
+  // The items keep their directories open until they are read.
   Task task([this, items = std::move(items), root] {
     ItemReader reader(digests_, root);
     std::vector<ManifestEntry> entries;

@@ -15,6 +15,8 @@
 
 namespace quorvel::host {
 
+// Reading contents is most of a manifest's cost and waits for the disk: it is done while the walk
+// goes on. One thread calls read().
 class EntryReader {
  public:
   // The digests' provider must outlive this; null leaves digests out. Made before the process is
@@ -31,7 +33,9 @@ class EntryReader {
 
  private:
   using Task = std::packaged_task<std::vector<ManifestEntry>()>;
+  // The threads, once: not before the process is confined, since each would keep its old root.
   void start();
+  // A thread's work: tasks in the order of their coming, until stopped.
   void run();
 
   Sha256Provider* const digests_;

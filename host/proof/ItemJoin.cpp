@@ -18,6 +18,7 @@ void SetName(std::vector<std::string>& names, std::size_t depth, const std::stri
     names.clear();
     return;
   }
+  // Entries come in walk order: what is deeper than this one is done with.
   names.resize(depth - 1);
   names.push_back(name);
 }
@@ -69,11 +70,13 @@ bool ItemJoin::take(const ManifestEntry& entry, int& failure) {
   ++context_.totals.items;
   const std::size_t depth = entry.depth - item_.depth;
   SetName(names_, depth, entry.name);
+  // The absent tree ends where an entry is no deeper than its top.
   if (absent_ && depth <= absentDepth_) flush();
   if (stream_ != nullptr && !head_ && !advance(failure)) return false;
   ManifestEntry wanted = entry;
   wanted.depth = depth;
   if (!passUnexplained(wanted, failure)) return false;
+  // At its root the item is what lies at the place, whatever its name.
   const bool matches = head_ && head_->depth == depth && (depth == 0 || head_->name == entry.name);
   if (!matches) {
     judgeAbsent(wanted);
@@ -98,8 +101,10 @@ bool ItemJoin::passUnexplained(const ManifestEntry& until, int& failure) {
 void ItemJoin::noteUnexplained() {
   const std::size_t depth = head_->depth;
   SetName(current_, depth, head_->name);
+  // One finding for a whole tree.
   if (unexplainedDepth_ != 0 && depth > unexplainedDepth_) return;
   unexplainedDepth_ = depth;
+  // What is new in a legacy place is somebody else's business.
   if (!item_.places.front().isCurrent) return;
   std::string path = item_.places.front().path;
   for (const std::string& name : current_) path.append("/").append(name);
@@ -112,6 +117,7 @@ std::vector<std::string> ItemJoin::differences(const ManifestEntry& before,
   const Comparison comparison{context_.contents, item_.isBundle && before.depth == 0};
   std::vector<std::string> what = Differences(before, now, comparison);
   if (before.links > 1 && before.type != EntryType::directory) {
+    // Names that were one item must be one item still.
     const auto [at, isFirst] = context_.links.insert({before.identity, now.identity});
     if (!isFirst && at->second != now.identity) what.emplace_back("hard links");
   }
@@ -121,6 +127,7 @@ std::vector<std::string> ItemJoin::differences(const ManifestEntry& before,
 void ItemJoin::judge(const ManifestEntry& before, const ManifestEntry& now, const Place& place) {
   SetName(current_, before.depth, before.name);
   unexplainedDepth_ = 0;
+  // An entry of which the snapshot knew nothing cannot differ.
   const bool examined = before.mode != 0 || before.modified != 0 || before.unreadable.empty();
   std::vector<std::string> what;
   if (examined) what = differences(before, now);
@@ -156,6 +163,7 @@ std::optional<ManifestEntry> ItemJoin::elsewhere(const ManifestEntry& before, st
   if (!item) return std::nullopt;
   std::vector<WalkedItem> one;
   one.push_back(*std::move(item));
+  // One item, and waited for: rare enough not to be read ahead.
   ManifestEntry found =
       context_.reader.read(std::move(one), item_.places[place].path).get().front();
   found.depth = before.depth;

@@ -16,6 +16,7 @@ namespace quorvel::host {
 // Which item on disk each item with several names was found as, over the whole verification.
 using FoundLinks = std::map<ItemIdentity, ItemIdentity>;
 
+// What all items of one verification share. The references outlive it.
 struct JoinContext {
   EntryReader& reader;
   const FindingSink& sink;
@@ -24,6 +25,7 @@ struct JoinContext {
   bool contents = true;
 };
 
+// A direct child of a section, which a migration moves as a whole.
 struct JoinedItem {
   std::string origin;         // path of the item when the manifest was made, bytes
   std::size_t depth = 0;      // of its root in the manifest
@@ -44,16 +46,23 @@ class ItemJoin {
   bool finish(int& failure);
 
  private:
+  // The next entry of the disk's side into head_. False with `failure`.
   bool advance(int& failure);
+  // Tells of entries on disk that come before `until` and are in no manifest.
   bool passUnexplained(const ManifestEntry& until, int& failure);
   void noteUnexplained();
+  // Compares one entry with what is there, and counts it.
   void judge(const ManifestEntry& before, const ManifestEntry& now, const Place& place);
+  // An entry that is not in the first place: its other places, then lost or missing.
   void judgeAbsent(const ManifestEntry& before);
   std::optional<ManifestEntry> elsewhere(const ManifestEntry& before, std::size_t place);
+  // Whether the entry is unchanged in another of the item's places; counted there.
   bool joinElsewhere(const ManifestEntry& before);
   std::vector<std::string> differences(const ManifestEntry& before, const ManifestEntry& now);
   void tell(Finding finding);
+  // Tells of an absent tree once its last entry has been counted.
   void flush();
+  // The path of the current entry, as it would be under another root.
   std::string below(const std::string& root) const;
 
   JoinContext& context_;

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::array<const char*, 7> kTypeNames = {
     "file", "directory", "link", "pipe", "socket", "blockDevice", "characterDevice"};
+// NAME_MAX of every Linux file system.
 constexpr std::size_t kLongestName = 255;
 // The service's own marks on a bundle, which its owner has no say in.
 constexpr std::string_view kServiceAttributes = "user.com.velto.quorveld.";
@@ -18,6 +19,7 @@ constexpr std::string_view kServiceAttributes = "user.com.velto.quorveld.";
 template <typename Number>
 bool Take(const Json& object, const char* key, Number& out) {
   const auto at = object.find(key);
+  // A key that is left out means the default.
   if (at == object.end()) return true;
   if (!at->is_number_integer()) return false;
   out = at->get<Number>();
@@ -139,6 +141,7 @@ std::optional<ManifestEntry> EntryFromJson(const Json& object) {
 std::vector<std::string> Differences(const ManifestEntry& before, const ManifestEntry& now,
                                      Comparison comparison) {
   std::vector<std::string> what;
+  // Then nothing else can be compared.
   if (before.type != now.type) return {"type"};
   if (before.size != now.size) what.emplace_back("size");
   // Two sizes are two contents; a digest of either side is not needed to know that.
@@ -146,6 +149,7 @@ std::vector<std::string> Differences(const ManifestEntry& before, const Manifest
       !before.sha256.empty() && now.unreadable.empty()) {
     what.emplace_back("contents");
   }
+  // Without digests another inode on the same file system is the sign of a copy.
   if (!comparison.contents && before.identity.device == now.identity.device &&
       before.identity.inode != now.identity.inode && before.type == EntryType::file) {
     what.emplace_back("inode");

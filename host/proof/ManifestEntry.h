@@ -12,6 +12,7 @@
 
 namespace quorvel::host {
 
+// The types that a directory can list; their words in a manifest are in docs/manifest.md.
 enum class EntryType { file, directory, link, pipe, socket, blockDevice, characterDevice };
 
 // Which item on which file system: the same for all names of one item.
@@ -48,6 +49,7 @@ struct ManifestEntry {
 std::string HexText(std::string_view bytes);
 
 // One line with its line feed.
+// Keys without a value are left out: most entries have few.
 std::string EntryLine(const ManifestEntry& entry);
 // None when the object is no entry, or has a name that names no single item of a directory.
 std::optional<ManifestEntry> EntryFromJson(const Json& object);

@@ -21,8 +21,10 @@ constexpr unsigned kBufferSize = 256 * 1024;
 constexpr std::size_t kLongestLine = 64 * 1024 * 1024;
 
 gzFile Open(UniqueDescriptor file, const char* mode) {
+  // zlib reads plain files as they are, so that one reader does for both.
   gzFile opened = file ? ::gzdopen(file.get(), mode) : nullptr;
   if (opened == nullptr) return nullptr;
+  // gzclose closes it.
   (void)file.release();
   ::gzbuffer(opened, kBufferSize);
   return opened;
@@ -37,6 +39,7 @@ struct ManifestWriter::File {
 
 ManifestWriter::ManifestWriter(UniqueDescriptor file, bool compressed)
     : file_(std::make_unique<File>()) {
+  // "T" writes without compression and without a gzip header.
   file_->stream = Open(std::move(file), compressed ? "wb" : "wbT");
   if (file_->stream == nullptr) file_->failure = errno != 0 ? errno : ENOMEM;
 }
@@ -115,6 +118,7 @@ bool ManifestReader::line(Json& object) {
   ++lines_;
   std::string& text = file_->text;
   text.clear();
+  // gzgets stops at a line feed or at the buffer's end; long lines come in pieces.
   char piece[16 * 1024];
   while (file_->stream != nullptr && ::gzgets(file_->stream, piece, sizeof piece) != nullptr) {
     text += piece;
@@ -137,12 +141,14 @@ bool ManifestReader::readHeader() {
     complain("this is no manifest of a device");
     return false;
   }
+  // Guessing at a later format could prove what is not so.
   if (!object.contains("version") || object["version"] != kVersion) {
     complain("the manifest is of another version");
     return false;
   }
   header_.contents = object.contains("contents") && object["contents"] == true;
   while (line(object)) {
+    // Sections are numbered without a gap, which shows a missing line.
     if (object.contains("section") && object["section"] == header_.sections.size()) {
       auto section = SectionFromJson(object);
       if (!section) break;
@@ -168,6 +174,7 @@ std::optional<ManifestEntry> ManifestReader::next() {
     if (object.contains("begin")) {
       const Json& begin = object["begin"];
       const std::size_t expected = begun_ ? section_ + 1 : 0;
+      // In order and none left out: an item whose section is gone would look unexplained.
       if (begin != expected || expected >= header_.sections.size()) {
         return complain("a section is missing before it");
       }

@@ -21,7 +21,9 @@ class ManifestWriter {
   ManifestWriter(const ManifestWriter&) = delete;
   ManifestWriter& operator=(const ManifestWriter&) = delete;
 
+  // First, once: the device's sections, the registry's records.
   void header(const ManifestHeader& header);
+  // The entries that follow belong to the section of that number.
   void begin(std::size_t section);
   void entry(const ManifestEntry& entry);
   // Without this a manifest counts as cut off. False with errno when anything was not written.
@@ -57,8 +59,11 @@ class ManifestReader {
 
  private:
   struct File;
+  // The next line as an object. False at the end, or at what is none: problem() tells which.
   bool line(Json& object);
+  // Whether the entry can follow the last one: depth and order of names.
   bool fits(const ManifestEntry& entry);
+  // Sets problem(), with the number of the line. Nothing is read after it.
   std::nullopt_t complain(const std::string& what);
 
   std::unique_ptr<File> file_;

@@ -11,6 +11,7 @@
 
 namespace quorvel::host {
 
+// Their words in a manifest are NameOf's.
 enum class SectionKind {
   container,  // a directory of the legacy applications directory
   stray,      // any other entry there; the section's only item is itself
@@ -35,6 +36,7 @@ struct SectionBundle {
   bool placeholder = false;
 };
 
+// One directory of the device, whose items are listed below it.
 struct ManifestSection {
   SectionKind kind = SectionKind::container;
   std::string path;          // text, absolute inside the device
@@ -45,6 +47,7 @@ struct ManifestSection {
   std::vector<SectionItem> items{};
 };
 
+// All of it is held in memory, entries never are.
 struct ManifestHeader {
   bool contents = true;  // digests of files were taken
   std::vector<ManifestSection> sections{};
@@ -52,6 +55,7 @@ struct ManifestHeader {
   std::vector<Json> harbors{};
 };
 
+// One line with its line feed, and back. Absent for an object that is no section.
 std::string SectionLine(std::size_t index, const ManifestSection& section);
 std::optional<ManifestSection> SectionFromJson(const Json& object);
 const char* NameOf(SectionKind kind);

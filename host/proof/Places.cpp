@@ -23,6 +23,7 @@ using onlinux::ContainerKind;
 std::string Bytes(const std::string& text) { return BytesOfFileSystemRepresentation(text); }
 std::string Bytes(const Path& path) { return Bytes(path.string()); }
 
+// Empty when it cannot be listed: what is not found there then counts as missing.
 std::vector<std::string> NamesIn(const std::string& directory) {
   std::vector<std::string> names;
   const UniqueDescriptor opened(
@@ -106,6 +107,7 @@ void Places::findContainers() {
 }
 
 const BundleProxy* Places::record(const std::string& identifier) const {
+  // A snapshot of the registry is sorted by identifier.
   const auto at = std::lower_bound(registry_.bundles.begin(), registry_.bundles.end(), identifier,
                                    [](const BundleProxy& proxy, const std::string& wanted) {
                                      return proxy.bundleIdentifier < wanted;
@@ -126,6 +128,7 @@ std::vector<Place> Places::of(std::size_t index, const std::string& item) const 
       std::vector<Place> places;
       const auto group = groups_.find(section.identifier);
       if (group != groups_.end()) places.push_back({group->second + "/" + item, true});
+      // Where it was comes after where it should be.
       places.push_back({own + "/" + item, false});
       return places;
     }
@@ -189,6 +192,7 @@ void Places::addMetadataPlaces(const ManifestSection& section, const std::string
 std::optional<std::size_t> Places::replacedBy(std::size_t section, const SectionItem& mine,
                                               const Place& place) const {
   const auto [begin, end] = claims_.equal_range(place.path);
+  // Only a place that two items expected to come to can have been taken by the other.
   if (begin == end || std::next(begin) == end) return std::nullopt;
   struct stat now {};
   if (::lstat(place.path.c_str(), &now) != 0 || IsStill(mine, now)) return std::nullopt;
@@ -224,6 +228,7 @@ std::string Places::lossOfContainerItem(const ManifestSection& section,
   if (name.starts_with(MoveRemainPrefix)) return "the remains of a move that was finished";
   if (IsAmong(UserDataItemNames, name)) return {};
   const SectionBundle* bundle = BundleNamed(section, name);
+  // The app's own bundle, by which the container was judged.
   const SectionBundle* first = nullptr;
   for (const SectionBundle& each : section.bundles) {
     if (each.identifier == section.identifier) first = &each;
@@ -234,6 +239,7 @@ std::string Places::lossOfContainerItem(const ManifestSection& section,
   const BundleProxy* known = record(bundle != nullptr ? bundle->identifier : section.identifier);
   if (known == nullptr) known = record(section.identifier);
   if (known == nullptr) return {};
+  // Built-in apps are the only ones there.
   if (known->bundlePath && known->bundlePath->string().starts_with("/Applications/")) {
     return "the system carries a newer copy of the app";
   }
@@ -245,6 +251,7 @@ std::string Places::lossOfContainerItem(const ManifestSection& section,
 std::string Places::reportedLossOf(const ManifestSection& section, const std::string& name) const {
   const auto told = reported_.find(section.path);
   if (told == reported_.end()) return {};
+  // For user data only what the run named: anything else would hide a real loss.
   const bool excused =
       !IsAmong(UserDataItemNames, name) || told->second.userDataItems.contains(name);
   return excused ? told->second.reason : std::string();

@@ -49,16 +49,21 @@ class Places {
   const std::map<std::string, bool>& containers() const { return containers_; }
 
  private:
+  // Which item of which section expects to come to a place.
   struct Claim {
     std::size_t section = 0;
     const SectionItem* item = nullptr;
   };
+  // Lists the containers on disk and matches them with the registry's records.
   void findContainers();
+  // Of a bundle: the registry's containers for its identifier, then those that no record names.
   void addBundlePlaces(const ManifestSection& section, const std::string& name,
                        std::vector<Place>& places) const;
   void addMetadataPlaces(const ManifestSection& section, const std::string& name,
                          std::vector<Place>& places) const;
   std::vector<Place> ofContainerItem(const ManifestSection& section, const std::string& item) const;
+  // Why a migration leaves the item out of what it carries; empty for user data, which never has to
+  // be lost.
   std::string lossOfContainerItem(const ManifestSection& section, const std::string& name) const;
   std::string reportedLossOf(const ManifestSection& section, const std::string& name) const;
 

@@ -38,6 +38,7 @@ class SortedWalk {
 
  private:
   // The sorted names of one directory, in one block of memory.
+  // A string a name would cost several times the memory in a large directory.
   class Names {
    public:
     void add(std::string_view name);
@@ -50,11 +51,15 @@ class SortedWalk {
     std::size_t at_ = 0;
   };
 
+  // The root, which may be anything.
   bool first(WalkedItem& item, int& failure);
+  // Fills the item from its stat information. False when the walk cannot go on.
   bool describe(int directory, const char* name, WalkedItem& item, int& failure);
+  // Opens the directory that is about to be delivered, and reads its names.
   void prepareDirectory(int directory, const char* name, WalkedItem& item);
   void enterPrepared();
   bool leave(int& failure);
+  // A descriptor of the directory at hand that outlives the stack's own, for its items to share.
   bool pin(int& failure);
 
   std::string root_;

@@ -16,6 +16,7 @@ constexpr std::size_t kDirectoriesPerPiece = 32;
 
 std::optional<ManifestEntry> TreeStream::next(int& failure) {
   while (at_ == piece_.size()) {
+    // Before waiting for the front piece, so that the threads always have something to do.
     readAhead();
     if (ahead_.empty()) {
       failure = failure_;

@@ -23,6 +23,7 @@ class TreeStream {
   std::optional<ManifestEntry> next(int& failure);
 
  private:
+  // Hands pieces of the walk to the reader until enough of them are on their way.
   void readAhead();
 
   EntryReader& reader_;

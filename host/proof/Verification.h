@@ -13,6 +13,7 @@
 
 namespace quorvel::host {
 
+// What became of one item. The words for programs are NameOf's.
 enum class Verdict {
   arrived,      // in the current layout, unchanged
   kept,         // where it was or in its staging directory, unchanged
@@ -49,6 +50,7 @@ struct VerificationTotals {
   bool isWhole() const { return changed + missing + unproven == 0; }
 };
 
+// Called on the verifying thread, in the order of the manifest.
 using FindingSink = std::function<void(const Finding&)>;
 
 // In the device tree, which is only read. False with the Error when the manifest is damaged or a

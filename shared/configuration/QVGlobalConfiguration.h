@@ -47,11 +47,13 @@ class QV_EXPORT QVGlobalConfiguration {
 
   // --- Preferences and fixed values ---------------------------------------------------------
 
+  // True unless the preference says otherwise; the next two the other way round.
   bool lowerInstallPriority() const noexcept { return _lowerInstallPriority; }
   bool skipDeviceFamilyCheck() const noexcept { return _skipDeviceFamilyCheck; }
   bool skipThinningCheck() const noexcept { return _skipThinningCheck; }
   // As stored: 0 and negative numbers included.
   long nSimultaneousInstallations() const noexcept { return _nSimultaneousInstallations; }
+  // The daemon's own, fixed numbers.
   std::uint32_t uid() const noexcept { return _uid; }
   std::uint32_t gid() const noexcept { return _gid; }
 
@@ -75,6 +77,7 @@ class QV_EXPORT QVGlobalConfiguration {
   // --- Working directories of the service: created on every call ----------------------------
 
   Path carrierBundlesDirectory() noexcept;
+  // Protection class 4, as logDirectory() and dataDirectory(); the others have none set.
   Path stagingRoot() noexcept;
   Path logDirectory() noexcept;
   Path dataDirectory() noexcept;
@@ -102,6 +105,7 @@ class QV_EXPORT QVGlobalConfiguration {
   std::set<std::string> builtInFrameworkBundleIDs() noexcept;
   // Identifiers of the system, internal and disk-image apps; put together anew on each call.
   std::set<std::string> builtInApplicationBundleIDs() noexcept;
+  // Each discards the catalogs that come from there, and what was put together from them.
   void reScanSystemApps() noexcept;
   void reScanCoreServicesApps() noexcept;
   void reScanInternalApps() noexcept;
@@ -110,14 +114,18 @@ class QV_EXPORT QVGlobalConfiguration {
 
   // Where the first mounted medium below the entry is mounted.
   std::optional<std::string> mountPointForDevice(HardwareEntry entry) noexcept;
+  // One for each drive with a mounted medium, in the hardware registry's order.
   std::vector<std::string> diskImageMountPoints() noexcept;
   std::vector<Path> diskImageApplicationsDirectories() noexcept;
+  // Of two apps with one identifier the one on the later image.
   QVBundleMap diskImageAppBundleIDToInfoMap() noexcept;
 
   // --- Persisted flags: read and written on every call --------------------------------------
 
+  // A stored value that is no boolean counts as set, since somebody wrote it.
   bool haveUpdatedPluginContainersWithParentID() noexcept;
   void setHaveUpdatedPluginContainersWithParentID(bool flag) noexcept;
+  // From the store's own preferences; absent when there is none, or no string.
   std::optional<std::string> alternateThinningModelIdentifier() noexcept;
 
   // Not installed: what others cannot link.
@@ -135,7 +143,9 @@ class QV_EXPORT QVGlobalConfiguration {
   explicit QVGlobalConfiguration(const Path& root);
 
   // Not installed: what others cannot link.
+  // Computes the member at the first call; the lock is held by it.
   Path _fixedDirectory(std::optional<Path>& member, const Path& base, const char* component);
+  // The same for a catalog; one that is null is looked for again.
   std::shared_ptr<const QVBundleMap> _appMap(std::shared_ptr<const QVBundleMap>& member,
                                              Path (QVGlobalConfiguration::*directory)());
   std::optional<std::string> _firstMountPointBelow(HardwareEntry entry);

@@ -29,6 +29,7 @@
 namespace quorvel {
 
 // One packaged argument. Refers to what it was made from, which must outlive it.
+// Small enough to be passed by value; made and used within one call.
 class FormatArgument {
  public:
   enum class Kind {
@@ -47,6 +48,7 @@ class FormatArgument {
   template <class T>
   FormatArgument(const T& argument);  // NOLINT: converts on purpose
 
+  // Says which of the following counts.
   Kind kind = Kind::null;
   union {
     std::int64_t signedInteger;
@@ -61,6 +63,7 @@ using FormatArguments = std::span<const FormatArgument>;
 namespace format_detail {
 
 // What a C++ type may stand for in a format.
+// Integers by size and sign, since printf's own letters are checked against them.
 enum class Class { object, text, int32, uint32, int64, uint64, unusable };
 
 template <class T>
@@ -110,6 +113,7 @@ constexpr Directive ParseDirective(std::string_view format, std::size_t at) {
   return directive;
 }
 
+// Whether the argument can stand where the directive is; length letters count.
 consteval bool Fits(Directive directive, Class argument) {
   switch (directive.conversion) {
     case '@':
@@ -131,6 +135,7 @@ consteval bool Fits(Directive directive, Class argument) {
 }
 
 template <class... Arguments>
+// Ends the compilation unless each directive has its argument and each argument its directive.
 consteval void Check(std::string_view format) {
   constexpr std::size_t count = sizeof...(Arguments);
   const std::array<Class, count + 1> classes = {Classify<Arguments>()..., Class::unusable};
@@ -148,6 +153,7 @@ consteval void Check(std::string_view format) {
 }
 
 template <class T>
+// An absent optional prints as "(null)", a present one as its value.
 struct IsOptional : std::false_type {};
 template <class T>
 struct IsOptional<std::optional<T>> : std::true_type {};
@@ -156,6 +162,7 @@ struct IsOptional<std::optional<T>> : std::true_type {};
 
 // A format known to fit arguments of these types. Made implicitly from a string literal.
 template <class... Arguments>
+// The text is a literal's and lives as long as the program.
 class FormatString {
  public:
   template <std::size_t size>
@@ -214,12 +221,14 @@ FormatArgument::FormatArgument(const T& argument) : object(nullptr) {
 QV_EXPORT std::string QVFormatMessageV(std::string_view format, FormatArguments arguments);
 
 template <class... Arguments>
+// The message. Arguments are packaged by reference and used before this returns.
 std::string FormatMessage(Format<Arguments...> format, const Arguments&... arguments) {
   const std::array<FormatArgument, sizeof...(Arguments)> packaged = {FormatArgument(arguments)...};
   return QVFormatMessageV(format.get(), packaged);
 }
 
 // The printable descriptions that "%@" inserts.
+// Nested values are followed to a bounded depth, then cut with "...".
 QV_EXPORT std::string QVDescribeValue(const PlistValue& value);
 QV_EXPORT std::string QVDescribeError(const Error& error);
 // The userInfo of an Error alone.

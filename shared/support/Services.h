@@ -17,6 +17,7 @@ struct ServiceSlot {
   const char* name;
 };
 
+// Those that operations of the shared code may find missing, and what they are called then.
 inline constexpr ServiceSlot<FileSystem> kFileSystem{&PlatformServices::fileSystem, "FileSystem"};
 inline constexpr ServiceSlot<TreeWalker> kTreeWalker{&PlatformServices::treeWalker, "TreeWalker"};
 inline constexpr ServiceSlot<BundleReader> kBundles{&PlatformServices::bundles, "BundleReader"};
@@ -44,6 +45,7 @@ inline constexpr ServiceSlot<FileData> kFileData{&PlatformServices::fileData, "F
 
 // The service, or null: the set has none, or is older than this member.
 template <class Service>
+// Compared by size: an older program's set ends before the newer members.
 Service* FindService(const ServiceSlot<Service>& slot) {
   const PlatformServices& set = QVPlatform();
   const auto* begin = reinterpret_cast<const char*>(&set);
@@ -52,6 +54,7 @@ Service* FindService(const ServiceSlot<Service>& slot) {
 }
 
 // Ends the process with one line that names the service.
+// The line goes to standard error, and to the system's crash report where there is one.
 [[noreturn]] void EndForMissingService(const char* name);
 
 // For operations that cannot report a failure, and behind HasService.

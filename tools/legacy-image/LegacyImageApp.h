@@ -29,6 +29,7 @@ struct BundlePlan {
   bool isPlaceholder = false;
 };
 
+// A container without an app and without a plug-in is written empty but for its data.
 struct ContainerPlan {
   std::string name;  // bytes; the directory in LegacyApplications
   BundlePlan app;
@@ -51,6 +52,7 @@ void WriteBundle(LegacyImageWriter& writer, LegacyImageRandom& random, const std
 
 // The record that a migration that was begun has written into the container.
 PlistDictionary MarkerOf(const ContainerPlan& plan);
+// The bytes as they are, so that a damaged marker can be written as well.
 void WriteMarker(LegacyImageWriter& writer, const ContainerPlan& plan, std::string_view bytes);
 
 // The bytes of a property list; empty when it cannot be written, which no caller's value is.

@@ -9,6 +9,7 @@
 
 namespace quorvel::tools {
 
+// What the command line sets; the same options give the same tree byte for byte.
 struct LegacyImageOptions {
   unsigned apps = 40;
   std::uint64_t seed = 1;
@@ -35,6 +36,7 @@ struct FailingCase {
   void (*write)(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,
                 std::vector<std::string>& notes);
 };
+// Every way to fail once, in a fixed order, also for the tool's list.
 const std::vector<FailingCase>& FailingCases();
 
 // The harbor map and the directories it names, with entries that cannot be registered or are

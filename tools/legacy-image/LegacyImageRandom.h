@@ -8,6 +8,7 @@
 
 namespace quorvel::tools {
 
+// Not for secrets. One sequence an object; one thread.
 class LegacyImageRandom {
  public:
   explicit LegacyImageRandom(std::uint64_t seed) : state_(seed) {}
@@ -20,6 +21,7 @@ class LegacyImageRandom {
     return mixed ^ (mixed >> 31U);
   }
 
+  // Eight to a number, the least significant one first.
   std::string bytes(std::size_t count) {
     std::string text(count, '\0');
     std::uint64_t word = 0;

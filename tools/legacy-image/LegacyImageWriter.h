@@ -39,12 +39,14 @@ class LegacyImageWriter {
   const std::string& problem() const { return problem_; }
 
  private:
+  // What finish() sets when nothing is written below any more.
   struct Directory {
     std::string path;
     mode_t mode;
     timespec time;
   };
 
+  // Those that are missing, each with the next time.
   void makeParents(const std::string& path);
   void setTime(const std::string& path);
   bool fail(const std::string& path);

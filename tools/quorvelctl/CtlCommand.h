@@ -27,6 +27,7 @@ class Command {
   // arguments (printable, the end of a sentence), or "".
   virtual std::string complaint() const { return {}; }
   virtual Access access() const { return Access::look; }
+  // Whether libcrypto has to be loaded before the process is confined.
   virtual bool computesDigests() const { return false; }
   // The process's exit code, after everything has been said.
   virtual int run(Session& session) = 0;

@@ -39,6 +39,7 @@ class ErrorLines final : public LogWriter {
 
  private:
   const std::string command_;
+  // The last line, until it is shown or taken.
   std::optional<std::string> held_;
   std::size_t count_ = 0;
   std::size_t unlisted_ = 0;

@@ -18,6 +18,7 @@ std::string Guarded(std::string word);
 std::string Unguarded(std::string word);
 
 // Each returns the option, for ->required() and the like. Empty texts are refused.
+// One text, one or more texts, a switch.
 CLI::Option* AddText(CLI::App& parser, const char* name, std::string& value, const char* help);
 CLI::Option* AddTexts(CLI::App& parser, const char* name, std::vector<std::string>& values,
                       const char* help);
@@ -34,6 +35,7 @@ std::optional<T> Number(const std::string& text) {
 }
 
 template <class T>
+// Declares an option with such a number; the default stays when it is not given.
 CLI::Option* AddNumber(CLI::App& parser, const char* name, T& value, const char* help) {
   const auto check = [](const std::string& text) {
     return Number<T>(text) ? std::string() : "not a whole number within its bounds: " + text;

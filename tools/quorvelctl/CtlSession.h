@@ -81,10 +81,13 @@ class Session {
   struct Services;
 
   bool openLog(host::FatalError& error);
+  // Enters the tree for good: read-only for commands that only look.
   bool confine(Access access, host::FatalError& error);
+  // What relative arguments are below; asked before confinement makes it unreachable.
   bool findCurrentDirectory(host::FatalError& error);
   // An operation that logged the Error which it returned: once is enough.
   void dropLineOf(const Error& error);
+  // Writes a failure in both forms. The exit code.
   int failWith(Json object, const std::string& lines);
 
   const CommonOptions options_;

@@ -27,6 +27,7 @@ class DirectoryReader {
   void suspend();
 
  private:
+  // The next block of entries into the buffer. False at the end (errno 0) or on failure.
   bool fill(int descriptor);
 
   std::unique_ptr<char[]> buffer_;

@@ -70,14 +70,17 @@ class DirectoryStack {
     DirectoryReader reader;
   };
 
+  // Frees one descriptor. False when only the two deepest directories are open.
   bool closeShallowest();
   std::string nameOf(std::size_t level) const;
+  // Opens the directory `name` again. ESTALE when it is not the expected one any more.
   UniqueDescriptor reopen(int directory, const char* name, const DirectoryIdentity& expected);
 
   int base_;
   std::string rootName_;
   std::string path_;
   std::vector<Level> levels_;
+  // Levels before this one are closed; all from it on are open.
   std::size_t firstOpen_ = 0;
   DirectoryStack* partner_ = nullptr;
 };

@@ -16,6 +16,8 @@ class FileDataLinux : public FileData {
 
   // A file above 1 GiB is refused (EFBIG): nothing that is read whole is that large.
   std::unique_ptr<std::vector<std::uint8_t>> readWholeFile(const Path& file, Error* error) override;
+  // ReplaceFileAtomically (AtomicFile.h) without a flush: whoever relies on the file after a power
+  // cut syncs its file system.
   bool writeAtomically(std::span<const std::uint8_t> bytes, const Path& file,
                        Error* error) override;
   Path temporaryDirectory() override { return temporaryDirectory_; }

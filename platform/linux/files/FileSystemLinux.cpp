@@ -83,6 +83,7 @@ std::unique_ptr<WipeTreeState> FileSystemLinux::allocateWipeTreeState() {
 }
 
 int FileSystemLinux::RemoveTree(const char* path, unsigned flags, WipeTreeState& state) {
+  // A state that another implementation made has none of what a removal needs.
   auto* own = dynamic_cast<WipeTreeStateLinux*>(&state);
   if (own == nullptr || (flags & ~WIPETREE_RECURSIVE) != 0) return Fail(EINVAL);
   return Result([&] {
@@ -95,6 +96,8 @@ int FileSystemLinux::RemoveTree(const char* path, unsigned flags, WipeTreeState&
 
 int FileSystemLinux::CopyTree(const char* source, const char* destination, std::uint32_t flags,
                               const LeftOutCallback& leftOut) {
+  // Whoever asks for less than everything without following links is asking for another system's
+  // copy.
   constexpr std::uint32_t kNeeded =
       CLONETREE_DATA_STAT_XATTR_ACL | CLONETREE_NOFOLLOW_SRC | CLONETREE_NOFOLLOW_DST;
   if ((flags & ~CLONETREE_RECURSIVE) != kNeeded) return Fail(EINVAL);
@@ -119,6 +122,7 @@ int FileSystemLinux::MakePath(const char* path, mode_t mode) {
 int FileSystemLinux::GetProtectionClass(int descriptor) {
   unsigned char value[kProtectionClassSize];
   const ssize_t size = ::fgetxattr(descriptor, ProtectionClassAttributeName, value, sizeof value);
+  // No class was ever set, or none can be: both are class 0.
   if (size < 0 && (errno == ENODATA || errno == ENOTSUP)) return 0;
   if (size < 0 && errno != ERANGE) return -1;
   if (size != ssize_t{kProtectionClassSize}) return Fail(EINVAL);
@@ -143,6 +147,7 @@ int FileSystemLinux::SetProtectionClass(int descriptor, int protectionClass) {
 ssize_t FileSystemLinux::getxattr(const char* path, const char* name, void* value, std::size_t size,
                                   std::uint32_t position, int options) {
   if (!AcceptsOptions(position, options)) return Fail(EINVAL);
+  // As the kernel would say; the name has to be read here before it can.
   if (path == nullptr || name == nullptr) return Fail(EFAULT);
   const std::optional<std::string> own = AttributeName(name);
   return own ? ::lgetxattr(path, own->c_str(), value, size) : Fail(ENOMEM);
@@ -161,6 +166,7 @@ int FileSystemLinux::lchmod(int directory, const char* name, mode_t mode) {
 }
 
 int FileSystemLinux::SyncDirectory(const char* path) {
+  // fsync of a directory stores the names in it.
   const UniqueDescriptor directory(::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   return directory ? ::fsync(directory.get()) : -1;
 }

@@ -29,17 +29,20 @@ class HardLinks {
                 const char* name);
 
  private:
+  // Inodes of one tree are close together; the device seldom differs.
   struct Hash {
     std::size_t operator()(const DirectoryIdentity& item) const {
       return static_cast<std::size_t>(item.inode * 31 + item.device);
     }
   };
+  // Where the first copy is, and what it was: a name that leads elsewhere by now is not linked to.
   struct Copy {
     std::string directory;  // from `base`
     std::string name;
     DirectoryIdentity identity;
   };
 
+  // The open directory of the copy, reached without links; -1 with errno. Not owned.
   int directoryOf(const Copy& copy, DirectoryStack& target, int base, int current);
 
   std::unordered_map<DirectoryIdentity, Copy, Hash> copies_;

@@ -49,16 +49,21 @@ class MetadataCopier {
   static bool HandsDownAccess(int directory);
 
  private:
+  // The change of owner clears capabilities, and an access-control list set before it would open
+  // the item to the group of the process: those two follow it, all others come first.
   enum class Stage { beforeOwner, afterOwner };
 
+  // The names of the input's attributes into names_; none where the file system keeps none.
   bool listAttributes(int input, std::size_t* size);
   bool copyPinnedAttributes(int input, int output);
   bool copyAttributes(int input, int output, std::size_t listSize, Stage stage);
   bool copyAttribute(int input, int output, const char* name);
+  // Takes off the lists that the output got from its directory and the source does not have.
   bool removeInherited(int output, std::size_t listSize);
   bool listed(std::string_view name, std::size_t listSize) const;
 
   const ModeChanger& modes_;
+  // Both are made once and used for every item: attributes are bounded by the kernel.
   std::unique_ptr<char[]> names_;
   std::unique_ptr<char[]> value_;
 };

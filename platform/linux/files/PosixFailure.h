@@ -10,6 +10,7 @@
 namespace quorvel::onlinux {
 
 // A PosixErrorDomain record: "<what>: <description of number>".
+// Of a failed system call; take errno first, since anything in between may change it.
 inline Error PosixFailure(int number, const std::string& what) {
   return Error(PosixErrorDomain, number,
                {{LocalizedDescriptionKey, PlistValue(what + ": " + ErrnoDescription(number))}});

@@ -64,6 +64,7 @@ bool TreeCopier::checkRoots(struct stat* info) {
   if (!Look(sourceItem_.parent.get(), sourceItem_.name.c_str(), info)) return false;
   struct stat there;
   const bool exists = Look(targetItem_.parent.get(), targetItem_.name.c_str(), &there);
+  // A destination that cannot be looked at must not pass for one that is free.
   if (!exists && errno != ENOENT) return false;
   if (exists && IdentityOf(there) == IdentityOf(*info)) return Fail(EINVAL);
   if (!S_ISDIR(info->st_mode)) return true;
@@ -122,11 +123,13 @@ bool TreeCopier::copyEntry(const char* name, unsigned char type) {
 
 // `kind` may be out of date: each copy looks for itself at what it opened.
 bool TreeCopier::copyItem(const char* name, mode_t kind) {
+  // The two usual kinds look at what they open; the others are looked at by name.
   if (S_ISREG(kind)) return copyFile(name);
   if (S_ISDIR(kind)) return enterDirectory(name);
   struct stat info;
   if (!Look(from(), name, &info)) return false;
   if (S_ISSOCK(info.st_mode)) return leaveOut(name);
+  // Before anything is made: a second name needs no data.
   bool failed = false;
   if (linkInstead(name, info, &failed)) return true;
   if (failed) return false;
@@ -205,6 +208,7 @@ bool TreeCopier::linkInstead(const char* name, const struct stat& info, bool* fa
         return true;
       case HardLinks::Outcome::copyAnew:
         return false;
+      // Something has the name already: cleared like anything else in the way.
       case HardLinks::Outcome::failed:
         *failed = true;
         if (errno != EEXIST || !clear(name)) return false;
@@ -228,6 +232,7 @@ bool TreeCopier::copyLink(const char* name, const struct stat& info) {
   char text[PATH_MAX + 1];
   const ssize_t length = ::readlinkat(from(), name, text, sizeof text);
   if (length < 0) return false;
+  // A text that fills the buffer may be longer.
   if (static_cast<std::size_t>(length) == sizeof text) return Fail(ENAMETOOLONG);
   text[length] = '\0';
   const char* made = targetName(name);
@@ -248,6 +253,7 @@ bool TreeCopier::copySpecial(const char* name, const struct stat& info) {
 // name in a directory of somebody else may have been given to a file of a third person.
 bool TreeCopier::finishPinned(const char* entry, const struct stat& info) {
   const char* name = targetName(entry);
+  // Pinned, since the name may be somebody else's by the time its attributes are read.
   const UniqueDescriptor original = source_.openAt(from(), entry, kPinFlags);
   struct stat still;
   if (!original || ::fstat(original.get(), &still) != 0) return false;
@@ -278,6 +284,7 @@ bool TreeCopier::enterDirectory(const char* name) {
   if (sourceIs == targetRoot_ || sourceIs == IdentityOf(target)) return Fail(EINVAL);
   if (merged && !makePrivate(output.get(), target, source.st_mode)) return false;
 
+  // A directory that was there may have lists of its own, whatever is above it.
   const bool inherits = merged || handsDown();
   Level level{ItemStatus(source), OwnershipOf(target), inherits};
   level.handsDown = inherits && MetadataCopier::HandsDownAccess(output.get());
@@ -288,6 +295,7 @@ bool TreeCopier::enterDirectory(const char* name) {
 }
 
 bool TreeCopier::makeDirectory(const char* name, UniqueDescriptor* made, bool* merged) {
+  // For the owner alone until it is finished.
   *merged = ::mkdirat(into(), name, S_IRWXU) != 0;
   if (*merged && errno != EEXIST) return false;
   *made = target_.openDirectoryAt(into(), name);

@@ -34,24 +34,34 @@ class TreeCopier {
   };
 
   // The operations below are false with errno set.
+  // Refuses what would copy into or onto itself, before anything is made.
   bool checkRoots(struct stat* info);
+  // Whether the destination is below the directory. Asked of the disk: paths do not show mounts.
   bool liesWithin(const DirectoryIdentity& directory);
+  // Until the source's root is left again.
   bool walk();
+  // `type` is DT_* as the directory lists it, and may be unknown.
   bool copyEntry(const char* name, unsigned char type);
   bool copyItem(const char* name, mode_t kind);
+  // The file is opened first and judged by what was opened.
   bool copyFile(const char* name);
   bool fillFile(int input, int output, const char* name, const struct stat& info);
+  // The text is copied as it stands; where it leads is of no interest.
   bool copyLink(const char* name, const struct stat& info);
   bool copySpecial(const char* name, const struct stat& info);
   // `entry` is the source's name.
   bool finishPinned(const char* entry, const struct stat& info);
+  // Passes over what cannot be copied, and tells the caller of it. At the root it is a failure.
   bool leaveOut(const char* name);
   // Makes an item with `make`, which is 0 or -1 with errno set; what is in the way is cleared.
   template <class Make>
   bool makeInPlace(const char* name, const Make& make);
+  // Makes the directory's copy, or merges into what is there, and goes down on both sides.
   bool enterDirectory(const char* name);
   bool makeDirectory(const char* name, UniqueDescriptor* made, bool* merged);
+  // A directory that was found shows others no more than the source's does while it is filled.
   bool makePrivate(int directory, const struct stat& found, mode_t sourceMode);
+  // Gives the copy the source's metadata, last: its mode may bar and its times would change.
   bool finishDirectory();
 
   // Whether the copy of `info` is done by a second link; `failed` when that failed.
@@ -59,12 +69,15 @@ class TreeCopier {
   bool rememberLink(const char* name, const struct stat& info);
   // Removes a non-directory that is in the way; EISDIR for a directory.
   bool clear(const char* name);
+  // The owner and group that new files get in the directory that is being filled.
   bool ownersIn(int made, Ownership* owners);
 
   // Where entries are taken from and made: the deepest directories, or the roots' parents.
   int from() const;
   int into() const;
+  // The name on the target's side: the root has one of its own there.
   const char* targetName(const char* name) const;
+  // Whether items that are made now get an access-control list from their directory.
   bool handsDown() const { return levels_.empty() ? baseHandsDown_ : levels_.back().handsDown; }
 
   ItemPath sourceItem_;

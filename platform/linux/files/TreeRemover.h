@@ -11,6 +11,7 @@
 
 namespace quorvel::onlinux {
 
+// What the caller sets and asks about one removal. Belongs to the thread that removes.
 class WipeTreeStateLinux final : public WipeTreeState {
  public:
   bool setErrorCallback(ErrorCallback callback) override;
@@ -45,18 +46,28 @@ class TreeRemover {
   };
 
   // Which entries of the root directory are visited.
+  // Files first: whoever keeps a note beside the directories that it speaks of finds them whole as
+  // long as the note is there.
   enum class RootPass { files, directories, everything };
 
   void visit(int directory, const char* name, unsigned char type);
+  // Whether the root's entry waits for, or was dealt with in, the other pass.
   bool isForOtherPass(int directory, const char* name, unsigned char type);
+  // Unlinks it. False when it turns out to be a directory.
   bool visitFile(int directory, const char* name, unsigned char type);
   void visitDirectory(int directory, const char* name);
+  // A directory that cannot be opened may still be empty: rmdir tells.
   void removeUnreadable(int directory, const char* name, int openError);
+  // Goes down into a directory that was found to be on the mount that it should be on.
   void enter(UniqueDescriptor descriptor, const char* name);
   void finishDirectory(int readError);
+  // Whether to read the directory again: entries may be skipped while others are removed.
   bool mayHoldMore() const;
+  // Something was removed, which makes another pass over the directory worth while.
   void gone();
+  // It was gone before it could be removed: told once, at the end.
   void vanished(const char* name);
+  // Reports the failure, and ends the removal if the callback does not want it to go on.
   void failed(const std::string& path, int number);
 
   ItemPath item_;

@@ -90,11 +90,13 @@ const TreeWalkEntry* TreeWalkLinux::read() {
 
 const TreeWalkEntry* TreeWalkLinux::readNext() {
   if (!begun_) return deliverRoot();
+  // The visitor has seen it by now, and may have removed or exchanged it.
   if (entry_.kind == TreeWalkKind::directoryBefore) {
     if (const TreeWalkEntry* entry = enterDelivered()) return entry;
     if (ended_) return nullptr;
   } else if (leave_) {
     leave_ = false;
+    // Only now: the last entry's name and parent were the stack's.
     stack_.leave();
     directories_.pop_back();
   }
@@ -135,6 +137,7 @@ const TreeWalkEntry* TreeWalkLinux::deliverEntry(const DirectoryEntry& listed) {
   const bool seen = ::fstatat(parent, listed.name, &info_, AT_SYMLINK_NOFOLLOW) == 0;
   if (!seen) entry_.errorNumber = errno;
   const std::string& directory = stack_.path();
+  // One buffer for all paths: assigning keeps its memory.
   entryPath_ = directory;
   if (directory.back() != '/') entryPath_ += '/';
   entryPath_ += listed.name;
@@ -165,6 +168,7 @@ const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
 }
 
 const TreeWalkEntry* TreeWalkLinux::finishDirectory() {
+  // Without the way back there is no next entry.
   if (!stack_.openParent()) return end(errno);
   leave_ = true;
   info_ = directories_.back();

@@ -11,6 +11,7 @@ namespace {
 SampleWeights AreaWeights(double from, double to, std::uint32_t sourceSize) {
   SampleWeights result;
   result.first = static_cast<std::uint32_t>(from);
+  // Rounding may put the last border just beyond the source.
   const auto last = std::min(static_cast<std::uint32_t>(std::ceil(to)), sourceSize);
   for (std::uint32_t i = result.first; i < last; ++i) {
     const double covered = std::min(to, i + 1.0) - std::max(from, static_cast<double>(i));
@@ -73,12 +74,14 @@ std::vector<std::uint8_t> MakeCorner(std::uint32_t radius) {
 bool IconScaler::begin(std::uint32_t width, std::uint32_t height) {
   width_ = width;
   height_ = height;
+  // Bit for bit, which floating point would not promise.
   if (width == side_ && height == side_) {
     copy_.reserve(std::size_t{side_} * side_ * 4);
     return true;
   }
   columns_ = WeightsFor(width, side_);
   rows_ = WeightsFor(height, side_);
+  // Bounded by the result's size, whatever the source's is.
   narrowRow_.resize(std::size_t{side_} * 4);
   sums_.resize(std::size_t{side_} * side_ * 4);
   return true;
@@ -112,6 +115,7 @@ void IconScaler::shrinkRow(const std::uint8_t* pixels) {
     float blue = 0;
     float alpha = 0;
     for (const float weight : column.weights) {
+      // Premultiplied: a transparent pixel adds neither colour nor opacity.
       const float opacity = weight * in[3];
       red += opacity * in[0];
       green += opacity * in[1];
@@ -145,6 +149,7 @@ std::unique_ptr<Image> IconScaler::finish() {
   // Two passes, so that the compiler can turn the second, which is the longer, into vectors.
   for (std::size_t i = 0; i < sums_.size(); i += 4) {
     const float alpha = sums_[i + 3];
+    // Back from premultiplied; where nothing was opaque there is no colour.
     const float scale = alpha > 0 ? 1.0F / alpha : 0.0F;
     for (std::size_t channel = 0; channel < 3; ++channel) sums_[i + channel] *= scale;
   }
@@ -155,6 +160,7 @@ std::unique_ptr<Image> IconScaler::finish() {
 }
 
 void ApplyHomeScreenMask(Image& image) {
+  // The home screen's size, whose corner is counted once a process.
   static constexpr std::uint32_t usualSide = 120;
   static constexpr auto usualRadius = static_cast<std::uint32_t>(usualSide * kCornerRadiusShare);
   static const std::vector<std::uint8_t> usualCorner = MakeCorner(usualRadius);

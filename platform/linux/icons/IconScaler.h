@@ -29,7 +29,9 @@ class IconScaler final : public PngRowSink {
   std::unique_ptr<Image> finish();
 
  private:
+  // The source row at the result's width into narrowRow_; or enlarged, by the same weights.
   void shrinkRow(const std::uint8_t* pixels);
+  // Adds narrowRow_ to one row of the result.
   void addRowTo(std::uint32_t resultRow, float weight);
 
   std::uint32_t side_;

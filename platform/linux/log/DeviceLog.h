@@ -31,13 +31,17 @@ class DeviceLogFile {
   void write(int level, const char* function, std::string_view message);
 
  private:
+  // Whether there is a file to write to; tried once. With mutex_ held, as everything below.
   bool isReady();
+  // Makes it and what is missing above it.
   bool openDirectory();
   bool openFile();
+  // Sets the full file aside and begins a new one.
   void rotate();
 
   const std::string directoryPath_;
   const std::string name_;
+  // In bytes, of the file that is being written.
   const std::size_t sizeLimit_;
   std::mutex mutex_;
   std::string line_;

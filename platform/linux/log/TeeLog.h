@@ -23,6 +23,7 @@ class TeeHostLog final : public HostLogWriter {
   std::vector<HostLogWriter*> sinks_;
 };
 
+// The same for the service's log.
 class TeeLog final : public LogWriter {
  public:
   explicit TeeLog(std::vector<LogWriter*> sinks) : sinks_(std::move(sinks)) {}

@@ -76,6 +76,7 @@ class BinaryReader {
 
   bool readTrailer() {
     if (bytes_.size() < HeaderSize + 1 + TrailerSize) return fail("it is too short");
+    // Six unused bytes, two widths, then three big-endian numbers of 8 bytes.
     const std::uint8_t* trailer = bytes_.data() + bytes_.size() - TrailerSize;
     entryWidth_ = trailer[6];
     referenceWidth_ = trailer[7];
@@ -99,6 +100,7 @@ class BinaryReader {
     Frame& frame = frames_.back();
     const std::size_t depth = frames_.size();
     while (frame.next < frame.count) {
+      // `frame` may be gone once frames_ has grown, which is what the depth tells.
       if (!(frame.dictionary ? addEntry(frame) : addObject(reference(frame, frame.next++)))) {
         return false;
       }
@@ -192,6 +194,7 @@ class BinaryReader {
         width = 2 * referenceWidth_;
         break;
       default:
+        // A later version may have more kinds: not damage.
         return refuse(ENOTSUP, "an object of an unknown kind");
     }
     return readCount(object) && isWhole(object, width);
@@ -200,6 +203,7 @@ class BinaryReader {
   bool readCount(Object& object) {
     object.count = object.low;
     if (object.low != CountFollows) return true;
+    // The marker was the last byte of the objects' part.
     if (object.content == table_) return fail("a count outside the file");
     const unsigned marker = *object.content;
     const std::size_t width = std::size_t{1} << (marker & 15U);
@@ -222,6 +226,7 @@ class BinaryReader {
   // Most dictionaries of a file have the same keys in the same order as the one before.
   bool addKey(Frame& frame, std::size_t at, bool& foreign) {
     const std::uint64_t index = reference(frame, at);
+    // By position, which finds the usual case without a search.
     KnownKey& known = knownKeys_[at % knownKeys_.size()];
     if (known.index != index) {
       Object object;
@@ -270,6 +275,7 @@ class BinaryReader {
   bool passOver() {
     isExact_ = false;
     if (frames_.empty()) return refuse(ENOTSUP, "it holds no value");
+    // Its key was appended already.
     if (frames_.back().dictionary) frames_.back().entries.pop_back();
     return true;
   }
@@ -279,6 +285,7 @@ class BinaryReader {
     if (object.kind == Uid) isExact_ = false;
     const std::size_t width = object.count;
     if (width > 16) return refuse(ENOTSUP, "an integer of an unknown width");
+    // 16 bytes are read as a high and a low half.
     const std::size_t lowWidth = std::min<std::size_t>(width, 8);
     const std::uint64_t low = ReadNumber(object.content + width - lowWidth, lowWidth);
     if (width <= 8) {
@@ -358,6 +365,7 @@ class BinaryReader {
     frame.references = object.content;
     frame.count = object.count;
     frame.dictionary = object.kind == Dictionary;
+    // Its references lie within the file, so that the count is bounded by the file's size.
     if (frame.dictionary) frame.entries.reserve(object.count);
     if (!frame.dictionary) frame.array.reserve(object.count);
     return true;

@@ -41,6 +41,7 @@ class ScalarNumbers {
   // The number of an equal object; otherwise the object is appended to the list.
   std::uint32_t numberOf(const Object& object, std::vector<Object>& objects) {
     const auto fresh = static_cast<std::uint32_t>(objects.size());
+    // At most half full, so that free slots end most probes.
     if (share_ && 2 * used_ >= slots_.size()) grow();
     const std::uint32_t hash = share_ ? hashOf(object) : 0;
     for (std::size_t probe = 0; share_ && probe < MaximalProbes; ++probe) {
@@ -122,6 +123,7 @@ class BinaryWriter {
     if (!collect(root)) return reason_;
     constexpr std::string_view magic = "bplist00";
     out_.insert(out_.end(), magic.begin(), magic.end());
+    // The largest reference is the last object's number.
     referenceWidth_ = WidthFor(objects_.size() - 1);
     for (Object& object : objects_) {
       const std::uint64_t offset = out_.size();
@@ -146,6 +148,7 @@ class BinaryWriter {
   bool collect(const PlistValue& root) {
     if (!number(root, 0)) return false;
     for (std::size_t i = 0; i < objects_.size(); ++i) {
+      // Containers keep their children's numbers side by side, from here on.
       const Object object = objects_[i];  // a copy: the list grows
       const bool array = object.kind == PlistKind::array;
       if (!array && object.kind != PlistKind::dictionary) continue;
@@ -164,6 +167,7 @@ class BinaryWriter {
 
   bool collectDictionary(const Object& object) {
     const auto& dictionary = *static_cast<const PlistDictionary*>(object.source);
+    // All keys first, then all values: the order of the file format.
     for (const PlistEntry& entry : dictionary) {
       if (!numberString(entry.key)) return false;
     }
@@ -216,12 +220,14 @@ class BinaryWriter {
   }
 
   bool numberBytes(Object object, const void* bytes, std::size_t count) {
+    // Empty texts and data still need a source, which tells them from numbers.
     static constexpr char nothing = 0;
     object.source = count != 0 ? bytes : &nothing;
     object.number = count;
     const std::size_t before = objects_.size();
     references_.push_back(scalars_.numberOf(object, objects_));
     content_ += count;
+    // A new object: its bytes will be written.
     if (objects_.size() != before) written_ += count;
     return (written_ <= PropertyListSizeLimit && references_.size() <= PropertyListSizeLimit) ||
            fail("it is too large");
@@ -287,6 +293,7 @@ class BinaryWriter {
   }
 
   void writeMarker(unsigned kind, std::uint64_t count) {
+    // Small counts are part of the marker.
     append(kind << 4U | (count < CountFollows ? static_cast<unsigned>(count) : CountFollows), 1);
     if (count >= CountFollows) writeInteger(count, false);
   }
@@ -299,6 +306,7 @@ class BinaryWriter {
     const std::uint64_t tableOffset = out_.size();
     const std::size_t width = WidthFor(tableOffset);
     for (const Object& object : objects_) append(object.number, width);
+    // The trailer: six unused bytes, the two widths, count, root and table.
     append(0, 6);
     append(width, 1);
     append(referenceWidth_, 1);

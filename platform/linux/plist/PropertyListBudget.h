@@ -26,7 +26,9 @@ class PropertyListBudget {
   }
 
  private:
+  // What any file may become, however small: a million values are some tens of megabytes.
   static constexpr std::size_t kFreeNodes = std::size_t{1} << 20U;
+  // What is left of both.
   std::size_t nodes_;
   std::size_t content_;
 };

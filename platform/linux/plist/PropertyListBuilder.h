@@ -25,8 +25,11 @@ class PropertyListBuilder {
   }
   bool hasRoot() const { return !values_.empty() || !frames_.empty(); }
 
+  // The container's children are what is added until close().
   void open(bool dictionary) { frames_.push_back({dictionary, keys_.size(), values_.size()}); }
+  // In a dictionary, before each value.
   void addKey(std::string key) { keys_.push_back(std::move(key)); }
+  // A finished value: a child of the innermost container, or the root.
   template <class T>
   void add(T&& value) {
     values_.emplace_back(std::forward<T>(value));
@@ -47,15 +50,18 @@ class PropertyListBuilder {
     }
   }
   // The one value left when all is closed.
+  // Once; hasRoot() must be true.
   PlistValue takeRoot() { return std::move(values_.front()); }
 
  private:
+  // An open container: where its keys and children begin on the stacks.
   struct Frame {
     bool dictionary;
     std::size_t firstKey;
     std::size_t firstValue;
   };
 
+  // Pairs keys and values, and takes both off the stacks. Of equal keys the last one wins.
   PlistDictionary takeDictionary(const Frame& frame) {
     std::vector<PlistEntry> entries;
     entries.reserve(values_.size() - frame.firstValue);
@@ -68,6 +74,7 @@ class PropertyListBuilder {
     return PlistDictionary::fromEntries(std::move(entries));
   }
 
+  // Innermost last.
   std::vector<Frame> frames_;
   std::vector<std::string> keys_;
   std::vector<PlistValue> values_;

@@ -29,6 +29,7 @@ inline Error Refusal(int number, const std::string& reason) {
       {{LocalizedDescriptionKey, PlistValue("This property list is not read: " + reason)}});
 }
 
+// What a reader made of the bytes.
 struct PlistReading {
   PlistValue value;
   // Whether the value is all that the bytes say: nothing was passed over, approximated or replaced.

@@ -18,6 +18,7 @@ namespace quorvel::onlinux {
 
 namespace {
 
+// Where the format's dates are counted from.
 constexpr std::chrono::sys_days kReferenceDay = std::chrono::year(2001) / 1 / 1;
 constexpr std::int64_t kSecondsPerDay = 86400;
 // The first and last second whose text form others understand: years 1 to 9999.
@@ -72,6 +73,7 @@ std::optional<double> Decimal(std::string_view text) {
 
 std::optional<double> PositiveReal(std::string_view text) {
   if (text.empty()) return std::nullopt;
+  // from_chars would also take words of its own, such as those with a not-a-number's payload.
   if (text.front() == '.' || (text.front() >= '0' && text.front() <= '9')) return Decimal(text);
   if (EqualsIgnoringCase(text, "nan")) return std::numeric_limits<double>::quiet_NaN();
   if (EqualsIgnoringCase(text, "inf") || EqualsIgnoringCase(text, "infinity")) return kInfinity;
@@ -84,6 +86,7 @@ std::optional<PlistValue> LargeInteger(std::string_view digits, bool hexadecimal
   if (digits.empty() || digits.find_first_not_of(kDigits) != digits.npos) return std::nullopt;
   double real = 0;
   if (hexadecimal) {
+    // Rounds at each digit beyond the 53rd bit: an approximation is what is promised.
     for (const char digit : digits) real = real * 16 + *Unsigned<unsigned>({&digit, 1}, 16);
   } else {
     real = *Decimal(digits);
@@ -107,6 +110,7 @@ constexpr std::array<std::uint8_t, 256> MakeBase64Values() {
   }
   return values;
 }
+// Digit values by character, made at compile time.
 constexpr std::array<std::uint8_t, 256> Base64Values = MakeBase64Values();
 
 // Takes the padding and white space off the end. Not everyone writes all of the padding.
@@ -185,6 +189,7 @@ bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& te
     std::uint32_t point = unit(i);
     if ((point & 0xF800U) == 0xD800U) {
       const std::uint32_t second = i + 1 < count ? unit(i + 1) : 0;
+      // A high half followed by a low half is one character of the upper planes.
       if (point < 0xDC00U && (second & 0xFC00U) == 0xDC00U) {
         point = 0x10000U + ((point & 0x3FFU) << 10U) + (second & 0x3FFU);
         ++i;
@@ -200,6 +205,7 @@ bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& te
 
 std::size_t XmlCharacterLength(std::string_view text) {
   const auto first = static_cast<unsigned char>(text.front());
+  // XML 1.0 has no other control characters.
   if (first < 0x20) return first == '\t' || first == '\n' || first == '\r' ? 1 : 0;
   if (text.starts_with("\xEF\xBF\xBE") || text.starts_with("\xEF\xBF\xBF")) return 0;
   return encoding_detail::Utf8SequenceLength(text);
@@ -236,6 +242,7 @@ std::string TextFromReal(double real) {
 
 std::optional<PlistDate> DateFromText(std::string_view text) {
   text = Trimmed(text);
+  // The one form in which property lists have dates, always UTC.
   constexpr std::string_view shape = "YYYY-MM-DDThh:mm:ssZ";
   if (text.size() != shape.size()) return std::nullopt;
   for (const std::size_t at : {4U, 7U, 10U, 13U, 16U, 19U}) {
@@ -289,6 +296,7 @@ std::optional<PlistData> DataFromText(std::string_view text) {
   }
   // Two digits carry one byte and four spare bits, three carry two bytes and two. What the spare
   // bits are is of no importance to a decoder.
+  // Six bits carry no byte.
   if (digits == 1) return std::nullopt;
   if (digits == 0) return data;
   group <<= 6 * (4 - digits);

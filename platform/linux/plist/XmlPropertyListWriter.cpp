@@ -13,6 +13,7 @@ namespace {
 
 // Deeper lines are not indented further: the text stays in proportion to the value.
 constexpr std::size_t kMaximalIndentation = 32;
+// 57 bytes are 76 digits, the line length of MIME.
 constexpr std::size_t kDataBytesPerLine = 57;
 
 class XmlWriter {
@@ -20,6 +21,7 @@ class XmlWriter {
   explicit XmlWriter(std::vector<std::uint8_t>& out) : out_(out) {}
 
   std::string write(const PlistValue& root) {
+    // No document type line: readers do not need it, and some would fetch it.
     append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
     writeValue(root);
     while (!frames_.empty() && reason_.empty()) step();
@@ -55,6 +57,7 @@ class XmlWriter {
 
   void writeValue(const PlistValue& value) {
     if (++nodes_ > PropertyListNodeLimit) return fail("too many values");
+    // Asked once a value: the text is over the limit by one value at most.
     if (out_.size() > PropertyListSizeLimit) return fail("it is too large");
     switch (value.kind()) {
       case PlistKind::boolean:
@@ -80,6 +83,7 @@ class XmlWriter {
 
   void open(const PlistArray* array, const PlistDictionary* dictionary) {
     if (frames_.size() == PropertyListDepthLimit) return fail("nested too deeply");
+    // The short form, as others write it.
     if (array != nullptr && array->empty()) return writePlain("<array/>\n");
     if (dictionary != nullptr && dictionary->empty()) return writePlain("<dict/>\n");
     writePlain(array != nullptr ? "<array>\n" : "<dict>\n");

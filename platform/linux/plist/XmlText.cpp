@@ -55,6 +55,7 @@ std::optional<Encoding> EncodingOf(std::string_view text, std::string_view decla
     if (declared.empty() || BeginsWith(declared, name)) return Encoding{kUtf8};
   }
   if (BeginsWith(declared, "x-mac-roman")) return Encoding{"MACINTOSH"};
+  // One byte a character, all of them: anything else would have to say so by its first bytes.
   for (const char* family : {"ISO-8859-", "ISO_8859-", "ISO8859-", "latin", "windows-125", "CP125",
                              "CP437", "CP85", "IBM437", "IBM85", "KOI8-", "macintosh"}) {
     if (BeginsWith(declared, family)) return Encoding{std::string(declared)};
@@ -81,11 +82,13 @@ class Converter {
       char* next = buffer.data();
       std::size_t space = buffer.size();
       const std::size_t result = ::iconv(handle_, &in, &left, &next, &space);
+      // A full buffer is no failure: the next round goes on.
       const bool isBad = result == static_cast<std::size_t>(-1) && errno != E2BIG;
       out.text.append(buffer.data(), buffer.size() - space);
       if (!isBad) continue;
       out.text += kReplacementCharacter;
       out.isExact = false;
+      // A whole unit, so that what follows stays aligned.
       const std::size_t passed = std::min(unit, left);
       in += passed;
       left -= passed;
@@ -100,6 +103,7 @@ class Converter {
 // there is none.
 std::size_t ImpossibleReference(std::string_view text) {
   const std::size_t end = text.find(';');
+  // The caller passes a few bytes only: an honest reference is short.
   if (!text.starts_with("&#") || end == text.npos) return 0;
   const bool hexadecimal = text[2] == 'x';
   const char* const first = text.data() + (hexadecimal ? 3 : 2);
@@ -121,6 +125,7 @@ void Mend(std::string_view text, MendedXml& out) {
   while (!text.empty()) {
     if (!literal && text.starts_with("<!--")) {
       const std::size_t end = text.find("-->", 4);
+      // A comment without an end: the parser will say so.
       if (end == text.npos) break;
       text.remove_prefix(end + 3);
       continue;

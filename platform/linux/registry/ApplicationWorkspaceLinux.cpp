@@ -34,6 +34,7 @@ AppRecord RecordFor(const BundleDescription& bundle, const std::optional<AppReco
 bool ApplicationWorkspaceLinux::applicationIsInstalled(const std::string& identifier) {
   std::optional<AppRecord> record;
   if (!core_.prepare(nullptr) || !core_.find(identifier, &record, nullptr)) return false;
+  // A record alone is no installation: its bundle may have been removed by hand.
   return (record && core_.hasBundle(*record)) || core_.builtInApp(identifier) != nullptr;
 }
 
@@ -55,6 +56,7 @@ bool ApplicationWorkspaceLinux::installApplication(const Path& staging,
                                                    const PlistDictionary& options, Error* error,
                                                    const InstallProgressCallback& progress) {
   Request request;
+  // Always kept: the callback is told of it even when the caller wants no Error.
   Error failure;
   if (parse(staging, options, &request, &failure) && core_.prepareToWrite(&failure) &&
       !core_.isBlocked(request.identifier, &failure) && install(request, &failure)) {
@@ -74,6 +76,7 @@ bool ApplicationWorkspaceLinux::parse(const Path& staging, const PlistDictionary
   const PlistValue* installType = options.find(RXInstallTypeKey);
   const PlistValue* skip = options.find(RXSkipBlacklistKey);
   const PlistValue* metadata = options.find(RXLorvixMetadataKey);
+  // Absent options are judged below, all in one place.
   const bool isPlaceholder = type != nullptr && *type == RXPackageTypePlaceholder;
   if (!staging.string().starts_with('/') || identifier == nullptr || identifier->empty()) {
     return Fail(Code::invalidOptions, "An install request names no package or identifier", error);
@@ -116,6 +119,7 @@ bool ApplicationWorkspaceLinux::checkBundle(const Request& request, const Bundle
 bool ApplicationWorkspaceLinux::installPlaceholder(const Request& request, Error* error) {
   std::optional<AppRecord> known;
   if (!core_.find(request.identifier, &known, error)) return false;
+  // The record of a placeholder whose bundle is gone is no obstacle.
   const bool isThere = known && core_.hasBundle(*known);
   if (!IsRealDirectory(request.staging)) {
     // An interrupted request took it over already.
@@ -147,6 +151,7 @@ bool ApplicationWorkspaceLinux::runPlaceholder(const Request& request,
   InstallPlan plan = core_.newPlan();
   AppRecord record = RecordFor(bundle, known);
   record.placeholder = true;
+  // A placeholder claims no groups: the app itself will.
   record.groups.clear();
   record.staging = request.staging.string();
   if (!plan.giveDataContainer(&record, error) || !plan.moveBundle(&record, bundle.path, error)) {
@@ -226,6 +231,7 @@ bool ApplicationWorkspaceLinux::installBundles(const Request& request,
     }
     plan.setRecord(record);
   }
+  // The staging directory belongs to the request, not to a record that was changed.
   AppRecord owner;
   owner.identifier = request.identifier;
   plan.removeStaging(owner, request.staging);
@@ -239,6 +245,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
   if (!core_.find(request.identifier, &known, error)) return false;
   AppRecord record = known.value_or(AppRecord{});
   record.identifier = request.identifier;
+  // Only apps are built in.
   if (!known) record.type = BundleTypeApp;
   record.staging = request.staging.string();
   record.obsolete = true;

@@ -13,6 +13,7 @@
 
 namespace quorvel::onlinux {
 
+// One thread at a time, as the core; nothing is kept between two calls.
 class ApplicationWorkspaceLinux final : public ApplicationWorkspace {
  public:
   explicit ApplicationWorkspaceLinux(RegistryCore& core) : core_(core) {}
@@ -29,17 +30,21 @@ class ApplicationWorkspaceLinux final : public ApplicationWorkspace {
     std::string identifier;
     bool placeholder = false;
     bool skipBlacklist = false;
+    // The options' own; they outlive the request.
     const PlistData* metadata = nullptr;
   };
 
+  // False with an Error when the options cannot be understood. Touches nothing.
   static bool parse(const Path& staging, const PlistDictionary& options, Request* request,
                     Error* error);
   // The request without its report: one placeholder, or the bundles of a customer package.
   bool install(const Request& request, Error* error);
   bool installPlaceholder(const Request& request, Error* error);
+  // Carries out a placeholder that was found to be in order.
   bool runPlaceholder(const Request& request, const BundleDescription& bundle,
                       const std::optional<AppRecord>& known, Error* error);
   bool installCustomer(const Request& request, Error* error);
+  // All bundles of the package in one plan: either all are installed, or a later run goes on.
   bool installBundles(const Request& request, const PackageContents& package, Error* error);
   // The package's app is older than what is built in: ends as a failure, with the package gone.
   bool discardObsolete(const Request& request, const PackageContents& package, Error* error);
@@ -48,6 +53,7 @@ class ApplicationWorkspaceLinux final : public ApplicationWorkspace {
               Error* error);
   // Whether every bundle may be in a package for the requested identifier, and be installed.
   bool checkIdentifiers(const Request& request, const PackageContents& package, Error* error);
+  // The rules for one bundle, whatever it is in: its kind, the blacklist, open intents.
   bool checkBundle(const Request& request, const BundleDescription& bundle, Error* error);
 
   RegistryCore& core_;

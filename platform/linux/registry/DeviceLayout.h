@@ -36,11 +36,13 @@ class DeviceLayout {
     return Path::directory(root_ + "/" + MobileHomeDirectory + ContainersPath + "/" +
                            names[static_cast<int>(kind)]);
   }
+  // `name` is as the records have it; nothing here asks whether the directory exists.
   Path container(ContainerKind kind, std::string_view name) const {
     return containers(kind).childDirectory(name);
   }
 
  private:
+  // "" for the device's own "/"; never with a slash at its end.
   std::string root_;
 };
 

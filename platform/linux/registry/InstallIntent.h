@@ -11,6 +11,7 @@
 namespace quorvel::onlinux {
 
 // One identifier. Containers are names (DeviceLayout.h), absent when there is none.
+// What the registry stores of it; everything that a lookup tells comes from here and the disk.
 struct AppRecord {
   std::string identifier;
   std::string type;
@@ -27,6 +28,7 @@ struct AppRecord {
 };
 
 // One step of an intent. Each may be repeated, whether or not it was done before.
+// Done in order. A failure stops the intent, which a later call takes up again from its first step.
 struct InstallStep {
   enum class Kind {        // their numbers are stored
     makeDirectory,         // target

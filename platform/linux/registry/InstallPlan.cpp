@@ -42,6 +42,7 @@ bool InstallPlan::giveDataContainer(AppRecord* record, Error* error) {
 // The groups belong to nobody: should the app be given up, they are kept for the next one.
 bool InstallPlan::giveGroupContainers(const AppRecord& record, Error* error) {
   for (const std::string& group : record.groups) {
+    // Bundles of one package may share a group.
     if (newGroups_.contains(group)) continue;
     std::optional<std::string> name;
     if (!store_.findGroup(group, &name)) return SetError(error, store_.failure());
@@ -64,9 +65,12 @@ bool InstallPlan::moveBundle(AppRecord* record, const Path& bundle, Error* error
   record->bundleContainer = std::move(name);
   record->bundleName = bundle.lastPathComponent();
   const Path container = bundleContainer(*record);
+  // A container of its own for every install: the old bundle stays whole until the record names the
+  // new one.
   addStep(Kind::makeDirectory, record->identifier, {}, container);
   addStep(Kind::moveBundle, record->identifier, bundle,
           container.childDirectory(record->bundleName));
+  // A clean-up step: after the record was replaced.
   if (replaces) removeTree(*record, old);
   return true;
 }

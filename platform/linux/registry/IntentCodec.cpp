@@ -23,6 +23,7 @@ class Writer {
  public:
   std::string take() { return std::move(text_); }
 
+  // "<length>:<bytes>": any bytes may stand in a field, and none needs an escape.
   void put(std::string_view text) {
     text_ += std::to_string(text.size());
     text_ += ':';
@@ -68,6 +69,7 @@ class Reader {
     const auto [end, failure] = std::from_chars(rest_.data(), rest_.data() + rest_.size(), size);
     if (failure != std::errc()) return false;
     rest_.remove_prefix(static_cast<std::size_t>(end - rest_.data()));
+    // A length that goes beyond the text is damage, not an invitation.
     if (rest_.empty() || rest_[0] != ':' || rest_.size() - 1 < size) return false;
     *text = rest_.substr(1, size);
     rest_.remove_prefix(1 + size);
@@ -91,6 +93,7 @@ class Reader {
     if (!take(&text)) return false;
     std::from_chars(text.data(), text.data() + text.size(), number);
     *kind = static_cast<InstallStep::Kind>(number);
+    // A step that this version does not know must not be guessed at.
     return number >= 0 && *kind <= InstallStep::Kind::removeStaging;
   }
   bool take(std::optional<std::string>* value) {

@@ -87,6 +87,7 @@ std::string_view TakePart(std::string_view* text) {
 int ComparePart(std::string_view left, std::string_view right) {
   const std::string_view a = TakeNumber(&left);
   const std::string_view b = TakeNumber(&right);
+  // Without leading zeros the longer number is the larger.
   if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
   const int order = a.compare(b);
   return order != 0 ? order : left.compare(right);
@@ -101,6 +102,7 @@ bool IsRealDirectory(const Path& path) {
 
 bool ReadBundle(BundleReader& reader, const Path& directory, const char* type,
                 BundleDescription* bundle, Error* error) {
+  // Which of the three failed makes no difference to the request.
   const auto opened = reader.open(directory);
   const std::string* identifier = opened != nullptr ? opened->identifier() : nullptr;
   const PlistDictionary* info = opened != nullptr ? opened->infoDictionary() : nullptr;
@@ -120,6 +122,7 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
   const UniqueDescriptor directory =
       OpenDirectory(AT_FDCWD, staging.fileSystemRepresentation().c_str());
   if (!directory) {
+    // No staging directory is an empty package: an earlier request took it.
     return SaysAbsent(errno) || Fail(staging.string(), error);
   }
   package->isPresent = true;
@@ -149,6 +152,7 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
 }
 
 bool IsNewerVersion(std::string_view version, std::string_view than) {
+  // Nobody can say which of them is the newer one.
   if (version.empty() || than.empty()) return false;
   while (!version.empty() || !than.empty()) {
     const std::string_view left = TakePart(&version);
@@ -176,6 +180,7 @@ const BuiltInApps::Map* BuiltInApps::all(Error* error) {
     const auto [known, isFirst] = apps_.try_emplace(app.identifier, app);
     if (!isFirst && IsNewerVersion(app.version, known->second.version)) known->second = app;
   }
+  // Built-in apps change with the system only, never during a run.
   isKnown_ = true;
   return &apps_;
 }

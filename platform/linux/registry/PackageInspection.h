@@ -12,9 +12,11 @@
 
 namespace quorvel::onlinux {
 
+// As records and lookups have them; the second one for the extension "vpnplugin".
 inline constexpr const char* BundleTypeApp = "App";
 inline constexpr const char* BundleTypeVPNPlugin = "VPNPlugin";
 
+// A bundle as its info dictionary describes it, read once.
 struct BundleDescription {
   Path path;
   std::string type;  // one of the above

@@ -26,6 +26,7 @@ RegistryCore::RegistryCore(FileSystem& fileSystem, BundleReader& bundles, Regist
       builtIn_(bundles_, layout_.applications()) {}
 
 bool RegistryCore::prepare(Error* error) {
+  // Tried again at every call: what was in the way may be gone.
   unfinished_ = {};
   if (!store_.open(fileSystem_, layout_.registryDirectory(), options_, error)) return false;
   if (!options_.readOnly) transaction_.finishOpenIntents(&unfinished_);
@@ -44,6 +45,7 @@ bool RegistryCore::isBlocked(const std::string& identifier, Error* error) {
   if (!store_.openIntents(&intents)) return !storeFailed(error);
   for (const InstallIntent& intent : intents) {
     for (const AppRecord& record : intent.records) {
+      // Others go on: only this app's state is in doubt.
       if (record.identifier == identifier) return !SetError(error, unfinished_);
     }
   }
@@ -77,6 +79,7 @@ bool RegistryCore::containerHolds(const AppRecord& record, const std::string& na
 const BundleDescription* RegistryCore::effectiveBuiltIn(const std::string& identifier,
                                                         const std::optional<AppRecord>& record) {
   const BundleDescription* app = builtIn_.find(identifier);
+  // An update of a built-in app counts for as long as it is not older.
   if (app == nullptr || !record || !hasBundle(*record)) return app;
   return IsNewerVersion(app->version, record->version) ? app : nullptr;
 }
@@ -110,6 +113,7 @@ BundleProxy RegistryCore::proxyOf(const AppRecord& record) {
   proxy.dataContainerPath = container(ContainerKind::data, record.dataContainer);
   proxy.isPlaceholder = record.placeholder;
   proxy.groupContainerPaths.emplace();
+  // Absent rather than empty: the caller can tell "unknown" from "none".
   if (!groupContainers(record.groups, &*proxy.groupContainerPaths)) {
     proxy.groupContainerPaths.reset();
   }
@@ -138,6 +142,7 @@ bool RegistryCore::giveContainers(const BundleDescription& app, std::optional<Ap
   if (complete) return true;
   AppRecord updated = record->value_or(AppRecord{});
   updated.identifier = app.identifier;
+  // A record that speaks of an installed bundle keeps that bundle's facts.
   if (!updated.bundleContainer) {
     updated.type = app.type;
     updated.groups = app.groups;
@@ -175,6 +180,7 @@ bool RegistryCore::snapshot(RegistrySnapshot* result, Error* error) {
   if (apps == nullptr || !prepare(error)) return false;
   const auto note = [&](const AppRecord& record) { records[record.identifier] = record; };
   if (!forEachApp(note, error)) return false;
+  // Built-in apps that no record was made for yet.
   for (const auto& [identifier, app] : *apps) records.try_emplace(identifier);
   for (const auto& [identifier, record] : records) {
     const BundleDescription* app = effectiveBuiltIn(identifier, record);

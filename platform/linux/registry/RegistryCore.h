@@ -56,7 +56,9 @@ class RegistryCore {
   BundleProxy proxyOf(const AppRecord& record);
   // `record` holds the containers, if there are any yet.
   BundleProxy proxyOf(const BundleDescription& builtIn, const std::optional<AppRecord>& record);
+  // Every record and every built-in app; false with the Error when not all of it can be told.
   bool snapshot(RegistrySnapshot* result, Error* error);
+  // Whether all that is stored can be read; takes up open intents first.
   bool isSound(Error* error) { return prepare(error) && store_.isSound(error); }
 
   // --- Built-in apps, and packages (PackageInspection.h) ------------------------------------
@@ -77,6 +79,7 @@ class RegistryCore {
 
   // --- Changes: after prepareToWrite() ------------------------------------------------------
 
+  // An empty plan, and the only way to carry one out.
   InstallPlan newPlan() { return {layout_, store_}; }
   bool run(InstallPlan& plan, Error* error) { return plan.run(transaction_, error); }
   // Gives a built-in app the containers it still lacks, and updates the record.
@@ -104,7 +107,9 @@ class RegistryCore {
 
  private:
   bool storeFailed(Error* error) { return SetError(error, store_.failure()); }
+  // The container's path; absent without a name.
   std::optional<Path> container(ContainerKind kind, const std::optional<std::string>& name) const;
+  // Those of the groups that have one. False when the store failed.
   bool groupContainers(const std::vector<std::string>& groups, std::map<std::string, Path>* paths);
 
   FileSystem& fileSystem_;

@@ -41,6 +41,7 @@ std::int64_t FileSize(const std::string& path) {
 }
 
 int ErrnoOf(int result, sqlite3* connection) {
+  // The low byte is the primary code; the rest says more about the same.
   switch (result & 0xFF) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
@@ -65,6 +66,7 @@ Error FailureOf(int result, sqlite3* connection) {
   const std::string text =
       connection != nullptr ? sqlite3_errmsg(connection) : sqlite3_errstr(result);
   const int number = ErrnoOf(result, connection);
+  // What has an errno may pass; anything else is about the content.
   if (number != 0) return PosixFailure(number, "The application registry: " + text);
   return RegistryFailure(RegistryErrorCode::damagedStore, "The application registry: " + text);
 }
@@ -85,6 +87,7 @@ bool Populate(sqlite3* connection, const DatabaseOptions& options) {
 
 void RegistryDatabase::prepareProcess() {
   unsigned char seeded = 0;
+  // The generator is seeded at its first use.
   if (sqlite3_initialize() == SQLITE_OK) sqlite3_randomness(sizeof seeded, &seeded);
 }
 
@@ -98,6 +101,7 @@ bool RegistryDatabase::create(const std::string& directory, const char* name,
     return Fail(directory, error);
   }
   struct stat info {};
+  // Another process made it while this one waited for the lock.
   if (::fstatat(parent.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) return true;
   if (errno != ENOENT) return Fail(Joined(directory, name), error);
 
@@ -121,6 +125,7 @@ bool RegistryDatabase::create(const std::string& directory, const char* name,
   if (closed != SQLITE_OK || FileSize(Joined(directory, fresh + "-wal")) > 0) {
     return SetError(error, PosixFailure(EIO, Joined(directory, fresh)));
   }
+  // Under its name only when it is complete, and the name stored.
   if (::renameat(parent.get(), fresh.c_str(), parent.get(), name) != 0 ||
       ::fsync(parent.get()) != 0) {
     return Fail(Joined(directory, name), error);
@@ -221,6 +226,7 @@ bool RegistryDatabase::commit() {
 
 void RegistryDatabase::rollback() {
   if (connection_ == nullptr || sqlite3_get_autocommit(connection_) != 0) return;
+  // The rollback's own failure, if any, must not hide why it was needed.
   const Error cause = failure_;
   Query(*this, "ROLLBACK").run();
   failure_ = cause;
@@ -247,6 +253,7 @@ sqlite3_stmt* RegistryDatabase::prepared(std::string_view sql) {
   if (found != statements_.end()) return found->second;
   sqlite3_stmt* statement = nullptr;
   if (!recordFailure(sqlite3_prepare_v3(connection_, sql.data(), static_cast<int>(sql.size()),
+                                        // Kept for the connection's life.
                                         SQLITE_PREPARE_PERSISTENT, &statement, nullptr))) {
     return nullptr;
   }
@@ -259,6 +266,7 @@ Query::Query(RegistryDatabase& database, std::string_view literal)
 
 Query::~Query() {
   if (statement_ == nullptr) return;
+  // Ready for the next use; bindings point to the caller's texts.
   sqlite3_reset(statement_);
   sqlite3_clear_bindings(statement_);
 }

@@ -52,6 +52,7 @@ class RegistryDatabase {
   // also when another process made it meanwhile.
   static bool create(const std::string& directory, const char* name, const DatabaseOptions& options,
                      Error* error);
+  // Folds the log into the file unless opened for reading only. May be called at any time.
   void close();
   bool isOpen() const { return connection_ != nullptr; }
 
@@ -68,11 +69,17 @@ class RegistryDatabase {
 
  private:
   friend class Query;
+  // Statements without results, one after another. False with failure().
   bool execute(const char* sql);
+  // Whether the file that was opened is ours, of a known version and whole.
   bool check(const std::string& path, const DatabaseOptions& options, Error* error);
+  // Whether the file is as long as it has to be; its content only after an unclean end.
   bool fileIsWhole(const std::string& path);
+  // The number that the statement answers, or -1.
   std::int64_t pragma(const char* sql);
+  // Turns SQLite's result into failure(). True when it was none.
   bool recordFailure(int result);
+  // The connection's one statement of that text, made at its first use; null with failure().
   sqlite3_stmt* prepared(std::string_view sql);
 
   sqlite3* connection_ = nullptr;
@@ -98,6 +105,7 @@ class Query {
   bool run();  // executes to the end; false when it failed
   bool failed() const { return failed_; }
 
+  // Of the current row, counted from 0. An absent text is empty.
   std::string text(int column) const;
   std::optional<std::string> optionalText(int column) const;
   std::int64_t number(int column) const;

@@ -12,8 +12,11 @@
 
 namespace quorvel::onlinux {
 
+// Beside the errno values that come from the disk under PosixErrorDomain.
 inline constexpr const char* RXErrorDomain = "RXErrorDomain";
 
+// The numbers are part of Errors and logs: new ones go before the last, which is none of an
+// Error's.
 enum class RegistryErrorCode : std::int64_t {
   damagedStore = 1,       // the database is truncated, foreign or inconsistent
   newerStore,             // the database is of a version that this program does not know
@@ -38,6 +41,7 @@ inline const char* RegistryErrorName(RegistryErrorCode code) {
   return names[static_cast<std::int64_t>(code) - 1];
 }
 
+// A record of the registry's own domain; `text` is for people.
 inline Error RegistryFailure(RegistryErrorCode code, std::string text) {
   return Error(RXErrorDomain, static_cast<std::int64_t>(code),
                {{LocalizedDescriptionKey, PlistValue(std::move(text))}});

@@ -55,6 +55,7 @@ AppRecord RecordOf(const Query& query) {
 }  // namespace
 
 RegistryStore::~RegistryStore() {
+  // If this fails the clean-up is repeated, which does no harm.
   if (database_.isOpen() && !finished_.empty() && database_.begin() && forgetFinished()) {
     database_.commit();
   }
@@ -71,6 +72,7 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
   if (::lstat(file.c_str(), &info) != 0) {
     if (errno != ENOENT) return Fail(file, error);
     absent_ = options.readOnly;
+    // Nothing is stored: nothing can be damaged.
     if (absent_) return true;
     if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error) ||
         !RegistryDatabase::create(bytes.c_str(), RegistryFileName, database, error)) {
@@ -79,6 +81,7 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
   }
   Error failure;
   if (database_.open(bytes.c_str(), RegistryFileName, database, &failure)) return true;
+  // One wait a process: a command with many lookups would otherwise wait at each.
   waited_ = failure.is(PosixErrorDomain, EBUSY);
   return SetError(error, std::move(failure));
 }
@@ -89,6 +92,7 @@ bool RegistryStore::isSound(Error* error) {
     return Fail(RegistryErrorCode::damagedStore, "The application registry: its tables are damaged",
                 error);
   }
+  // Each table is read once; decoding is part of being sound.
   std::optional<std::string> container;
   std::vector<InstallIntent> intents;
   std::vector<SafeHarborRecord> harbors;
@@ -156,6 +160,7 @@ bool RegistryStore::commit(InstallIntent* intent) {
   if (!database_.begin()) return false;
   bool done = forgetFinished();
   for (const AppRecord& record : intent->records) done = done && putRecord(record);
+  // The records are stored as such from here on; what is left of the intent is its clean-up.
   InstallIntent cleanup{intent->id, true, {}, {}};
   for (const InstallStep& step : intent->steps) {
     if (step.cleanup) cleanup.steps.push_back(step);
@@ -176,6 +181,7 @@ bool RegistryStore::openIntents(std::vector<InstallIntent>* intents) {
                                            "The application registry: an intent is damaged"));
       return false;
     }
+    // Done, but not forgotten on disk yet.
     if (std::find(finished_.begin(), finished_.end(), intent.id) == finished_.end()) {
       intents->push_back(std::move(intent));
     }

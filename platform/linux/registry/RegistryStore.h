@@ -20,6 +20,7 @@
 
 namespace quorvel::onlinux {
 
+// One thread at a time.
 class RegistryStore {
  public:
   // Opens the database, making it when it is missing (not when `options.readOnly`: then an absent
@@ -65,6 +66,8 @@ class RegistryStore {
  private:
   bool putRecord(const AppRecord& record);
   bool putIntent(const InstallIntent& intent);
+  // Deletes what finish() noted; part of whatever transaction comes next, so that it costs no flush
+  // of its own.
   bool forgetFinished();
   bool end(bool done);
 

@@ -21,6 +21,7 @@
 namespace quorvel::onlinux {
 
 // Rules as for QVLinuxServices. The set's pointers lead to the members.
+// The order of the members is that of their making: later ones refer to earlier ones.
 struct CoreServices {
   // As QVLinuxServices::create.
   static std::unique_ptr<CoreServices> create(const Path& root,
@@ -39,12 +40,15 @@ struct CoreServices {
   FileDataLinux fileData;
   PreferencesPlist preferences;
   HardwareRegistryLinux hardware;
+  // The kernel's table as it is, and the view of it that a confined process hands out.
   MountTableLinux machineMounts;
   std::optional<ConfinedMountTable> mountsInside;
+  // Only when the options ask for digests: libcrypto takes milliseconds to load.
   std::optional<Sha256ProviderLinux> sha256;
   ProcessTransactionLinux transaction;
   CpuUsageMonitorLinux cpuMonitor;
   CrashReportMessageLinux crashReport;
+  // Pointers to the members above.
   PlatformServices set;
 };
 

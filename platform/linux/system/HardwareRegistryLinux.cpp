@@ -35,6 +35,7 @@ std::vector<unsigned> NumbersBehind(std::string_view prefix, int parent, const c
     const std::string_view text = entry->d_name;
     if (!text.starts_with(prefix)) continue;
     unsigned number = 0;
+    // "loop0p1" is no number behind "loop": the whole rest must be one.
     const char* end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data() + prefix.size(), end, number);
     if (parsed.ec == std::errc() && parsed.ptr == end) numbers.push_back(number);
@@ -105,6 +106,7 @@ std::vector<HardwareRegistryLinux::Node> HardwareRegistryLinux::childrenOf(const
 HardwareEntry HardwareRegistryLinux::firstMatchingService(const char* className) {
   // Every class is met on the way down along first children.
   Node node;
+  // Without devices there is no controller either.
   if (attachedDevices().empty()) return 0;
   while (std::strcmp(classOf(node.kind), className) != 0) {
     const std::vector<Node> children = childrenOf(node);
@@ -134,6 +136,7 @@ std::int32_t HardwareRegistryLinux::createIterator(HardwareEntry entry, const ch
   // Parents before children: a stack whose top is the next node of the order. A device that was
   // detached since it was found has nothing below it any more.
   Walk walk;
+  // Looked up now and kept: an iterator shows one moment.
   std::vector<Node> pending;
   if (held->node.kind == Kind::controller || isAttached(held->node.device)) {
     pending = childrenOf(held->node);

@@ -52,10 +52,12 @@ class HardwareRegistryLinux final : public HardwareRegistry {
     unsigned partition = 0;  // number of the partition
     friend auto operator<=>(const Node&, const Node&) = default;
   };
+  // One iterator: what there was when it was made, and how far it has got.
   struct Walk {
     std::vector<Node> nodes;
     std::size_t next = 0;
   };
+  // An entry in somebody's hands; forgotten when its last reference goes.
   struct Held {
     Node node;
     std::size_t references = 0;
@@ -63,9 +65,12 @@ class HardwareRegistryLinux final : public HardwareRegistry {
 
   static const char* classOf(Kind kind);
   static std::string nameOf(const Node& node);
+  // Numbers of the loop devices that have a backing file, in ascending order.
   std::vector<unsigned> attachedDevices() const;
   std::vector<unsigned> partitionsOf(unsigned device) const;
+  // By the presence of "loop/backing_file", which the kernel shows while there is one.
   bool isAttached(unsigned device) const;
+  // One level down, in the order of their numbers.
   std::vector<Node> childrenOf(const Node& node) const;
   std::int32_t createIterator(HardwareEntry entry, const char* plane, bool recursive,
                               HardwareIterator* iterator);
@@ -75,6 +80,7 @@ class HardwareRegistryLinux final : public HardwareRegistry {
   UniqueDescriptor blockDirectory_;
   std::mutex mutex_;
   std::uint32_t lastHandle_ = 0;
+  // Both directions: what a number is, and which number a node has while it is held.
   std::map<HardwareEntry, Held> entries_;
   std::map<Node, HardwareEntry> numbers_;
   std::map<HardwareIterator, Walk> walks_;

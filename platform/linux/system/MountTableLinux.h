@@ -20,6 +20,7 @@ class MountTableLinux final : public MountTable {
 
  private:
   UniqueDescriptor table_;
+  // Why there is no table; what each read then fails with.
   int openErrno_ = 0;
 };
 

@@ -44,11 +44,13 @@ class SerialTaskQueue final : public TaskQueue {
   void submit(std::function<void()> job) override;
 
  private:
+  // The thread: one job at a time, each outside of the lock, until closing and empty.
   void run();
 
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::function<void()>> jobs_;
+  // The destructor has begun: what is queued still runs.
   bool closing_ = false;
   std::thread thread_;  // last: started when all else is there
 };

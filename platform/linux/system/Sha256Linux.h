@@ -21,6 +21,8 @@ class Sha256ProviderLinux final : public Sha256Provider {
   std::unique_ptr<Sha256> start() override;
 
  private:
+  // The functions of libcrypto, looked up once: nothing links it, so that a program without digests
+  // does not load it.
   struct Library;
   class Computation;
   std::unique_ptr<Library> library_;

@@ -50,6 +50,7 @@ class RavellePreview final : public MigrationPreview {
   bool migrates(const RecordFields& fields);
   // Whether the registry would know the app and have a data container for it.
   bool registers(const RecordFields& fields);
+  // Whether a placeholder could be made of the bundle, and would be taken.
   bool takesPlaceholder(const RecordFields& fields);
   // Whether each item of user data could be moved to its container.
   bool movesData(const RecordFields& fields);
@@ -64,12 +65,14 @@ class RavellePreview final : public MigrationPreview {
   void installPackage(const RecordFields& fields, const std::vector<Path>& package);
   // Store metadata follows its bundle; the emptied staging directory goes.
   void takeMetadata(const RecordFields& fields, const Path& container);
+  // Whether the identifier belongs to an app where the bundle is none, or the reverse.
   bool isOfAnotherKind(const std::string& identifier, const Path& bundle);
   // Whether something would be left in the container that no step moves.
   bool missesItems(const RecordFields& fields);
   // The container would go: what is lost with it, and what would keep it.
   void removes(const RecordFields& fields, bool isPlaceholder, Outcome outcome);
 
+  // The bundles that would be in the staging directory by then.
   std::vector<Path> packageOf(const RecordFields& fields) const;
   // Where the bundle can be read now; absent when its dictionary would be gone by then.
   std::optional<Path> infoOf(const Path& bundle) const;
@@ -77,19 +80,23 @@ class RavellePreview final : public MigrationPreview {
   bool stop(MigrationStep step, MigrationReason reason, const Path& path, Error error = {});
   void tellLoss(const ForeseenTree::Removal& removal);
 
+  // The groups that the app would claim, by its bundle or by the registry.
   std::set<std::string> groupsOf(const RecordFields& fields, const std::vector<Path>& package);
   void tellUnreadable(const Path& map, const Error& error);
   void loadGroups();
+  // Tells what becomes of one group, and remembers that it was asked for.
   void moveGroup(const std::string& group);
   void moveGroupItems(MigratedDirectory& told);
   // After all containers: groups that no migrated app asked for stay behind.
   void tellUnclaimedGroups();
   void tellHarbors();
+  // Links among the containers, which stay.
   void tellLinks(const Path& legacy);
 
   const QVGlobalConfiguration& configuration_;
   QVFileManager& files_;
   MigrationAccount* account_ = nullptr;
+  // The device as the steps so far would have left it.
   ForeseenTree tree_;
   // What containers that come earlier install: identifier to the bundle's extension.
   std::map<std::string, std::string> installed_;

@@ -13,9 +13,9 @@ namespace quorvel::host {
 
 namespace {
 
-constexpr std::size_t WidestIdentifier = 48;
+constexpr std::size_t kWidestIdentifier = 48;
 // A cause may stop thousands of containers; the first of them show what it is.
-constexpr std::size_t MostRows = 20;
+constexpr std::size_t kMostRows = 20;
 
 Json TextOrNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
 
@@ -87,7 +87,7 @@ bool WentWell(const ContainerResult& container) {
 }
 
 // The outcomes in the order of their weight for the reader, and the color that goes with each.
-constexpr std::pair<MigrationOutcome, const char*> ByWeight[] = {
+constexpr std::pair<MigrationOutcome, const char*> kByWeight[] = {
     {MigrationOutcome::failed, "\x1b[31m"},   {MigrationOutcome::left, "\x1b[31m"},
     {MigrationOutcome::removed, "\x1b[33m"},  {MigrationOutcome::resumed, "\x1b[32m"},
     {MigrationOutcome::migrated, "\x1b[32m"},
@@ -119,7 +119,7 @@ class AccountText {
 
   std::string text() {
     measure();
-    for (const auto& [outcome, color] : ByWeight) {
+    for (const auto& [outcome, color] : kByWeight) {
       // With --quiet only what is left to do.
       const bool isFailure =
           outcome == MigrationOutcome::failed || outcome == MigrationOutcome::left;
@@ -144,7 +144,7 @@ class AccountText {
       if (WentWell(container) && !view_.all) continue;
       columns_ = std::max(columns_, DisplayWidth(Printable(container.is.identifier)));
     }
-    columns_ = std::min(columns_, WidestIdentifier);
+    columns_ = std::min(columns_, kWidestIdentifier);
   }
 
   std::vector<MigratedDirectory> groups() const {
@@ -166,7 +166,7 @@ class AccountText {
                                     : std::string(NameOf(outcome));
       out_ += cause.empty() ? "\n" : ": " + cause + "\n";
       const std::size_t shown =
-          view_.all ? containers.size() : std::min(MostRows, containers.size());
+          view_.all ? containers.size() : std::min(kMostRows, containers.size());
       for (std::size_t i = 0; i < shown; ++i) row(*containers[i]);
       if (shown < containers.size()) {
         out_ += "  and " + std::to_string(containers.size() - shown) + " more (--all shows them)\n";

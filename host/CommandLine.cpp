@@ -18,7 +18,7 @@ namespace quorvel::host {
 
 namespace {
 
-constexpr const char* ExitCodesText =
+constexpr const char* kExitCodesText =
     "Exit codes: 0 done, also when there was nothing to do; 1 it ran and reported failure;\n"
     "2 usage; 3 the plug-in cannot be loaded; 4 no device tree, or it cannot be entered;\n"
     "5 refused before anything was changed.";
@@ -225,7 +225,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
   parser.set_version_flag("--version", std::string("migration-host ") + kBuiltVersion);
   parser.require_subcommand(1);
-  parser.footer(ExitCodesText);
+  parser.footer(kExitCodesText);
   AddMigrate(parser, options);
   AddInspect(parser, options);
   AddRegistry(parser, options);

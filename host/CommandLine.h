@@ -43,6 +43,7 @@ struct Options {
 
 // Options to run with; without them, `exitCode` and the text that goes with it: help or the version
 // for standard output when the code is 0, the complaint otherwise.
+// Exactly one of the two is of use: options, or an exit code with its text.
 struct ParsedCommandLine {
   std::optional<Options> options;
   int exitCode = 0;

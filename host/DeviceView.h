@@ -52,6 +52,7 @@ class DeviceView {
   bool privileged_ = false;
   bool isMemory_ = false;
   bool isCovered_ = false;
+  // The directory stays when this goes.
   bool keep_ = false;
 };
 

@@ -18,8 +18,8 @@ namespace quorvel::host {
 namespace {
 
 // The directories that the closing message of a failed migration asks for in a bug report.
-constexpr const char* HostLogDirectory = "/private/var/mobile/Library/Logs/Corvenna";
-constexpr const char* ServiceLogDirectory = "/private/var/mobile/Library/Logs/Quorvel";
+constexpr const char* kHostLogDirectory = "/private/var/mobile/Library/Logs/Corvenna";
+constexpr const char* kServiceLogDirectory = "/private/var/mobile/Library/Logs/Quorvel";
 
 // What the registry's database leaves beside itself when its process is killed.
 const std::string kRegistryLog =
@@ -52,8 +52,8 @@ struct HostServices::Services {
   const DeviceAccess access;
   const std::unique_ptr<QVLinuxServices> device;
   std::optional<onlinux::JsonLineLog> jsonLog;
-  onlinux::DeviceHostLog deviceHostLog{HostLogDirectory};
-  onlinux::DeviceLog deviceLog{ServiceLogDirectory};
+  onlinux::DeviceHostLog deviceHostLog{kHostLogDirectory};
+  onlinux::DeviceLog deviceLog{kServiceLogDirectory};
   std::vector<HostLogWriter*> hostSinks;
   std::vector<LogWriter*> sinks;
   std::optional<onlinux::TeeHostLog> hostLog;

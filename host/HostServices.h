@@ -31,6 +31,7 @@ class HostServices {
   // Before confinement: every call of either log is appended to the file as a line of JSON.
   bool openLog(const std::string& file, FatalError& error);
   // False when a line could not be appended to that file.
+  // True when there is no such file.
   bool logIsWhole() const;
   // Before install(): the plug-in tells this account what it does.
   void tell(MigrationAccount& account);

@@ -15,16 +15,16 @@ namespace quorvel::host {
 
 namespace {
 
-constexpr const char* PluginFileName = "Ravelle.so";
-constexpr const char* Remedy = "Name the plug-in's shared object with --plugin";
+constexpr const char* kPluginFileName = "Ravelle.so";
+constexpr const char* kRemedy = "Name the plug-in's shared object with --plugin";
 
 // Beside the executable, as in a build tree; else where it is installed, seen from there.
 std::string BesideExecutable() {
   std::error_code failure;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", failure);
   // Without /proc there is the current directory to try.
-  if (failure) return PluginFileName;
-  const std::filesystem::path beside = self.parent_path() / PluginFileName;
+  if (failure) return kPluginFileName;
+  const std::filesystem::path beside = self.parent_path() / kPluginFileName;
   const std::filesystem::path installed = self.parent_path() / QUORVEL_INSTALLED_PLUGIN;
   const bool useInstalled =
       !std::filesystem::exists(beside, failure) && std::filesystem::exists(installed, failure);
@@ -48,23 +48,23 @@ bool PluginBundle::load(const std::string& file, FatalError& error) {
   printable_ = Printable(name);
   struct stat info {};
   if (::stat(name.c_str(), &info) != 0) {
-    return Fail(error, ExitPluginUnusable, printable_ + ": " + ErrnoDescription(errno), Remedy);
+    return Fail(error, ExitPluginUnusable, printable_ + ": " + ErrnoDescription(errno), kRemedy);
   }
   if (!S_ISREG(info.st_mode)) {  // a pipe would block the loader for ever
-    return Fail(error, ExitPluginUnusable, printable_ + ": this is no file", Remedy);
+    return Fail(error, ExitPluginUnusable, printable_ + ": this is no file", kRemedy);
   }
   // RTLD_NOW: what is missing shows here rather than in the middle of a migration, when the library
   // directories are out of reach.
   void* bundle = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (bundle == nullptr) {
     return Fail(error, ExitPluginUnusable, printable_ + ": cannot be loaded: " + LoaderMessage(),
-                Remedy);
+                kRemedy);
   }
   entry_ = reinterpret_cast<MigratorPluginEntry>(::dlsym(bundle, MigratorPluginEntryName));
   if (entry_ == nullptr) {
     return Fail(error, ExitPluginUnusable,
                 printable_ + ": this is no plug-in: it does not export " + MigratorPluginEntryName,
-                Remedy);
+                kRemedy);
   }
   // These two came later: a plug-in without them can still migrate.
   previewEntry_ =

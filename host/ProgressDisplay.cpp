@@ -15,11 +15,11 @@ namespace quorvel::host {
 
 namespace {
 
-constexpr auto RedrawInterval = std::chrono::milliseconds(100);
-constexpr std::size_t WidestBar = 30;
+constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
+constexpr std::size_t kWidestBar = 30;
 // Before that the measure says little.
 constexpr auto kTimeToMeasure = std::chrono::seconds(1);
-constexpr const char* ClearLine = "\r\x1b[K";
+constexpr const char* kClearLine = "\r\x1b[K";
 
 std::string Percent(float progress) {
   const std::string digits = std::to_string(static_cast<int>(std::floor(progress * 100.0F)));
@@ -46,7 +46,7 @@ void ProgressDisplay::stop() {
   }
   wake_.notify_one();
   thread_.join();
-  if (terminal_.isTerminal) (void)WriteWhole(STDERR_FILENO, ClearLine);
+  if (terminal_.isTerminal) (void)WriteWhole(STDERR_FILENO, kClearLine);
 }
 
 void ProgressDisplay::run() {
@@ -55,7 +55,7 @@ void ProgressDisplay::run() {
     lock.unlock();
     draw();
     lock.lock();
-  } while (!wake_.wait_for(lock, RedrawInterval, [this] { return stopping_; }));
+  } while (!wake_.wait_for(lock, kRedrawInterval, [this] { return stopping_; }));
   lock.unlock();
   draw();  // a short migration's only sign of life
 }
@@ -66,7 +66,7 @@ void ProgressDisplay::draw() {
   const std::string app = Printable(account_.current());
   std::string line;
   if (terminal_.isTerminal) {
-    line = ClearLine + bar(progress, app);
+    line = kClearLine + bar(progress, app);
   } else {
     line = Percent(progress) + counted(progress) + (app.empty() ? "" : " migrating " + app) + "\n";
   }
@@ -93,7 +93,7 @@ std::string ProgressDisplay::remaining(float progress) const {
 // Never wider than the terminal less one column: a full line would wrap, and stay.
 std::string ProgressDisplay::bar(float progress, const std::string& app) const {
   const std::size_t columns = std::max<std::size_t>(TerminalColumns(STDERR_FILENO), 12) - 1;
-  const std::size_t cells = std::min(WidestBar, columns / 3);
+  const std::size_t cells = std::min(kWidestBar, columns / 3);
   const auto full = static_cast<std::size_t>(progress * static_cast<float>(cells));
   const std::string percent = Percent(progress);
   std::string line = "[";

@@ -11,11 +11,11 @@ namespace quorvel::host {
 namespace {
 
 // A group may fail once per item; this many are enough to know why, and all are in the log.
-constexpr std::size_t MostProblems = 32;
+constexpr std::size_t kMostProblems = 32;
 
 void AddCapped(std::vector<MigrationProblem>& problems, const MigrationProblem& problem) {
   // What stopped the container is always kept.
-  if (problems.size() < MostProblems || problem.stops) problems.push_back(problem);
+  if (problems.size() < kMostProblems || problem.stops) problems.push_back(problem);
 }
 
 }  // namespace

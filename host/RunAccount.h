@@ -17,6 +17,7 @@
 
 namespace quorvel::host {
 
+// One entry of the legacy directory, from its first sight to its end.
 struct ContainerResult {
   std::string path{};
   ClassifiedContainer is{};
@@ -87,18 +88,21 @@ class RunAccount : public MigrationAccount {
   // A line of the event stream, where there is one.
   void tell(const char* event, Json fields);
 
+  // Guards everything below; halt() keeps it for good.
   mutable std::mutex mutex_;
   std::condition_variable stands_;
   EventStream* events_ = nullptr;
   bool halting_ = false;
   bool standing_ = false;
   std::size_t items_ = 0;
+  // Set between the container's beginning and its end.
   std::optional<std::size_t> open_;  // index of the container that things belong to
   Clock::time_point since_;
   std::vector<ContainerResult> containers_;
   std::map<std::string, MigratedDirectory> groups_;
   std::vector<MigratedDirectory> harbors_;
   std::map<std::string, MigrationReason> leftBehind_;
+  // Of the run, capped: a damaged tree may tell one for each item.
   std::vector<MigrationProblem> problems_;
 };
 

@@ -58,6 +58,7 @@ class Error {
   // The string under a key of userInfo, or null.
   const std::string* infoString(std::string_view key) const;
   // The Error under UnderlyingErrorKey; one without a record when there is none.
+  // Chains are short: an operation adds its own record to the cause's.
   Error underlying() const;
 
  private:
@@ -128,6 +129,7 @@ inline std::string ErrnoDescription(int number) {
 // Whether a file or directory whose reading failed is certain to be of no use: it is absent, or it
 // was read whole and is not what it should be. Only then may anything be removed on account of
 // the failure. Every other Error, one without a record included, says that nothing is known.
+// The one list of such failures: whoever removes something asks here.
 inline bool IsCertainlyUnusable(const Error& error) {
   return error.is(PosixErrorDomain, ENOENT) || error.is(PosixErrorDomain, ENOTDIR) ||
          error.is(PlatformErrorDomain, PlatformPropertyListReadCorruptError);

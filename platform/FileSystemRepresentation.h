@@ -104,6 +104,7 @@ inline std::string BytesOfFileSystemRepresentation(std::string_view text) {
 
 // The NUL-terminated bytes of a path text for a system call. It refers to the text, which must
 // outlive it, and copies only when the text holds escapes (rare: found by one scan for F4).
+// Made for one call and gone with it; neither copied nor kept.
 class FileSystemRepresentation {
  public:
   explicit FileSystemRepresentation(const std::string& text) : text_(text.c_str()) {

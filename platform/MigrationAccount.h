@@ -151,6 +151,7 @@ constexpr const char* NameOf(LegacyItemKind kind) {
 }
 
 // What is known of an entry once it was looked at.
+// Told before anything is done with the container.
 struct ClassifiedContainer {
   LegacyItemKind kind = LegacyItemKind::unknown;
   std::string identifier{};  // these two are empty unless there is something to migrate
@@ -158,6 +159,7 @@ struct ClassifiedContainer {
 };
 
 // Something that did not go as it should.
+// Its reason says what, its step where, its Error why.
 struct MigrationProblem {
   MigrationStep step = MigrationStep::introspect;
   MigrationReason reason = MigrationReason::none;
@@ -168,6 +170,7 @@ struct MigrationProblem {
 };
 
 // What went with something that was removed although not all of it had arrived elsewhere.
+// Counted before the removal: afterwards nobody could.
 struct MigrationLoss {
   std::string path{};
   std::uint64_t files = 0;                   // links and special files included
@@ -212,12 +215,14 @@ class MigrationAccount {
   virtual void stepBegan(MigrationStep /*step*/) {}
   virtual void stepEnded(MigrationStep /*step*/, bool /*succeeded*/) {}
   // Where the container's data goes.
+  // At the latest before the first item is moved there.
   virtual void dataContainerFound(const std::string& /*path*/) {}
   // When it is met. One that stops the container comes before the container's end.
   virtual void problem(const MigrationProblem& /*problem*/) {}
   // Before the end of the container whose removal it is.
   virtual void lost(const MigrationLoss& /*loss*/) {}
   // `stays`: the entry is still there.
+  // Once for each container, unless the run was ended before.
   virtual void containerEnded(MigrationOutcome /*outcome*/, bool /*stays*/) {}
 
   // Each once for every attempt to move a group, and for every entry of the harbor map.

@@ -21,6 +21,7 @@ inline std::string ParentOf(std::string_view path) {
 
 class Path {
  public:
+  // Part of the value: a path to a file and one to a directory of the same text differ.
   enum class Kind { file, directory };
 
   // The empty path, which names nothing: the absent path.
@@ -40,6 +41,7 @@ class Path {
 
   // Whether this is the empty path; system calls refuse it with ENOENT.
   bool isAbsent() const { return text_.empty(); }
+  // What the path says of itself; the disk may say otherwise.
   bool isDirectory() const { return directory_; }
   // The plain path, as messages print it when they print a path string.
   const std::string& string() const { return text_; }
@@ -68,6 +70,7 @@ class Path {
   Path childDirectory(std::string_view name) const { return appending(name, Kind::directory); }
 
   // The text after the last slash; "/" for the root.
+  // These two refer to the path's own text.
   std::string_view lastPathComponent() const {
     const std::string_view text = text_;
     if (text.size() <= 1) return text;

@@ -83,6 +83,7 @@ class PlistDictionary {
   std::size_t foreignKeyCount_ = 0;
 };
 
+// In the order in which readers and writers name them; nothing depends on the numbers.
 enum class PlistKind { boolean, integer, real, string, data, date, array, dictionary, set };
 
 // One value. Booleans, integers and reals are different kinds and never equal one another, but
@@ -109,6 +110,7 @@ class PlistValue {
   // Each is null when the value is of another kind.
   // Integers are not booleans here, nor the other way round.
   const bool* boolean() const { return std::get_if<bool>(&storage_); }
+  // Also of a number that is whole, as long as it was stored as a real.
   const double* real() const { return std::get_if<double>(&storage_); }
   const std::string* string() const { return std::get_if<std::string>(&storage_); }
   const PlistData* data() const { return std::get_if<PlistData>(&storage_); }
@@ -132,6 +134,7 @@ class PlistValue {
                                PlistDate, PlistArray, PlistDictionary, PlistSet>;
 
   template <class T>
+  // Unsigned integers that fit are held signed, so that one number has one form.
   static Storage fromNumber(T number) {
     if constexpr (std::is_same_v<T, bool>) {
       return number;
@@ -149,6 +152,7 @@ class PlistValue {
   Storage storage_;
 };
 
+// Ordered by key in a dictionary; the value may be of any kind.
 struct PlistEntry {
   std::string key;
   PlistValue value;
@@ -171,6 +175,7 @@ inline bool operator==(const PlistDictionary& a, const PlistDictionary& b) {
   return a.entries_ == b.entries_;
 }
 
+// Of different kinds is never equal, whatever the numbers.
 inline bool operator==(const PlistValue& a, const PlistValue& b) {
   if (const double* left = a.real()) {
     const double* right = b.real();
@@ -180,6 +185,7 @@ inline bool operator==(const PlistValue& a, const PlistValue& b) {
   return a.storage_ == b.storage_;
 }
 
+// The two integer alternatives are one kind.
 inline PlistKind PlistValue::kind() const {
   static constexpr PlistKind kinds[] = {
       PlistKind::boolean,    PlistKind::integer, PlistKind::integer, PlistKind::real,
@@ -199,6 +205,7 @@ inline PlistDictionary::PlistDictionary(std::initializer_list<PlistEntry> entrie
 
 inline PlistDictionary PlistDictionary::fromEntries(std::vector<PlistEntry> entries) {
   const auto byKey = [](const PlistEntry& a, const PlistEntry& b) { return a.key < b.key; };
+  // Most callers bring them in order, and then nothing is moved.
   const auto outOfOrder = [](const PlistEntry& a, const PlistEntry& b) { return b.key <= a.key; };
   if (std::adjacent_find(entries.begin(), entries.end(), outOfOrder) != entries.end()) {
     std::stable_sort(entries.begin(), entries.end(), byKey);

@@ -37,6 +37,7 @@ class PlatformServicesSize {
   PlatformServicesSize();
   PlatformServicesSize(const PlatformServicesSize& other);
   PlatformServicesSize& operator=(const PlatformServicesSize& other);
+  // sizeof(PlatformServices) in the program that made the set.
   std::size_t bytes;
 };
 

@@ -23,6 +23,7 @@ class UniqueDescriptor {
   explicit operator bool() const { return descriptor_ >= 0; }
   // Stays owned; release() hands it over.
   int get() const { return descriptor_; }
+  // The descriptor is the caller's to close from here on.
   int release() { return std::exchange(descriptor_, -1); }
 
   // Keeps errno: a descriptor is often closed between a failure and its report. Errors of close

@@ -29,7 +29,7 @@ namespace quorvel::host {
 
 namespace {
 
-constexpr mode_t DeviceUmask = 022;
+constexpr mode_t kDeviceUmask = 022;
 // How far a likely tree is looked for: up from a container in it, and not through a whole disk.
 constexpr int kLevelsLookedAt = 6;
 constexpr int kEntriesLookedAt = 1000;
@@ -246,7 +246,7 @@ bool DeviceRoot::enter(View view, FatalError& error) {
                         : "Nothing was changed. Name a directory that you may enter with --root",
                 refused ? "namespace-refused" : "");
   }
-  ::umask(DeviceUmask);
+  ::umask(kDeviceUmask);
   return true;
 }
 

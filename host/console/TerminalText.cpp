@@ -9,7 +9,7 @@ namespace quorvel::host {
 
 namespace {
 
-constexpr std::string_view Ellipsis = "\xE2\x80\xA6";
+constexpr std::string_view kEllipsis = "\xE2\x80\xA6";
 
 char32_t CodePoint(std::string_view sequence) {
   const auto bits = [&](std::size_t i) {
@@ -116,7 +116,7 @@ std::string CutEnd(std::string_view printable, std::size_t columns) {
     if (used > columns) break;
     kept += length;
   }
-  return std::string(printable.substr(0, kept)).append(Ellipsis);
+  return std::string(printable.substr(0, kept)).append(kEllipsis);
 }
 
 std::string Padded(std::string_view printable, std::size_t columns) {

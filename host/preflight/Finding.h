@@ -11,6 +11,7 @@
 
 namespace quorvel::host {
 
+// What it means for the run.
 enum class Severity {
   warning,  // one container's own outcome is at stake: the run goes on
   refuse,   // something would be lost or stranded: the run does not begin
@@ -68,9 +69,11 @@ inline bool Refuses(const Findings& findings) {
 }
 
 // An array of objects, in the order found.
+// Texts are the system's, names reversibly encoded.
 Json FindingsAsJson(const Findings& findings);
 
 // One line each, those that refuse first; a long list of warnings ends with their number.
+// For standard error; printable whatever the names are.
 std::string FindingsAsText(const Findings& findings);
 
 }  // namespace quorvel::host

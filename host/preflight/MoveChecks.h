@@ -20,8 +20,10 @@ class MoveChecks {
   MoveChecks(Findings& findings, SpaceNeeds& needs);
 
   // Every entry of the legacy applications directory. How many there are.
+  // A container that cannot be moved fails alone: its finding is a warning.
   std::size_t containers(const std::string& applications);
   // The legacy group containers that the install map names.
+  // A finding here refuses the run: no marker speaks of what a group holds.
   void groups(const PlistDictionary& map);
 
  private:

@@ -28,6 +28,7 @@ class SpaceNeeds {
   void check(Findings& findings) const;
 
  private:
+  // Of one file system.
   struct Need {
     std::string directory{};      // on that file system, for asking it
     std::uint64_t blockSize = 0;  // 0: it does not tell
@@ -36,6 +37,7 @@ class SpaceNeeds {
     std::uint64_t largestBytes = 0;  // of one copy whose original, on the same one, then goes
     std::uint64_t largestInodes = 0;
   };
+  // Of one tree, as a copy of it would have.
   struct Size {
     std::uint64_t bytes = 0;
     std::uint64_t inodes = 0;

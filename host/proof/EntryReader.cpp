@@ -113,7 +113,7 @@ class ItemReader {
     std::array<char, kLargestNameList> names;
     const ssize_t length = ::llistxattr(name_, names.data(), names.size());
     // A file system without attributes has none to lose.
-    if (length < 0) return errno == ENOTSUP ? void() : complain(entry, errno);
+    if (length < 0 && errno != ENOTSUP) complain(entry, errno);
     for (const char* name = names.data(); name < names.data() + length;
          name += std::strlen(name) + 1) {
       const ssize_t size = ::lgetxattr(name_, name, buffer(), kLargestValue);

@@ -41,6 +41,7 @@ class EntryReader {
   Sha256Provider* const digests_;
   std::mutex mutex_;
   std::condition_variable wake_;
+  // Pieces of a walk, each with its own result.
   std::deque<Task> tasks_;
   bool stopping_ = false;
   std::vector<std::thread> threads_;

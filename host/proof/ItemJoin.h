@@ -41,6 +41,7 @@ class ItemJoin {
 
   // The manifest's next entry of this item; the first is its root. False with `failure` when the
   // tree on disk cannot be seen whole.
+  // Counts the entry once in the totals, whatever its verdict is.
   bool take(const ManifestEntry& entry, int& failure);
   // After the last entry.
   bool finish(int& failure);
@@ -50,6 +51,7 @@ class ItemJoin {
   bool advance(int& failure);
   // Tells of entries on disk that come before `until` and are in no manifest.
   bool passUnexplained(const ManifestEntry& until, int& failure);
+  // Once for a tree, and only where the current layout has it.
   void noteUnexplained();
   // Compares one entry with what is there, and counts it.
   void judge(const ManifestEntry& before, const ManifestEntry& now, const Place& place);
@@ -58,7 +60,9 @@ class ItemJoin {
   std::optional<ManifestEntry> elsewhere(const ManifestEntry& before, std::size_t place);
   // Whether the entry is unchanged in another of the item's places; counted there.
   bool joinElsewhere(const ManifestEntry& before);
+  // In words; hard links count as long as both names were seen.
   std::vector<std::string> differences(const ManifestEntry& before, const ManifestEntry& now);
+  // In the order of the manifest: what is pending goes first.
   void tell(Finding finding);
   // Tells of an absent tree once its last entry has been counted.
   void flush();

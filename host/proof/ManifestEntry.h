@@ -52,6 +52,7 @@ std::string HexText(std::string_view bytes);
 // Keys without a value are left out: most entries have few.
 std::string EntryLine(const ManifestEntry& entry);
 // None when the object is no entry, or has a name that names no single item of a directory.
+// Unknown keys are passed over: a later host may write more.
 std::optional<ManifestEntry> EntryFromJson(const Json& object);
 
 // What of an item a comparison is about.
@@ -62,6 +63,7 @@ struct Comparison {
 };
 
 // In words what differs; empty when nothing does. Access and change times do not count.
+// An entry that could not be read differs in nothing that is not known.
 std::vector<std::string> Differences(const ManifestEntry& before, const ManifestEntry& now,
                                      Comparison comparison);
 

@@ -30,6 +30,7 @@ class ManifestWriter {
   bool finish();
 
  private:
+  // The zlib stream, which also reads what is not compressed.
   struct File;
   void write(std::string_view text);
 
@@ -74,6 +75,7 @@ class ManifestReader {
   std::size_t section_ = 0;
   bool begun_ = false;
   // The last item of every depth of the section, to check the order.
+  // With the last depth's name the largest so far: a sorted walk never goes back.
   std::vector<std::string> names_;
   bool lastIsDirectory_ = false;
 };

@@ -23,6 +23,7 @@ enum class SectionKind {
 };
 
 // A direct child of a section's directory: who it is, to tell it from what may replace it.
+// What a migration moves: the children of a section's directory.
 struct SectionItem {
   std::string name{};  // bytes
   ItemIdentity identity;
@@ -30,6 +31,7 @@ struct SectionItem {
 };
 
 // A bundle in a legacy container.
+// Where a bundle may be expected later depends on its identifier.
 struct SectionBundle {
   std::string item;        // its path in the container, bytes
   std::string identifier;  // empty when it has none that can be read
@@ -58,6 +60,7 @@ struct ManifestHeader {
 // One line with its line feed, and back. Absent for an object that is no section.
 std::string SectionLine(std::size_t index, const ManifestSection& section);
 std::optional<ManifestSection> SectionFromJson(const Json& object);
+// The word in a manifest.
 const char* NameOf(SectionKind kind);
 
 }  // namespace quorvel::host

@@ -13,6 +13,7 @@
 
 namespace quorvel::host {
 
+// A path that may or may not exist.
 struct Place {
   std::string path;        // bytes
   bool isCurrent = false;  // in a container of the current layout
@@ -61,10 +62,12 @@ class Places {
                        std::vector<Place>& places) const;
   void addMetadataPlaces(const ManifestSection& section, const std::string& name,
                          std::vector<Place>& places) const;
+  // By the item's name, as the migration goes by names.
   std::vector<Place> ofContainerItem(const ManifestSection& section, const std::string& item) const;
   // Why a migration leaves the item out of what it carries; empty for user data, which never has to
   // be lost.
   std::string lossOfContainerItem(const ManifestSection& section, const std::string& name) const;
+  // What the run itself admits to have removed.
   std::string reportedLossOf(const ManifestSection& section, const std::string& name) const;
 
   const onlinux::RegistrySnapshot& registry_;
@@ -74,7 +77,8 @@ class Places {
   std::map<std::string, bool> containers_;
   std::map<std::string, std::size_t> bundles_;  // identifier to a section that has such a bundle
   std::multimap<std::string, std::string> unrecorded_;  // bundle name to container, bytes
-  std::multimap<std::string, Claim> claims_;            // by place
+  // Two claims of one place show which item replaced another.
+  std::multimap<std::string, Claim> claims_;  // by place
 };
 
 // The item's name without the directories of a staged package before it.

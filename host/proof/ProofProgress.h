@@ -23,8 +23,10 @@ class ProofProgress {
 
  private:
   const std::string label_;
+  // The whole of which at() tells the part.
   const std::size_t sections_;
   const Terminal terminal_;
+  // When the line was drawn last: at most a few times a second.
   std::chrono::steady_clock::time_point drawn_{};
   bool shown_ = false;
 };

@@ -15,6 +15,7 @@
 
 namespace quorvel::host {
 
+// Delivered before anything below it.
 struct WalkedItem {
   std::size_t depth = 0;  // 0 is the root of the walk
   std::string name;
@@ -57,7 +58,9 @@ class SortedWalk {
   bool describe(int directory, const char* name, WalkedItem& item, int& failure);
   // Opens the directory that is about to be delivered, and reads its names.
   void prepareDirectory(int directory, const char* name, WalkedItem& item);
+  // Goes down into the directory that was delivered last.
   void enterPrepared();
+  // Back up; false when the way up is gone.
   bool leave(int& failure);
   // A descriptor of the directory at hand that outlives the stack's own, for its items to share.
   bool pin(int& failure);

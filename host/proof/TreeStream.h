@@ -29,6 +29,7 @@ class TreeStream {
   EntryReader& reader_;
   const std::string root_;
   SortedWalk walk_;
+  // The walk has ended; what was read ahead is still to be delivered.
   bool walked_ = false;
   int failure_ = 0;
   std::deque<std::future<std::vector<ManifestEntry>>> ahead_;

@@ -47,6 +47,7 @@ struct VerificationTotals {
   std::uint64_t unexplained = 0;
 
   // Nothing is unaccounted for.
+  // Losses that the migration orders do not count, nor what is new.
   bool isWhole() const { return changed + missing + unproven == 0; }
 };
 

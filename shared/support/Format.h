@@ -30,8 +30,10 @@ namespace quorvel {
 
 // One packaged argument. Refers to what it was made from, which must outlive it.
 // Small enough to be passed by value; made and used within one call.
+// Everything that a directive can print, in a form that the formatter knows without templates.
 class FormatArgument {
  public:
+  // Decided by the argument's C++ type alone; see the constructor below.
   enum class Kind {
     null,
     signedInteger,
@@ -97,6 +99,7 @@ struct Directive {
 };
 
 // Parses the directive whose "%" is at `at`.
+// Also at run time, by the formatter itself: what was checked is what is printed.
 constexpr Directive ParseDirective(std::string_view format, std::size_t at) {
   Directive directive;
   ++at;
@@ -120,6 +123,7 @@ consteval bool Fits(Directive directive, Class argument) {
       return argument != Class::unusable;
     case 's':
       return argument == Class::text;
+    // Without a length 32 bits, with any 64: on this platform "l", "ll" and "z" are the same.
     case 'd':
       return argument == (directive.length == 0 ? Class::int32 : Class::int64);
     case 'u':
@@ -181,6 +185,7 @@ template <class... Arguments>
 using Format = FormatString<std::type_identity_t<std::remove_cvref_t<Arguments>>...>;
 
 template <class T>
+// An absent optional and an absent Path keep the kind `null`.
 FormatArgument::FormatArgument(const T& argument) : object(nullptr) {
   if constexpr (std::is_same_v<T, std::nullptr_t>) {
     kind = Kind::null;

@@ -59,14 +59,7 @@ Facts ExpectedItems(const Device& device) {
 
 // That every expected item arrived as it was, and that nothing else lies in the containers.
 void ExpectArrived(const Facts& expected, const Facts& outcome) {
-  for (const auto& [name, text] : expected) {
-    const auto at = outcome.find(name);
-    if (at == outcome.end()) {
-      ADD_FAILURE() << "missing " << name;
-    } else {
-      EXPECT_EQ(text, at->second) << name;
-    }
-  }
+  ExpectHeld(expected, outcome, "arrived");
   for (const auto& [name, text] : outcome) {
     const bool inContainer = name.starts_with("<") && name.find(">/") != std::string::npos;
     if (!inContainer || name.starts_with("<placeholder")) continue;

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using ::testing::Test;
 
-constexpr const char* Legacy = "private/var/mobile/Applications";
+constexpr const char* kLegacy = "private/var/mobile/Applications";
 
 std::string InfoPlist(const std::string& identifier) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
@@ -42,7 +42,7 @@ class HostTest : public Test {
   }
   static HostSetup script(const std::string& words) { return {.environment = {{"SCRIPT", words}}}; }
   void legacy(const std::string& name, const std::string& bytes) const {
-    tree_.write("device/" + std::string(Legacy) + "/" + name, bytes);
+    tree_.write("device/" + std::string(kLegacy) + "/" + name, bytes);
   }
   bool deviceIsEmpty() const { return fs::is_empty(device() + "/private/var/mobile"); }
   bool waitFor(const std::string& name) const {
@@ -345,8 +345,8 @@ TEST_F(HostTest, InspectTellsItemsApartAndChangesNothing) {
   legacy("D/Stray items", "data");
   legacy("F", "a file");
   legacy("H/keep", "");
-  fs::create_symlink("/", device() + "/" + Legacy + "/G");
-  fs::create_symlink("/", device() + "/" + Legacy + "/H/Bad.app");
+  fs::create_symlink("/", device() + "/" + kLegacy + "/G");
+  fs::create_symlink("/", device() + "/" + kLegacy + "/H/Bad.app");
   legacy("../Library/Quorvel/SafeHarbor.plist",
          "<plist><dict><key>com.example.gone</key><dict><key>HarborPathKey</key>"
          "<string>/absent</string></dict></dict></plist>");
@@ -362,7 +362,7 @@ TEST_F(HostTest, InspectTellsItemsApartAndChangesNothing) {
   const json object = json::parse(run.out);
   std::set<std::string> told;
   for (const json& item : object["containers"]) {
-    told.insert(item["path"].get<std::string>().substr(1 + std::string(Legacy).size()) +
+    told.insert(item["path"].get<std::string>().substr(1 + std::string(kLegacy).size()) +
                 json({item["kind"], item["identifier"], item["outcome"], item["reason"]}).dump());
   }
   EXPECT_EQ(told,

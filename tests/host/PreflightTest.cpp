@@ -21,7 +21,7 @@
 namespace quorvel::testing {
 namespace {
 
-constexpr const char* Registry = "/private/var/quorveld/Library/Registry/registry.db";
+constexpr const char* kRegistry = "/private/var/quorveld/Library/Registry/registry.db";
 constexpr const char* HarborMap = "/private/var/mobile/Library/Quorvel/SafeHarbor.plist";
 
 std::string Map(const std::string& groups) {
@@ -74,10 +74,10 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
     const char* finding;
   };
   const Case cases[] = {
-      {Registry, "yes | head -c 9000 >$F", "registry-damaged"},
-      {Registry, "truncate -s $(($(stat -c %s $F) / 2)) $F", "registry-damaged"},
+      {kRegistry, "yes | head -c 9000 >$F", "registry-damaged"},
+      {kRegistry, "truncate -s $(($(stat -c %s $F) / 2)) $F", "registry-damaged"},
       // Keeps its size and its first page.
-      {Registry, "yes | dd of=$F bs=4k seek=1 count=1 conv=notrunc", "registry-damaged"},
+      {kRegistry, "yes | dd of=$F bs=4k seek=1 count=1 conv=notrunc", "registry-damaged"},
       {InstallMap, "yes | head -c 9000 >$F", "install-map-damaged"},
       {InstallMap, "sed -i 's,<dict>.*<.dict>,<dict><key>GroupContainers</key><true/></dict>,' $F",
        "install-map-damaged"},

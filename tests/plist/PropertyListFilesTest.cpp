@@ -30,7 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 using quorvel::testing::TemporaryTree;
 
-constexpr uid_t Nobody = 65534;
+constexpr uid_t kNobody = 65534;
 
 std::vector<std::uint8_t> BytesOf(std::string_view text) { return {text.begin(), text.end()}; }
 
@@ -52,7 +52,7 @@ template <class Function>
 bool AsNobody(Function function) {
   const pid_t child = ::fork();
   if (child == 0) {
-    const bool dropped = ::geteuid() != 0 || (::setgid(Nobody) == 0 && ::setuid(Nobody) == 0);
+    const bool dropped = ::geteuid() != 0 || (::setgid(kNobody) == 0 && ::setuid(kNobody) == 0);
     ::_exit(dropped && function() ? 0 : 1);
   }
   int status = -1;
@@ -232,13 +232,13 @@ TEST_F(FilesTest, PermissionsAreRespected) {
 
 // Readers and several writers at once: every reader sees one writer's content whole.
 TEST_F(FilesTest, NoReaderEverSeesHalf) {
-  constexpr std::size_t Size = 50'000;
-  ASSERT_TRUE(data_.writeAtomically(std::vector<std::uint8_t>(Size, 'a'), file_, nullptr));
+  constexpr std::size_t kSize = 50'000;
+  ASSERT_TRUE(data_.writeAtomically(std::vector<std::uint8_t>(kSize, 'a'), file_, nullptr));
   std::atomic<int> running = 4;
   std::vector<std::thread> writers;
   for (std::uint8_t letter = 'a'; letter < 'e'; ++letter) {
     writers.emplace_back([&, letter] {
-      const std::vector<std::uint8_t> bytes(Size, letter);
+      const std::vector<std::uint8_t> bytes(kSize, letter);
       Error error;
       for (int i = 0; i < 50; ++i) {
         EXPECT_TRUE(data_.writeAtomically(bytes, file_, &error)) << error.description();
@@ -249,7 +249,7 @@ TEST_F(FilesTest, NoReaderEverSeesHalf) {
   while (running > 0) {
     const auto bytes = data_.readWholeFile(file_, nullptr);
     ASSERT_TRUE(bytes != nullptr);
-    EXPECT_TRUE(*bytes == std::vector<std::uint8_t>(Size, bytes->front()));
+    EXPECT_TRUE(*bytes == std::vector<std::uint8_t>(kSize, bytes->front()));
   }
   for (std::thread& writer : writers) writer.join();
   EXPECT_EQ(NamesIn(tree_.path()), std::vector<std::string>{"list.plist"});
@@ -448,7 +448,8 @@ TEST_F(FilesTest, NoFailedCallMakesABundleUseless) {
       EXPECT_LT(run.exitStatus, 2) << ErrnoDescription(number) << " from call " << call;
       failed += run.exitStatus;
     }
-    // Two openings, one status, one reading; but ELOOP is what the first look at a link meets anyway.
+    // Two openings, one status, one reading; but ELOOP is what the first look at a link meets
+    // anyway.
     EXPECT_GE(failed, number == ELOOP ? 3 : 4) << ErrnoDescription(number);
   }
 }

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "tests/support/PropertyListTesting.h"
+#include "tests/support/TreeTools.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -37,12 +38,7 @@ std::string InEncoding(const std::string& name, const std::string& text) {
 }
 
 std::string Sample(const std::string& name) {
-  std::string bytes;
-  std::FILE* file = std::fopen((QUORVEL_SAMPLES "/" + name).c_str(), "rb");
-  if (file == nullptr) return bytes;
-  for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) bytes += static_cast<char>(c);
-  std::fclose(file);
-  return bytes;
+  return testing::ReadFile(QUORVEL_SAMPLES "/" + name);
 }
 
 PlistValue EveryKind() {

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,19 +18,18 @@
 
 namespace quorvel::tests {
 
-// Collects the host's log as "<level> <function> <message>".
-class HostLogRecorder : public HostLogWriter {
+// The host's log as "<level> <function> <message>".
+class HostLogTexts {
  public:
-  void write(const char* /*sourceFile*/, const char* function, int line, const char* category,
-             int level, std::string_view message) override {
-    const std::lock_guard<std::mutex> lock(lock_);
-    EXPECT_GT(line, 0);
-    EXPECT_STREQ(category, "Corvennad");
-    lines_.push_back(std::to_string(level) + " " + function + " " + std::string(message));
-  }
+  explicit HostLogTexts(RecordingHostLog& log) : log_(log) {}
+  // What came since it was asked last.
   std::vector<std::string> take() {
-    const std::lock_guard<std::mutex> lock(lock_);
-    return std::exchange(lines_, {});
+    std::vector<std::string> texts;
+    for (const HostLogLine& line : log_.take()) {
+      EXPECT_TRUE(line.line > 0 && line.category == "Corvennad");
+      texts.push_back(std::to_string(line.level) + " " + line.function + " " + line.message);
+    }
+    return texts;
   }
   // Only the failures.
   std::vector<std::string> takeErrors() {
@@ -41,8 +39,7 @@ class HostLogRecorder : public HostLogWriter {
   }
 
  private:
-  std::mutex lock_;
-  std::vector<std::string> lines_;
+  RecordingHostLog& log_;
 };
 
 // Collects what the plug-in tells of containers and what remains, one text each.
@@ -89,7 +86,6 @@ class RecordingAccount : public MigrationAccount {
 class RavelleFixture : public ::testing::Test {
  protected:
   RavelleFixture() {
-    platform_.set.hostLog = &log_;
     platform_.set.account = &account_;
     platform_.set.workspace = &workspace_;
     platform_.set.installationService = &service_;
@@ -170,7 +166,7 @@ class RavelleFixture : public ::testing::Test {
 
   TestPlatform platform_;
   const std::string root_ = platform_.tree.path() + "/device";
-  HostLogRecorder log_;
+  HostLogTexts log_{platform_.hostLog};
   RecordingAccount account_;
   onlinux::ApplicationRegistryLinux registry_{
       platform_.fileSystem, platform_.bundles, {.deviceRoot = root_}};

@@ -18,6 +18,7 @@
 #include "tests/support/RegistryProcess.h"
 #include "tests/support/RegistryTesting.h"
 #include "tests/support/SystemCallFaults.h"
+#include "tests/support/TreeTools.h"
 
 namespace quorvel::tests {
 namespace {
@@ -269,18 +270,14 @@ TEST(RegistryProcesses, UnprivilegedOneFailsCleanly) {
   ASSERT_EQ(::chmod(device.root().c_str(), 0755), 0);
   const Path staging = device.stageApp({"com.a"});
   const auto before = TreeOf(device.at(""));
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+  EXPECT_TRUE(testing::InChild([&] {
+    testing::BecomeNobody();
     Registry registry(device);
-    const bool installed = registry.install(staging, CustomerOptions("com.a"));
-    const bool told = registry.error.is(PosixErrorDomain, EACCES) && registry.reports == 1;
-    ::_exit(!installed && told && !registry.isInstalled("com.a") ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_FALSE(registry.install(staging, CustomerOptions("com.a")));
+    EXPECT_TRUE(registry.error.is(PosixErrorDomain, EACCES));
+    EXPECT_EQ(registry.reports, 1);
+    EXPECT_FALSE(registry.isInstalled("com.a"));
+  }));
   EXPECT_EQ(TreeOf(device.at("")), before);
 }
 

@@ -17,6 +17,7 @@
 #include "tests/support/FakePreferencesStore.h"
 #include "tests/support/FaultWrappers.h"
 #include "tests/support/TestPlatform.h"
+#include "tests/support/Threads.h"
 
 namespace quorvel::tests {
 namespace {
@@ -455,35 +456,14 @@ TEST_F(Configuration, FlagsLiveInTheStoreAlone) {
 
 // --- Threads ----------------------------------------------------------------------------------
 
-// Runs the work on many threads that start together.
-void OnManyThreads(const std::function<void(int thread)>& work) {
-  std::atomic<bool> go{false};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 12; ++i) {
-    threads.emplace_back([&, i] {
-      while (!go) std::this_thread::yield();
-      work(i);
-    });
-  }
-  go = true;
-  for (std::thread& thread : threads) thread.join();
-}
-
 // Counts how often a key is read.
-class CountingPreferences final : public PreferencesStore {
+class CountingPreferences final : public FakePreferencesStore {
  public:
   std::atomic<int> reads{0};
   std::optional<PlistValue> copyValue(const std::string&, const std::string&,
                                       PreferencesScope) override {
     ++reads;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return std::nullopt;
-  }
-  void setValue(const std::string&, const PlistValue&, const std::string&,
-                PreferencesScope) override {}
-  bool synchronize(const std::string&, PreferencesScope) override { return true; }
-  std::optional<std::string> stringFromUserDefaults(const std::string&,
-                                                    const std::string&) override {
     return std::nullopt;
   }
 };
@@ -493,7 +473,7 @@ TEST_F(Configuration, TheSharedInstanceIsMadeOnce) {
   platform_.set.preferences = &counting;
   std::array<const QVGlobalConfiguration*, 12> seen{};
   std::array<const std::set<std::string>*, 12> blacklists{};
-  OnManyThreads([&](int i) {
+  testing::OnThreads(12, [&](int i) {
     const auto at = static_cast<std::size_t>(i);
     seen[at] = &QVGlobalConfiguration::sharedInstance();
     blacklists[at] = &seen[at]->installationBlacklist();
@@ -512,7 +492,7 @@ TEST_F(Configuration, LazyMembersRescansAndTheBundleLockFromManyThreads) {
   const auto made = ConfigurationForRoot::make(root());
   QVGlobalConfiguration& configuration = *made;
   std::atomic<int> wrong{0};
-  OnManyThreads([&](int thread) {
+  testing::OnThreads(12, [&](int thread) {
     for (int round = 0; round < 8; ++round) {
       switch ((thread + round) % 6) {
         case 0:

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <thread>
 
 #include "tests/shared/FileManagerFixture.h"
+#include "tests/support/Threads.h"
 
 namespace quorvel::tests {
 namespace {
@@ -23,15 +23,11 @@ constexpr const char* kMove = "-[QVFileManager _moveItemAtURL:toURL:failIfSrcMis
 TEST(FileManagerInstance, IsOneForAllThreads) {
   std::set<QVFileManager*> instances;
   std::mutex mutex;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      QVFileManager* instance = &QVFileManager::defaultManager();
-      const std::lock_guard guard(mutex);
-      instances.insert(instance);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  testing::OnThreads(8, [&](int) {
+    QVFileManager* instance = &QVFileManager::defaultManager();
+    const std::lock_guard guard(mutex);
+    instances.insert(instance);
+  });
   EXPECT_EQ(instances.size(), 1U);
 }
 
@@ -84,8 +80,9 @@ TEST_F(FileManager, AnItemThatCannotBeRemovedIsNamedAndTheRestGoes) {
 }
 
 // A removal that reports what it is told to.
-class ScriptedRemoval final : public FileSystem {
+class ScriptedRemoval final : public FaultyFileSystem {
  public:
+  using FaultyFileSystem::FaultyFileSystem;
   std::vector<int> numbers;  // reported one after another
   int result = 0;
   int resultErrno = 0;
@@ -103,22 +100,6 @@ class ScriptedRemoval final : public FileSystem {
     errno = resultErrno;
     return result;
   }
-  int CopyTree(const char*, const char*, std::uint32_t, const LeftOutCallback&) override {
-    return -1;
-  }
-  int MakePath(const char*, mode_t) override { return EIO; }
-  int GetProtectionClass(int) override { return -1; }
-  int SetProtectionClass(int, int) override { return -1; }
-  ssize_t getxattr(const char*, const char*, void*, std::size_t, std::uint32_t, int) override {
-    return -1;
-  }
-  int setxattr(const char*, const char*, const void*, std::size_t, std::uint32_t, int) override {
-    return -1;
-  }
-  int lchmod(int, const char*, mode_t) override { return -1; }
-  bool LinksHaveModes() override { return false; }
-  int SyncDirectory(const char*) override { return -1; }
-  int SyncFileSystem(const char*) override { return -1; }
 
  private:
   struct State final : WipeTreeState {
@@ -159,7 +140,8 @@ TEST_F(FileManager, RemovalKeepsTheFirstNumber) {
       {{EPERM}, -1, EIO, EIO, {heard(EPERM)}},
       {{0, EBUSY}, 0, 0, 0, {unreadable, heard(EBUSY)}},
   };
-  ScriptedRemoval removal;
+  Fault none;
+  ScriptedRemoval removal(platform_.fileSystem, none);
   platform_.set.fileSystem = &removal;
   for (const Row& row : rows) {
     platform_.log.clear();

@@ -14,6 +14,7 @@
 #include "shared/support/Digest.h"
 #include "shared/support/Platform.h"
 #include "shared/support/ProcessSupport.h"
+#include "tests/support/Threads.h"
 
 namespace quorvel::tests {
 namespace {
@@ -74,13 +75,9 @@ TEST_F(ProcessSupport, ManyTransactionsAllEnd) {
   std::atomic<int> ran{0};
   {
     onlinux::SerialTaskQueue queue;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) {
-      threads.emplace_back([&] {
-        for (int n = 0; n < 200; ++n) QVRunTransactionalTask(queue, [&] { ++ran; });
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
+    testing::OnThreads(8, [&](int) {
+      for (int n = 0; n < 200; ++n) QVRunTransactionalTask(queue, [&] { ++ran; });
+    });
   }
   EXPECT_EQ(ran, 1600);
   EXPECT_EQ(transaction_.openTransactions(), 0);
@@ -103,16 +100,12 @@ TEST_F(ProcessSupport, OnlyTheOutermostAssertionTouchesTheMonitor) {
 
 TEST_F(ProcessSupport, AssertionsAreCountedExactlyUnderContention) {
   QVAssertHighResourceUsage();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([] {
-      for (int n = 0; n < 20000; ++n) {
-        QVAssertHighResourceUsage();
-        QVClearResourceAssertion();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  testing::OnThreads(8, [&](int) {
+    for (int n = 0; n < 20000; ++n) {
+      QVAssertHighResourceUsage();
+      QVClearResourceAssertion();
+    }
+  });
   EXPECT_EQ(monitor_.switchedOff, 1);
   EXPECT_EQ(monitor_.restored, 0);
   QVClearResourceAssertion();

@@ -3,17 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
-#include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
-#include "tests/support/FaultWrappers.h"
+#include "tests/shared/FileManagerFixture.h"
 #include "tests/support/Refusals.h"
-#include "tests/support/TestPlatform.h"
-#include "tests/support/TreeTools.h"
 
 namespace quorvel::tests {
 namespace {
 
-using namespace quorvel::testing;  // NOLINT: the tests' own tools
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -21,10 +17,9 @@ constexpr const char* kTraverse = "-[QVFileManager _traverseDirectory:error:with
 constexpr const char* kVisitor =
     "__76-[QVFileManager standardizeOwnershipAtURL:toUID:GID:validateSymlinks:error:]_block_invoke";
 
-class Standardization : public ::testing::Test {
+class Standardization : public FileManager {
  protected:
   void SetUp() override { MakeDirectory(at("t")); }
-  std::string at(const std::string& name) const { return tree_ / name; }
   bool standardize(bool links = false, std::uint32_t uid = ::geteuid()) {
     return manager_.standardizeOwnershipAtURL(Path::directory(at("t")), {uid, uid, links}, &error_);
   }
@@ -52,12 +47,7 @@ class Standardization : public ::testing::Test {
     return all;
   }
 
-  TestPlatform platform_;
-  ScratchTree tree_;
-  std::unique_ptr<Fault> fault_;
   std::unique_ptr<FaultyTreeWalker> walker_;
-  QVFileManager& manager_ = QVFileManager::defaultManager();
-  Error error_;
 };
 
 TEST_F(Standardization, GivesOneOwnerAndModeToEveryKindOfItem) {

@@ -14,6 +14,7 @@
 #include "shared/support/Values.h"
 #include "tests/support/FaultWrappers.h"
 #include "tests/support/TestPlatform.h"
+#include "tests/support/Threads.h"
 
 namespace quorvel::tests {
 namespace {
@@ -416,13 +417,9 @@ TEST_F(InfoDictionaries, BundlesAreReadOneAtATime) {
   const Path directory = bundle({});
   ExclusiveReader reader;
   platform_.set.bundles = &reader;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      for (int n = 0; n < 50; ++n) EXPECT_NE(QVLoadInfoPlist(directory, keys_), nullptr);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  testing::OnThreads(8, [&](int) {
+    for (int n = 0; n < 50; ++n) EXPECT_NE(QVLoadInfoPlist(directory, keys_), nullptr);
+  });
   EXPECT_FALSE(reader.overlapped);
 }
 

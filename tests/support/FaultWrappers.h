@@ -97,7 +97,7 @@ class FaultyWipeTreeState final : public WipeTreeState {
   void* context_ = nullptr;
 };
 
-class FaultyFileSystem final : public FileSystem {
+class FaultyFileSystem : public FileSystem {
  public:
   FaultyFileSystem(FileSystem& real, Fault& fault) : real_(real), fault_(fault) {}
 

@@ -155,8 +155,7 @@ inline std::string WithoutLinkNames(const std::string& text) {
 
 // The registry's content and the whole tree after a migration, with containers named for what they
 // are instead of at random. Times count where the user or the app's maker made the item.
-inline Facts Outcome(const Device& device, const HostSetup& setup = {}) {
-  const json registry = device.registry(setup);
+inline std::map<std::string, std::string> NamesOfContainers(const json& registry) {
   std::map<std::string, std::string> names;
   for (const json& bundle : registry["bundles"]) {
     const auto identifier = bundle["identifier"].get<std::string>();
@@ -170,6 +169,12 @@ inline Facts Outcome(const Device& device, const HostSetup& setup = {}) {
       name(path, "<group " + group + ">");
     }
   }
+  return names;
+}
+
+inline Facts Outcome(const Device& device, const HostSetup& setup = {}) {
+  const json registry = device.registry(setup);
+  const auto names = NamesOfContainers(registry);
   std::string records = registry.dump();
   for (const auto& [path, name] : names) {
     for (auto at = records.find(path); at != std::string::npos; at = records.find(path)) {
@@ -200,7 +205,7 @@ inline Facts Outcome(const Device& device, const HostSetup& setup = {}) {
   return outcome;
 }
 
-inline void ExpectSame(const Facts& expected, const Facts& actual, const std::string& when) {
+inline void ExpectHeld(const Facts& expected, const Facts& actual, const std::string& when) {
   for (const auto& [name, text] : expected) {
     const auto at = actual.find(name);
     if (at == actual.end()) {
@@ -209,6 +214,10 @@ inline void ExpectSame(const Facts& expected, const Facts& actual, const std::st
       EXPECT_EQ(text, at->second) << when << ": " << name;
     }
   }
+}
+
+inline void ExpectSame(const Facts& expected, const Facts& actual, const std::string& when) {
+  ExpectHeld(expected, actual, when);
   for (const auto& [name, text] : actual) {
     EXPECT_TRUE(expected.contains(name)) << when << ": unexpected " << name << ": " << text;
   }

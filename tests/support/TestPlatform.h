@@ -16,6 +16,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/services/QVLinuxServices.h"
@@ -76,10 +77,11 @@ class LineRecord {
     }
     return false;
   }
-  void clear() {
+  std::vector<Line> take() {
     const std::lock_guard guard(mutex_);
-    lines_.clear();
+    return std::exchange(lines_, {});
   }
+  void clear() { take(); }
 
  protected:
   ~LineRecord() = default;

@@ -12,13 +12,13 @@ namespace quorvel::sweep {
 namespace {
 
 // What lasts from a call on until the run's end.
-constexpr const char* DiskFull = "full";          // every call that needs room fails
-constexpr const char* ReadOnly = "read-only";     // the second file system is mounted so
-constexpr const char* Unreadable = "unreadable";  // the directory that is read then
-constexpr const char* Short = "short";            // once: half of what was asked for
-constexpr Leniency AfterFailure = {true, true, false, false};
+constexpr const char* kDiskFull = "full";          // every call that needs room fails
+constexpr const char* kReadOnly = "read-only";     // the second file system is mounted so
+constexpr const char* kUnreadable = "unreadable";  // the directory that is read then
+constexpr const char* kShort = "short";            // once: half of what was asked for
+constexpr Leniency kAfterFailure = {true, true, false, false};
 // Reading either map may fail without a failure of the run.
-constexpr Leniency SaidComplete = {false, true, true, false};
+constexpr Leniency kSaidComplete = {false, true, true, false};
 
 // Calls are counted together, those that change something and those that look.
 bool IsCounted(const TracedCall& call) {
@@ -54,19 +54,19 @@ Treatment Fault::treat(const TracedCall& call) {
   if (!IsCounted(call)) return {};
   ++count_;
   // A file system with a file open for writing cannot become read-only: then at the next call.
-  const bool isDue = detail_ == ReadOnly ? count_ >= atCall_ && !fired_ : count_ == atCall_;
+  const bool isDue = detail_ == kReadOnly ? count_ >= atCall_ && !fired_ : count_ == atCall_;
   if (isDue) return begin(call);
   return fired_ ? last(call) : Treatment();
 }
 
 Treatment Fault::begin(const TracedCall& call) {
   if (const int number = ErrorOfName(detail_)) return fail(number);
-  if (detail_ == DiskFull) return fail(ENOSPC);
-  if (detail_ == Short) {
+  if (detail_ == kDiskFull) return fail(ENOSPC);
+  if (detail_ == kShort) {
     fired_ = true;
     return {Treatment::Kind::shorten};
   }
-  if (detail_ == Unreadable) {
+  if (detail_ == kUnreadable) {
     directory_ = PathOfDescriptor(call.process, call.arguments[0]);
     return fail(EIO);
   }
@@ -75,8 +75,8 @@ Treatment Fault::begin(const TracedCall& call) {
 }
 
 Treatment Fault::last(const TracedCall& call) const {
-  if (detail_ == DiskFull && TakesRoom(call)) return {Treatment::Kind::fail, ENOSPC};
-  const bool isSame = detail_ == Unreadable && call.number == SYS_getdents64 &&
+  if (detail_ == kDiskFull && TakesRoom(call)) return {Treatment::Kind::fail, ENOSPC};
+  const bool isSame = detail_ == kUnreadable && call.number == SYS_getdents64 &&
                       PathOfDescriptor(call.process, call.arguments[0]) == directory_;
   return isSame ? Treatment{Treatment::Kind::fail, EIO} : Treatment();
 }
@@ -110,11 +110,11 @@ void FailSweep::addPoints(const TracedCall& call, long number) {
     points_.push_back(std::to_string(number) + "/" + detail);
   };
   for (const int error : ErrorsOf(call)) add(NameOfError(error));
-  if (tests::CanShorten(call)) add(Short);
-  if (call.number == SYS_getdents64) add(Unreadable);
+  if (tests::CanShorten(call)) add(kShort);
+  if (call.number == SYS_getdents64) add(kUnreadable);
   if (!tests::ChangesSomething(call)) return;
-  if (TakesRoom(call)) add(DiskFull);
-  if (!device_.variant().mountPoint.empty()) add(ReadOnly);
+  if (TakesRoom(call)) add(kDiskFull);
+  if (!device_.variant().mountPoint.empty()) add(kReadOnly);
 }
 
 bool FailSweep::measure(std::string* problem) {
@@ -138,7 +138,7 @@ void FailSweep::judgeRun(const testing::Device& device, const TracedRun& run,
   }
   if (run.exitStatus != 0) return;
   Finding silent;
-  device_.judge().compare(testing::Outcome(device, device_.setup()), SaidComplete, &silent);
+  device_.judge().compare(testing::Outcome(device, device_.setup()), kSaidComplete, &silent);
   for (const std::string& text : silent.lost) {
     finding->lost.push_back("the run called itself complete, but " + text);
   }
@@ -152,12 +152,12 @@ std::vector<Finding> FailSweep::tryPoint(const std::string& point, const std::st
   const TracedRun run = MigrateTraced(device_.host(), device.root(),
                                       [&](const TracedCall& call) { return fault.treat(call); });
   finding.fired = fault.fired();
-  if (DetailOf(point) == ReadOnly) {
+  if (DetailOf(point) == kReadOnly) {
     ::mount(nullptr, device_.mountPoint().c_str(), nullptr, MS_REMOUNT, nullptr);
   }
   judgeRun(device, run, &finding);
   if (!keep.empty()) CopyTreeWithSystem(device.root(), keep + "/behind-the-fault");
-  Recover(device_.judge(), device, device_.setup(), AfterFailure, &finding);
+  Recover(device_.judge(), device, device_.setup(), kAfterFailure, &finding);
   if (!keep.empty()) CopyTreeWithSystem(device.root(), keep + "/behind-the-recovery");
   return {finding};
 }

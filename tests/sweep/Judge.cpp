@@ -10,8 +10,8 @@ namespace {
 
 using testing::Facts;
 
-constexpr std::size_t LongestShown = 160;
-constexpr const char* LegacyGroup = "/private/var/mobile/Groups/shared";
+constexpr std::size_t kLongestShown = 160;
+constexpr const char* kLegacyGroup = "/private/var/mobile/Groups/shared";
 
 // Apps whose bundle is not there, although they were to get one.
 std::set<std::string> RefusedBundles(const Facts& expected, const Facts& actual) {
@@ -54,7 +54,7 @@ bool ForgiveGroupsThatStayed(Facts* expected, Facts* actual) {
     const auto end = fact->first.find(">/");
     const bool isOfGroup = fact->first.starts_with("<group ") && end != std::string::npos;
     const bool stays = isOfGroup && !actual->contains(fact->first) &&
-                       actual->erase(std::string(LegacyGroup) + fact->first.substr(end + 1)) == 1;
+                       actual->erase(std::string(kLegacyGroup) + fact->first.substr(end + 1)) == 1;
     stayed |= stays;
     fact = stays ? expected->erase(fact) : std::next(fact);
   }
@@ -94,7 +94,7 @@ void ForgetLogs(Facts* facts) {
 }
 
 std::string Shown(const std::string& text) {
-  return text.size() <= LongestShown ? text : text.substr(0, LongestShown) + "...";
+  return text.size() <= kLongestShown ? text : text.substr(0, kLongestShown) + "...";
 }
 
 // From a little before the first difference on.
@@ -102,7 +102,7 @@ std::string Difference(const std::string& actual, const std::string& expected) {
   const auto differs =
       std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
   const auto at = static_cast<std::size_t>(differs.first - actual.begin());
-  const std::size_t begin = at < LongestShown / 4 ? 0 : at - LongestShown / 4;
+  const std::size_t begin = at < kLongestShown / 4 ? 0 : at - kLongestShown / 4;
   return Shown(actual.substr(begin)) + " instead of " + Shown(expected.substr(begin));
 }
 
@@ -124,7 +124,7 @@ std::string UnknownContainer(const std::string& name) {
 // directory that could not be removed when it was empty is left alone. Containers that the registry
 // had begun without a flush, or could not remove, stay unknown.
 std::string AllowedName(const std::string& name, const Leniency& leniency) {
-  if (name == testing::InstallMap || (leniency.failures && name == LegacyGroup)) return name;
+  if (name == testing::InstallMap || (leniency.failures && name == kLegacyGroup)) return name;
   return leniency.failures || leniency.unflushed ? UnknownContainer(name) : std::string();
 }
 

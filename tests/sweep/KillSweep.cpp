@@ -10,11 +10,11 @@ namespace quorvel::sweep {
 
 namespace {
 
-constexpr long PairStride = 4;     // every so many points are followed by a second kill
-constexpr long PairSamples = 4;    // at so many points of the recovering run
-constexpr long SignalStride = 16;  // every so many points are tried with signals, too
+constexpr long kPairStride = 4;     // every so many points are followed by a second kill
+constexpr long kPairSamples = 4;    // at so many points of the recovering run
+constexpr long kSignalStride = 16;  // every so many points are tried with signals, too
 
-constexpr int SignalExit = 128;  // and the signal's number: how the host ends when it is asked to
+constexpr int kSignalExit = 128;  // and the signal's number: how the host ends when it is asked to
 
 const std::map<std::string, int>& Signals() {
   static const std::map<std::string, int> signals = {
@@ -64,8 +64,8 @@ std::vector<std::string> KillSweep::points() const {
   std::vector<std::string> points;
   for (long call = 1; call <= calls_; ++call) {
     points.push_back(std::to_string(call) + "/kill");
-    if (call % PairStride == 0) points.push_back(std::to_string(call) + "/twice");
-    if (call % SignalStride != 0) continue;
+    if (call % kPairStride == 0) points.push_back(std::to_string(call) + "/twice");
+    if (call % kSignalStride != 0) continue;
     for (const auto& [name, number] : Signals()) {
       points.push_back(std::to_string(call) + "/" + name);
     }
@@ -84,7 +84,7 @@ bool KillSweep::disturb(const testing::Device& device, long atCall, int signal, 
                                                 return {Treatment::Kind::signal, signal};
                                               });
   // Who asks the host to end need not be obeyed; whoever kills it is.
-  const bool ended = run.signal == signal || run.exitStatus == SignalExit + signal ||
+  const bool ended = run.signal == signal || run.exitStatus == kSignalExit + signal ||
                      (signal != SIGKILL && WrongEnd(run).empty());
   if (reached && !ended)
     finding->lost.push_back("the signal did not end the run, but " + std::to_string(run.signal) +
@@ -119,9 +119,9 @@ std::vector<Finding> KillSweep::tryPoint(const std::string& point, const std::st
   disturb(device, CallOf(point), SIGKILL, &ignored);
   const long count = countOfRun(device);
   std::vector<Finding> findings;
-  for (long sample = 0; sample < std::min(PairSamples, count); ++sample) {
+  for (long sample = 0; sample < std::min(kPairSamples, count); ++sample) {
     // Spread over the run, and shifted from point to point.
-    const long second = 1 + (sample * count / PairSamples + CallOf(point) / PairStride) % count;
+    const long second = 1 + (sample * count / kPairSamples + CallOf(point) / kPairStride) % count;
     findings.push_back(tryOnce(point + "-" + std::to_string(second), second, keep));
   }
   return findings;

@@ -19,9 +19,9 @@ namespace quorvel::sweep {
 
 namespace {
 
-constexpr off_t ImageSize = 24 << 20;
-constexpr const char* MountOptions = "commit=3000,noauto_da_alloc";
-constexpr int LoopAttempts = 50;  // others may take the device that was free a moment ago
+constexpr off_t kImageSize = 24 << 20;
+constexpr const char* kMountOptions = "commit=3000,noauto_da_alloc";
+constexpr int kLoopAttempts = 50;  // others may take the device that was free a moment ago
 
 bool RunSilently(const std::vector<std::string>& words) {
   std::vector<char*> arguments;
@@ -43,7 +43,7 @@ bool RunSilently(const std::vector<std::string>& words) {
 std::string AttachLoop(const std::string& file, UniqueDescriptor* device) {
   const UniqueDescriptor backing(::open(file.c_str(), O_RDWR | O_CLOEXEC));
   const UniqueDescriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
-  for (int attempt = 0; backing && control && attempt < LoopAttempts; ++attempt) {
+  for (int attempt = 0; backing && control && attempt < kLoopAttempts; ++attempt) {
     const int number = ::ioctl(control.get(), LOOP_CTL_GET_FREE);
     if (number < 0) return {};
     const std::string name = "/dev/loop" + std::to_string(number);
@@ -81,7 +81,7 @@ std::string WhyNoLoopImages() {
 
 bool MakeLoopImage(const std::string& file) {
   const UniqueDescriptor image(::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (!image || ::ftruncate(image.get(), ImageSize) != 0) return false;
+  if (!image || ::ftruncate(image.get(), kImageSize) != 0) return false;
   // Nothing is initialised later, behind the sweep's back.
   if (!RunSilently({"mkfs.ext4", "-q", "-F", "-b", "4096", "-I", "256", "-m", "0", "-E",
                     "lazy_itable_init=0,lazy_journal_init=0", file})) {
@@ -97,7 +97,7 @@ bool CopyImage(const std::string& from, const std::string& to) {
   ::unlink(to.c_str());
   const UniqueDescriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   const UniqueDescriptor out(::open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!in || !out || ::ftruncate(out.get(), ImageSize) != 0) return false;
+  if (!in || !out || ::ftruncate(out.get(), kImageSize) != 0) return false;
   off_t data = ::lseek(in.get(), 0, SEEK_DATA);
   while (data >= 0) {
     const off_t hole = ::lseek(in.get(), data, SEEK_HOLE);
@@ -111,8 +111,8 @@ MountedImage::MountedImage(const std::string& file, std::string mountPoint)
     : mountPoint_(std::move(mountPoint)) {
   UniqueDescriptor loop;
   const std::string device = AttachLoop(file, &loop);
-  works_ =
-      !device.empty() && ::mount(device.c_str(), mountPoint_.c_str(), "ext4", 0, MountOptions) == 0;
+  works_ = !device.empty() &&
+           ::mount(device.c_str(), mountPoint_.c_str(), "ext4", 0, kMountOptions) == 0;
 }
 
 MountedImage::MountedImage(MountedImage&& other) noexcept

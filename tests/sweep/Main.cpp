@@ -24,13 +24,13 @@ std::string DetailOf(const std::string& point) {
 
 namespace {
 
-constexpr int ExitGood = 0;
-constexpr int ExitLoss = 1;
-constexpr int ExitUsage = 2;
-constexpr int ExitSkipped = 77;
+constexpr int kExitGood = 0;
+constexpr int kExitLoss = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitSkipped = 77;
 // The control need not go through every point: it is over when it was caught.
-constexpr std::size_t ControlPoints = 24;
-constexpr std::size_t FewControlPoints = 8;  // beside a sweep that tries only some points
+constexpr std::size_t kControlPoints = 24;
+constexpr std::size_t kFewControlPoints = 8;  // beside a sweep that tries only some points
 
 const std::vector<Variant>& AllVariants() {
   static const std::vector<Variant> variants = {
@@ -81,7 +81,7 @@ Row Run(Sweep& sweep, const Options& options, const Variant& variant) {
   row.broken.clear();
   const std::vector<std::string> points =
       sweep.isControl()
-          ? Spread(sweep.points(), options.every > 1 ? FewControlPoints : ControlPoints)
+          ? Spread(sweep.points(), options.every > 1 ? kFewControlPoints : kControlPoints)
           : Chosen(options, sweep.points());
   std::string keep;
   if (!options.only.empty()) {
@@ -117,8 +117,8 @@ std::vector<std::unique_ptr<Sweep>> SweepsOf(const Options& options, const Varia
 int Verdict(const std::vector<Row>& rows) {
   const auto isGood = [](const Row& row) { return row.isGood(); };
   const auto isSkipped = [](const Row& row) { return !row.skipped.empty(); };
-  if (!std::all_of(rows.begin(), rows.end(), isGood)) return ExitLoss;
-  return std::all_of(rows.begin(), rows.end(), isSkipped) ? ExitSkipped : ExitGood;
+  if (!std::all_of(rows.begin(), rows.end(), isGood)) return kExitLoss;
+  return std::all_of(rows.begin(), rows.end(), isSkipped) ? kExitSkipped : kExitGood;
 }
 
 int RunAll(const Options& options) {
@@ -158,7 +158,7 @@ bool Parse(int argc, char** argv, Options* options, int* code) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    *code = app.exit(error) == 0 ? ExitGood : ExitUsage;
+    *code = app.exit(error) == 0 ? kExitGood : kExitUsage;
     return false;
   }
   for (const Variant& variant : AllVariants()) {
@@ -177,7 +177,7 @@ int main(int argc, char** argv) {
   options.host = HOST_BINARY;
   options.preload = NO_FLUSH;
   options.jobs = std::max<long>(std::thread::hardware_concurrency(), 1);
-  int code = ExitUsage;
+  int code = kExitUsage;
   if (!Parse(argc, argv, &options, &code)) return code;
   options.directory = MakeDirectory();
   code = RunAll(options);

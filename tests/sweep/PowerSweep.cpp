@@ -16,11 +16,11 @@ namespace quorvel::sweep {
 namespace {
 
 // Logs are not flushed.
-constexpr Leniency AfterPowerCut = {false, true, false, true};
+constexpr Leniency kAfterPowerCut = {false, true, false, true};
 
 // What a file system kept, one letter each in a point's name.
-constexpr char NothingMore = 'n';  // than what was flushed
-constexpr char JournalToo = 'j';   // a commit of the journal that another file's flush forced
+constexpr char kNothingMore = 'n';  // than what was flushed
+constexpr char kJournalToo = 'j';   // a commit of the journal that another file's flush forced
 
 class PowerSweep : public Sweep {
  public:
@@ -149,13 +149,13 @@ std::vector<std::string> PowerSweep::points() const {
 bool PowerSweep::photograph() const {
   for (std::size_t disk = 0; disk < mountPoints_.size(); ++disk) {
     const std::string image = ownImage(disk, "mounted");
-    if (!CopyImage(image, ownImage(disk, {NothingMore}))) return false;
+    if (!CopyImage(image, ownImage(disk, {kNothingMore}))) return false;
     const UniqueDescriptor unrelated(
         ::open((mountPoint(disk) + UnrelatedFile).c_str(), O_WRONLY | O_CLOEXEC));
     if (!unrelated || ::pwrite(unrelated.get(), "1", 1, 0) != 1 || ::fsync(unrelated.get()) != 0) {
       return false;
     }
-    if (!CopyImage(image, ownImage(disk, {JournalToo}))) return false;
+    if (!CopyImage(image, ownImage(disk, {kJournalToo}))) return false;
   }
   return true;
 }
@@ -197,7 +197,7 @@ Finding PowerSweep::recover(const std::string& point, const std::string& kept,
   };
   save("/behind-the-cut");
   try {
-    Recover(judge_, device(), setup_, AfterPowerCut, &finding);
+    Recover(judge_, device(), setup_, kAfterPowerCut, &finding);
   } catch (const std::exception& failure) {
     finding.lost.push_back(std::string("the device cannot be judged: ") + failure.what());
   }
@@ -212,10 +212,10 @@ std::vector<Finding> PowerSweep::tryPoint(const std::string& point, const std::s
   std::vector<Finding> findings;
   const std::string only = DetailOf(point).substr(
       std::min<std::size_t>(DetailOf(point).size(), std::string("cut-").size()));
-  for (const char root : {NothingMore, JournalToo}) {
+  for (const char root : {kNothingMore, kJournalToo}) {
     std::vector<std::string> combinations = {{root}};
     if (mountPoints_.size() > 1) {
-      combinations = {std::string{root, NothingMore}, std::string{root, JournalToo}};
+      combinations = {std::string{root, kNothingMore}, std::string{root, kJournalToo}};
     }
     for (const std::string& kept : combinations) {
       if (only.empty() || only == kept) findings.push_back(recover(point, kept, keep));

@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 using testing::Device;
 using testing::Mobile;
 
-constexpr std::size_t LargeFile = 700'000;  // three rounds of a copy through a buffer
+constexpr std::size_t kLargeFile = 700'000;  // three rounds of a copy through a buffer
 
 // Bytes of which no two blocks are the same.
 std::string Pattern(std::size_t size) {
@@ -24,9 +24,9 @@ std::string Pattern(std::size_t size) {
 }
 
 void PutLargeFiles(const std::string& container) {
-  testing::Put(container + "/Documents/large", Pattern(LargeFile));
+  testing::Put(container + "/Documents/large", Pattern(kLargeFile));
   testing::Put(container + "/Library/sparse", "begin");
-  fs::resize_file(container + "/Library/sparse", 3 * LargeFile);
+  fs::resize_file(container + "/Library/sparse", 3 * kLargeFile);
   testing::SetAttribute(container + "/Documents/large", "user.long", std::string(900, 'a'));
 }
 

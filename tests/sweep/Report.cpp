@@ -10,17 +10,17 @@ namespace quorvel::sweep {
 
 namespace {
 
-constexpr long MostTold = 12;         // points of one sweep
-constexpr std::size_t MostWords = 4;  // lines about one point
-constexpr int BarWidth = 32;
+constexpr long kMostTold = 12;         // points of one sweep
+constexpr std::size_t kMostWords = 4;  // lines about one point
+constexpr int kBarWidth = 32;
 
 bool IsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
 
 void TellAll(const char* what, const std::vector<std::string>& texts) {
-  for (std::size_t i = 0; i < texts.size() && i < MostWords; ++i) {
+  for (std::size_t i = 0; i < texts.size() && i < kMostWords; ++i) {
     std::printf("    %s: %s\n", what, texts[i].c_str());
   }
-  if (texts.size() > MostWords) std::printf("    ... and %zu more\n", texts.size() - MostWords);
+  if (texts.size() > kMostWords) std::printf("    ... and %zu more\n", texts.size() - kMostWords);
 }
 
 }  // namespace
@@ -49,7 +49,7 @@ void Account::add(const Finding& finding) {
 
 void Account::tell(const Finding& finding) {
   clearBar();
-  if (++told_ > MostTold) return;
+  if (++told_ > kMostTold) return;
   std::printf("%s, %s: point %s%s\n", row_.sweep.c_str(), row_.variant.c_str(),
               finding.point.c_str(), finding.fired ? "" : " did not fire");
   TellAll("lost", finding.lost);
@@ -65,10 +65,11 @@ void Account::clearBar() const {
 
 void Account::show(std::size_t done) const {
   if (!IsTerminal()) return;
-  const int filled =
-      total_ == 0 ? BarWidth : static_cast<int>(done * static_cast<std::size_t>(BarWidth) / total_);
+  const int filled = total_ == 0
+                         ? kBarWidth
+                         : static_cast<int>(done * static_cast<std::size_t>(kBarWidth) / total_);
   const std::string bar = std::string(static_cast<std::size_t>(filled), '#') +
-                          std::string(static_cast<std::size_t>(BarWidth - filled), '.');
+                          std::string(static_cast<std::size_t>(kBarWidth - filled), '.');
   std::fprintf(stderr, "\r%s, %s [%s] %zu/%zu, %ld lost\033[K", row_.sweep.c_str(),
                row_.variant.c_str(), bar.c_str(), done, total_, row_.lost);
 }

@@ -8,7 +8,7 @@ namespace quorvel::sweep {
 
 namespace {
 
-constexpr int LastExitCode = 5;  // of those that the host's manual names
+constexpr int kLastExitCode = 5;  // of those that the host's manual names
 
 int BecomeHost(const HostProgram& host, const std::string& root) {
   const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -57,7 +57,7 @@ std::string PathOfDescriptor(pid_t process, std::uint64_t descriptor) {
 std::string WrongEnd(const TracedRun& run) {
   if (run.signal == SIGALRM) return "the run hung";
   if (run.signal != 0) return "the run ended with signal " + std::to_string(run.signal);
-  if (run.exitStatus <= LastExitCode) return {};
+  if (run.exitStatus <= kLastExitCode) return {};
   return "the run ended with " + std::to_string(run.exitStatus);
 }
 

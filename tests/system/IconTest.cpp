@@ -59,8 +59,8 @@ unsigned SampleAt(unsigned x, unsigned y, unsigned channel, int depth) {
   return (mixed >> 8U) & ((1U << static_cast<unsigned>(depth)) - 1);
 }
 
-constexpr unsigned MadeWidth = 11;  // no whole number of bytes at 1, 2 and 4 bits
-constexpr unsigned MadeHeight = 9;
+constexpr unsigned kMadeWidth = 11;  // no whole number of bytes at 1, 2 and 4 bits
+constexpr unsigned kMadeHeight = 9;
 
 int ChannelsOf(int colourType) {
   switch (colourType) {
@@ -76,9 +76,9 @@ int ChannelsOf(int colourType) {
 }
 
 Bytes PackedRow(unsigned y, int channels, int depth) {
-  Bytes row((MadeWidth * static_cast<unsigned>(channels * depth) + 7) / 8);
+  Bytes row((kMadeWidth * static_cast<unsigned>(channels * depth) + 7) / 8);
   std::size_t bit = 0;
-  for (unsigned x = 0; x < MadeWidth; ++x) {
+  for (unsigned x = 0; x < kMadeWidth; ++x) {
     for (int c = 0; c < channels; ++c) {
       const unsigned sample = SampleAt(x, y, static_cast<unsigned>(c), depth);
       for (int i = depth - 1; i >= 0; --i, ++bit) {
@@ -115,7 +115,7 @@ Bytes MakePng(int colourType, int depth, int interlace, bool transparent) {
     out->insert(out->end(), bytes, bytes + length);
   };
   png_set_write_fn(png, &file, append, nullptr);
-  png_set_IHDR(png, info, MadeWidth, MadeHeight, depth, colourType, interlace,
+  png_set_IHDR(png, info, kMadeWidth, kMadeHeight, depth, colourType, interlace,
                PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   std::vector<png_color> palette;
   if (colourType == PNG_COLOR_TYPE_PALETTE) {
@@ -128,7 +128,7 @@ Bytes MakePng(int colourType, int depth, int interlace, bool transparent) {
   png_set_gAMA(png, info, 0.3);  // must not change the pixels
   png_write_info(png, info);
   for (int pass = png_set_interlace_handling(png); pass > 0; --pass) {
-    for (unsigned y = 0; y < MadeHeight; ++y) {
+    for (unsigned y = 0; y < kMadeHeight; ++y) {
       png_write_row(png, PackedRow(y, ChannelsOf(colourType), depth).data());
     }
   }
@@ -194,8 +194,9 @@ TEST(PngDecoding, GivesTheSamePixelsForEveryColourTypeDepthAndInterlace) {
         ImageSink sink;
         ASSERT_TRUE(DecodePng(MakePng(type, depth, interlace, transparent), sink));
         Bytes expected;
-        for (unsigned i = 0; i < MadeWidth * MadeHeight; ++i) {
-          const Bytes pixel = ExpectedPixel(i % MadeWidth, i / MadeWidth, type, depth, transparent);
+        for (unsigned i = 0; i < kMadeWidth * kMadeHeight; ++i) {
+          const Bytes pixel =
+              ExpectedPixel(i % kMadeWidth, i / kMadeWidth, type, depth, transparent);
           expected.insert(expected.end(), pixel.begin(), pixel.end());
         }
         EXPECT_EQ(sink.image.pixels, expected);

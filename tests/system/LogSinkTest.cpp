@@ -22,6 +22,7 @@
 #include "platform/linux/log/JsonLineLog.h"
 #include "platform/linux/log/TeeLog.h"
 #include "tests/support/TemporaryTree.h"
+#include "tests/support/Threads.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -103,15 +104,11 @@ TEST(JsonLineLog, LosesNoByteOfAnyText) {
 TEST(JsonLineLog, ThreadsNeverMixTheirLinesAndKeepTheirOrder) {
   const TemporaryTree tree;
   JsonLineLog log(OpenLog(tree.at("log")));
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&log, t] {
-      for (int i = 0; i < 500; ++i) {
-        static_cast<HostLogWriter&>(log).write("f", "g", i, "c", t, std::string(40, 'x'));
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  testing::OnThreads(4, [&](int t) {
+    for (int i = 0; i < 500; ++i) {
+      static_cast<HostLogWriter&>(log).write("f", "g", i, "c", t, std::string(40, 'x'));
+    }
+  });
   std::map<int, int> next;
   std::string lastTime;
   for (const std::string& line : LinesOf(tree.read("log"))) {

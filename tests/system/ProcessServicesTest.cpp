@@ -14,6 +14,7 @@
 
 #include "platform/UniqueDescriptor.h"
 #include "platform/linux/system/ProcessServicesLinux.h"
+#include "tests/support/Threads.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -21,14 +22,10 @@ namespace {
 TEST(ProcessTransactionLinux, CountsAcrossThreads) {
   ProcessTransactionLinux transaction;
   EXPECT_FALSE(transaction.isBusy());
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&transaction] {
-      for (int i = 0; i < 1000; ++i) transaction.begin();
-      for (int i = 0; i < 999; ++i) transaction.end();
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  testing::OnThreads(4, [&](int) {
+    for (int i = 0; i < 1000; ++i) transaction.begin();
+    for (int i = 0; i < 999; ++i) transaction.end();
+  });
   EXPECT_EQ(transaction.openTransactions(), 4);
   for (int i = 0; i < 4; ++i) transaction.end();  // on another thread than the begin
   EXPECT_FALSE(transaction.isBusy());
@@ -73,13 +70,9 @@ TEST(SerialTaskQueue, TakesJobsFromManyThreadsAndDropsWhatAJobHoldsWithIt) {
   auto held = std::make_shared<int>(0);
   {
     SerialTaskQueue queue;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-      threads.emplace_back([&queue, &count, held] {
-        for (int i = 0; i < 500; ++i) queue.submit([&count, held] { ++count; });
-      });
-    }
-    for (auto& thread : threads) thread.join();
+    testing::OnThreads(4, [&](int) {
+      for (int i = 0; i < 500; ++i) queue.submit([&count, held] { ++count; });
+    });
   }
   EXPECT_EQ(count, 2000);
   EXPECT_EQ(held.use_count(), 1);

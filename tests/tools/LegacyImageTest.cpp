@@ -34,7 +34,7 @@ std::set<std::string> NamesIn(const std::string& directory) {
   return names;
 }
 
-constexpr const char* Applications = "/private/var/mobile/Applications";
+constexpr const char* kApplications = "/private/var/mobile/Applications";
 
 TEST(LegacyImage, TheSameArgumentsMakeTheSameTree) {
   const ScratchTree scratch;
@@ -79,7 +79,7 @@ TEST(LegacyImage, HoldsWhatItPromises) {
   const ScratchTree scratch;
   const HostRun made = Make(scratch / "device --registered-list " + (scratch / "list 2>/dev/null"));
   ASSERT_EQ(made.exitCode, 0);
-  EXPECT_GE(NamesIn(scratch / "device" + Applications).size(), 40U);
+  EXPECT_GE(NamesIn(scratch / "device" + kApplications).size(), 40U);
   std::size_t binary = 0;
   std::size_t xml = 0;
   std::size_t placeholders = 0;
@@ -117,18 +117,18 @@ TEST(LegacyImage, ASoundDeviceMigratesAndEachFailingCaseIsLeft) {
   ASSERT_EQ(Shell("legacy-image " + (scratch / "sound | sh -e")).exitCode, 0);
   const HostRun sound = Migrate(scratch / "sound");
   EXPECT_EQ(sound.exitCode, 0) << sound.out;
-  EXPECT_FALSE(std::filesystem::exists(scratch / "sound" + Applications));
+  EXPECT_FALSE(std::filesystem::exists(scratch / "sound" + kApplications));
 
   ASSERT_EQ(Shell("legacy-image " + (scratch / "failing --failing --apps 3 2>/dev/null | sh -e"))
                 .exitCode,
             0);
   std::set<std::string> failing;
-  for (const std::string& name : NamesIn(scratch / "failing" + Applications)) {
+  for (const std::string& name : NamesIn(scratch / "failing" + kApplications)) {
     if (name.starts_with("failing-")) failing.insert(name);
   }
   EXPECT_EQ(failing.size(), 10U);
   EXPECT_EQ(Migrate(scratch / "failing").exitCode, 1);
-  EXPECT_EQ(NamesIn(scratch / "failing" + Applications), failing);
+  EXPECT_EQ(NamesIn(scratch / "failing" + kApplications), failing);
   EXPECT_TRUE(std::filesystem::exists(scratch / "failing/private/var/mobile/Library/Quorvel/"
                                                 "SafeHarbor.plist"));
 }

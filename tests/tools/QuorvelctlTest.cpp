@@ -23,16 +23,16 @@ using nlohmann::json;
 using ::testing::Test;
 using Words = std::vector<std::string>;
 
-constexpr const char* Flag = "haveUpdatedPluginContainersWithParentID";
+constexpr const char* kFlag = "haveUpdatedPluginContainersWithParentID";
 // Everything that a careless tool would break on: a newline, no UTF-8, a backslash, an escape
 // sequence, text that option parsers give a meaning to.
-const Words HostileNames = {"new\nline",   "caf\xC3\xA9 \xFF\xFE",
-                            "back\\slash", "\x1B[2J\r",
-                            "[a,b]",       "++",
-                            "--json",      "-x",
-                            "--",          "{}",
-                            "\x01guard",   " ",
-                            "list",        "a=b"};
+const Words kHostileNames = {"new\nline",   "caf\xC3\xA9 \xFF\xFE",
+                             "back\\slash", "\x1B[2J\r",
+                             "[a,b]",       "++",
+                             "--json",      "-x",
+                             "--",          "{}",
+                             "\x01guard",   " ",
+                             "list",        "a=b"};
 
 json Parsed(const HostRun& run) {
   EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 1) << run.out << run.err;
@@ -105,7 +105,7 @@ TEST_F(QuorvelctlTest, HelpAndVersionSucceedAndEveryExampleWorks) {
 
 TEST_F(QuorvelctlTest, NamesOfAnyBytesComeInAndGoOut) {
   if (!NoTerminal().empty()) GTEST_SKIP() << NoTerminal();
-  for (const std::string& name : HostileNames) tree_.write("d/" + name, name);
+  for (const std::string& name : kHostileNames) tree_.write("d/" + name, name);
 
   std::set<std::string> found;
   const json listed = object({"list", "d"});
@@ -114,7 +114,7 @@ TEST_F(QuorvelctlTest, NamesOfAnyBytesComeInAndGoOut) {
     EXPECT_EQ(item["directory"], false);
   }
   std::set<std::string> expected;
-  for (const std::string& name : HostileNames) expected.insert(tree_.at("d/" + name));
+  for (const std::string& name : kHostileNames) expected.insert(tree_.at("d/" + name));
   EXPECT_EQ(found, expected);
 
   // Raw into a pipe, harmless on a terminal.
@@ -131,9 +131,9 @@ TEST_F(QuorvelctlTest, NamesOfAnyBytesComeInAndGoOut) {
 
 // Copied to a sibling each, after "--", from the directory itself.
 TEST_F(QuorvelctlTest, WordsOfAnyBytesMeanThemselves) {
-  for (const std::string& name : HostileNames) tree_.write("d/" + name, name);
+  for (const std::string& name : kHostileNames) tree_.write("d/" + name, name);
   fs::current_path(tree_.at("d"));
-  for (const std::string& name : HostileNames) {
+  for (const std::string& name : kHostileNames) {
     EXPECT_EQ(exitCode({"copy", "--", name, "../" + name + "~"}), 0) << name;
     EXPECT_EQ(tree_.read(name + "~"), name);
   }
@@ -144,7 +144,7 @@ TEST_F(QuorvelctlTest, WordsOfAnyBytesMeanThemselves) {
   EXPECT_FALSE(fs::exists("[a,b]") || fs::exists("++"));
   EXPECT_TRUE(fs::exists("a") && fs::exists("b"));
   Words all = {"remove", "--"};
-  all.insert(all.end(), HostileNames.begin(), HostileNames.end());
+  all.insert(all.end(), kHostileNames.begin(), kHostileNames.end());
   EXPECT_EQ(exitCode(all), 0);
   EXPECT_EQ(exitCode({"remove", "a", "b"}), 0);
   EXPECT_TRUE(fs::is_empty("."));
@@ -193,9 +193,9 @@ void WorkInDevice(const std::string& device, const HostSetup& setup) {
   for (const auto& [name, path] : directories.items()) {
     EXPECT_TRUE(fs::is_directory(device + path.get<std::string>())) << name;
   }
-  EXPECT_EQ(run({"flags", "get", Flag}).exitCode, 1);
-  EXPECT_EQ(run({"flags", "set", Flag, "true"}).exitCode, 0);
-  EXPECT_EQ(run({"flags", "get", Flag}).exitCode, 0);
+  EXPECT_EQ(run({"flags", "get", kFlag}).exitCode, 1);
+  EXPECT_EQ(run({"flags", "set", kFlag, "true"}).exitCode, 0);
+  EXPECT_EQ(run({"flags", "get", kFlag}).exitCode, 0);
   EXPECT_EQ(run({"flags", "get", "alternateThinningModelIdentifier"}).exitCode, 1);
 
   // Paths are the device's, links as well.
@@ -264,14 +264,14 @@ TEST_F(QuorvelctlTest, DigestLinesAreThoseOfSha256sum) {
   for (int i = 0; i < 70000; ++i) large += static_cast<char>(i * 7);
   tree_.write("d/large", large);
   tree_.write("d/empty", "");
-  for (const std::string& name : HostileNames) tree_.write("d/" + name, name);
+  for (const std::string& name : kHostileNames) tree_.write("d/" + name, name);
   fs::current_path(tree_.at("d"));
   const HostRun known = RunHost({"digest", "empty"});
   EXPECT_EQ(known.out, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855  empty\n");
   if (std::system("command -v sha256sum >/dev/null") == 0) {
     const std::string ours = shell("quorvelctl digest -- * ./large \"$PWD/empty\"");
     EXPECT_EQ(ours, shell("sha256sum -- * ./large \"$PWD/empty\""));
-    EXPECT_GT(ours.size(), 64 * HostileNames.size());
+    EXPECT_GT(ours.size(), 64 * kHostileNames.size());
   }
   // The rest is done when one cannot be read.
   const json result = object({"digest", "absent", ".", "empty"}, 1);

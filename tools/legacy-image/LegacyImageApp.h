@@ -16,6 +16,7 @@ namespace quorvel::tools {
 inline constexpr const char* LegacyApplications = "private/var/mobile/Applications";
 
 // A bundle directory. Names are bytes, identifiers and other texts UTF-8.
+// What its info dictionary says, and what lies beside that.
 struct BundlePlan {
   std::string name;  // with its extension; empty: there is no such bundle
   std::string identifier;

@@ -42,6 +42,7 @@ class ErrorLines final : public LogWriter {
   // The last line, until it is shown or taken.
   std::optional<std::string> held_;
   std::size_t count_ = 0;
+  // Counts by their words, since an empty catalog says nothing of its reason.
   std::size_t unlisted_ = 0;
   std::set<std::string> leftOut_;
 };

@@ -54,6 +54,7 @@ class Session {
   void writeDetails(bool toFile);
   const ErrorLines& lines() const { return errorLines_; }
   // Preferences files that could not be understood and got these names.
+  // For the person to know that they were not lost.
   std::vector<std::string> preferencesSetAside();
   // Lines that the operations logged as errors so far, whether or not they failed for them.
   std::size_t errorLines() const { return errorLines_.count(); }
@@ -78,6 +79,7 @@ class Session {
   void note(const std::string& reason);
 
  private:
+  // The platform's, made before the process is confined.
   struct Services;
 
   bool openLog(host::FatalError& error);

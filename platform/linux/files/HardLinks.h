@@ -25,6 +25,7 @@ class HardLinks {
   Outcome link(const struct stat& source, DirectoryStack& target, int base, int directory,
                const char* name);
   // The copy of the source item is `name` there. False with errno set.
+  // Called for every item with several names, once it is complete.
   bool remember(const struct stat& source, const DirectoryStack& target, int directory,
                 const char* name);
 

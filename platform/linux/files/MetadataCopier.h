@@ -57,9 +57,11 @@ class MetadataCopier {
   bool listAttributes(int input, std::size_t* size);
   bool copyPinnedAttributes(int input, int output);
   bool copyAttributes(int input, int output, std::size_t listSize, Stage stage);
+  // One attribute, unless it vanished or may be left out.
   bool copyAttribute(int input, int output, const char* name);
   // Takes off the lists that the output got from its directory and the source does not have.
   bool removeInherited(int output, std::size_t listSize);
+  // Whether the list in names_ has the attribute.
   bool listed(std::string_view name, std::size_t listSize) const;
 
   const ModeChanger& modes_;

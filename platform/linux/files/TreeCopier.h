@@ -24,6 +24,7 @@ class TreeCopier {
 
  private:
   // What a directory is remembered by beside its place in the stacks.
+  // From the directory's making to its end, when it gets the source's metadata.
   struct Level {
     ItemStatus source;
     Ownership target;          // as it was made or found
@@ -45,9 +46,11 @@ class TreeCopier {
   bool copyItem(const char* name, mode_t kind);
   // The file is opened first and judged by what was opened.
   bool copyFile(const char* name);
+  // Data, then metadata: the file is for its owner alone until both are there.
   bool fillFile(int input, int output, const char* name, const struct stat& info);
   // The text is copied as it stands; where it leads is of no interest.
   bool copyLink(const char* name, const struct stat& info);
+  // A pipe or a device node: the same kind and number, no content.
   bool copySpecial(const char* name, const struct stat& info);
   // `entry` is the source's name.
   bool finishPinned(const char* entry, const struct stat& info);
@@ -91,6 +94,7 @@ class TreeCopier {
   bool baseHandsDown_ = false;
   DataCopier data_;
   MetadataCopier metadata_;
+  // Within one copy only: names elsewhere are not looked for.
   HardLinks links_;
 };
 

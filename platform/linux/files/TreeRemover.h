@@ -40,6 +40,7 @@ class TreeRemover {
   struct Level {
     std::uint64_t mount = 0;
     int readError = 0;
+    // Bounded, since others may go on making entries.
     unsigned passes = 1;      // over its entries
     bool removed = false;     // something, during this pass
     bool incomplete = false;  // something below could not be removed, and was reported
@@ -50,16 +51,19 @@ class TreeRemover {
   // long as the note is there.
   enum class RootPass { files, directories, everything };
 
+  // Removes the entry, or goes down into it.
   void visit(int directory, const char* name, unsigned char type);
   // Whether the root's entry waits for, or was dealt with in, the other pass.
   bool isForOtherPass(int directory, const char* name, unsigned char type);
   // Unlinks it. False when it turns out to be a directory.
   bool visitFile(int directory, const char* name, unsigned char type);
+  // Opens it without following links; what was exchanged for a file is removed as one.
   void visitDirectory(int directory, const char* name);
   // A directory that cannot be opened may still be empty: rmdir tells.
   void removeUnreadable(int directory, const char* name, int openError);
   // Goes down into a directory that was found to be on the mount that it should be on.
   void enter(UniqueDescriptor descriptor, const char* name);
+  // The directory has no more entries: removes it, or looks again where that may help.
   void finishDirectory(int readError);
   // Whether to read the directory again: entries may be skipped while others are removed.
   bool mayHoldMore() const;

@@ -53,6 +53,7 @@ class DeviceLogFile {
 };
 
 // HostLog's file on the device. `directory` is a path as the confined process sees it.
+// Both leave out what only a developer wants: file, line and category.
 class DeviceHostLog final : public HostLogWriter {
  public:
   explicit DeviceHostLog(std::string directory, std::string name = "migration.log",

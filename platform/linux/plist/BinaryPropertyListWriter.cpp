@@ -44,7 +44,7 @@ class ScalarNumbers {
     // At most half full, so that free slots end most probes.
     if (share_ && 2 * used_ >= slots_.size()) grow();
     const std::uint32_t hash = share_ ? hashOf(object) : 0;
-    for (std::size_t probe = 0; share_ && probe < MaximalProbes; ++probe) {
+    for (std::size_t probe = 0; share_ && probe < kMaximalProbes; ++probe) {
       Slot& slot = slots_[(hash + probe) & (slots_.size() - 1)];
       if (slot.next == 0) {
         slot = {hash, fresh + 1};
@@ -58,7 +58,7 @@ class ScalarNumbers {
   }
 
  private:
-  static constexpr std::size_t MaximalProbes = 32;
+  static constexpr std::size_t kMaximalProbes = 32;
   struct Slot {
     std::uint32_t hash = 0;
     std::uint32_t next = 0;  // the object's number plus one; 0 is a free slot

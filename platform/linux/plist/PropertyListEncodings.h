@@ -37,6 +37,7 @@ struct PlistReading {
 };
 
 // Both throw std::bad_alloc.
+// The result is in `out` on success; on failure `out` is of no use.
 Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out);
 Error ReadBinaryPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out);
 

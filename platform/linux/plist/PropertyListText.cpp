@@ -111,7 +111,7 @@ constexpr std::array<std::uint8_t, 256> MakeBase64Values() {
   return values;
 }
 // Digit values by character, made at compile time.
-constexpr std::array<std::uint8_t, 256> Base64Values = MakeBase64Values();
+constexpr std::array<std::uint8_t, 256> kBase64Values = MakeBase64Values();
 
 // Takes the padding and white space off the end. Not everyone writes all of the padding.
 void TakePadding(std::string_view& text) {
@@ -284,7 +284,7 @@ std::optional<PlistData> DataFromText(std::string_view text) {
   std::uint32_t group = 0;
   unsigned digits = 0;
   for (const char character : text) {
-    const std::uint8_t value = Base64Values[static_cast<std::uint8_t>(character)];
+    const std::uint8_t value = kBase64Values[static_cast<std::uint8_t>(character)];
     if (value == kBase64Space) continue;
     if (value == kBase64Invalid) return std::nullopt;
     group = group << 6U | value;

@@ -39,10 +39,12 @@ class ApplicationWorkspaceLinux final : public ApplicationWorkspace {
                     Error* error);
   // The request without its report: one placeholder, or the bundles of a customer package.
   bool install(const Request& request, Error* error);
+  // Refused where the app is installed in full; repeated requests succeed.
   bool installPlaceholder(const Request& request, Error* error);
   // Carries out a placeholder that was found to be in order.
   bool runPlaceholder(const Request& request, const BundleDescription& bundle,
                       const std::optional<AppRecord>& known, Error* error);
+  // Looks at the package first; what is refused leaves it as it is.
   bool installCustomer(const Request& request, Error* error);
   // All bundles of the package in one plan: either all are installed, or a later run goes on.
   bool installBundles(const Request& request, const PackageContents& package, Error* error);

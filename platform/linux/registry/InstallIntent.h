@@ -49,6 +49,7 @@ struct InstallStep {
 };
 
 // What an operation set out to do, whole: steps, then records, then clean-up steps.
+// Stored before its first step, and forgotten after its last.
 struct InstallIntent {
   std::int64_t id = 0;
   bool committed = false;  // the records are replaced; only clean-up steps are left

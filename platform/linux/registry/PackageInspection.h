@@ -26,6 +26,7 @@ struct BundleDescription {
 };
 
 // A customer package. An absent one has nothing in it.
+// What was found, and only that: nothing is judged here.
 struct PackageContents {
   bool isPresent = false;                  // the staging directory is there
   std::vector<BundleDescription> bundles;  // sorted by name
@@ -59,6 +60,7 @@ class BuiltInApps {
 
   // Null with an Error when the directory cannot be listed (none at all is no failure). Of two
   // bundles with one identifier the newer one counts; unreadable ones are passed over.
+  // Later calls cost nothing.
   const Map* all(Error* error);
   // Null when the identifier is not built in, or when that cannot be told.
   const BundleDescription* find(const std::string& identifier);

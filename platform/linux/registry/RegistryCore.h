@@ -53,6 +53,7 @@ class RegistryCore {
   bool hasBundle(const AppRecord& record) const;
   // Whether the record's bundle container has an item of that name.
   bool containerHolds(const AppRecord& record, const std::string& name) const;
+  // What callers get to see of an identifier, with what is on disk now.
   BundleProxy proxyOf(const AppRecord& record);
   // `record` holds the containers, if there are any yet.
   BundleProxy proxyOf(const BundleDescription& builtIn, const std::optional<AppRecord>& record);
@@ -63,6 +64,7 @@ class RegistryCore {
 
   // --- Built-in apps, and packages (PackageInspection.h) ------------------------------------
 
+  // Null with the Error when they cannot be listed.
   const BuiltInApps::Map* builtInApps(Error* error) { return builtIn_.all(error); }
   const BundleDescription* builtInApp(const std::string& id) { return builtIn_.find(id); }
   // The built-in app, unless the record (if there is one) has an installed bundle that is not
@@ -119,6 +121,7 @@ class RegistryCore {
   RegistryStore store_;
   InstallTransaction transaction_;
   BuiltInApps builtIn_;
+  // Without a record when every intent was finished.
   Error unfinished_;  // why an intent is still open
 };
 

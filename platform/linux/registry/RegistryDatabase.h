@@ -24,6 +24,7 @@ struct sqlite3_stmt;
 
 namespace quorvel::onlinux {
 
+// What the database is to be, and how it is used.
 struct DatabaseOptions {
   const char* schema = "";          // the statements that make the tables of a new database
   std::int32_t applicationId = 0;   // marks the file as ours
@@ -57,6 +58,7 @@ class RegistryDatabase {
   bool isOpen() const { return connection_ != nullptr; }
 
   // Reads every page: whether the tables are whole. In linear time.
+  // By SQLite's own check of pages and indexes.
   bool contentIsWhole();
 
   bool begin();     // a transaction that writes
@@ -64,6 +66,7 @@ class RegistryDatabase {
   void rollback();  // nothing when no transaction is open
 
   // The failure of the last statement that failed.
+  // Kept until another statement fails.
   const Error& failure() const { return failure_; }
   void setFailure(Error failure) { failure_ = std::move(failure); }  // for content that is wrong
 
@@ -97,6 +100,7 @@ class Query {
   ~Query();
 
   // Texts are bytes to the database: any encoding, zero bytes included. They must outlive the use.
+  // The next parameter, from the first.
   Query& bind(std::string_view text);
   Query& bind(std::int64_t number);
   Query& bindOptional(const std::optional<std::string>& text);

@@ -15,12 +15,12 @@
 namespace quorvel::onlinux {
 namespace {
 
-constexpr std::int32_t ApplicationId = 0x51565247;  // "QVRG"
-constexpr int SchemaVersion = 1;
+constexpr std::int32_t kApplicationId = 0x51565247;  // "QVRG"
+constexpr int kSchemaVersion = 1;
 
 // Texts are compared bytewise, so that any identifier is a key. `groups` and `content` are lists
 // as IntentCodec.h writes them.
-constexpr const char* Schema = R"(
+constexpr const char* kSchema = R"(
   CREATE TABLE apps(identifier TEXT PRIMARY KEY NOT NULL, type TEXT NOT NULL,
                     version TEXT NOT NULL, bundle_container TEXT, bundle_name TEXT NOT NULL,
                     data_container TEXT, groups BLOB NOT NULL, placeholder INTEGER NOT NULL,
@@ -65,7 +65,7 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
                          const RegistryOptions& options, Error* error) {
   if (database_.isOpen() || absent_) return true;
   const FileSystemRepresentation bytes(directory.string());
-  const DatabaseOptions database{Schema, ApplicationId, SchemaVersion, options.readOnly,
+  const DatabaseOptions database{kSchema, kApplicationId, kSchemaVersion, options.readOnly,
                                  waited_ ? 0 : options.busyTimeoutMilliseconds};
   struct stat info {};
   const std::string file = std::string(bytes.c_str()) + "/" + RegistryFileName;

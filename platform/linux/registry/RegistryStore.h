@@ -33,7 +33,9 @@ class RegistryStore {
   bool isSound(Error* error);
 
   // False when the database failed; the record is absent when there is none.
+  // The record by its identifier.
   bool find(const std::string& identifier, std::optional<AppRecord>* record);
+  // The container that a group has been given, absent when it has none.
   bool findGroup(const std::string& group, std::optional<std::string>* container);
   bool forEachApp(const std::function<void(const AppRecord&)>& visit);
 
@@ -50,8 +52,10 @@ class RegistryStore {
   // Forgets the intent with the next transaction, or when the store is closed: if that is lost,
   // the clean-up is repeated and finds nothing to do.
   void finish(const InstallIntent& intent) { finished_.push_back(intent.id); }
+  // Those that are not finished, oldest first.
   bool openIntents(std::vector<InstallIntent>* intents);
 
+  // Replaces an earlier one of the same identifier and type.
   bool putSafeHarbor(const SafeHarborRecord& harbor);
   bool safeHarbors(std::vector<SafeHarborRecord>* harbors);
   // Settings of the service: a number by name, 0 when never set.

@@ -185,13 +185,6 @@ void HardwareRegistryLinux::release(std::uint32_t handle) {
   entries_.erase(at);
 }
 
-std::size_t HardwareRegistryLinux::outstandingReferences() {
-  const std::lock_guard lock(mutex_);
-  std::size_t count = walks_.size();
-  for (const auto& [number, held] : entries_) count += held.references;
-  return count;
-}
-
 HardwareEntry HardwareRegistryLinux::retain(const Node& node) {
   const auto [at, isNew] = numbers_.try_emplace(node, lastHandle_ + 1);
   if (isNew) entries_[++lastHandle_].node = node;

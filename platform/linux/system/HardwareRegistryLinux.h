@@ -28,6 +28,7 @@ class HardwareRegistryLinux final : public HardwareRegistry {
   // so that the process may confine itself in between. One that cannot be opened has no devices.
   explicit HardwareRegistryLinux(const std::string& blockDirectory = "/sys/block");
 
+  // The first entry of that class on the way down; 0 when nothing is attached.
   HardwareEntry firstMatchingService(const char* className) override;
   // Fail with EINVAL for another plane or what is no entry. A device that is no longer attached has
   // nothing below it.
@@ -38,10 +39,8 @@ class HardwareRegistryLinux final : public HardwareRegistry {
   HardwareEntry next(HardwareIterator iterator) override;
   bool conformsTo(HardwareEntry entry, const char* className) override;
   std::optional<std::string> stringProperty(HardwareEntry entry, const char* key) override;
+  // An entry or an iterator; one that is not held is passed over.
   void release(std::uint32_t handle) override;
-
-  // References to entries and iterators that were obtained and not released yet.
-  std::size_t outstandingReferences();
 
  private:
   enum class Kind { controller, drive, wholeMedium, partition };

@@ -14,6 +14,35 @@ namespace {
 
 using namespace quorvel::testing;  // NOLINT: the tests' own tools
 
+// Paths from the base, and what reaching them says.
+const std::pair<std::string, int> kCases[] = {{"", 0},
+                                              {"file", 0},
+                                              {"sub", 0},
+                                              {"./sub//../file", 0},
+                                              {"up", 0},
+                                              {"chain", 0},
+                                              {"self/self/up", 0},
+                                              {"sub/rise", 0},
+                                              {"..", EXDEV},
+                                              {"sub/../..", EXDEV},
+                                              {"../base/file", EXDEV},
+                                              {"out", EXDEV},
+                                              {"back", EXDEV},
+                                              {"abs", EXDEV},
+                                              {"viaout", EXDEV},
+                                              {"toparent", EXDEV},
+                                              {"/file", EXDEV},
+                                              {"loop", ELOOP},
+                                              {"none", ENOENT},
+                                              {"dangling", ENOENT},
+                                              {"file/x", ENOTDIR},
+                                              {"slash", ENOTDIR},
+                                              {"file/..", ENOTDIR},
+                                              {"file/", ENOTDIR},
+                                              {"c39", 0},
+                                              {"c40", ELOOP},
+                                              {std::string(256, 'n'), ENAMETOOLONG}};
+
 TEST(ReachBeneathTest, BothWaysReachWhatLiesInsideAndNothingElse) {
   ScratchTree tree;
   MakeDirectory(tree / "base");
@@ -21,57 +50,26 @@ TEST(ReachBeneathTest, BothWaysReachWhatLiesInsideAndNothingElse) {
   MakeDirectory(tree / "baseX");
   WriteFile(tree / "base/file", "x");
   WriteFile(tree / "outside", "x");
-  const std::pair<const char*, std::string> links[] = {
-      {"up", "sub/../file"},
-      {"out", "../outside"},
-      {"back", "../base/file"},
-      {"abs", tree / "base/file"},
-      {"loop", "loop"},
-      {"chain", "up"},
-      {"self", "."},
-      {"viaout", "toparent/outside"},
-      {"toparent", ".."},
-      {"slash", "file/"},
-      {"sub/rise", "../sub/../file"},
-      {"dangling", "none"},
-  };
+  const std::pair<const char*, std::string> links[] = {{"up", "sub/../file"},
+                                                       {"out", "../outside"},
+                                                       {"back", "../base/file"},
+                                                       {"abs", tree / "base/file"},
+                                                       {"loop", "loop"},
+                                                       {"chain", "up"},
+                                                       {"self", "."},
+                                                       {"viaout", "toparent/outside"},
+                                                       {"toparent", ".."},
+                                                       {"slash", "file/"},
+                                                       {"sub/rise", "../sub/../file"},
+                                                       {"dangling", "none"}};
   for (const auto& [name, text] : links) MakeLink(text, tree / "base/" + name);
   std::string forty = "file";
   for (int i = 0; i < 41; ++i) {
     MakeLink(forty, tree / "base/c" + std::to_string(i));
     forty = "c" + std::to_string(i);
   }
-  const std::pair<std::string, int> cases[] = {
-      {"", 0},
-      {"file", 0},
-      {"sub", 0},
-      {"./sub//../file", 0},
-      {"up", 0},
-      {"chain", 0},
-      {"self/self/up", 0},
-      {"sub/rise", 0},
-      {"..", EXDEV},
-      {"sub/../..", EXDEV},
-      {"../base/file", EXDEV},
-      {"out", EXDEV},
-      {"back", EXDEV},
-      {"abs", EXDEV},
-      {"viaout", EXDEV},
-      {"toparent", EXDEV},
-      {"/file", EXDEV},
-      {"loop", ELOOP},
-      {"none", ENOENT},
-      {"dangling", ENOENT},
-      {"file/x", ENOTDIR},
-      {"slash", ENOTDIR},
-      {"file/..", ENOTDIR},
-      {"file/", ENOTDIR},
-      {"c39", 0},
-      {"c40", ELOOP},
-      {std::string(256, 'n'), ENAMETOOLONG},
-  };
   const UniqueDescriptor base(::open((tree / "base").c_str(), O_PATH | O_DIRECTORY));
-  for (const auto& [path, number] : cases) {
+  for (const auto& [path, number] : kCases) {
     UniqueDescriptor asked;
     UniqueDescriptor walked;
     EXPECT_EQ(onlinux::ReachBeneath(base.get(), path, &asked), number) << path;

@@ -59,46 +59,40 @@ TEST_F(FileManager, MemoryThatRunsOutIsAFailureLikeAnyOther) {
   MakeDirectory(at("d"));
   WriteFile(at("d/f"), "x");
   MakeLink("f", at("d/l"));
-  const Path d = directory("d");
-  const Path f = file("d/f");
-  const Path link = file("d/l");
-  const Path none = file("none");
-  const Path copy = file("copy");
+  const Path d = directory("d"), f = file("d/f"), link = file("d/l");
+  const Path none = file("none"), copy = file("copy");
   std::int32_t number = 0;
   QVFileManager& m = manager_;
-  struct Operation {
-    const char* name;
-    std::function<bool(Error*)> run;  // false as a failure
-  };
-  const Operation operations[] = {
-      {"remove", [&](Error* e) { return m.removeItemAtURL(copy, e); }},
+  using E = Error*;
+  // Each is false as a failure.
+  const std::pair<const char*, std::function<bool(E)>> operations[] = {
+      {"remove", [&](E e) { return m.removeItemAtURL(copy, e); }},
       {"create",
-       [&](Error* e) {
+       [&](E e) {
          return m.createDirectoryAtURL(d, {true, 0755, 4}, e);
        }},
-      {"copy", [&](Error* e) { return m.copyItemAtURL(d, copy, e); }},
-      {"move", [&](Error* e) { return m.moveItemIfExistsAtURL(none, copy, e); }},
-      {"mktemp",
-       [&](Error* e) { return m.createTemporaryDirectoryInDirectoryURL(d, e).has_value(); }},
-      {"sync", [&](Error* e) { return m.syncDirectoryAtURL(d, e); }},
-      {"sync all", [&](Error* e) { return m.syncFileSystemsOfItems({}, e); }},
-      {"list", [&](Error* e) { return m.urlsForItemsInDirectoryAtURL(d, false, e).has_value(); }},
+      {"copy", [&](E e) { return m.copyItemAtURL(d, copy, e); }},
+      {"move", [&](E e) { return m.moveItemIfExistsAtURL(none, copy, e); }},
+      {"mktemp", [&](E e) { return m.createTemporaryDirectoryInDirectoryURL(d, e).has_value(); }},
+      {"sync", [&](E e) { return m.syncDirectoryAtURL(d, e); }},
+      {"sync all", [&](E e) { return m.syncFileSystemsOfItems({}, e); }},
+      {"list", [&](E e) { return m.urlsForItemsInDirectoryAtURL(d, false, e).has_value(); }},
       {"standardize",
-       [&](Error* e) {
+       [&](E e) {
          return m.standardizeOwnershipAtURL(d, {0, 0, true}, e);
        }},
       {"capture",
-       [&](Error* e) {
+       [&](E e) {
          return m.captureStoreDataFromDirectory(d, d, {true, true}, e);
        }},
-      {"readlink", [&](Error* e) { return m.destinationOfSymbolicLinkAtURL(link, e).has_value(); }},
-      {"class", [&](Error* e) { return m.dataProtectionClassOfItemAtURL(f, &number, e); }},
-      {"type", [&](Error* e) { return m.installTypeForBundle(d, e).has_value(); }},
-      {"failure", [&](Error* e) { return !m.moveItemAtURL(none, copy, e); }},
+      {"readlink", [&](E e) { return m.destinationOfSymbolicLinkAtURL(link, e).has_value(); }},
+      {"class", [&](E e) { return m.dataProtectionClassOfItemAtURL(f, &number, e); }},
+      {"type", [&](E e) { return m.installTypeForBundle(d, e).has_value(); }},
+      {"failure", [&](E e) { return !m.moveItemAtURL(none, copy, e); }},
   };
-  for (const Operation& operation : operations) {
-    SCOPED_TRACE(operation.name);
-    ExpectErrorsUntilDone(operation.run);
+  for (const auto& [name, run] : operations) {
+    SCOPED_TRACE(name);
+    ExpectErrorsUntilDone(run);
   }
 }
 

@@ -164,6 +164,11 @@ class BinaryReader {
     object.kind = *at >> 4U;
     object.low = *at & 15U;
     object.content = at + 1;
+    return measure(object);
+  }
+
+  // Finds out how much the object holds, by its kind, and that it is all there.
+  bool measure(Object& object) {
     std::uint64_t width = 0;
     switch (object.kind) {
       case Simple:

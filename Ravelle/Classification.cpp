@@ -94,6 +94,7 @@ void ContainerScan::note(bool isCertain, Reason certain, Reason unknown, const P
                                     .path = entry.string(),
                                     .error = error,
                                     .stops = false};
+  // The first doubt is enough to leave the whole container.
   if (isCertain) result_.problems.push_back(problem);
   if (!isCertain && !unread_) unread_ = problem;
 }
@@ -160,6 +161,7 @@ ContainerScan::Next ContainerScan::lookAtMarker(const Path& entry, bool isLink) 
   // What was found before is of no consequence any more.
   result_.problems.clear();
   result_.verdict = Verdict::migrate;
+  // Its app or plug-in is told by the record.
   result_.kind = LegacyItemKind::marker;
   result_.early = FieldsOf(*marked).isApp();
   result_.record = std::move(marked);
@@ -179,6 +181,7 @@ void ContainerScan::conclude() {
     result_.problems.push_back({.reason = Reason::noBundle, .path = container_.string()});
     return;
   }
+  // The app gives the container its identity; a plug-in beside it goes along.
   const Bundle& own = app_ ? *app_ : *vpn_;
   RecordFields fields{.container = container_,
                       .bundle = own.path,

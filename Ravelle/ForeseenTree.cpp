@@ -41,8 +41,10 @@ int WhyNotTakenOut(const Path& item) {
   const Path parent = ParentOf(item);
   if (!Look(item, info) || !Look(parent, holder)) return errno;
   if (const int denied = WhyNotChanged(parent.fileSystemRepresentation().c_str())) return denied;
+  // A mount point, which is busy for as long as it is mounted.
   if (info.st_dev != holder.st_dev) return EBUSY;
   const uid_t user = ::geteuid();
+  // Only owners take things out of a sticky directory; root may all the same.
   const bool isSticky = (holder.st_mode & S_ISVTX) != 0 && user != 0;
   if (isSticky && user != info.st_uid && user != holder.st_uid) return EPERM;
   const int denied = WhyDenied(item.fileSystemRepresentation().c_str(), W_OK);

@@ -52,6 +52,7 @@ bool RavellePreview::preview(MigrationAccount& account, Error* error) {
   if (!files_.itemDoesNotExistAtURL(legacy)) {
     const auto items = files_.urlsForItemsInDirectoryAtURL(legacy, true, error);
     if (!items) return false;
+    // As in the migration: without entries no map is loaded and nothing is told.
     if (!items->empty()) {
       account.itemsFound(items->size());
       loadGroups();

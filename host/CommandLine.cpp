@@ -224,6 +224,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   Options options;
   CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
   parser.set_version_flag("--version", std::string("migration-host ") + kBuiltVersion);
+  // Without one there is nothing to do, and nothing is guessed.
   parser.require_subcommand(1);
   parser.footer(kExitCodesText);
   AddMigrate(parser, options);

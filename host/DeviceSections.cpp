@@ -60,6 +60,7 @@ class Describer {
 
   ManifestHeader describe() {
     legacyContainers();
+    // The same places as the plug-in's, so that nothing is listed that it does not know.
     const QVGlobalConfiguration& configuration = QVGlobalConfiguration::sharedInstance();
     directories(SectionKind::group, configuration.oldInstallMapPath(), InstallMapGroupsKey,
                 InstallMapContainerKey);
@@ -164,6 +165,7 @@ class Describer {
     for (const BundleProxy& bundle : registry_.bundles) {
       note(bundle.bundleContainerPath, bundle.bundleIdentifier);
       note(bundle.dataContainerPath, bundle.bundleIdentifier);
+      // Absent when the registry could not tell them.
       if (!bundle.groupContainerPaths) continue;
       for (const auto& [group, path] : *bundle.groupContainerPaths) note(path, group);
     }

@@ -114,6 +114,7 @@ std::string ResultAsText(const MigrationResult& result, const RunAccount& accoun
     text += result.interruptedBy != 0 ? "Nothing is lost. The same command goes on:\n  "
                                       : "What was kept is taken up again when the causes are "
                                         "removed:\n  ";
+    // Word for word, to be pasted.
     text += HowToRunAgain(options) + "\n";
     text += "Logs: " + Printable(options.root) + kLogs + "\n";
   }

@@ -97,6 +97,7 @@ std::unique_ptr<MigratorPlugin> PluginBundle::create(FatalError& error) const {
          "Use the plug-in that was built with this host");
     return nullptr;
   }
+  // The plug-in has said why in the log.
   if (plugin->init() == nullptr) {
     Fail(error, ExitPluginUnusable,
          printable_ + ": the plug-in cannot be initialised for this device tree",

@@ -15,6 +15,7 @@ namespace {
 using onlinux::RegistrySnapshot;
 
 Json GroupsAsJson(const BundleProxy& bundle) {
+  // "null" is not "{}": the registry could not tell.
   if (!bundle.groupContainerPaths) return nullptr;
   Json groups = Json::object();
   for (const auto& [identifier, path] : *bundle.groupContainerPaths) {
@@ -115,6 +116,7 @@ int RunRegister(const Options& options) {
   FatalError error;
   DeviceRoot root;
   HostServices services(DeviceAccess::change);
+  // A record is a change: nobody else may be at work.
   if (!root.openDevice(options.root, error) || !root.lock(error) ||
       !root.enter(DeviceRoot::View::writable, error)) {
     return ReportFatal(error, options.json);

@@ -46,6 +46,7 @@ class Verifier {
 
   bool run(Error* error) {
     ProofProgress progress("Verifying", manifest_.header().sections.size());
+    // First, so that nobody takes a short list of findings for a whole one.
     unreadableSections();
     while (auto entry = manifest_.next()) {
       if (!take(*entry)) return SetError(error, std::move(failure_));
@@ -75,12 +76,14 @@ class Verifier {
   }
 
   bool take(const ManifestEntry& entry) {
+    // An item ends where the next one begins, or with its section.
     const bool newSection = std::exchange(sectionNow_, manifest_.section()) != manifest_.section();
     if (newSection || entry.depth <= itemDepth_) {
       if (!endItem()) return false;
     }
     if (join_ == nullptr) {
       note(entry);
+      // Neither moves: a migration makes and removes them itself.
       if (isStructure(entry) || isMarker(entry)) return true;
       beginItem(entry);
     }
@@ -120,6 +123,7 @@ class Verifier {
     JoinedItem joined{itemPath(item), entry.depth, {}, {}, false};
     std::string replaced;
     for (Place& place : places_.of(manifest_.section(), item)) {
+      // A place that is not there cannot have the item.
       if (!Exists(place.path)) continue;
       const SectionItem mine{entry.name, entry.identity, entry.modified};
       if (const auto by = places_.replacedBy(manifest_.section(), mine, place)) {
@@ -130,6 +134,7 @@ class Verifier {
       }
     }
     if (joined.places.empty()) {
+      // What another item replaced was there, and is explained by that.
       joined.loss = !replaced.empty() ? replaced : places_.lossOf(manifest_.section(), item);
     } else {
       claim(joined.places.front());
@@ -163,6 +168,7 @@ class Verifier {
 
   void unexplainedInContainers() {
     for (const auto& [container, isPlaceholder] : places_.containers()) {
+      // Its contents were made up by the registry.
       if (isPlaceholder) continue;
       const auto claimed = claimed_.find(container);
       const UniqueDescriptor opened(

@@ -41,6 +41,7 @@ int LookUp(const Path& path, const char* function) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   if (::lstat(representation.c_str(), &info) == 0) return 0;
   const int number = errno;
+  // Absence is an answer; anything else leaves the caller without one.
   if (number != ENOENT) {
     QV_LOG(LogLevelError, function, "Failed to determine if %@ exists: %s", path,
            ErrnoDescription(number));
@@ -126,6 +127,7 @@ bool QVFileManager::dataProtectionClassOfItemAtURL(const Path& path, std::int32_
   const UniqueDescriptor descriptor = OpenForClass(representation, kGetClass, error);
   if (!descriptor) return false;
   std::int32_t current = 0;
+  // Through a variable of its own: on failure the caller's number stays as it was.
   if (!ReadClass(descriptor, representation, kGetClass, &current, error)) return false;
   *protectionClass = current;
   return true;
@@ -143,6 +145,7 @@ bool QVFileManager::setDataProtectionClassOfItemAtURL(
   if (ifPredicate) {
     std::int32_t current = 0;
     if (!ReadClass(descriptor, representation, kSetClass, &current, error)) return false;
+    // The caller does not want it changed, which is no failure.
     if (!ifPredicate(current)) return true;
   }
   if (!HasService(kFileSystem, kSetClass, __LINE__, error)) return false;
@@ -208,6 +211,7 @@ std::optional<std::uint64_t> QVFileManager::installTypeForBundle(const Path& bun
                                      0, XATTR_NOFOLLOW);
   if (size == sizeof value) return value;
   if (size < 0) {
+    // A bundle that nobody ever marked.
     if (errno == ENODATA) return 0;
     FailAttribute(errno, {kGetType, __LINE__}, error, "Couldn't get installType EA from \"%s\": %s",
                   path);

@@ -32,6 +32,7 @@ int _wipetree_error_callback(WipeTreeState& state, const char* path, void* conte
   if (!state.getErrorNumber(&number)) {
     QV_LOG(LogLevelError, function,
            "wipetree hit error for %s but we failed to get the error number", path);
+    // Counts like a vanished item: it must not hide a number that can be read.
     number = ENOENT;
   }
   if (number != ENOENT) {
@@ -39,6 +40,7 @@ int _wipetree_error_callback(WipeTreeState& state, const char* path, void* conte
            ErrnoDescription(number));
   }
   int* slot = static_cast<int*>(context);
+  // The first one is what the caller is told.
   if (slot != nullptr && *slot == 0) *slot = number;
   return WIPETREE_PROCEED;
 }
@@ -90,6 +92,7 @@ bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error)
   if (how.withIntermediateDirectories) {
     if (!HasService(kFileSystem, kCreate, __LINE__, error)) return false;
     const int number = RequiredService(kFileSystem).MakePath(representation.c_str(), how.mode);
+    // A directory that is there already was what was asked for.
     if (number == 0 || number == EEXIST) return true;
     return FailWithErrno(number, {kCreate, __LINE__}, error, "ensuredirs_np of %@ failed: %s",
                          path.string());
@@ -115,6 +118,7 @@ bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
     return SetError(error, _CreateError(kRemove, __LINE__, PosixErrorDomain, EFAULT,
                                         "nil url passed to -removeItemAtURL:error:"));
   }
+  // Only now: an absent path is told as such in any case.
   if (!state) return FailRemoval(path, errno, error);
   int firstNumber = 0;
   PrepareWipe(*state, &firstNumber);
@@ -141,6 +145,7 @@ bool QVFileManager::createDirectoryAtURL(const Path& path, const DirectoryCreati
 
 std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const Path& parent,
                                                                           Error* error) try {
+  // Callers look at the Error alone here.
   if (error != nullptr) *error = Error();
   const Path pattern = parent.childDirectory("temp.XXXXXX");
   std::string name = BytesOfFileSystemRepresentation(pattern.string());
@@ -176,6 +181,7 @@ bool QVFileManager::syncFileSystemsOfItems(const std::vector<Path>& items, Error
     const FileSystemRepresentation representation = item.fileSystemRepresentation();
     struct stat info {};
     const bool known = ::lstat(representation.c_str(), &info) == 0;
+    // One flush stores all of a file system.
     if (known && !synced.insert(info.st_dev).second) continue;
     if (known && RequiredService(kFileSystem).SyncFileSystem(representation.c_str()) == 0) continue;
     return FailWithErrno(errno, {kSyncFileSystems, __LINE__}, error, "sync of %@ failed: %s",

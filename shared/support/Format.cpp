@@ -32,6 +32,7 @@ void AppendQuoted(std::string& out, std::string_view text) {
 
 void AppendData(std::string& out, const PlistData& data) {
   static constexpr char kHex[] = "0123456789abcdef";
+  // Enough to tell values apart; the rest is told by its length.
   static constexpr std::size_t kShown = 32;
   out += '<';
   for (std::size_t i = 0; i < data.size() && i < kShown; ++i) {
@@ -75,6 +76,7 @@ void AppendValue(std::string& out, const PlistValue& value, int depth) {
   if (depth > kDeepestDescription) {
     out += "...";
   } else if (const std::string* text = value.string()) {
+    // Alone a string prints as it is, without quotes.
     if (depth == 0) {
       out += *text;
     } else {
@@ -123,6 +125,7 @@ void AppendInfo(std::string& out, const Error::UserInfo& info, int depth) {
     out += key;
     out += " = ";
     if (const auto* cause = std::get_if<Error>(&value)) {
+      // Causes may nest as deep as a caller likes.
       if (depth < kDeepestDescription) {
         AppendError(out, *cause, depth + 1);
       } else {
@@ -213,6 +216,7 @@ void AppendArgument(std::string& out, const FormatArgument& argument,
 // Formats are checked when they are compiled, so that this happens to callers from outside only.
 std::string QVFormatMessageV(std::string_view format, FormatArguments arguments) {
   std::string out;
+  // A guess at what an argument takes: most messages are made without growing.
   out.reserve(format.size() + 64 * arguments.size());
   std::size_t used = 0;
   while (true) {

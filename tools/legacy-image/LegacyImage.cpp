@@ -69,6 +69,7 @@ int ComplainOfUsage(const std::string& problem) {
 bool WriteList(const std::string& path, const LegacyImageResult& result) {
   std::ofstream list(path);
   for (const std::string& identifier : result.registered) list << identifier << "\n";
+  // Explicitly: what could not be written shows only now.
   list.close();
   return !list.fail();
 }
@@ -84,6 +85,7 @@ int Run(const std::string& directory, const LegacyImageOptions& options,
     return Complain(listPath + ": cannot be written");
   }
   for (const std::string& identifier : result.registered) {
+    // Lines for a shell, so that the output can be piped into one.
     std::cout << "migration-host register --root " << ShellWord(directory) << " --identifier "
               << ShellWord(identifier) << "\n";
   }
@@ -114,10 +116,12 @@ int ParseAndRun(int argc, char** argv) {
   app.add_option("--registered-list", listPath,
                  "also write the identifiers to be registered to this file, one per line");
   app.footer(Footer());
+  // Before the parser, whose own words for the same are worse.
   const std::string wrong = quorvel::host::UsageComplaint(app, argc, argv);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
+    // --help and --version come as exceptions, too.
     if (problem.get_exit_code() == 0) return app.exit(problem);
     return ComplainOfUsage(wrong.empty() ? Printable(problem.what()) : wrong);
   }

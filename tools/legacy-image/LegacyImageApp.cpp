@@ -22,6 +22,7 @@ PlistDictionary InfoOf(const BundlePlan& plan) {
   info.set("PKBundleShortVersionString", plan.version);
   info.set("PKBundleDisplayName", stem);
   info.set("PKBundleExecutable", stem);
+  // Keys that nobody reads, of kinds that the others do not have.
   info.set("MinimumSystemVersion", 7.0);
   info.set("RequiresNetwork", false);
   if (!plan.iconName.empty()) info.set("PKBundleIconFile", plan.iconName);
@@ -34,6 +35,7 @@ PlistDictionary InfoOf(const BundlePlan& plan) {
 // Random bytes in pieces, so that a file may be larger than memory.
 void WriteData(LegacyImageWriter& writer, LegacyImageRandom& random, const std::string& path,
                std::uint64_t size) {
+  // 64 MiB.
   constexpr std::uint64_t step = std::uint64_t{64} << 20U;
   for (std::uint64_t part = 0; part == 0 || part * step < size; ++part) {
     const std::string name = part == 0 ? path : path + "." + std::to_string(part);
@@ -140,10 +142,12 @@ void WriteMarker(LegacyImageWriter& writer, const ContainerPlan& plan, std::stri
 void WriteOddData(LegacyImageWriter& writer, LegacyImageRandom& random,
                   const std::string& directory, std::vector<std::string>& notes) {
   const auto at = [&](const std::string& name) { return directory + "/" + name; };
+  // Formats, line ends, bytes that are no text, options, hidden names.
   for (const char* name : {"Report 100%.txt", "line\nbreak", "caf\xC3\xA9", "raw\xFF\xFEname",
                            "-dash", "control\x01", "back\\slash", "%@ %s %n", "..."}) {
     writer.file(at(name), random.bytes(40));
   }
+  // NAME_MAX, and read-only for its owner.
   writer.file(at(std::string(255, 'n')), "the longest name\n", 0400);
   writer.symbolicLink(at("link"), "Report 100%.txt");
   writer.symbolicLink(at("dangling link"), "/nowhere/\xFF");
@@ -151,6 +155,7 @@ void WriteOddData(LegacyImageWriter& writer, LegacyImageRandom& random,
   writer.sparseFile(at("sparse"), std::uint64_t{1} << 20U, "end");
   writer.directory(at("empty"), 0555);
   std::string deep = at("deep");
+  // Deeper than what a walk keeps open.
   for (int level = 0; level < 30; ++level) deep += "/level " + std::to_string(level);
   writer.file(deep + "/bottom", "reached\n");
   writer.fifo(at("pipe"));

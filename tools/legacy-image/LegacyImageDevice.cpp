@@ -10,31 +10,31 @@
 namespace quorvel::tools {
 namespace {
 
-constexpr const char* SharedGroup = "group.com.example.suite";
-constexpr const char* InstallMap = "private/var/mobile/Library/Caches/com.velto.quorvel.plist";
-constexpr const char* GroupParent = "private/var/mobile/Library/GroupContainers";
-constexpr const char* Preferences =
+constexpr const char* kSharedGroup = "group.com.example.suite";
+constexpr const char* kInstallMap = "private/var/mobile/Library/Caches/com.velto.quorvel.plist";
+constexpr const char* kGroupParent = "private/var/mobile/Library/GroupContainers";
+constexpr const char* kPreferences =
     "private/var/mobile/Library/Preferences/ByHost/com.velto.quorvel.plist";
 
 // Bundle names that are hard on whoever prints, encodes or passes them on.
-constexpr std::array<const char*, 14> OddNames = {"Two Words",
-                                                  "100% Juice",
-                                                  "Line\nBreak",
-                                                  "Caf\xC3\xA9 Notes",
-                                                  "Raw\xFF\xFE Bytes",
-                                                  "-rf",
-                                                  "Quote\"s & <tags>'",
-                                                  "Tab\tStop",
-                                                  "\xE5\x9C\xB0\xE5\x9B\xB3",
-                                                  "%@ %s %n",
-                                                  "Control\x01",
-                                                  "decomposed e\xCC\x81",
-                                                  "dotted.name.v2",
-                                                  "Phone \xF0\x9F\x93\xB1"};
-constexpr std::array<const char*, 5> OddContainers = {"Old Container ", "50% done ", "new\nline ",
-                                                      "\xC3\xBC"
-                                                      "ber ",
-                                                      "raw\xF0\x28 "};
+constexpr std::array<const char*, 14> kOddNames = {"Two Words",
+                                                   "100% Juice",
+                                                   "Line\nBreak",
+                                                   "Caf\xC3\xA9 Notes",
+                                                   "Raw\xFF\xFE Bytes",
+                                                   "-rf",
+                                                   "Quote\"s & <tags>'",
+                                                   "Tab\tStop",
+                                                   "\xE5\x9C\xB0\xE5\x9B\xB3",
+                                                   "%@ %s %n",
+                                                   "Control\x01",
+                                                   "decomposed e\xCC\x81",
+                                                   "dotted.name.v2",
+                                                   "Phone \xF0\x9F\x93\xB1"};
+constexpr std::array<const char*, 5> kOddContainers = {"Old Container ", "50% done ", "new\nline ",
+                                                       "\xC3\xBC"
+                                                       "ber ",
+                                                       "raw\xF0\x28 "};
 
 std::string Numbered(const char* prefix, unsigned number) {
   char text[64];
@@ -49,6 +49,7 @@ class DeviceMaker {
 
   LegacyImageResult make() {
     writeFrame();
+    // Nothing else, so that what is measured grows with the apps alone.
     if (options_.plain) {
       for (unsigned i = 0; i < options_.apps; ++i) writePlainApp(i);
       return std::move(result_);
@@ -102,6 +103,7 @@ void DeviceMaker::writeFrame() {
   writer_.directory(LegacyApplications);
   writer_.directory("private/var/mobile/Library/Logs");
   writer_.directory("private/var/quorveld");
+  // As devices have them: paths through these links lead into the tree.
   writer_.symbolicLink("var", "private/var");
   writer_.symbolicLink("tmp", "private/var/tmp");
 }
@@ -128,6 +130,7 @@ void DeviceMaker::writePlainApp(unsigned number) {
 }
 
 void DeviceMaker::chooseIcon(unsigned number, BundlePlan& bundle) {
+  // The numbers here have no common divisors, so that forms mix.
   if (!options_.icons || number % 9 == 8) return;  // an app without an icon
   bundle.iconBytes = DrawIcon(static_cast<IconForm>(number % IconFormCount), random_.next());
   switch (number % 4) {
@@ -149,10 +152,12 @@ void DeviceMaker::chooseIcon(unsigned number, BundlePlan& bundle) {
 }
 
 void DeviceMaker::writeGroup(const std::string& identifier) {
+  // Several apps share one.
   if (groups_.find(identifier) != nullptr) return;
-  const std::string directory = std::string(GroupParent) + "/" + random_.uuid();
+  const std::string directory = std::string(kGroupParent) + "/" + random_.uuid();
   writer_.file(directory + "/shared.db", random_.bytes(512));
   writer_.file(directory + "/Library/Preferences/" + identifier + ".plist", random_.bytes(64));
+  // Group containers are moved item by item: odd names matter.
   writer_.file(directory + "/new\nline \xFF", "odd\n");
   writer_.symbolicLink(directory + "/current", "shared.db");
   PlistDictionary entry;
@@ -162,7 +167,7 @@ void DeviceMaker::writeGroup(const std::string& identifier) {
 }
 
 void DeviceMaker::joinGroups(unsigned number, BundlePlan& bundle) {
-  if (number % 4 == 0) bundle.groups.emplace_back(SharedGroup);
+  if (number % 4 == 0) bundle.groups.emplace_back(kSharedGroup);
   if (number % 6 == 1) bundle.groups.push_back("group." + bundle.identifier);
   for (const std::string& group : bundle.groups) writeGroup(group);
   // Groups whose entries lead nowhere: told in the log, and no failure.
@@ -176,7 +181,7 @@ BundlePlan DeviceMaker::appBundle(unsigned number) {
   BundlePlan bundle;
   const bool isOdd = number % 2 == 1;
   bundle.name =
-      (isOdd ? std::string(OddNames[number / 2 % OddNames.size()]) : Numbered("App", number)) +
+      (isOdd ? std::string(kOddNames[number / 2 % kOddNames.size()]) : Numbered("App", number)) +
       ".app";
   if (number % 16 == 10) bundle.name = std::string(251, 'L') + ".app";  // as long as a name can be
   bundle.identifier =
@@ -191,7 +196,7 @@ BundlePlan DeviceMaker::appBundle(unsigned number) {
 
 std::string DeviceMaker::containerName(unsigned number) {
   if (number % 8 != 6) return random_.uuid();
-  return OddContainers[number / 8 % OddContainers.size()] + std::to_string(number);
+  return kOddContainers[number / 8 % kOddContainers.size()] + std::to_string(number);
 }
 
 void DeviceMaker::writeApp(unsigned number) {
@@ -243,6 +248,7 @@ void DeviceMaker::writeBuiltInApps() {
   newer.app.version = "12.0.1";
   write(newer);
   // On the installation blacklist, which a migration skips.
+  // Its identifier is the list's only entry.
   write(simpleContainer("Updater", "com.velto.Kyo6Updater"));
 }
 
@@ -269,6 +275,7 @@ void DeviceMaker::writeStaged() {
   app.plugin.identifier = "com.velto.Metronome.vpn";
   app.metadata = {StoreManifestName, StoreGeoName};
   PlistDictionary marker = MarkerOf(app);
+  // Keys of others are kept through every rewriting of a marker.
   marker.set("Note", "a key that the migration does not know");
   write(app);
   WriteMarker(writer_, app, PlistBytes(marker, PropertyListFormat::binary));
@@ -301,20 +308,23 @@ void DeviceMaker::writeStrays() {
 }
 
 void DeviceMaker::writeInstallMap() {
+  // One that no app claims: it stays behind and is told.
   writeGroup("group.com.example.of-no-app");
   PlistDictionary gone;
-  gone.set("Container", std::string("/") + GroupParent + "/gone");
+  gone.set("Container", std::string("/") + kGroupParent + "/gone");
   groups_.set("group.com.example.gone", gone);
   groups_.set("group.com.example.nopath", PlistDictionary());
+  // An entry that is no dictionary.
   groups_.set("group.com.example.unknown", 7);
   PlistDictionary map;
   map.set(InstallMapGroupsKey, groups_);
   map.set("Version", 3);
-  writer_.file(InstallMap, PlistBytes(map, PropertyListFormat::binary));
+  writer_.file(kInstallMap, PlistBytes(map, PropertyListFormat::binary));
+  // A preference that differs from its default, and one that is a number.
   PlistDictionary preferences;
   preferences.set("LowerInstallPriority", false);
   preferences.set(SimultaneousInstallsNumberKey, 2);
-  writer_.file(Preferences, PlistBytes(preferences, PropertyListFormat::binary));
+  writer_.file(kPreferences, PlistBytes(preferences, PropertyListFormat::binary));
 }
 
 }  // namespace

@@ -44,6 +44,7 @@ void WriteLinkedMarker(LegacyImageWriter& writer, LegacyImageRandom& random,
                        const FailingCase& self, Notes& notes) {
   const ContainerPlan plan = SoundContainer(self);
   WriteContainer(writer, random, plan, notes);
+  // A good marker, which only the link makes unusable.
   writer.file(PlaceOf(self) + "/marker", PlistBytes(MarkerOf(plan), PropertyListFormat::xml));
   writer.symbolicLink(PlaceOf(self) + "/" + MigrationMarkerName, "marker");
 }
@@ -58,6 +59,7 @@ void WriteLeftOver(LegacyImageWriter& writer, LegacyImageRandom& random, const F
 void WriteUnregisteredPlugin(LegacyImageWriter& writer, LegacyImageRandom& random,
                              const FailingCase& self, Notes& notes) {
   ContainerPlan plan = ContainerWithPlugin(self);
+  // Only the plug-in is left.
   plan.app = {};
   WriteContainer(writer, random, plan, notes);
 }
@@ -88,6 +90,7 @@ void WriteTwoApps(LegacyImageWriter& writer, LegacyImageRandom& random, const Fa
 void WriteLostBundle(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,
                      Notes& notes) {
   ContainerPlan plan = SoundContainer(self);
+  // As after a kill between staging and install; the registry then lost its record.
   plan.appIsStaged = true;
   WriteContainer(writer, random, plan, notes);
   WriteMarker(writer, plan, PlistBytes(MarkerOf(plan), PropertyListFormat::xml));
@@ -104,6 +107,7 @@ void WriteNothing(LegacyImageWriter& /*writer*/, LegacyImageRandom& /*random*/,
 }  // namespace
 
 const std::vector<FailingCase>& FailingCases() {
+  // Names and reasons are shown by --help: one sentence each.
   static const std::vector<FailingCase> cases = {
       {"failing-linked-app", "an app bundle is a symbolic link: left alone", WriteLinkedApp},
       {"failing-linked-plugin", "a VPN plug-in is a symbolic link: left alone", WriteLinkedPlugin},

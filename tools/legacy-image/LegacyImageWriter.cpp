@@ -37,6 +37,7 @@ bool LegacyImageWriter::open(const std::string& directory) {
     problem_ = directory + ": is not an empty directory; name one that is new or empty";
     return false;
   }
+  // The root itself is finished like the others.
   directories_.push_back({".", 0755, nextTime()});
   return true;
 }
@@ -62,6 +63,7 @@ void LegacyImageWriter::makeParents(const std::string& path) {
 
 // Open for writing until finish(): an unprivileged user fills directories that end up read-only.
 void LegacyImageWriter::directory(const std::string& path, mode_t mode) {
+  // Parents are asked for once per item: looked up, not tried.
   if (!problem_.empty() || made_.contains(path)) return;
   makeParents(path);
   if (!problem_.empty()) return;
@@ -123,8 +125,10 @@ void LegacyImageWriter::fifo(const std::string& path) {
 bool LegacyImageWriter::attribute(const std::string& path, const char* name,
                                   std::string_view value) {
   if (!problem_.empty()) return true;
+  // The C library has no call for this that takes a directory and a name.
   const std::string whole = "/proc/self/fd/" + std::to_string(directory_.get()) + "/" + path;
   if (::lsetxattr(whole.c_str(), name, value.data(), value.size(), 0) == 0) return true;
+  // EPERM: on links, pipes and devices users have no attributes.
   if (errno == ENOTSUP || errno == EPERM) return false;
   fail(path);
   return true;

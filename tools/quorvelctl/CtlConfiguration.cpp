@@ -108,6 +108,7 @@ class Catalog final : public Command {
 
   int run(Session& session) override {
     QVGlobalConfiguration& own = Configuration();
+    // The debug lines say which bundles were left out, and why.
     session.writeDetails(verbose_);
     if (rescan_) {
       own.reScanSystemApps();
@@ -155,8 +156,8 @@ class Catalog final : public Command {
   bool verbose_ = false;
 };
 
-constexpr const char* UpdatedFlag = "haveUpdatedPluginContainersWithParentID";
-constexpr const char* ModelFlag = "alternateThinningModelIdentifier";
+constexpr const char* kUpdatedFlag = "haveUpdatedPluginContainersWithParentID";
+constexpr const char* kModelFlag = "alternateThinningModelIdentifier";
 
 class Flags final : public Command {
  public:
@@ -167,15 +168,16 @@ class Flags final : public Command {
     AddText(parser, "NAME", name_,
             "haveUpdatedPluginContainersWithParentID or alternateThinningModelIdentifier (get "
             "only); without it \"get\" shows both")
-        ->check(host::OneOf({UpdatedFlag, ModelFlag}));
+        ->check(host::OneOf({kUpdatedFlag, kModelFlag}));
     AddText(parser, "VALUE", value_, "For \"set\": true or false")
         ->check(host::OneOf({"true", "false"}));
   }
 
   std::string complaint() const override {
+    // What is left over is told: it may have been meant for "set".
     if (!sets()) return value_.empty() ? "" : "there is no VALUE to give to \"get\"";
     if (name_.empty()) return "NAME is missing";
-    if (name_ != UpdatedFlag) return name_ + " cannot be set";
+    if (name_ != kUpdatedFlag) return name_ + " cannot be set";
     return value_.empty() ? "VALUE is missing" : "";
   }
   Access access() const override { return sets() ? Access::changeDevice : Access::look; }
@@ -188,9 +190,10 @@ class Flags final : public Command {
   // With a name the exit code answers, too: 1 for false and for what is not there.
   int get(Session& session) const {
     Json object;
-    object[UpdatedFlag] = Configuration().haveUpdatedPluginContainersWithParentID();
-    object[ModelFlag] = host::JsonOrNull(Configuration().alternateThinningModelIdentifier());
+    object[kUpdatedFlag] = Configuration().haveUpdatedPluginContainersWithParentID();
+    object[kModelFlag] = host::JsonOrNull(Configuration().alternateThinningModelIdentifier());
     if (name_.empty()) return session.finish(object);
+    // One flag answers by the exit code as well.
     const Json value = object[name_];
     const bool yes = !value.is_null() && value != Json(false);
     return session.finish(

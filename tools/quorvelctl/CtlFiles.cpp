@@ -63,6 +63,7 @@ class Digest final : public Command {
   static std::string reason(const Path& path) {
     std::vector<std::uint8_t> bytes;
     const FileSystemRepresentation name = path.fileSystemRepresentation();
+    // With a limit of 0 nothing is read: EFBIG means that it could be.
     const int number = onlinux::ReadRegularFile(AT_FDCWD, name.c_str(), 0, false, bytes);
     const char* text = number != 0 && number != EFBIG ? ::strerrorname_np(number) : nullptr;
     return text != nullptr ? text : host::ReasonOf(host::ExitFailed);
@@ -88,6 +89,7 @@ class Digest final : public Command {
           name += byte;
       }
     }
+    // The backslash in front says that the name is escaped.
     return (name == file ? "" : "\\") + digest + "  " + name + "\n";
   }
 
@@ -121,6 +123,7 @@ class Info final : public Command {
     Json object = Json::object();
     std::string plain;
     bool complete = true;
+    // In the order of the arguments, so that a script can read lines.
     for (const std::string& key : keys_) {
       const PlistValue* value = info.find(key);
       object[key] = value == nullptr ? Json(nullptr) : PlistAsJson(*value);
@@ -157,6 +160,7 @@ bool Read(const Path& path, PropertyListFile& file, Error* error) {
   const int number = onlinux::ReadRegularFile(AT_FDCWD, name.c_str(),
                                               onlinux::PropertyListSizeLimit, false, bytes);
   if (number != 0) return SetError(error, onlinux::PosixFailure(number, path.string()));
+  // What every binary list of this version begins with; all else is tried as XML.
   constexpr std::string_view magic = "bplist00";
   if (bytes.size() >= magic.size() && std::equal(magic.begin(), magic.end(), bytes.begin())) {
     file.format = PropertyListFormat::binary;

@@ -52,6 +52,7 @@ class Resolve final : public Command {
   }
 
   static int openBelow(const Path& base, const Path& child, UniqueDescriptor* item) {
+    // By text first: what does not even claim to be inside is refused without a look.
     const std::string inside = base.string() == "/" ? "/" : base.string() + "/";
     if (child != base && !child.string().starts_with(inside)) return EXDEV;
     const FileSystemRepresentation name = base.fileSystemRepresentation();
@@ -67,6 +68,7 @@ class Resolve final : public Command {
     char text[PATH_MAX + 1];
     const std::string link = "/proc/self/fd/" + std::to_string(item.get());
     const ssize_t length = ::readlink(link.c_str(), text, sizeof text);
+    // Without /proc.
     if (length <= 0) return given;
     return Path(StringFromFileSystemRepresentation({text, static_cast<std::size_t>(length)}));
   }
@@ -128,10 +130,12 @@ class Attribute final : public Command {
   }
 
   std::string complaint() const override {
+    // A placeholder mark has no value.
     const bool takesValue = sets() && attribute_ != "placeholder";
     if (takesValue && value_.empty()) return "VALUE is missing";
     if (!takesValue && !value_.empty()) return "there is no VALUE to give here";
     if (!takesValue) return {};
+    // The number's bounds are those of the attribute on disk.
     const bool isGood = attribute_ == "class" ? Number<std::int32_t>(value_).value_or(-1) >= 0
                                               : Number<std::uint64_t>(value_).has_value();
     return isGood ? "" : "VALUE is not a number that the attribute can have";

@@ -14,8 +14,8 @@ namespace quorvel::ctl {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> Wrappers = {"$data", "$date", "$real", "$dictionary",
-                                                      "$set"};
+constexpr std::array<std::string_view, 5> kWrappers = {"$data", "$date", "$real", "$dictionary",
+                                                       "$set"};
 
 Json Wrapped(const char* kind, Json content) {
   Json object = Json::object();
@@ -39,6 +39,7 @@ Json RealAsJson(double real) {
 
 Json DateAsJson(PlistDate date) {
   const std::string text = onlinux::TextFromDate(date);
+  // Only when the text says all of it, back to the last bit.
   const bool isWhole = onlinux::DateFromText(text) == std::optional(date);
   return Wrapped("$date", isWhole ? Json(text) : RealAsJson(date.seconds));
 }
@@ -54,9 +55,10 @@ Json DictionaryAsJson(const PlistDictionary& dictionary) {
   for (const PlistEntry& entry : dictionary) {
     AddMember(object, entry.key, PlistAsJson(entry.value));
   }
+  // A dictionary that looks like a wrapper is wrapped itself.
   const bool ambiguous =
       dictionary.size() == 1 &&
-      std::find(Wrappers.begin(), Wrappers.end(), dictionary.begin()->key) != Wrappers.end();
+      std::find(kWrappers.begin(), kWrappers.end(), dictionary.begin()->key) != kWrappers.end();
   return ambiguous ? Wrapped("$dictionary", std::move(object)) : object;
 }
 
@@ -99,6 +101,7 @@ Json ErrorAsJson(const Error& error) {
   Json object;
   object["domain"] = error.domain();
   object["code"] = error.code();
+  // Records from a system call alone have no text of their own.
   const bool silent = error.description().empty() && error.domain() == PosixErrorDomain;
   object["message"] =
       silent ? ErrnoDescription(static_cast<int>(error.code())) : error.description();
@@ -108,6 +111,7 @@ Json ErrorAsJson(const Error& error) {
 
 std::string ReasonOf(const Error& error) {
   for (Error cause = error; cause; cause = cause.underlying()) {
+    // The first errno on the way down to the cause.
     if (cause.domain() != PosixErrorDomain) continue;
     const char* name = ::strerrorname_np(static_cast<int>(cause.code()));
     if (name != nullptr) return name;
@@ -123,6 +127,7 @@ std::string JsonAsText(const Json& json, const std::function<std::string(const s
   if (json.is_primitive()) return margin + json.dump() + "\n";
   std::string text;
   for (const auto& [key, value] : json.items()) {
+    // Nothing would be left of it.
     const bool isEmpty = value.is_structured() && value.empty();
     if (json.is_array()) {
       text += JsonAsText(value, show, indentation);

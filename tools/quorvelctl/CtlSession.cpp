@@ -57,12 +57,14 @@ struct Session::Services {
   }
 
   void install(LogWriter& errorLines) {
+    // The person's lines always; the file where one was named.
     std::vector<LogWriter*> sinks = {&errorLines};
     if (jsonLog) {
       fileLog.file = &*jsonLog;
       sinks.push_back(&fileLog);
     }
     log.emplace(std::move(sinks));
+    // A copy: only the log is this program's own.
     set = device->set;
     set.log = &*log;
     QVInstallPlatformServices(&set);

@@ -63,7 +63,9 @@ char* DataCopier::buffer() {
 }
 
 bool DataCopier::copy(int input, int output, const struct stat& info) {
+  // Empty, or a file that the kernel makes up as it is read.
   if (info.st_size == 0) return copyUnsized(input, output, 0);
+  // Fewer blocks than its size needs: there are holes, or it is compressed.
   const bool sparse = info.st_blocks * kBlock < info.st_size;
   if (info.st_size <= kSmall && !sparse) return copySmall(input, output, info.st_size);
   if (mayShare_ && shareBlocks(input, output)) return true;

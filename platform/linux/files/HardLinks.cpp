@@ -47,6 +47,7 @@ int HardLinks::directoryOf(const Copy& copy, DirectoryStack& target, int base, i
 HardLinks::Outcome HardLinks::link(const struct stat& source, DirectoryStack& target, int base,
                                    int directory, const char* name) {
   const auto at = copies_.find(IdentityOf(source));
+  // The first of its names.
   if (at == copies_.end()) return Outcome::copyAnew;
   const Copy& copy = at->second;
   const int from = directoryOf(copy, target, base, directory);

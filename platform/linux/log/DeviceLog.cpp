@@ -29,6 +29,7 @@ DeviceLogFile::DeviceLogFile(std::string directory, std::string name, std::size_
 
 void DeviceLogFile::write(int level, const char* function, std::string_view message) {
   const std::lock_guard lock(mutex_);
+  // Lines are often written between a failure and its report.
   const int savedErrno = errno;
   if (isReady()) {
     line_.clear();
@@ -40,6 +41,7 @@ void DeviceLogFile::write(int level, const char* function, std::string_view mess
     line_ += "] ";
     AppendMessage(line_, message);
     line_ += '\n';
+    // A line longer than the limit still gets a file of its own.
     if (size_ != 0 && size_ + line_.size() > sizeLimit_) rotate();
     if (file_ && file_.append(line_)) size_ += line_.size();
   }
@@ -82,6 +84,7 @@ bool DeviceLogFile::openFile() {
 void DeviceLogFile::rotate() {
   const std::string older = name_ + ".1";
   if (::renameat(directory_.get(), name_.c_str(), directory_.get(), older.c_str()) != 0) return;
+  // Closed even if the new one cannot be opened: lines are dropped rather than misplaced.
   file_ = LineFile();
   openFile();
 }

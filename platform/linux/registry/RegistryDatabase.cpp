@@ -28,6 +28,7 @@ std::string FileUri(const std::string& path, const char* parameters) {
   for (const char byte : path) {
     char escaped[4];
     std::snprintf(escaped, sizeof escaped, "%%%02X", static_cast<unsigned char>(byte));
+    // Everything but slashes is escaped: a name may hold any byte.
     uri += byte == '/' ? "/" : escaped;
   }
   return uri + "?" + parameters;
@@ -106,6 +107,7 @@ bool RegistryDatabase::create(const std::string& directory, const char* name,
   if (errno != ENOENT) return Fail(Joined(directory, name), error);
 
   // What an interrupted creation left. A log of that name would be taken for the new file's.
+  // Made under another name: half a database never has the real one.
   const std::string fresh = std::string(name) + ".new";
   for (const char* suffix : {"", "-journal", "-wal"}) {
     if (::unlinkat(parent.get(), (fresh + suffix).c_str(), 0) != 0 && errno != ENOENT) {
@@ -156,6 +158,7 @@ bool RegistryDatabase::open(const std::string& directory, const char* name,
     close();
     return false;
   }
+  // In exclusive mode the first read takes the lock, and waits for it this long.
   sqlite3_busy_timeout(connection_, options.busyTimeoutMilliseconds);
   sqlite3_extended_result_codes(connection_, 1);
   if (options.readOnly) {

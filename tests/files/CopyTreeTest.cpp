@@ -409,11 +409,15 @@ TEST_F(CopyTreeTest, AsNobodyKeepsWhatItMayAndLendsNothing) {
   WriteFile(tree_ / "from/own", "x", 0640);
   ASSERT_EQ(::chown((tree_ / "from/own").c_str(), kNobody, kNobody), 0);
   ASSERT_EQ(::chmod((tree_ / "from/own").c_str(), 06760), 0);
+  WriteFile(tree_ / "from/lent", "x");
+  ASSERT_EQ(::chown((tree_ / "from/lent").c_str(), 0, kNobody), 0);
+  ASSERT_EQ(::chmod((tree_ / "from/lent").c_str(), 04755), 0);
   ASSERT_EQ(::chmod(tree_.path().c_str(), 0777), 0);
   EXPECT_TRUE(InChild([&] {
     BecomeNobody();
     EXPECT_EQ(copy(tree_ / "from", tree_ / "to"), 0);
     EXPECT_EQ(StatOf(tree_ / "to/setuid").st_mode & 07777, 0755U);
+    EXPECT_EQ(StatOf(tree_ / "to/lent").st_mode & 07777, 0755U) << "with its own group";
     EXPECT_EQ(StatOf(tree_ / "to/group").st_mode & 07777, 0644U);
     EXPECT_EQ(StatOf(tree_ / "to/own").st_mode & 07777, 06760U);
     EXPECT_EQ(StatOf(tree_ / "to/setuid").st_uid, kNobody);

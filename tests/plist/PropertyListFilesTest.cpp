@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@
 #include "platform/linux/plist/BundleReaderLinux.h"
 #include "platform/linux/plist/PropertyListFiles.h"
 #include "tests/support/SystemCallFaults.h"
-#include "tests/support/TemporaryTree.h"
+#include "tests/support/TreeTools.h"
 
 namespace quorvel::onlinux {
 namespace {
@@ -42,10 +43,7 @@ std::vector<std::string> NamesIn(const std::string& directory) {
   return names;
 }
 
-mode_t ModeOf(const std::string& file) {
-  struct stat status {};
-  return ::lstat(file.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
-}
+mode_t ModeOf(const std::string& file) { return testing::StatOf(file).st_mode & 07777U; }
 
 // Runs the function in a child process without privileges; whether it returned true there.
 template <class Function>
@@ -182,6 +180,13 @@ TEST_F(FilesTest, AFailureLeavesTheOldFileAlone) {
   EXPECT_FALSE(data_.writeAtomically(BytesOf("new"), file_, &error));
   EXPECT_TRUE(error.is(PosixErrorDomain, EISDIR));
   fs::remove(tree_.at(".list.plist.tmp"));
+
+  // Content that did not reach the disk gets no name that others read.
+  EXPECT_TRUE(quorvel::testing::InChild([&] {
+    quorvel::testing::FailSystemCall(SYS_fsync, EIO);
+    EXPECT_FALSE(lists_.writeDictionary({}, file_, PropertyListFormat::xml, &error));
+    EXPECT_TRUE(error.is(PosixErrorDomain, EIO));
+  }));
 
   const PlistDictionary control = {{"k", "\x01"}};
   EXPECT_FALSE(lists_.writeDictionary(control, file_, PropertyListFormat::xml, &error));

@@ -14,6 +14,8 @@
 
 namespace quorvel::testing {
 
+constexpr uid_t kNobody = 65534;
+
 // Whether a child of its own gets through it.
 template <class Attempt>
 bool MayInChild(Attempt attempt) {
@@ -31,7 +33,6 @@ inline std::string NoUnprivilegedCase() {
   return "the sanitizer's own thread forbids a new user namespace";
 #else
   if (::geteuid() != 0) return "needs to become someone else";
-  constexpr uid_t kNobody = 65534;
   static const bool may = MayInChild([] {
     return ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0 &&
            ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;

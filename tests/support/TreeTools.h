@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/UniqueDescriptor.h"
+#include "tests/support/Refusals.h"
 #include "tests/support/TemporaryTree.h"
 
 namespace quorvel::testing {
@@ -173,8 +174,6 @@ inline bool InChild(const std::function<void()>& body) {
   ::waitpid(child, &status, 0);
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
-
-constexpr uid_t kNobody = 65534;
 
 inline void BecomeNobody() {
   if (::geteuid() != 0) return;

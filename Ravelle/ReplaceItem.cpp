@@ -58,10 +58,11 @@ bool IsCertainlyNotThere(const Path& item) {
 bool IsNamedBelow(const Path& item, const Path& directory) {
   const FileSystemRepresentation itemBytes = item.fileSystemRepresentation();
   const FileSystemRepresentation aboveBytes = directory.fileSystemRepresentation();
-  const std::string_view above = aboveBytes.c_str();
+  std::string above = aboveBytes.c_str();
+  if (!above.ends_with('/')) above += '/';
   std::string_view text = itemBytes.c_str();
   while (text.ends_with('/')) text.remove_suffix(1);
-  if (!above.ends_with('/') || !text.starts_with(above)) return false;
+  if (!text.starts_with(above)) return false;
   for (std::size_t begin = above.size();;) {
     const std::size_t end = text.find('/', begin);
     const std::string_view name = text.substr(begin, end - begin);

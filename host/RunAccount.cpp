@@ -36,7 +36,7 @@ ContainerResult* RunAccount::open() {
 void RunAccount::itemsFound(std::size_t count) {
   const std::scoped_lock lock(mutex_);
   items_ = count;
-  tell("found", {{"items", count}});
+  tell("found", [&] { return Json{{"items", count}}; });
 }
 
 void RunAccount::stepBegan(MigrationStep /*step*/) {
@@ -46,14 +46,7 @@ void RunAccount::stepBegan(MigrationStep /*step*/) {
 
 void RunAccount::stepEnded(MigrationStep step, bool succeeded) {
   const std::scoped_lock lock(mutex_);
-  tell("step", {{"step", NameOf(step)}, {"succeeded", succeeded}});
-}
-
-// With the container at hand, by its place among the items.
-void RunAccount::tell(const char* event, Json fields) {
-  if (events_ == nullptr || halting_) return;
-  if (open_) fields["container"] = *open_;
-  events_->tell(event, std::move(fields));
+  tell("step", [&] { return Json{{"step", NameOf(step)}, {"succeeded", succeeded}}; });
 }
 
 void RunAccount::containerBegan(std::size_t index, const std::string& path) {
@@ -68,7 +61,7 @@ void RunAccount::containerBegan(std::size_t index, const std::string& path) {
   open_ = index;
   since_ = now;
   containers_[index].path = path;
-  tell("began", {{"path", path}});
+  tell("began", [&] { return Json{{"path", path}}; });
 }
 
 void RunAccount::containerClassified(const ClassifiedContainer& container) {
@@ -87,11 +80,13 @@ void RunAccount::problem(const MigrationProblem& problem) {
   // Problems of the run are told while a container is open, too.
   const bool isOfRun = result == nullptr || problem.step == MigrationStep::run;
   AddCapped(isOfRun ? problems_ : result->problems, problem);
-  tell("problem", {{"step", NameOf(problem.step)},
-                   {"reason", NameOf(problem.reason)},
-                   {"path", problem.path},
-                   {"errno", ErrorNumberName(ErrorNumberOf(problem.error))},
-                   {"stops", problem.stops}});
+  tell("problem", [&] {
+    return Json{{"step", NameOf(problem.step)},
+                {"reason", NameOf(problem.reason)},
+                {"path", problem.path},
+                {"errno", ErrorNumberName(ErrorNumberOf(problem.error))},
+                {"stops", problem.stops}};
+  });
 }
 
 void RunAccount::lost(const MigrationLoss& loss) {
@@ -109,9 +104,11 @@ void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
   result->outcome = resumed ? MigrationOutcome::resumed : outcome;
   result->stays = stays;
   result->ended = true;
-  tell("ended", {{"identifier", result->is.identifier},
-                 {"outcome", NameOf(result->outcome)},
-                 {"stays", stays}});
+  tell("ended", [&] {
+    return Json{{"identifier", result->is.identifier},
+                {"outcome", NameOf(result->outcome)},
+                {"stays", stays}};
+  });
   result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
   open_.reset();
 }

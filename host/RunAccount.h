@@ -85,8 +85,15 @@ class RunAccount : public MigrationAccount {
   ContainerResult* open();
   // Does not return once halt() was called: the plug-in's thread waits there for the process's end.
   void standIfHalted(std::unique_lock<std::mutex>& lock);
-  // A line of the event stream, where there is one.
-  void tell(const char* event, Json fields);
+  // A line of the event stream, with the container at hand. Asked for only where there is a stream:
+  // `fields` makes the line's other members, and there are several lines for each container.
+  template <class Fields>
+  void tell(const char* event, const Fields& fields) {
+    if (events_ == nullptr || halting_) return;
+    Json line = fields();
+    if (open_) line["container"] = *open_;  // by its place among the items
+    events_->tell(event, std::move(line));
+  }
 
   // Guards everything below; halt() keeps it for good.
   mutable std::mutex mutex_;

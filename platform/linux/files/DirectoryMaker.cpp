@@ -19,6 +19,12 @@ constexpr int kPin = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 int Made(int directory, const char* name, mode_t mode, const ModeChanger& modes) {
   if (::mkdirat(directory, name, mode) != 0) return errno;
+  // Mostly the umask takes nothing away.
+  struct stat info;
+  if (::fstatat(directory, name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode) &&
+      (info.st_mode & 07777U) == mode) {
+    return 0;
+  }
   // Pinned as a directory: whoever may write here could have put another kind of item there.
   const UniqueDescriptor made(::openat(directory, name, kPin | O_NOFOLLOW));
   return made && modes.changePinned(made.get(), mode) == 0 ? 0 : errno;
@@ -32,16 +38,13 @@ int Existing(int directory, const char* name) {
   return S_ISDIR(info.st_mode) ? EEXIST : ENOTDIR;
 }
 
-// Goes into `name`, which is made when it is missing.
+// Goes into `name`, which is made when it is missing, as it mostly is.
 int EnterOrMake(UniqueDescriptor* directory, const std::string& name, mode_t mode,
                 const ModeChanger& modes) {
+  const int number = Made(directory->get(), name.c_str(), mode, modes);
+  // It is there already, or a link leads nowhere: the opening tells.
+  if (number != 0 && number != EEXIST) return number;
   UniqueDescriptor next(::openat(directory->get(), name.c_str(), kPin));
-  if (!next && errno == ENOENT) {
-    const int number = Made(directory->get(), name.c_str(), mode, modes);
-    // Another process was quicker, or a link leads nowhere: the next opening tells.
-    if (number != 0 && number != EEXIST) return number;
-    next.reset(::openat(directory->get(), name.c_str(), kPin));
-  }
   if (!next) return errno;
   *directory = std::move(next);
   return 0;

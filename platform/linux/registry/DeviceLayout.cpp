@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdio>
 
 #include "platform/Uninterrupted.h"
 
@@ -17,12 +16,13 @@ std::string NewContainerName() {
   if (Uninterrupted([&] { return ::getrandom(bytes.data(), bytes.size(), 0); }) < 0) return {};
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);  // version 4: random
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);  // the standard variant
+  static constexpr char digits[] = "0123456789ABCDEF";
   std::string name;
+  name.reserve(2 * bytes.size() + 4);
   for (std::size_t i = 0; i < bytes.size(); ++i) {
     if (i == 4 || i == 6 || i == 8 || i == 10) name += '-';
-    char digits[3];
-    std::snprintf(digits, sizeof digits, "%02X", bytes[i]);
-    name += digits;
+    name += digits[bytes[i] >> 4U];
+    name += digits[bytes[i] & 0x0FU];
   }
   return name;
 }

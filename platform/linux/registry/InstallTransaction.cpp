@@ -47,9 +47,12 @@ bool MakeDirectory(FileSystem& fileSystem, const std::string& path, Error* error
   return ::chmod(bytes.c_str(), 0755) == 0 || Fail(path, error);
 }
 
-// A directory with something in it stays: that something was not understood.
-bool RemoveEmptyDirectory(const std::string& path, Error* error) {
-  if (::rmdir(FileSystemRepresentation(path).c_str()) == 0) return true;
+// A directory with something in it stays: that something was not understood. *stays, where asked
+// for, is set when anything may have the name afterwards.
+bool RemoveEmptyDirectory(const std::string& path, Error* error, bool* stays = nullptr) {
+  const bool removed = ::rmdir(FileSystemRepresentation(path).c_str()) == 0;
+  if (stays != nullptr) *stays = !removed && errno != ENOENT;
+  if (removed) return true;
   static constexpr int harmless[] = {ENOENT, ENOTDIR, ENOTEMPTY, EEXIST, EBUSY};
   if (std::find(std::begin(harmless), std::end(harmless), errno) != std::end(harmless)) return true;
   return Fail(path, error);
@@ -261,8 +264,9 @@ bool InstallTransaction::removeTree(const InstallStep& step, Error* error) {
 bool InstallTransaction::removeStaging(const InstallStep& step, Error* error) {
   const std::string payload = step.target + "/" + PayloadName;
   for (const std::string& directory : {payload, step.target}) {
-    if (!RemoveEmptyDirectory(directory, error)) return false;
-    if (IsMissing(directory)) continue;
+    bool stays = false;
+    if (!RemoveEmptyDirectory(directory, error, &stays)) return false;
+    if (!stays) continue;
     RemoveRemainsOfMoves(fileSystem_, FileSystemRepresentation(directory).c_str());
     if (!RemoveEmptyDirectory(directory, error)) return false;
   }

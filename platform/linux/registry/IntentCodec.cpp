@@ -1,6 +1,7 @@
 // Names each structure's fields once, for writing and reading; refuses whole what does not add up.
 #include "platform/linux/registry/IntentCodec.h"
 
+#include <array>
 #include <charconv>
 #include <cstddef>
 #include <optional>
@@ -21,12 +22,14 @@ constexpr auto kRecordFields = std::tuple(
 // Adds values, each as one field, to a text.
 class Writer {
  public:
+  // Mostly an intent has about this size.
+  Writer() { text_.reserve(1024); }
+
   std::string take() { return std::move(text_); }
 
   // "<length>:<bytes>": any bytes may stand in a field, and none needs an escape.
   void put(std::string_view text) {
-    text_ += std::to_string(text.size());
-    text_ += ':';
+    putLength(text_.size(), text.size());
     text_ += text;
   }
   void put(const std::string& text) { put(std::string_view(text)); }
@@ -38,21 +41,24 @@ class Writer {
   void put(const InstallStep& step) { putFields(step, kStepFields); }
   template <class Value>
   void put(const std::vector<Value>& list) {
-    Writer inner;
-    for (const Value& value : list) inner.put(value);
-    put(inner.text_);
+    const std::size_t start = text_.size();
+    for (const Value& value : list) put(value);
+    putLength(start, text_.size() - start);
   }
 
  private:
-  template <class Structure, class Fields>
-  void putAll(const Structure& value, const Fields& fields) {
-    std::apply([&](auto... field) { (put(value.*field), ...); }, fields);
-  }
+  // A field that consists of fields is written in its place, and its length then put before it.
   template <class Structure, class Fields>
   void putFields(const Structure& value, const Fields& fields) {
-    Writer inner;
-    inner.putAll(value, fields);
-    put(inner.text_);
+    const std::size_t start = text_.size();
+    std::apply([&](auto... field) { (put(value.*field), ...); }, fields);
+    putLength(start, text_.size() - start);
+  }
+  void putLength(std::size_t position, std::size_t length) {
+    std::array<char, 21> digits;  // as many as a size may have, and the colon
+    char* const end = std::to_chars(digits.data(), digits.data() + 20, length).ptr;
+    *end = ':';
+    text_.insert(position, digits.data(), static_cast<std::size_t>(end + 1 - digits.data()));
   }
 
   std::string text_;

@@ -76,7 +76,9 @@ Error FailureOf(int result, sqlite3* connection) {
 // the file remembers.
 bool Populate(sqlite3* connection, const DatabaseOptions& options) {
   const std::string script =
-      std::string("PRAGMA locking_mode=EXCLUSIVE; PRAGMA synchronous=FULL; ") +
+      // Each change is one whole page in the log: small pages make small changes.
+      std::string("PRAGMA page_size=2048; PRAGMA locking_mode=EXCLUSIVE; ") +
+      "PRAGMA synchronous=FULL; " +
       "PRAGMA temp_store=MEMORY; BEGIN EXCLUSIVE; PRAGMA application_id=" +
       std::to_string(options.applicationId) +
       "; PRAGMA user_version=" + std::to_string(options.version) + "; " + options.schema +

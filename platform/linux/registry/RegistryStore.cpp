@@ -105,9 +105,17 @@ bool RegistryStore::isSound(Error* error) {
 bool RegistryStore::find(const std::string& identifier, std::optional<AppRecord>* record) {
   record->reset();
   if (absent_) return true;
-  Query query(database_, "SELECT " QV_APP_COLUMNS " FROM apps WHERE identifier = ?");
-  if (query.bind(identifier).row()) *record = RecordOf(query);
-  return !query.failed();
+  // One request asks several times for the same app.
+  if (!found_ || found_->identifier != identifier) {
+    found_.reset();
+    Query query(database_, "SELECT " QV_APP_COLUMNS " FROM apps WHERE identifier = ?");
+    Found found{identifier, std::nullopt};
+    if (query.bind(identifier).row()) found.record = RecordOf(query);
+    if (query.failed()) return false;
+    found_ = std::move(found);
+  }
+  *record = found_->record;
+  return true;
 }
 
 bool RegistryStore::findGroup(const std::string& group, std::optional<std::string>* container) {
@@ -191,6 +199,7 @@ bool RegistryStore::openIntents(std::vector<InstallIntent>* intents) {
 
 bool RegistryStore::putRecord(const AppRecord& record) {
   const std::string groups = EncodeList(record.groups);
+  found_.reset();
   Query query(database_,
               "INSERT OR REPLACE INTO apps(" QV_APP_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?)");
   query.bind(record.identifier)

@@ -68,6 +68,13 @@ class RegistryStore {
   RegistryStore& operator=(const RegistryStore&) = delete;
 
  private:
+  // What a lookup told last. It stays true until this connection writes: it holds the database
+  // alone for as long as it is open.
+  struct Found {
+    std::string identifier;
+    std::optional<AppRecord> record;
+  };
+
   bool putRecord(const AppRecord& record);
   bool putIntent(const InstallIntent& intent);
   // Deletes what finish() noted; part of whatever transaction comes next, so that it costs no flush
@@ -79,6 +86,7 @@ class RegistryStore {
   bool absent_ = false;  // read-only, and there is no database
   bool waited_ = false;  // another process was waited for in vain: not again
   std::vector<std::int64_t> finished_;
+  std::optional<Found> found_;
 };
 
 }  // namespace quorvel::onlinux

@@ -131,6 +131,18 @@ void AddInspect(CLI::App& parser, Options& options) {
       "/tmp/device");
 }
 
+void AddStatus(CLI::App& parser, Options& options) {
+  CLI::App* command =
+      parser.add_subcommand("status", "Show a run at work, the last ones and what is to be done");
+  AddRoot(*command, options);
+  AddJson(*command, options);
+  AddPlugin(*command, options);
+  command->callback([&options] { options.command = Command::status; });
+  command->footer(
+      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host status --root "
+      "/tmp/device");
+}
+
 void AddRegistry(CLI::App& parser, Options& options) {
   CLI::App* command = parser.add_subcommand(
       "registry", "Show what the registry, the safe harbors and data protection hold");
@@ -229,6 +241,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   parser.footer(kExitCodesText);
   AddMigrate(parser, options);
   AddInspect(parser, options);
+  AddStatus(parser, options);
   AddRegistry(parser, options);
   AddRegister(parser, options);
   AddSnapshot(parser, options);

@@ -7,7 +7,16 @@
 
 namespace quorvel::host {
 
-enum class Command { migrate, inspect, registry, registerIdentifier, snapshot, verify, rehearse };
+enum class Command {
+  migrate,
+  inspect,
+  status,
+  registry,
+  registerIdentifier,
+  snapshot,
+  verify,
+  rehearse,
+};
 // Automatic: when standard error is a terminal.
 enum class ProgressMode { automatic, always, never };
 
@@ -17,7 +26,7 @@ struct Options {
   Command command = Command::inspect;
   std::string root;
   bool json = false;
-  // migrate and inspect only:
+  // migrate, inspect, status and rehearse only:
   bool all = false;    // show what went well, too
   std::string plugin;  // empty: the one beside the executable
   // migrate only:

@@ -10,6 +10,8 @@ namespace quorvel::host {
 int RunMigrate(const Options& options);
 // What a migration would do, without changing anything.
 int RunInspect(const Options& options);
+// What runs are and were at work, and what is still to be done.
+int RunStatus(const Options& options);
 // What the registry holds, and one record more in it.
 int RunRegistry(const Options& options);
 int RunRegister(const Options& options);

@@ -17,8 +17,7 @@ namespace quorvel::host {
 
 namespace {
 
-// The directories that the closing message of a failed migration asks for in a bug report.
-constexpr const char* kHostLogDirectory = "/private/var/mobile/Library/Logs/Corvenna";
+// The other one that is asked for in a bug report.
 constexpr const char* kServiceLogDirectory = "/private/var/mobile/Library/Logs/Quorvel";
 
 // What the registry's database leaves beside itself when its process is killed.

@@ -11,6 +11,10 @@
 
 namespace quorvel::host {
 
+// The host's own, as the confined process sees it. One of the directories that the closing message
+// of a failed migration asks for in a bug report.
+inline constexpr const char* kHostLogDirectory = "/private/var/mobile/Library/Logs/Corvenna";
+
 enum class DeviceAccess {
   change,
   look,  // nothing on the device changes: no logs there, the registry read only

@@ -3,6 +3,7 @@
 
 #include "host/AccountResult.h"
 #include "host/Commands.h"
+#include "host/Foresight.h"
 #include "host/HostServices.h"
 #include "host/MigrationResult.h"
 #include "host/PluginBundle.h"
@@ -69,16 +70,10 @@ int RunInspect(const Options& options) {
                         .findings = RunPreflight(root.descriptor(), {})};
   services.install();
   onlinux::RegistrySnapshot registry;
-  Error failure;
-  const std::unique_ptr<MigrationPreview> preview = bundle.createPreview(error);
-  if (preview == nullptr) return ReportFatal(error, options.json);
-  // A registry that cannot be read would answer as if it were empty.
-  if (!services.registry().snapshot(&registry, &failure) ||
-      !preview->preview(inspection.account, &failure)) {
-    if (Refuses(inspection.findings)) return ReportRefusal(inspection.findings, options.json);
-    return ReportFatal({ExitFailed, root.printable() + ": " + Printable(failure.description()),
-                        "Nothing was changed"},
-                       options.json);
+  if (!Foresee(bundle, services, root, inspection.account, registry, error)) {
+    const bool explained = error.exitCode == ExitFailed && Refuses(inspection.findings);
+    if (explained) return ReportRefusal(inspection.findings, options.json);
+    return ReportFatal(error, options.json);
   }
   inspection.installedBefore = InstalledApps(registry);
   return WriteResult(options.json ? AsJson(inspection) : AsText(inspection, options),

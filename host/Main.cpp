@@ -18,6 +18,8 @@ int RunCommand(const Options& options) {
       return RunMigrate(options);
     case Command::inspect:
       return RunInspect(options);
+    case Command::status:
+      return RunStatus(options);
     case Command::registry:
       return RunRegistry(options);
     case Command::registerIdentifier:

@@ -17,6 +17,7 @@
 #include "host/Preflight.h"
 #include "host/ProgressDisplay.h"
 #include "host/RunAccount.h"
+#include "host/RunRecord.h"
 #include "host/console/DeviceRoot.h"
 #include "host/console/ExitCode.h"
 #include "host/console/Output.h"
@@ -136,16 +137,24 @@ int Report(const MigrationResult& result, const RunAccount& account, const Optio
   return code;
 }
 
-void TellEnd(EventStream& events, const MigrationResult& result, const RunAccount& account) {
-  events.tell("finished", {{"succeeded", result.succeeded},
-                           {"interrupted", result.interruptedBy != 0},
-                           {"counts", CountsAsJson(account)}});
+// Who hears of the run besides its user.
+struct Listeners {
+  RunRecord& record;
+  EventStream* events;  // may be null
+};
+
+void TellEnd(const Listeners& listeners, const MigrationResult& result, const RunAccount& account) {
+  listeners.record.finish(result, account);
+  if (listeners.events == nullptr) return;
+  listeners.events->tell("finished", {{"succeeded", result.succeeded},
+                                      {"interrupted", result.interruptedBy != 0},
+                                      {"counts", CountsAsJson(account)}});
 }
 
 // Says what was done so far and ends the process: any moment is safe to end a migration at, and
 // between two steps it also leaves nothing half done.
 [[noreturn]] void EndEarly(MigrationResult result, const MigratorPlugin& plugin,
-                           RunAccount& account, EventStream* events, const Options& options,
+                           RunAccount& account, const Listeners& listeners, const Options& options,
                            Clock::time_point start) {
   result.items = account.items();
   account.halt(kPatience);
@@ -153,7 +162,7 @@ void TellEnd(EventStream& events, const MigrationResult& result, const RunAccoun
   if (ShowsProgress(options, DescribeTerminal(STDERR_FILENO))) {
     (void)WriteWhole(STDERR_FILENO, "\n");
   }
-  if (events != nullptr) TellEnd(*events, result, account);
+  TellEnd(listeners, result, account);
   const int code = Report(result, account, options);
   // What the plug-in's thread holds must not be touched any more.
   ::_exit(code);
@@ -185,17 +194,21 @@ int RunMigrate(const Options& options) {
   if (plugin == nullptr) return ReportFatal(error, options.json);
   ShowEstimate(*plugin, account, result.installedBefore, options);
   result.preflight = std::move(findings);
+  root.showAtWork();
+  RunRecord record(result, *plugin, account);
+  const Listeners listeners{record, events ? &*events : nullptr};
   {
     // A copy, which nobody changes while the run goes on.
     const Interruption interruption([&, begun = result](int signal) mutable {
       begun.interruptedBy = signal;
-      EndEarly(std::move(begun), *plugin, account, events ? &*events : nullptr, options, start);
+      EndEarly(std::move(begun), *plugin, account, listeners, options, start);
     });
+    record.follow();
     Drive(*plugin, account, options, result);
   }
   Describe(*plugin, start, result);
   WarnOfIncompleteLog(services, options);
-  if (events) TellEnd(*events, result, account);
+  TellEnd(listeners, result, account);
   return Report(result, account, options);
 }
 

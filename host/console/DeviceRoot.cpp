@@ -236,6 +236,20 @@ bool DeviceRoot::lock(FatalError& error) {
   return true;
 }
 
+// A record lock that belongs to the open directory, beside lock(): only of these can be asked
+// without taking one. To read, since a directory cannot be open for writing.
+void DeviceRoot::showAtWork() const {
+  struct flock whole {};
+  whole.l_type = F_RDLCK;
+  (void)::fcntl(directory_.get(), F_OFD_SETLK, &whole);
+}
+
+bool DeviceRoot::isAtWork() const {
+  struct flock wanted {};
+  wanted.l_type = F_WRLCK;  // what a reader's lock is in the way of
+  return ::fcntl(directory_.get(), F_OFD_GETLK, &wanted) == 0 && wanted.l_type != F_UNLCK;
+}
+
 bool DeviceRoot::enter(View view, FatalError& error) {
   bool refused = false;
   if (::fchdir(directory_.get()) != 0 || !ChangeRootToCurrentDirectory(view, refused)) {

@@ -44,6 +44,12 @@ class DeviceRoot {
   // Keeps other hosts out until this process ends, however it ends. Without waiting.
   bool lock(FatalError& error);
 
+  // Lets others see until this process ends, however it ends, that a migration is at work here.
+  // Nothing rests on it: a file system without such locks shows no migration.
+  void showAtWork() const;
+  // Whether another process does. A question that holds nothing, so that it disturbs nobody.
+  bool isAtWork() const;
+
   // Makes the directory the process's root and current directory: directly when privileged, else
   // in a user and mount namespace of its own, in which the user keeps the rights that he has and
   // gets no others. Only while the process has a single thread. On failure nothing on disk has

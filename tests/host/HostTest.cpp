@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "host/RunRecord.h"
 #include "host/console/TerminalText.h"
 #include "tests/support/HostProcess.h"
 #include "tests/support/TemporaryTree.h"
@@ -18,6 +19,8 @@ namespace quorvel::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using host::kMostRuns;
+using host::RunsIn;
 using nlohmann::json;
 using ::testing::Test;
 
@@ -204,6 +207,66 @@ TEST_F(HostTest, ASignalEndsTheRunWithTheAccountSoFar) {
       EXPECT_TRUE(released || object["containers"][1]["reason"] == "interrupted") << object;
     }
   }
+}
+
+TEST_F(HostTest, StatusTellsARunAtWorkFromOneThatWasKilled) {
+  legacy("stray", "file");
+  const auto status = [&] {
+    return json::parse(RunHost({"status", "--root", device(), "--json"}).out);
+  };
+  const auto paths = PathsBelow(device());
+  ForgetAccesses(paths);
+  const auto facts = FactsOf(paths);
+  EXPECT_EQ(status()["toDo"]["counts"]["removed"], 1);
+  EXPECT_EQ(FactsOf(paths), facts);
+  EXPECT_TRUE(status()["runs"].empty());
+
+  for (const int signal : {SIGKILL, SIGTERM}) {
+    fs::remove(device() + "/holding");
+    const pid_t host = StartHost(migrate(), script("hold"));
+    ASSERT_TRUE(waitFor("holding"));
+    json told;
+    for (int i = 0; i < 100 && (told.is_null() || told["runs"][0]["done"] == 0); ++i) {
+      told = status();
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(told["running"], true);
+    EXPECT_TRUE(told["toDo"].is_null());
+    EXPECT_EQ(told["runs"][0]["outcome"], "running") << told;
+    EXPECT_EQ(told["runs"][0]["done"], 1);
+    EXPECT_EQ(told["runs"][0]["current"], "com.example.two");
+    EXPECT_NE(RunHost({"status", "--root", device()}).out.find("1 of 3 items done"),
+              std::string::npos);
+    ASSERT_EQ(::kill(host, signal), 0);
+    (void)FinishHost(host);
+  }
+  for (int i = 0; i < 15; ++i) {
+    if (i == 1) {
+      EXPECT_EQ(status()["runs"].size(), 3U);
+      EXPECT_EQ(status()["runs"][2]["outcome"], "killed");
+    }
+    EXPECT_EQ(RunHost(migrate(), script("fail")).exitCode, 1);
+  }
+  const json runs = status()["runs"];
+  ASSERT_EQ(runs.size(), kMostRuns);
+  EXPECT_EQ(runs[0]["outcome"], "failed");
+  EXPECT_EQ(runs[0]["counts"]["failed"], 1);
+  EXPECT_EQ(runs[15]["outcome"], "interrupted");
+
+  // Cut off anywhere: every line that is whole. Not to be written: nobody notices.
+  const std::string file = "device/private/var/mobile/Library/Logs/Corvenna/runs.jsonl";
+  const std::string text = tree_.read(file);
+  for (std::size_t length = 0; length <= text.size(); ++length) {
+    const std::string_view cut = std::string_view(text).substr(0, length);
+    ASSERT_EQ(RunsIn(cut).size(), std::count(cut.begin(), cut.end(), '\n')) << length;
+  }
+  tree_.write(file, "[]\n{\"started\":1}\n{\"started\":\"\u001b[2J\",\"counts\":[1]}\n" +
+                        text.substr(0, 90));
+  EXPECT_EQ(RunHost({"status", "--root", device()}).out.find('\x1b'), std::string::npos);
+  fs::remove(tree_.at(file));
+  fs::create_directory(tree_.at(file));
+  EXPECT_EQ(RunHost(migrate()).exitCode, 0);
+  EXPECT_TRUE(status()["runs"].empty());
 }
 
 TEST_F(HostTest, WithoutPrivilegesANamespaceServes) {

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "host/AccountResult.h"
+#include "host/AccountText.h"
 #include "host/Commands.h"
 #include "host/Foresight.h"
 #include "host/HostServices.h"
@@ -49,9 +50,10 @@ std::string AsText(const Inspection& inspection, const Options& options) {
   } else {
     text += "A migration begun now would end like this:\n\n";
   }
-  const std::string told = AccountAsText(account, view);
-  text += told + (told.empty() ? "" : "\n");
-  return text + (account.items() == 0 ? "Nothing to migrate.\n" : CountsAsText(account) + "\n") +
+  return text +
+         (account.items() == 0
+              ? FailuresAsText(account, view) + RestAsText(account, view) + "Nothing to migrate.\n"
+              : AccountAsText(account, view)) +
          "Nothing was changed.\n";
 }
 

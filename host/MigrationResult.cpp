@@ -8,6 +8,7 @@
 
 #include "QuorvelCommit.h"
 #include "host/AccountResult.h"
+#include "host/AccountText.h"
 #include "host/console/Json.h"
 #include "host/console/ShellWord.h"
 #include "host/console/Terminal.h"
@@ -100,15 +101,17 @@ std::string ResultAsJson(const MigrationResult& result, const RunAccount& accoun
 
 std::string ResultAsText(const MigrationResult& result, const RunAccount& account,
                          const Options& options, int descriptor) {
-  AccountView view{
-      .terminal = DescribeTerminal(descriptor), .all = options.all, .onlyFailures = options.quiet};
+  AccountView view{.terminal = DescribeTerminal(descriptor), .all = options.all};
   // In a file every line is as long as it needs to be.
   if (view.terminal.isTerminal) view.columns = TerminalColumns(descriptor);
-  std::string text = AccountAsText(account, view);
+  std::string text = FailuresAsText(account, view);
   if (!text.empty()) text += "\n";
   text += Ending(result);
   if (result.items > 0) text += ": " + CountsAsText(account);
   text += " (" + Seconds(result.seconds) + ").\n";
+  if (result.items > 0 || !result.succeeded) {
+    text += "Logs: " + Printable(options.root) + kLogs + "\n";
+  }
   if (!result.succeeded) {
     // What to do differs: after an interruption nothing, after a failure its causes first.
     text += result.interruptedBy != 0 ? "Nothing is lost. The same command goes on:\n  "
@@ -116,9 +119,9 @@ std::string ResultAsText(const MigrationResult& result, const RunAccount& accoun
                                         "removed:\n  ";
     // Word for word, to be pasted.
     text += HowToRunAgain(options) + "\n";
-    text += "Logs: " + Printable(options.root) + kLogs + "\n";
   }
-  return text;
+  const std::string rest = options.quiet ? std::string() : RestAsText(account, view);
+  return text + (rest.empty() ? "" : "\n") + rest;
 }
 
 }  // namespace quorvel::host

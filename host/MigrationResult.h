@@ -40,8 +40,8 @@ struct MigrationResult {
 // One object, with a line feed.
 std::string ResultAsJson(const MigrationResult& result, const RunAccount& account);
 
-// Failures first, what is left for a person, then how many containers ended how, where the logs
-// are, and how to run again. For the descriptor that it is written to.
+// Failures first, then how many containers ended how, where the logs are, how to run again, and
+// the rest. For the descriptor that it is written to.
 std::string ResultAsText(const MigrationResult& result, const RunAccount& account,
                          const Options& options, int descriptor);
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/AccountResult.h"
+#include "host/AccountText.h"
 #include "host/Commands.h"
 #include "host/Foresight.h"
 #include "host/RunRecord.h"
@@ -109,11 +110,12 @@ std::string RunAsText(const Json& run) {
 std::string ToDoAsText(const Status& status, const Options& options) {
   AccountView view = {.terminal = DescribeTerminal(STDOUT_FILENO), .all = options.all};
   if (view.terminal.isTerminal) view.columns = TerminalColumns(STDOUT_FILENO);
-  const std::string told = AccountAsText(status.toDo, view);
-  if (status.toDo.items() == 0 && told.empty()) return "Nothing is left to migrate.\n";
+  const bool isNothing =
+      FailuresAsText(status.toDo, view).empty() && RestAsText(status.toDo, view).empty();
+  if (status.toDo.items() == 0 && isNothing) return "Nothing is left to migrate.\n";
   return "Still to be done: " + std::to_string(status.toDo.items()) +
-         " items. A migration begun now would end like this:\n\n" + told +
-         (told.empty() ? "" : "\n") + CountsAsText(status.toDo) + "\n";
+         " items. A migration begun now would end like this:\n\n" +
+         AccountAsText(status.toDo, view);
 }
 
 std::string AsText(const Status& status, const Options& options) {

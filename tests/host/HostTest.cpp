@@ -147,6 +147,32 @@ TEST_F(HostTest, FailureIsReportedInWordsWithWhatToDo) {
   EXPECT_EQ(failed["kept"], json::array({"/private/var/mobile/Applications/com.example.two"}));
 }
 
+// Of 5000 apps most of which fail: each cause once, what it stopped by number, then the counts and
+// the logs, all on the first screen.
+TEST_F(HostTest, ManyFailuresFitTheFirstScreen) {
+  const HostRun run = RunHost(migrate(), script("many"));
+  EXPECT_EQ(run.exitCode, 1);
+  std::string screen;
+  std::istringstream lines(run.out);
+  std::string line;
+  for (int i = 0; i < 24 && std::getline(lines, line); ++i) screen += line + "\n";
+  std::size_t at = 0;
+  for (const char* text :
+       {"failed: No space left on device (2665)\n", "its data could not be moved: ENOSPC",
+        "and 2664 more",
+        "failed: the registry has no record of it (migration-host register adds one) (1334)\n",
+        "left: it is or holds a symbolic link, which is not followed (499)\n",
+        "\nThe migration failed: 502 migrated, 0 resumed, 0 removed, 499 left, 3999 failed",
+        "\nLogs: ", "migration-host migrate --root"}) {
+    at = screen.find(text, at);
+    ASSERT_NE(at, std::string::npos) << text << "\n" << run.out.substr(0, 3000);
+  }
+  EXPECT_EQ(run.out, screen);
+  const HostRun all = RunHost(migrate({"--all"}), script("many"));
+  EXPECT_LT(all.out.find("The migration failed"), all.out.find("com.example.one")) << "the rest";
+  EXPECT_GT(Lines(all.out), 5000);
+}
+
 TEST_F(HostTest, PluginsThatCannotBeUsedExitThree) {
   const std::string garbage = tree_.write("garbage.so", "no object");
   const std::string pipe = tree_.at("pipe.so");

@@ -6,12 +6,15 @@
 //   touch         creates "/entered" by its absolute path
 //   hold          performMigration() creates "/holding" and waits until "/release" exists
 //   nasty         the second app's identifier tries to play with the terminal
+//   many          there are 5000 apps; of those behind the third all but every tenth fail, for a
+//                 few causes
 // Three apps are "migrated": the log and the account hear what the real plug-in tells them.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -41,7 +44,7 @@ void Log(const char* function, int level, const std::string& message) {
 quorvel::MigrationAccount& Account() { return *quorvel::QVPlatform().account; }
 
 constexpr const char* Driver = "-[QVRavelle performMigration]";
-constexpr int Items = 3;
+int Items() { return Scripted("many") ? 5000 : 3; }
 
 class ScriptedPlugin final : public quorvel::MigratorPlugin {
  public:
@@ -55,20 +58,20 @@ class ScriptedPlugin final : public quorvel::MigratorPlugin {
                          .error = {quorvel::PosixErrorDomain, 13, {}}});
       return nullptr;
     }
-    Log("-[QVRavelle init]", 5, std::to_string(Items) + " items to migrate");
-    Account().itemsFound(Items);
+    Log("-[QVRavelle init]", 5, std::to_string(Items()) + " items to migrate");
+    Account().itemsFound(static_cast<std::size_t>(Items()));
     return this;
   }
   const char* dataClassName() const override { return "QVRavelle"; }
-  float estimatedDuration() const override { return 20.0F + 2.25F * Items; }
+  float estimatedDuration() const override { return 20.0F + 2.25F * static_cast<float>(Items()); }
   float migrationProgress() const override {
-    return static_cast<float>(done_.load()) / static_cast<float>(Items);
+    return static_cast<float>(done_.load()) / static_cast<float>(Items());
   }
 
   bool performMigration() override {
     if (Scripted("touch")) Touch("/entered");
-    bool succeeded = true;
-    const std::array<std::string, Items> identifiers = {
+    bool succeeded = !Scripted("many");
+    const std::array<std::string, 3> identifiers = {
         "com.example.one", Scripted("nasty") ? "com.example.\x1b[2J\xFF\ntwo" : "com.example.two",
         "com.example.three"};
     for (const std::string& identifier : identifiers) {
@@ -84,6 +87,7 @@ class ScriptedPlugin final : public quorvel::MigratorPlugin {
       succeeded = succeeded && migrated;
       ++done_;
     }
+    for (; done_ < Items(); ++done_) more(done_);
     if (!succeeded) Log(Driver, 3, "Returning migration failed.");
     return succeeded;
   }
@@ -103,6 +107,30 @@ class ScriptedPlugin final : public quorvel::MigratorPlugin {
                        .reason = quorvel::MigrationReason::noRecord});
     Log(Driver, 3, "Migration of " + identifier + " at " + bundle + " failed");
     return false;
+  }
+
+  // Two steps fail for want of space, one for want of a record; some are left or removed.
+  static void more(int index) {
+    using quorvel::MigrationOutcome;
+    using quorvel::MigrationReason;
+    Account().containerBegan(static_cast<std::size_t>(index),
+                             "/private/var/mobile/Applications/" + std::to_string(index));
+    Account().containerClassified(
+        {quorvel::LegacyItemKind::app, "com.example.many" + std::to_string(index), ""});
+    const quorvel::Error full(quorvel::PosixErrorDomain, ENOSPC, {});
+    if (index % 10 == 0) return Account().containerEnded(MigrationOutcome::migrated, false);
+    if (index % 10 == 1) {
+      Account().problem({.reason = MigrationReason::link});
+      return Account().containerEnded(MigrationOutcome::left, true);
+    }
+    if (index % 3 == 0) {
+      Account().problem({.reason = MigrationReason::noRecord});
+    } else {
+      Account().problem(
+          {.reason = index % 3 == 1 ? MigrationReason::notMoved : MigrationReason::stagingFailed,
+           .error = full});
+    }
+    Account().containerEnded(MigrationOutcome::failed, true);
   }
 
   std::atomic<int> done_ = 0;

@@ -44,7 +44,7 @@ MigratorPlugin* QVRavelle::init() {
       return nullptr;
     }
     if (_itemsToMigrate->empty()) {
-      _removeEmptyLegacyDirectory();
+      if (Selection() == nullptr) _removeEmptyLegacyDirectory();
       _itemsToMigrate.reset();
     } else {
       RAVELLE_LOG(LogLevelNotice, kInit, "QVRavelle: %ld items to migrate",
@@ -133,6 +133,9 @@ float QVRavelle::migrationProgress() const {
 // Each part is tried whatever became of the others. The legacy directory comes last: by then it
 // must be empty.
 bool QVRavelle::performMigration() {
+  if (const MigrationSelection* selection = Selection()) {
+    return !_itemsToMigrate || _migrateChosen(*selection);
+  }
   bool result = true;
   if (_itemsToMigrate) result = _migrateRecords(_buildWorkList());
   _tellUnclaimedGroups();
@@ -170,18 +173,24 @@ std::deque<QVRavelle::WorkItem> QVRavelle::_buildWorkList() {
       _countItem();
       continue;
     }
-    bool early = false;
-    std::optional<ContainerRecord> record =
-        InStep(MigrationStep::introspect, [&] { return _introspectContainer(item, &early); });
-    if (!record) {
-      _countItem();
-    } else if (early) {
-      workList.push_front({index, std::move(*record)});
-    } else {
-      workList.push_back({index, std::move(*record)});
-    }
+    if (!_addToWorkList(index, workList)) _countItem();
   }
   return workList;
+}
+
+// False when there is nothing to migrate; the entry has ended then.
+bool QVRavelle::_addToWorkList(std::size_t index, std::deque<WorkItem>& workList) {
+  const Path& item = (*_itemsToMigrate)[index];
+  bool early = false;
+  std::optional<ContainerRecord> record =
+      InStep(MigrationStep::introspect, [&] { return _introspectContainer(item, &early); });
+  if (!record) return false;
+  if (early) {
+    workList.push_front({index, std::move(*record)});
+  } else {
+    workList.push_back({index, std::move(*record)});
+  }
+  return true;
 }
 
 bool QVRavelle::_migrateRecords(const std::deque<WorkItem>& workList) {

@@ -22,4 +22,9 @@ const char* MissingService() {
                       kFileSystem, kTreeWalker);
 }
 
+const MigrationSelection* Selection() {
+  constexpr ServiceSlot<const MigrationSelection> slot{&PlatformServices::selection, ""};
+  return FindService(slot);
+}
+
 }  // namespace quorvel

@@ -1,4 +1,4 @@
-// The bundle's three exported symbols.
+// The bundle's exported symbols.
 #include "QuorvelCommit.h"
 #include "Ravelle/Preview.h"
 #include "Ravelle/Ravelle.h"
@@ -15,6 +15,11 @@ extern "C" QV_EXPORT quorvel::MigrationPreview* QVMigrationPreviewCreate(
     std::uint32_t interfaceVersion) {
   if (interfaceVersion != quorvel::MigrationPreviewInterfaceVersion) return nullptr;
   return new quorvel::RavellePreview;
+}
+
+// The same for MigrationSelectionVersionEntry.
+extern "C" QV_EXPORT std::uint32_t QVMigrationSelectionVersion() {
+  return quorvel::MigrationSelectionVersion;
 }
 
 // The same for MigratorPluginVersionEntry.

@@ -27,11 +27,18 @@ bool WentWell(const ContainerResult& container) {
          container.outcome == MigrationOutcome::resumed;
 }
 
-// A note of the former service holds nothing of anybody's.
-bool IsFailure(const ContainerResult& container) {
-  if (container.outcome != MigrationOutcome::removed) return !WentWell(container);
+bool StoppedFor(const ContainerResult& container, MigrationReason reason) {
   const MigrationProblem* why = container.stoppedAt();
-  return container.loss && (why == nullptr || why->reason != MigrationReason::farewellFile);
+  return why != nullptr && why->reason == reason;
+}
+
+// Nobody wanted anything of one that was not chosen.
+bool IsFailure(const ContainerResult& container) {
+  if (container.outcome != MigrationOutcome::removed) {
+    return !WentWell(container) && !StoppedFor(container, MigrationReason::notChosen);
+  }
+  // A note of the former service holds nothing of anybody's.
+  return container.loss && !StoppedFor(container, MigrationReason::farewellFile);
 }
 
 // The outcomes in the order of their weight for the reader, and the color that goes with each.

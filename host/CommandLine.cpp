@@ -108,6 +108,9 @@ void AddMigrate(CLI::App& parser, Options& options) {
       ->check(KnownProgressMode);
   AddPlugin(*command, options);
   AddForcePreflight(*command, options);
+  command->add_option("--only", options.only, "Migrate these apps and leave all else as it is")
+      ->type_name("IDENTIFIER")
+      ->check(NotEmpty);
   AddFile(*command, "--events", options.events,
           "Append what happens as JSON lines while it runs (- for standard output)");
   command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")

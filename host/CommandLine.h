@@ -35,6 +35,7 @@ struct Options {
   std::string logFile;                      // empty: none
   std::string events;                       // empty: none; "-": standard output
   std::vector<std::string> forcedFindings;  // names of findings that refuse a run
+  std::vector<std::string> only;            // identifiers; empty: everything
   // register only:
   std::string identifier;
   // snapshot only:

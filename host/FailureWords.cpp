@@ -46,6 +46,7 @@ constexpr std::array<const char*, MigrationReasonNames.size()> Words = {
     "no migrated app claims it",
     "the system uses it",
     "the run was interrupted before it was done",
+    "not chosen",
 };
 
 }  // namespace

@@ -79,6 +79,10 @@ bool HostServices::logIsWhole() const {
 
 void HostServices::tell(MigrationAccount& account) { services_->set.account = &account; }
 
+void HostServices::choose(const MigrationSelection& selection) {
+  services_->set.selection = &selection;
+}
+
 void HostServices::install() {
   Services& own = *services_;
   if (own.access == DeviceAccess::change) {

@@ -40,6 +40,9 @@ class HostServices {
   // Before install(): the plug-in tells this account what it does.
   void tell(MigrationAccount& account);
 
+  // Before install(): the plug-in migrates nothing else.
+  void choose(const MigrationSelection& selection);
+
   // In the device tree: makes the services the process's. Lines go to the device's own log
   // directories from here on, when it may be changed.
   void install();

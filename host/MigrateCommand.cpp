@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "host/AccountResult.h"
+#include "host/ChosenApps.h"
 #include "host/Commands.h"
 #include "host/EventStream.h"
 #include "host/FailureWords.h"
@@ -175,6 +176,7 @@ int RunMigrate(const Options& options) {
   DeviceRoot root;
   PluginBundle bundle;
   HostServices services(DeviceAccess::change);
+  ChosenApps chosen(options.only);
   RunAccount account;
   std::optional<EventStream> events;
   if (!Prepare(options, root, bundle, services, events, error)) {
@@ -185,6 +187,10 @@ int RunMigrate(const Options& options) {
   Findings findings = RunPreflight(root.descriptor(), options.forcedFindings);
   if (Refuses(findings)) return ReportRefusal(findings, options.json);
   ShowFindings(findings, options);
+  if (!chosen.isEmpty()) {
+    if (!chosen.areThere(bundle, root, error)) return ReportFatal(error, options.json);
+    services.choose(chosen);
+  }
   services.tell(account);
   if (events) account.follow(*events);
   services.install();

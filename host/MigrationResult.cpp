@@ -40,6 +40,8 @@ std::string HowToRunAgain(const Options& options) {
   std::string command = "migration-host migrate --root " + ShellWord(options.root);
   if (!options.plugin.empty()) command += " --plugin " + ShellWord(options.plugin);
   if (!options.logFile.empty()) command += " --log " + ShellWord(options.logFile);
+  if (!options.only.empty()) command += " --only";
+  for (const std::string& identifier : options.only) command += " " + ShellWord(identifier);
   return command;
 }
 

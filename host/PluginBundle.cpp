@@ -66,12 +66,18 @@ bool PluginBundle::load(const std::string& file, FatalError& error) {
                 printable_ + ": this is no plug-in: it does not export " + MigratorPluginEntryName,
                 kRemedy);
   }
-  // These two came later: a plug-in without them can still migrate.
+  // These came later: a plug-in without them can still migrate.
   previewEntry_ =
       reinterpret_cast<MigrationPreviewEntry>(::dlsym(bundle, MigrationPreviewEntryName));
   versionEntry_ =
       reinterpret_cast<MigratorPluginVersionEntry>(::dlsym(bundle, MigratorPluginVersionName));
+  selectionEntry_ = reinterpret_cast<MigrationSelectionVersionEntry>(
+      ::dlsym(bundle, MigrationSelectionVersionName));
   return true;
+}
+
+bool PluginBundle::selects() const {
+  return selectionEntry_ != nullptr && selectionEntry_() == MigrationSelectionVersion;
 }
 
 std::string PluginBundle::version() const {

@@ -7,6 +7,7 @@
 #include "host/console/ExitCode.h"
 #include "platform/MigrationHost.h"
 #include "platform/MigrationPreview.h"
+#include "platform/MigrationSelection.h"
 
 namespace quorvel::host {
 
@@ -23,14 +24,17 @@ class PluginBundle {
   std::unique_ptr<MigratorPlugin> create(FatalError& error) const;
   // The same for what can tell what a migration would do.
   std::unique_ptr<MigrationPreview> createPreview(FatalError& error) const;
+  // Whether its instances confine themselves to what the platform's selection chooses.
+  bool selects() const;
   // "VERSION (COMMIT)"; empty when it does not tell.
   std::string version() const;
 
  private:
   // Found by load(); valid for as long as the process lives.
   MigratorPluginEntry entry_ = nullptr;
-  MigrationPreviewEntry previewEntry_ = nullptr;  // may be missing, and so may this
+  MigrationPreviewEntry previewEntry_ = nullptr;  // may be missing, and so may these
   MigratorPluginVersionEntry versionEntry_ = nullptr;
+  MigrationSelectionVersionEntry selectionEntry_ = nullptr;
   // The file's name, for messages.
   std::string printable_;
 };

@@ -78,6 +78,7 @@ enum class MigrationReason {
   unclaimed,          // a group of no migrated app
   inUse,              // a group's directory that is, holds or lies in what the system uses
   interrupted,        // the run was ended before its turn, or in the middle of it
+  notChosen,          // the run was confined to others
 };
 
 // The words for these in results, the same everywhere.
@@ -87,7 +88,7 @@ inline constexpr std::array<const char*, 10> MigrationStepNames = {
     "install",    "groups", "missed-items", "removal", "run"};
 inline constexpr std::array<const char*, 5> MigrationOutcomeNames = {"migrated", "resumed",
                                                                      "removed", "left", "failed"};
-inline constexpr std::array<const char*, 36> MigrationReasonNames = {"none",
+inline constexpr std::array<const char*, 37> MigrationReasonNames = {"none",
                                                                      "stray-file",
                                                                      "farewell-file",
                                                                      "vanished",
@@ -122,7 +123,8 @@ inline constexpr std::array<const char*, 36> MigrationReasonNames = {"none",
                                                                      "protection-refused",
                                                                      "unclaimed",
                                                                      "in-use",
-                                                                     "interrupted"};
+                                                                     "interrupted",
+                                                                     "not-chosen"};
 
 constexpr const char* NameOf(MigrationStep step) {
   return MigrationStepNames[static_cast<std::size_t>(step)];

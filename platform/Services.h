@@ -20,6 +20,7 @@
 #include "platform/Log.h"
 #include "platform/MigrationAccount.h"
 #include "platform/MigrationHost.h"
+#include "platform/MigrationSelection.h"
 #include "platform/MountTable.h"
 #include "platform/PreferencesStore.h"
 #include "platform/ProcessServices.h"
@@ -67,6 +68,8 @@ struct PlatformServices {
   ProcessTransaction* transaction = nullptr;
   CpuUsageMonitor* cpuMonitor = nullptr;
   CrashReportMessage* crashReport = nullptr;
+  // What the host confines a migration to; null for all of it.
+  const MigrationSelection* selection = nullptr;
 };
 
 inline PlatformServicesSize::PlatformServicesSize() : bytes(sizeof(PlatformServices)) {}

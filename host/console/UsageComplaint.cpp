@@ -91,6 +91,10 @@ class Words {
     if (hasValue && !wantsValue) return name + " takes no value";
     // The value is the next word, whatever it looks like.
     if (wantsValue && !hasValue && ++at_ == words_.size()) return name + " needs a value";
+    // A list goes on to the next option.
+    const bool isList =
+        wantsValue && option.get_expected_max() > 1 && option.get_allow_extra_args();
+    while (isList && at_ + 1 < words_.size() && !words_[at_ + 1].starts_with('-')) ++at_;
     const bool again = given_[&option];
     given_[&option] = true;
     const bool once = wantsValue && option.get_expected_max() == 1;

@@ -152,6 +152,64 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   ExpectLegacyGone(device);
 }
 
+TEST(EndToEndTest, WhatIsNotChosenStaysAsItIs) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  const Facts expected = ExpectedItems(device);
+  ASSERT_EQ(device.registerTunnel(), 0);
+  // Its marker means the container of another app.
+  const std::string alone = std::string(Mobile) + "/Applications/C3";
+  const std::string foreign = device.container("F6/") + MarkerName;
+  Put(foreign,
+      Dictionary(Entry("ContainerPath", alone) + Entry("BundlePath", alone + "/Alone.vpnplugin") +
+                 Entry("ContainerType", "VPNBundle") +
+                 Entry("BundleIdentifier", "com.example.foreign")));
+  const Facts before = Snapshot(device.root());
+  const auto only = [&](std::vector<std::string> identifiers, std::vector<std::string> more = {}) {
+    identifiers.insert(identifiers.begin(), {"migrate", "--only"});
+    identifiers.insert(identifiers.end(), more.begin(), more.end());
+    return device.run(identifiers);
+  };
+  const HostRun unknown = only({"com.example.two", "com.example.ones"}, {"--json"});
+  EXPECT_EQ(unknown.exitCode, 5);
+  EXPECT_NE(unknown.err.find("com.example.ones: no container to migrate is of this app, did you "
+                             "mean com.example.one?"),
+            std::string::npos);
+  EXPECT_EQ(only({"com.example.two"}, {"--plugin", SCRIPTED_PLUGIN}).exitCode, 3);
+  EXPECT_EQ(Snapshot(device.root()), before);
+
+  const HostRun run = only({"com.example.two", "com.example.begun"}, {"--json"});
+  EXPECT_EQ(run.exitCode, 0) << run.out;
+  ExpectDocumented({unknown.out, run.out});
+  const json result = json::parse(run.out);
+  EXPECT_EQ(result["counts"].dump(),
+            R"({"failed":0,"left":6,"migrated":1,"removed":0,"resumed":1})");
+  for (const json& container : result["containers"]) {
+    const bool isLeft = container["outcome"] == "left";
+    EXPECT_EQ(isLeft, container["reason"] == "not-chosen") << container;
+  }
+  EXPECT_EQ(only({"com.example.foreign"}).exitCode, 1);
+  EXPECT_EQ(only({"com.example.one"}).out.find("com.example.alone"), std::string::npos);
+  const Facts after = Snapshot(device.root());
+  for (const auto& [path, text] : before) {
+    const std::string name = path.substr(std::min(path.size(), std::string(Mobile).size()));
+    const bool isLeft = name.starts_with("Applications/") || name.starts_with("Library/Quorvel") ||
+                        name.starts_with("Library/Caches") || name.starts_with("Harbors");
+    const bool isChosen = name.starts_with("Applications/A 1") ||
+                          name.starts_with("Applications/B\xff") ||
+                          name.starts_with("Applications/E5");
+    EXPECT_TRUE(!isLeft || after.contains(path) != isChosen) << path;
+    EXPECT_TRUE(!isLeft || isChosen || after.at(path) == text) << path;
+  }
+  EXPECT_EQ(device.registry()["dataProtectionUpdated"], false);
+
+  fs::remove(foreign);
+  EXPECT_EQ(device.run({"migrate"}).exitCode, 0);
+  ExpectArrived(expected, Outcome(device));
+  ExpectLegacyGone(device);
+}
+
 TEST(EndToEndTest, ContainersOnAnotherFileSystemGetWholeCopies) {
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   const ScratchTree tree;

@@ -1,5 +1,6 @@
 // snapshot and verify as processes, on device trees that were migrated and then tampered with.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <functional>
@@ -272,6 +273,89 @@ TEST(ProofTest, ARehearsalLeavesTheTreeAsItIs) {
   fs::create_directories(device.inside(Mobile));
   EXPECT_EQ(device.run({"rehearse", "--upper", device.inside("/upper")}).exitCode, 2);
   EXPECT_TRUE(fs::is_empty(device.inside("/upper")));
+}
+
+// The lines of a text, each once by what it holds, since there are very many items.
+std::vector<std::string> LinesOfEachKind(const std::string& text) {
+  std::map<std::string, std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    std::string keys;
+    const json object = json::parse(line);
+    for (const auto& [key, value] : object.items()) keys += key + value.type_name();
+    lines[keys] = line;
+  }
+  std::vector<std::string> one;
+  for (const auto& [keys, line] : lines) one.push_back(line);
+  return one;
+}
+
+// Each command on a sound device, on one where it fails, and where it is refused.
+TEST(ProofTest, WhatEveryCommandPrintsIsDocumented) {
+  const ScratchTree tree;
+  const Device device(tree / "device");
+  device.make();
+  ASSERT_EQ(::mkfifo(device.container("A 1/Documents/pipe").c_str(), 0600), 0);
+  const std::string manifest = tree / "manifest";
+  const std::string nowhere = tree / "nowhere";
+  std::vector<std::string> lines;
+  std::vector<std::string> printed;
+  std::map<int, int> codes;
+  const auto print = [&](const std::vector<std::vector<std::string>>& commands) {
+    for (std::vector<std::string> command : commands) {
+      command.emplace_back("--json");
+      const HostRun run = device.run(command);
+      ++codes[run.exitCode];
+      printed.push_back(run.out);
+      EXPECT_EQ(json::parse(run.out, nullptr, false).value("exitCode", run.exitCode), run.exitCode);
+    }
+  };
+  print({{"inspect"},
+         {"status"},
+         {"registry"},
+         {"snapshot", "--output", manifest},
+         {"rehearse"},
+         {"migrate"},
+         {"verify", manifest}});
+  lines = LinesOfEachKind(ReadFile(manifest));
+  fs::remove_all(device.container("C3/Alone.vpnplugin/Current"));
+  print({{"register", "--identifier", "com.example.alone"},
+         {"inspect"},
+         {"verify", manifest},
+         {"migrate"},
+         {"registry"},
+         {"status"}});
+  for (const std::string& line : LinesOfEachKind(device.run({"snapshot"}).out)) {
+    lines.push_back(line);
+  }
+  // No command gets anywhere with a registry that is none, and with words that mean nothing.
+  print({{"register", "--identifier", ""},
+         {"verify", nowhere},
+         {"snapshot", "--output", "/"},
+         {"migrate", "--plugin", nowhere},
+         {"rehearse", "--upper", nowhere},
+         {"migrate", "--log", nowhere + "/log"}});
+  Put(device.inside("/private/var/quorveld/Library/Registry/registry.db"), std::string(9000, 'x'));
+  print({{"inspect"},
+         {"status"},
+         {"registry"},
+         {"register", "--identifier", "a.b"},
+         {"snapshot", "--output", nowhere},
+         {"verify", manifest},
+         {"rehearse"},
+         {"migrate"}});
+  fs::remove_all(device.inside("/private"));
+  print({{"inspect"},
+         {"status"},
+         {"registry"},
+         {"register", "--identifier", "a.b"},
+         {"snapshot"},
+         {"verify", manifest},
+         {"rehearse"},
+         {"migrate"}});
+  ExpectDocumented(printed);
+  ExpectDocumented(lines, "manifest");
+  for (const int code : {0, 1, 2, 3, 4, 5}) EXPECT_GT(codes[code], 0) << code;
 }
 
 }  // namespace

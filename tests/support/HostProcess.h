@@ -50,8 +50,9 @@ HostRun RunShell(const std::string& lines, const std::string& directory);
 //   [EXIT CODE]     unless that is 0
 void ExpectTranscript(const std::string& file, const std::string& directory);
 
-// That each is an object as docs/result.schema.json has it.
-void ExpectDocumented(const std::vector<std::string>& printed);
+// That each is an object as docs/SCHEMA.schema.json has it.
+void ExpectDocumented(const std::vector<std::string>& printed,
+                      const std::string& schema = "result");
 
 // Every item below a directory, itself included. Looking changes the directories' access times.
 std::vector<std::string> PathsBelow(const std::string& root);

@@ -278,6 +278,10 @@ TEST_F(QuorvelctlTest, DigestLinesAreThoseOfSha256sum) {
   EXPECT_EQ(result["files"][0]["sha256"], nullptr);
   EXPECT_EQ(result["files"][1]["sha256"], nullptr);
   EXPECT_EQ(result["files"][2]["sha256"], known.out.substr(0, 64));
+  ExpectDocumented({RunHost({"list", "absent", "--json"}).out, RunHost({"digest", "--json"}).out,
+                    RunHost({"flags", "get", "--root", "absent", "--json"}).out,
+                    RunHost({"plist", "get", "empty", "a", "--json"}).out},
+                   "quorvelctl-error");
   EXPECT_EQ(RunHost({"digest", "\x1B[2J\r"}, {.onTerminal = true}).out.find('\x1B'),
             std::string::npos);
 }

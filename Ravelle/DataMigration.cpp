@@ -98,7 +98,7 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
     const Path destination = to.child(name);
     const Presence presence = LookAt(_files, source, &error);
     if (presence == Presence::absent) continue;
-    if (presence == Presence::unknown || !ReplaceByMove(_files, source, destination, &error)) {
+    if (presence == Presence::unknown || !ReplaceAndTellLoss(_files, source, destination, &error)) {
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }

@@ -38,9 +38,30 @@ RavellePreview::RavellePreview(const QVGlobalConfiguration& configuration)
     : configuration_(configuration), files_(QVFileManager::defaultManager()) {}
 
 bool RavellePreview::preview(MigrationAccount& account, Error* error) {
+  const auto items = begin(account, error);
+  if (!items) return false;
+  // As in the migration: without entries no map is loaded and nothing is told.
+  if (!items->empty()) {
+    loadGroups();
+    for (const WorkItem& item : lookAtAll(*items)) follow(item);
+    tellUnclaimedGroups();
+    tellLinks(configuration_.oldContainerPath());
+  }
+  tellHarbors();
+  return true;
+}
+
+bool RavellePreview::classify(MigrationAccount& account, Error* error) {
+  const auto items = begin(account, error);
+  if (items) (void)lookAtAll(*items);
+  return items.has_value();
+}
+
+std::optional<std::vector<Path>> RavellePreview::begin(MigrationAccount& account, Error* error) {
   if (const char* service = MissingService()) {
-    return SetError(error, _CreateError("-[RavellePreview preview]", __LINE__, PosixErrorDomain,
-                                        ENOSYS, "No %s is among the platform's services", service));
+    SetError(error, _CreateError("-[RavellePreview preview]", __LINE__, PosixErrorDomain, ENOSYS,
+                                 "No %s is among the platform's services", service));
+    return std::nullopt;
   }
   account_ = &account;
   tree_ = {};
@@ -49,25 +70,15 @@ bool RavellePreview::preview(MigrationAccount& account, Error* error) {
   groups_.clear();
   claimedGroups_.clear();
   const Path legacy = configuration_.oldContainerPath();
-  if (!files_.itemDoesNotExistAtURL(legacy)) {
-    const auto items = files_.urlsForItemsInDirectoryAtURL(legacy, true, error);
-    if (!items) return false;
-    // As in the migration: without entries no map is loaded and nothing is told.
-    if (!items->empty()) {
-      account.itemsFound(items->size());
-      loadGroups();
-      for (const WorkItem& item : classify(*items)) follow(item);
-      tellUnclaimedGroups();
-      tellLinks(legacy);
-    }
-  }
-  tellHarbors();
-  return true;
+  if (files_.itemDoesNotExistAtURL(legacy)) return std::vector<Path>();
+  auto items = files_.urlsForItemsInDirectoryAtURL(legacy, true, error);
+  if (items && !items->empty()) account.itemsFound(items->size());
+  return items;
 }
 
 // The same passes as the migration: all entries first, then the work list in its order, so that
 // what one container installs is known when another asks.
-std::deque<RavellePreview::WorkItem> RavellePreview::classify(const std::vector<Path>& items) {
+std::deque<RavellePreview::WorkItem> RavellePreview::lookAtAll(const std::vector<Path>& items) {
   std::deque<WorkItem> workList;
   for (std::size_t index = 0; index < items.size(); ++index) {
     account_->containerBegan(index, items[index].string());

@@ -28,6 +28,7 @@ class RavellePreview final : public MigrationPreview {
   // Tells the account everything in the order in which a migration would. False with the Error when
   // the legacy directory cannot be listed. May be called again; one thread.
   bool preview(MigrationAccount& account, Error* error) override;
+  bool classify(MigrationAccount& account, Error* error) override;
 
  private:
   // A container that is to be migrated, with its place in the order of the listing.
@@ -39,8 +40,10 @@ class RavellePreview final : public MigrationPreview {
   // How one container's steps would end; `keptBack` when items would be missed.
   enum class Outcome { migrated, notInstalled, keptBack };
 
+  // Begins anew. Absent with the Error; empty when there is no legacy directory.
+  std::optional<std::vector<Path>> begin(MigrationAccount& account, Error* error);
   // First pass: every entry is looked at, and what needs no steps ends at once.
-  std::deque<WorkItem> classify(const std::vector<Path>& items);
+  std::deque<WorkItem> lookAtAll(const std::vector<Path>& items);
   void lookAt(WorkItem item, std::deque<WorkItem>& workList);
   void endRemoved(const Path& entry);
   // Second pass: the steps of one container, on the tree as earlier ones would leave it.
@@ -55,6 +58,8 @@ class RavellePreview final : public MigrationPreview {
   // Whether each item of user data could be moved to its container.
   bool movesData(const RecordFields& fields);
   bool movesDataItem(const Path& source, const Path& destination);
+  // Takes away what would be in the way of an item of user data, and tells what went.
+  void replace(const Path& destination);
   Outcome installsAndChecks(const RecordFields& fields);
   // Whether the bundles could be put into the staging directory.
   bool stages(const RecordFields& fields);

@@ -104,13 +104,27 @@ bool RavellePreview::movesDataItem(const Path& source, const Path& destination) 
   if (source.string() == destination.string()) {
     return stop(Step::data, Reason::notMoved, source, QVPosixCause(EINVAL));
   }
-  // What is in the way goes first.
-  tree_.remove(destination, tree_.removal(destination));
+  replace(destination);
   if (const int failure = tree_.whyNotMoved(source, destination)) {
     return stop(Step::data, Reason::notMoved, source, QVPosixCause(failure));
   }
   tree_.move(source, destination);
   return true;
+}
+
+// What is in the way goes first.
+void RavellePreview::replace(const Path& destination) {
+  const auto at = tree_.now(destination);
+  ForeseenTree::Removal removal = tree_.removal(destination);
+  tree_.remove(destination, removal);
+  MigrationLoss& loss = removal.loss;
+  loss.userDataItems.clear();
+  if (!at || (loss.complete && loss.files == 0)) return;
+  loss.userDataItems.emplace_back(destination.lastPathComponent());
+  tellLoss(removal);
+  // Where it is now: in the data container, or still in the other container that it came from.
+  account_->problem(
+      {.step = Step::data, .reason = Reason::dataReplaced, .path = at->string(), .stops = false});
 }
 
 RavellePreview::Outcome RavellePreview::installsAndChecks(const RecordFields& fields) {

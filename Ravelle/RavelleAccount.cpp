@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "Ravelle/ReplaceItem.h"
 #include "platform/DeviceNames.h"
 
 namespace quorvel {
@@ -116,6 +117,29 @@ bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector
   }
   if (!IsNothing(*loss)) Account().lost(*loss);
   return removed;
+}
+
+// By the time an item is moved to where one is, two containers have had data for one app, or the
+// app has been used since: the one in the way goes.
+bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& destination,
+                        Error* error) {
+  struct stat info {};
+  if (QVPlatform().account == nullptr ||
+      ::lstat(destination.fileSystemRepresentation().c_str(), &info) != 0) {
+    return ReplaceByMove(files, source, destination, error);
+  }
+  std::optional<MigrationLoss> loss = MeasureLoss(destination);
+  const bool moved = ReplaceByMove(files, source, destination, error);
+  if (!loss) return moved;
+  if (!moved) {
+    if (const auto kept = MeasureLoss(destination)) Subtract(*kept, *loss);
+  }
+  loss->userDataItems.clear();
+  if (IsNothing(*loss)) return moved;
+  loss->userDataItems.emplace_back(destination.lastPathComponent());
+  Account().lost(*loss);
+  TellNote(MigrationStep::data, MigrationReason::dataReplaced, destination);
+  return moved;
 }
 
 void RemoveWithAccount(QVFileManager& files, const Path& entry) {

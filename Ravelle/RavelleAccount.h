@@ -47,6 +47,10 @@ void RemoveWithAccount(QVFileManager& files, const Path& entry);
 bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
                        Error* error);
 
+// Moves an item of user data to its place in the data container, and tells what it replaced.
+bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& destination,
+                        Error* error);
+
 // Runs one step, and hands back what it hands back: whether it succeeded, or what it found.
 template <class Step>
 auto InStep(MigrationStep step, Step&& run) {

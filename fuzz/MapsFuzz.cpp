@@ -37,9 +37,8 @@ const std::string kPaths[] = {"/",
                               "nowhere",
                               ""};
 const char* const kSuffixes[] = {"", "", "", "/", "/..", "/.", "/Documents", "/A.app", "/x"};
-// Not that of the other container: of two with one identifier the later one's data replaces the
-// earlier one's, which docs/reliability.md lists as open.
-const char* const kIdentifiers[] = {"com.example.a", "com.example.a.t", "group.g", "", "..", "/"};
+const char* const kIdentifiers[] = {
+    "com.example.a", "com.example.b", "com.example.a.t", "group.g", "", "..", "/"};
 const char* const kTypes[] = {"App", "VPNBundle", "app", ""};
 
 const std::string kUserFiles[] = {kLegacy + "/A/Documents/one",          kLegacy + "/A/Library/two",

@@ -32,10 +32,12 @@ bool StoppedFor(const ContainerResult& container, MigrationReason reason) {
   return why != nullptr && why->reason == reason;
 }
 
-// Nobody wanted anything of one that was not chosen.
+// What went with something in it is one, however it ended. Nobody wanted anything of one that was
+// not chosen.
 bool IsFailure(const ContainerResult& container) {
+  if (WentWell(container)) return container.loss.has_value();
   if (container.outcome != MigrationOutcome::removed) {
-    return !WentWell(container) && !StoppedFor(container, MigrationReason::notChosen);
+    return !StoppedFor(container, MigrationReason::notChosen);
   }
   // A note of the former service holds nothing of anybody's.
   return container.loss && !StoppedFor(container, MigrationReason::farewellFile);

@@ -47,6 +47,7 @@ constexpr std::array<const char*, MigrationReasonNames.size()> Words = {
     "the system uses it",
     "the run was interrupted before it was done",
     "not chosen",
+    "its data replaced what the app had already",
 };
 
 }  // namespace

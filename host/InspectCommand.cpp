@@ -10,6 +10,7 @@
 #include "host/PluginBundle.h"
 #include "host/Preflight.h"
 #include "host/RunAccount.h"
+#include "host/SharedIdentifiers.h"
 #include "host/console/DeviceRoot.h"
 #include "host/console/ExitCode.h"
 #include "host/console/Json.h"
@@ -69,7 +70,7 @@ int RunInspect(const Options& options) {
     return ReportFatal(error, options.json);
   }
   Inspection inspection{.identity = IdentifyRun(bundle),
-                        .findings = RunPreflight(root.descriptor(), {})};
+                        .findings = RunPreflight(root.descriptor())};
   services.install();
   onlinux::RegistrySnapshot registry;
   if (!Foresee(bundle, services, root, inspection.account, registry, error)) {
@@ -77,6 +78,7 @@ int RunInspect(const Options& options) {
     if (explained) return ReportRefusal(inspection.findings, options.json);
     return ReportFatal(error, options.json);
   }
+  FindReplacedData(inspection.account, inspection.findings);
   inspection.installedBefore = InstalledApps(registry);
   return WriteResult(options.json ? AsJson(inspection) : AsText(inspection, options),
                      Refuses(inspection.findings) ? ExitRefused : ExitSucceeded);

@@ -19,6 +19,7 @@
 #include "host/ProgressDisplay.h"
 #include "host/RunAccount.h"
 #include "host/RunRecord.h"
+#include "host/SharedIdentifiers.h"
 #include "host/console/DeviceRoot.h"
 #include "host/console/ExitCode.h"
 #include "host/console/Output.h"
@@ -177,6 +178,7 @@ int RunMigrate(const Options& options) {
   PluginBundle bundle;
   HostServices services(DeviceAccess::change);
   ChosenApps chosen(options.only);
+  SharedIdentifiers shared;
   RunAccount account;
   std::optional<EventStream> events;
   if (!Prepare(options, root, bundle, services, events, error)) {
@@ -184,7 +186,9 @@ int RunMigrate(const Options& options) {
   }
   MigrationResult result;
   result.identity = IdentifyRun(bundle);
-  Findings findings = RunPreflight(root.descriptor(), options.forcedFindings);
+  Findings findings = RunPreflight(root.descriptor());
+  shared.find(bundle, findings);
+  Force(options.forcedFindings, findings);
   if (Refuses(findings)) return ReportRefusal(findings, options.json);
   ShowFindings(findings, options);
   if (!chosen.isEmpty()) {

@@ -187,14 +187,14 @@ class Run {
 
 }  // namespace
 
-Findings RunPreflight(int originalRoot, const std::vector<std::string>& forced) {
-  Findings findings = Run(originalRoot).findings();
+void Force(const std::vector<std::string>& forced, Findings& findings) {
   for (Finding& finding : findings) {
     const bool goOn = std::find(forced.begin(), forced.end(), finding.name) != forced.end();
     if (goOn && finding.severity == Severity::refuse) finding.severity = Severity::forced;
   }
-  return findings;
 }
+
+Findings RunPreflight(int originalRoot) { return Run(originalRoot).findings(); }
 
 int ReportRefusal(const Findings& findings, bool json) {
   std::string text = FindingsAsText(findings);

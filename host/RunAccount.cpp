@@ -91,7 +91,20 @@ void RunAccount::problem(const MigrationProblem& problem) {
 
 void RunAccount::lost(const MigrationLoss& loss) {
   const std::scoped_lock lock(mutex_);
-  if (ContainerResult* result = open()) result->loss = loss;
+  ContainerResult* result = open();
+  if (result == nullptr) return;
+  if (!result->loss) {
+    result->loss = loss;
+    return;
+  }
+  MigrationLoss& sum = *result->loss;
+  sum.files += loss.files;
+  sum.bytes += loss.bytes;
+  sum.complete = sum.complete && loss.complete;
+  for (const std::string& name : loss.userDataItems) {
+    const bool isTold = std::count(sum.userDataItems.begin(), sum.userDataItems.end(), name) != 0;
+    if (!isTold) sum.userDataItems.push_back(name);
+  }
 }
 
 void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {

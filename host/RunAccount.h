@@ -26,7 +26,7 @@ struct ContainerResult {
   bool stays = true;
   bool ended = false;  // until then the outcome is that of one that was not reached
   std::vector<MigrationProblem> problems{};  // in order
-  std::optional<MigrationLoss> loss{};
+  std::optional<MigrationLoss> loss{};       // all that went, together
   double seconds = 0;
 
   // What it stopped at; null when nothing did.

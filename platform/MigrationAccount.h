@@ -79,6 +79,7 @@ enum class MigrationReason {
   inUse,              // a group's directory that is, holds or lies in what the system uses
   interrupted,        // the run was ended before its turn, or in the middle of it
   notChosen,          // the run was confined to others
+  dataReplaced,       // an item went from the data container, since another came to its place
 };
 
 // The words for these in results, the same everywhere.
@@ -88,7 +89,7 @@ inline constexpr std::array<const char*, 10> MigrationStepNames = {
     "install",    "groups", "missed-items", "removal", "run"};
 inline constexpr std::array<const char*, 5> MigrationOutcomeNames = {"migrated", "resumed",
                                                                      "removed", "left", "failed"};
-inline constexpr std::array<const char*, 37> MigrationReasonNames = {"none",
+inline constexpr std::array<const char*, 38> MigrationReasonNames = {"none",
                                                                      "stray-file",
                                                                      "farewell-file",
                                                                      "vanished",
@@ -124,7 +125,8 @@ inline constexpr std::array<const char*, 37> MigrationReasonNames = {"none",
                                                                      "unclaimed",
                                                                      "in-use",
                                                                      "interrupted",
-                                                                     "not-chosen"};
+                                                                     "not-chosen",
+                                                                     "data-replaced"};
 
 constexpr const char* NameOf(MigrationStep step) {
   return MigrationStepNames[static_cast<std::size_t>(step)];
@@ -221,7 +223,7 @@ class MigrationAccount {
   virtual void dataContainerFound(const std::string& /*path*/) {}
   // When it is met. One that stops the container comes before the container's end.
   virtual void problem(const MigrationProblem& /*problem*/) {}
-  // Before the end of the container whose removal it is.
+  // Before the end of the container whose removal, or whose data's move, it is: once for each.
   virtual void lost(const MigrationLoss& /*loss*/) {}
   // `stays`: the entry is still there.
   // Once for each container, unless the run was ended before.

@@ -43,13 +43,14 @@ inline constexpr const char* kHarborMapDamaged = "harbor-map-damaged";
 inline constexpr const char* kHarborMapUnreadable = "harbor-map-unreadable";
 // Of what is to be moved or copied.
 inline constexpr const char* kGroupNotMovable = "group-not-movable";
+inline constexpr const char* kDuplicateIdentifiers = "duplicate-identifiers";
 inline constexpr const char* kNoSpace = "no-space";
 inline constexpr const char* kNoInodes = "no-inodes";
 // Always a warning.
 inline constexpr const char* kContainerNotMovable = "container-not-movable";
 
 // Those that refuse a run, which --force-preflight takes.
-inline constexpr std::array<const char*, 12> kRefusals = {kReadOnly,
+inline constexpr std::array<const char*, 13> kRefusals = {kReadOnly,
                                                           kNotPermitted,
                                                           kImmutable,
                                                           kRegistryDamaged,
@@ -59,6 +60,7 @@ inline constexpr std::array<const char*, 12> kRefusals = {kReadOnly,
                                                           kHarborMapDamaged,
                                                           kHarborMapUnreadable,
                                                           kGroupNotMovable,
+                                                          kDuplicateIdentifiers,
                                                           kNoSpace,
                                                           kNoInodes};
 

@@ -124,7 +124,30 @@ TEST(ProofTest, AFailedMigrationIsAccountedFor) {
   AgeTree(device.root());
   const std::string manifest = tree / "manifest";
   ASSERT_EQ(device.run({"snapshot", "--output", manifest}).exitCode, 0);
-  EXPECT_EQ(device.run({"migrate"}).exitCode, 1);
+  // Nobody wants that, so it takes a word.
+  const Facts before = Snapshot(device.root());
+  const HostRun refused = device.run({"migrate"});
+  EXPECT_EQ(refused.exitCode, 5);
+  EXPECT_NE(refused.err.find("refused (duplicate-identifiers): " + std::string(Mobile)),
+            std::string::npos)
+      << refused.err;
+  for (const char* name : {"/Applications/A", "/Applications/B", "com.example.same"}) {
+    EXPECT_NE(refused.err.find(name), std::string::npos) << name << refused.err;
+  }
+  EXPECT_EQ(Snapshot(device.root()), before);
+  EXPECT_EQ(device.run({"inspect"}).exitCode, 5);
+  const HostRun run =
+      device.run({"migrate", "--json", "--force-preflight", "duplicate-identifiers"});
+  EXPECT_EQ(run.exitCode, 1);
+  const json migrated = json::parse(run.out);
+  std::multiset<std::string> lost;
+  for (const json& container : migrated["containers"]) {
+    if (container["lost"].is_null()) continue;
+    lost.insert(container["lost"]["files"].dump() + container["lost"]["userDataItems"].dump());
+    EXPECT_NE(container["notes"].dump().find("data-replaced"), std::string::npos) << container;
+  }
+  EXPECT_EQ(lost,
+            (std::multiset<std::string>{R"(1["Library"])", R"(8["Documents","Library","tmp"])"}));
   const json result = Verify(device, manifest, 0);
   EXPECT_EQ(result["unexplained"], 0) << result.dump(1);
   for (const json& finding : result["findings"]) {

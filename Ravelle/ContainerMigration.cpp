@@ -30,7 +30,7 @@ void TellMarkerNotWritten(const Path& marker, const Error& error) {
 // A new one needs no flush of its own: while a power cut may still undo it or leave it empty, the
 // bundle is in its place and says the same. One that was there already may be the only thing that
 // tells of a staged bundle, and is never without its content.
-void WriteMarker(QVFileManager& files, const ContainerRecord& record, const Path& marker) {
+bool WriteMarker(QVFileManager& files, const ContainerRecord& record, const Path& marker) {
   PropertyListStore& lists = *QVPlatform().propertyLists;
   constexpr PropertyListFormat format = PropertyListFormat::xml;
   Error error;
@@ -38,6 +38,7 @@ void WriteMarker(QVFileManager& files, const ContainerRecord& record, const Path
                            ? lists.writeDictionaryBeforeFlush(record, marker, format, &error)
                            : lists.writeDictionary(record, marker, format, &error);
   if (!written) TellMarkerNotWritten(marker, error);
+  return written;
 }
 
 // The six lines about a record that has no data container.
@@ -133,7 +134,8 @@ bool QVRavelle::_migrateContainerWithInfo(const ContainerRecord& record) {
   const RecordFields fields = FieldsOf(record);
   // Before anything on disk changes: the bundle will be moved.
   const bool isPlaceholder = _files.bundleAtURLIsPlaceholder(fields.bundle);
-  WriteMarker(_files, record, fields.container.child(MigrationMarkerName));
+  InStep(MigrationStep::marker,
+         [&] { return WriteMarker(_files, record, fields.container.child(MigrationMarkerName)); });
   bool flushed = false;
   const std::optional<Path> dataContainer =
       InStep(MigrationStep::placeholder, [&]() -> std::optional<Path> {

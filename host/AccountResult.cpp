@@ -2,6 +2,7 @@
 #include "host/AccountResult.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "host/FailureWords.h"
@@ -37,6 +38,21 @@ Json LossAsJson(const std::optional<MigrationLoss>& loss) {
   return object;
 }
 
+// To the microsecond: a timeline needs no more digits, and there are many of them.
+double Rounded(double seconds) { return std::round(seconds * 1e6) / 1e6; }
+
+Json StepsAsJson(const std::vector<StepTime>& steps) {
+  Json list = Json::array();
+  for (const StepTime& each : steps) {
+    Json object;
+    object["step"] = NameOf(each.step);
+    object["start"] = Rounded(each.start);
+    object["seconds"] = Rounded(each.seconds);
+    list.push_back(std::move(object));
+  }
+  return list;
+}
+
 Json ContainerAsJson(const ContainerResult& container) {
   // "step", "reason" and "detail" are the stop's; what did not stop it comes as notes.
   const MigrationProblem* stop = container.stoppedAt();
@@ -54,6 +70,8 @@ Json ContainerAsJson(const ContainerResult& container) {
   object["lost"] = LossAsJson(container.loss);
   object["dataContainer"] = TextOrNull(container.dataContainer);
   object["seconds"] = container.seconds;
+  object["start"] = container.start ? Json(Rounded(*container.start)) : Json(nullptr);
+  object["steps"] = StepsAsJson(container.steps);
   Json notes = Json::array();
   for (const MigrationProblem& problem : container.problems) {
     if (&problem != stop) notes.push_back(ProblemAsJson(problem));

@@ -113,6 +113,11 @@ void AddMigrate(CLI::App& parser, Options& options) {
       ->check(NotEmpty);
   AddFile(*command, "--events", options.events,
           "Append what happens as JSON lines while it runs (- for standard output)");
+  command
+      ->add_option("--device", options.device,
+                   "The device's name in the result (default: its directory's)")
+      ->type_name("NAME")
+      ->check(NotEmpty);
   command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")
       ->disable_flag_override();
   command->callback([&options] { options.command = Command::migrate; });
@@ -210,6 +215,25 @@ void AddRehearse(CLI::App& parser, Options& options) {
       "/tmp/device");
 }
 
+void AddReport(CLI::App& parser, Options& options) {
+  CLI::App* command =
+      parser.add_subcommand("report", "Make one page of results that migrate --json printed");
+  AddJson(*command, options);
+  command
+      ->add_option("FILE", options.files,
+                   "Results, one or more in each file; a directory means the *.json in it")
+      ->required()
+      ->type_name("...")
+      ->check(NotEmpty);
+  AddFile(*command, "--log", options.logFile, "The run's log, if there is one result");
+  AddFile(*command, "--output", options.output, "The page (default: report.html)");
+  command->callback([&options] { options.command = Command::report; });
+  command->footer(
+      "Example:\n"
+      "  mkdir -p /tmp/device/private/var/mobile && cd /tmp/device &&\n"
+      "  migration-host migrate --root . --json >run.json && migration-host report run.json");
+}
+
 void AddRegister(CLI::App& parser, Options& options) {
   CLI::App* command =
       parser.add_subcommand("register", "Add a registry record with no bundle behind it");
@@ -250,6 +274,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddSnapshot(parser, options);
   AddVerify(parser, options);
   AddRehearse(parser, options);
+  AddReport(parser, options);
 
   ParsedCommandLine parsed;
   // Before parsing, which stops at the first thing that it does not like and has worse words for

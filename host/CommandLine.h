@@ -16,6 +16,7 @@ enum class Command {
   snapshot,
   verify,
   rehearse,
+  report,
 };
 // Automatic: when standard error is a terminal.
 enum class ProgressMode { automatic, always, never };
@@ -29,18 +30,21 @@ struct Options {
   // migrate, inspect, status and rehearse only:
   bool all = false;    // show what went well, too
   std::string plugin;  // empty: the one beside the executable
+  // migrate, which appends to the log, and report, which reads it:
+  std::string logFile;  // empty: none
   // migrate only:
+  std::string device;  // its name in the result; empty: the root's last component
   bool quiet = false;
   ProgressMode progress = ProgressMode::automatic;
-  std::string logFile;                      // empty: none
   std::string events;                       // empty: none; "-": standard output
   std::vector<std::string> forcedFindings;  // names of findings that refuse a run
   std::vector<std::string> only;            // identifiers; empty: everything
   // register only:
   std::string identifier;
+  // snapshot and report only:
+  std::string output;  // empty: standard output, or report.html
   // snapshot only:
-  std::string output;  // empty: standard output
-  bool fast = false;   // without digests of contents
+  bool fast = false;  // without digests of contents
   bool gzip = false;
   // verify only:
   std::string manifest;
@@ -49,6 +53,8 @@ struct Options {
   // rehearse only:
   std::string upper;  // where changes go; empty: in memory, else beside the tree
   bool keep = false;
+  // report only:
+  std::vector<std::string> files;
 };
 
 // Options to run with; without them, `exitCode` and the text that goes with it: help or the version

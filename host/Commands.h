@@ -1,5 +1,5 @@
-// The host's commands. Each enters the device tree, so that a process runs one of them once, and
-// returns the process's exit code after everything has been said.
+// The host's commands. Each but the last enters the device tree, so that a process runs one of them
+// once, and returns the process's exit code after everything has been said.
 #pragma once
 
 #include "host/CommandLine.h"
@@ -19,5 +19,7 @@ int RunRegister(const Options& options);
 int RunSnapshot(const Options& options);
 int RunVerify(const Options& options);
 int RunRehearse(const Options& options);
+// Results of migrations as a page; enters no tree.
+int RunReport(const Options& options);
 
 }  // namespace quorvel::host

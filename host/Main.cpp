@@ -30,6 +30,8 @@ int RunCommand(const Options& options) {
       return RunVerify(options);
     case Command::rehearse:
       return RunRehearse(options);
+    case Command::report:
+      return RunReport(options);
   }
   return ExitUsage;
 }

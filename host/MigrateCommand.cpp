@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
+#include <memory>
 #include <optional>
 
 #include "host/AccountResult.h"
@@ -24,6 +26,7 @@
 #include "host/console/ExitCode.h"
 #include "host/console/Output.h"
 #include "host/console/TerminalText.h"
+#include "platform/FileSystemRepresentation.h"
 
 namespace quorvel::host {
 
@@ -63,6 +66,19 @@ bool Prepare(const Options& options, DeviceRoot& root, PluginBundle& bundle, Hos
   if (!options.logFile.empty() && !services.openLog(options.logFile, error)) return false;
   if (!OpenEvents(options, events, error)) return false;
   return root.lock(error) && root.enter(DeviceRoot::View::writable, error);
+}
+
+// As the user names it, else what its directory is called, which "." does not tell.
+std::string DeviceName(const Options& options) {
+  if (!options.device.empty()) return StringFromFileSystemRepresentation(options.device);
+  const std::unique_ptr<char, decltype(&std::free)> whole(::realpath(options.root.c_str(), nullptr),
+                                                          &std::free);
+  const std::string path = whole ? whole.get() : options.root;
+  return StringFromFileSystemRepresentation(path.substr(path.rfind('/') + 1));
+}
+
+double SecondsSince1970() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 // A registry that cannot be read is the plug-in's to meet.
@@ -181,10 +197,11 @@ int RunMigrate(const Options& options) {
   SharedIdentifiers shared;
   RunAccount account;
   std::optional<EventStream> events;
+  MigrationResult result;
+  result.device = DeviceName(options);  // the path leads elsewhere once the tree was entered
   if (!Prepare(options, root, bundle, services, events, error)) {
     return ReportFatal(error, options.json);
   }
-  MigrationResult result;
   result.identity = IdentifyRun(bundle);
   Findings findings = RunPreflight(root.descriptor());
   shared.find(bundle, findings);
@@ -200,6 +217,8 @@ int RunMigrate(const Options& options) {
   services.install();
   result.installedBefore = InstalledNow(services);
   const auto start = Clock::now();
+  result.startedAt = SecondsSince1970();
+  account.countFrom(start);
   const std::unique_ptr<MigratorPlugin> plugin = CreatePlugin(bundle, account, error);
   if (plugin == nullptr) return ReportFatal(error, options.json);
   ShowEstimate(*plugin, account, result.installedBefore, options);

@@ -88,6 +88,8 @@ void AddIdentity(const RunIdentity& identity, Json& object) {
 std::string ResultAsJson(const MigrationResult& result, const RunAccount& account) {
   Json object;
   AddIdentity(result.identity, object);
+  object["device"] = result.device;
+  object["startedAt"] = result.startedAt;
   object["dataClassName"] = result.dataClassName;
   object["estimatedDuration"] = AsWritten(result.estimatedDuration);
   object["items"] = result.items;

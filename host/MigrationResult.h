@@ -25,7 +25,9 @@ void AddIdentity(const RunIdentity& identity, Json& object);
 // Everything about a run but what became of its containers, which is the account's.
 struct MigrationResult {
   RunIdentity identity{};
-  std::string dataClassName;
+  std::string device{};  // its name
+  double startedAt = 0;  // seconds since 1970, what all other times of the run are counted from
+  std::string dataClassName{};
   // As the plug-in told it before the run, in its own unit.
   float estimatedDuration = 0;
   std::size_t items = 0;

@@ -39,13 +39,34 @@ void RunAccount::itemsFound(std::size_t count) {
   tell("found", [&] { return Json{{"items", count}}; });
 }
 
-void RunAccount::stepBegan(MigrationStep /*step*/) {
+double RunAccount::sinceStart(Clock::time_point now) const {
+  return std::chrono::duration<double>(now - start_).count();
+}
+
+void RunAccount::endStep(Clock::time_point now) {
+  ContainerResult* result = open();
+  if (inStep_ && result != nullptr && !result->steps.empty()) {
+    StepTime& last = result->steps.back();
+    last.seconds = sinceStart(now) - last.start;
+  }
+  inStep_ = false;
+}
+
+void RunAccount::stepBegan(MigrationStep step) {
   std::unique_lock lock(mutex_);
   standIfHalted(lock);
+  const auto now = Clock::now();
+  // A removal may begin in the midst of the look that shows that nothing can be made of it.
+  endStep(now);
+  ContainerResult* result = open();
+  if (result == nullptr) return;
+  result->steps.push_back({step, sinceStart(now), 0});
+  inStep_ = true;
 }
 
 void RunAccount::stepEnded(MigrationStep step, bool succeeded) {
   const std::scoped_lock lock(mutex_);
+  endStep(Clock::now());
   tell("step", [&] { return Json{{"step", NameOf(step)}, {"succeeded", succeeded}}; });
 }
 
@@ -55,12 +76,14 @@ void RunAccount::containerBegan(std::size_t index, const std::string& path) {
   const auto now = Clock::now();
   // One that waits for its turn does not end before the next one begins.
   if (ContainerResult* earlier = open()) {
+    endStep(now);
     earlier->seconds += std::chrono::duration<double>(now - since_).count();
   }
   if (index >= containers_.size()) containers_.resize(index + 1);
   open_ = index;
   since_ = now;
   containers_[index].path = path;
+  containers_[index].start = sinceStart(now);
   tell("began", [&] { return Json{{"path", path}}; });
 }
 
@@ -122,7 +145,9 @@ void RunAccount::containerEnded(MigrationOutcome outcome, bool stays) {
                 {"outcome", NameOf(result->outcome)},
                 {"stays", stays}};
   });
-  result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
+  const auto now = Clock::now();
+  endStep(now);
+  result->seconds += std::chrono::duration<double>(now - since_).count();
   open_.reset();
 }
 
@@ -147,7 +172,9 @@ void RunAccount::halt(std::chrono::milliseconds patience) {
   halting_ = true;
   stands_.wait_for(lock, patience, [this] { return standing_; });
   if (ContainerResult* result = open()) {
-    result->seconds += std::chrono::duration<double>(Clock::now() - since_).count();
+    const auto now = Clock::now();
+    endStep(now);
+    result->seconds += std::chrono::duration<double>(now - since_).count();
   }
   for (ContainerResult& container : containers_) {
     if (container.ended) continue;

@@ -17,6 +17,13 @@
 
 namespace quorvel::host {
 
+// When a step was at work, in seconds since the run's beginning.
+struct StepTime {
+  MigrationStep step = MigrationStep::introspect;
+  double start = 0;
+  double seconds = 0;
+};
+
 // One entry of the legacy directory, from its first sight to its end.
 struct ContainerResult {
   std::string path{};
@@ -28,6 +35,8 @@ struct ContainerResult {
   std::vector<MigrationProblem> problems{};  // in order
   std::optional<MigrationLoss> loss{};       // all that went, together
   double seconds = 0;
+  std::optional<double> start{};  // of its turn, since the run's beginning; none: not reached
+  std::vector<StepTime> steps{};  // in order, none within another
 
   // What it stopped at; null when nothing did.
   const MigrationProblem* stoppedAt() const;
@@ -37,6 +46,8 @@ struct ContainerResult {
 // says so may be asked from elsewhere.
 class RunAccount : public MigrationAccount {
  public:
+  // Before the run: what times are counted from. Without it, the account's making.
+  void countFrom(std::chrono::steady_clock::time_point start) { start_ = start; }
   // Before the run: what is told here is told to the stream as well, until an early end.
   void follow(EventStream& events) { events_ = &events; }
 
@@ -85,6 +96,9 @@ class RunAccount : public MigrationAccount {
   ContainerResult* open();
   // Does not return once halt() was called: the plug-in's thread waits there for the process's end.
   void standIfHalted(std::unique_lock<std::mutex>& lock);
+  double sinceStart(Clock::time_point now) const;
+  // Ends the open container's step, if one is under way.
+  void endStep(Clock::time_point now);
   // A line of the event stream, with the container at hand. Asked for only where there is a stream:
   // `fields` makes the line's other members, and there are several lines for each container.
   template <class Fields>
@@ -97,6 +111,7 @@ class RunAccount : public MigrationAccount {
 
   // Guards everything below; halt() keeps it for good.
   mutable std::mutex mutex_;
+  Clock::time_point start_ = Clock::now();
   std::condition_variable stands_;
   EventStream* events_ = nullptr;
   bool halting_ = false;
@@ -105,6 +120,7 @@ class RunAccount : public MigrationAccount {
   // Set between the container's beginning and its end.
   std::optional<std::size_t> open_;  // index of the container that things belong to
   Clock::time_point since_;
+  bool inStep_ = false;  // the open container's last step has no end yet
   std::vector<ContainerResult> containers_;
   std::map<std::string, MigratedDirectory> groups_;
   std::vector<MigratedDirectory> harbors_;

@@ -1,0 +1,110 @@
+// What a run's result says, read from JSON of any origin.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/console/Json.h"
+#include "platform/MigrationAccount.h"
+
+namespace quorvel::host {
+
+// Times are seconds since the run's beginning, never negative and never beyond a century.
+struct StepSpan {
+  std::size_t step = 0;  // in the order of MigrationStep
+  double start = 0;
+  double seconds = 0;
+};
+
+struct ResultLoss {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  std::vector<std::string> userDataItems{};
+  bool complete = true;
+};
+
+// What did not go as it should: a container's note, or of the run.
+struct ResultProblem {
+  std::string step{};
+  std::string reason{};
+  std::string path{};
+  std::string detail{};
+  std::string errorName{};  // such as ENOSPC
+};
+
+struct ResultContainer {
+  std::string path{};
+  std::string identifier{};
+  MigrationOutcome outcome = MigrationOutcome::left;
+  ResultProblem stop{};  // without a reason when nothing stopped it
+  std::vector<std::string> items{};
+  std::vector<std::string> kept{};
+  std::optional<ResultLoss> lost{};
+  std::string dataContainer{};
+  double seconds = 0;
+  std::optional<double> start{};  // none: it was not reached
+  std::vector<StepSpan> steps{};
+  std::vector<ResultProblem> notes{};
+
+  // The directory's own, and what people call it.
+  std::string directoryName() const;
+  std::string name() const { return identifier.empty() ? directoryName() : identifier; }
+  bool arrived() const {
+    return outcome == MigrationOutcome::migrated || outcome == MigrationOutcome::resumed;
+  }
+};
+
+// A group container or safe harbor.
+struct ResultDirectory {
+  std::string identifier{};
+  std::string path{};
+  std::string destination{};
+  std::string outcome{};
+  ResultProblem problem{};
+};
+
+enum class ResultKind {
+  none,     // no result of a migration
+  refused,  // the object of an error: nothing was begun
+  run,
+};
+
+// Texts are as they stand in the result: for HTML they go through Escaped (Html.h). What is missing
+// there, or of another type, is empty here.
+struct RunResult {
+  ResultKind kind = ResultKind::none;
+  std::string device{};
+  std::string started{};
+  std::optional<double> startedAt{};  // seconds since 1970
+  std::string versions{};
+  bool succeeded = false;
+  std::string interruptedBy{};
+  double seconds = 0;
+  std::uint64_t items = 0;
+  std::uint64_t installedBefore = 0;
+  std::array<std::uint64_t, MigrationOutcomeNames.size()> counts{};
+  std::vector<ResultContainer> containers{};
+  std::vector<ResultDirectory> groups{};
+  std::vector<ResultDirectory> harbors{};
+  std::vector<ResultProblem> leftBehind{};
+  std::vector<ResultProblem> problems{};
+  std::vector<ResultProblem> findings{};  // before the run: the reason is the finding's name
+  std::string refusal{};                  // the error's text and reason
+  std::string refusalReason{};
+
+  std::uint64_t count(MigrationOutcome outcome) const {
+    return counts[static_cast<std::size_t>(outcome)];
+  }
+};
+
+// What `migrate --json` printed. `object` may be anything.
+RunResult ReadRunResult(const Json& object);
+
+// The reason in words, and the error's name behind them; a reason that this host does not know as
+// it stands.
+std::string InWords(const ResultProblem& problem);
+
+}  // namespace quorvel::host

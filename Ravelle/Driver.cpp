@@ -164,8 +164,9 @@ std::deque<QVRavelle::WorkItem> QVRavelle::_buildWorkList() {
   std::deque<WorkItem> workList;
   for (std::size_t index = 0; index < _itemsToMigrate->size(); ++index) {
     const Path& item = (*_itemsToMigrate)[index];
-    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Introspecting %@", item.string());
+    // First, so that all the lines about a container are written while it is at work.
     Account().containerBegan(index, item.string());
+    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Introspecting %@", item.string());
     if (IsFarewell(item)) {
       Account().containerClassified({.kind = LegacyItemKind::file});
       TellProblem(MigrationStep::introspect, MigrationReason::farewellFile, item);
@@ -198,10 +199,10 @@ bool QVRavelle::_migrateRecords(const std::deque<WorkItem>& workList) {
   for (const auto& [index, record] : workList) {
     const RecordFields fields = FieldsOf(record);
     const std::string& bundle = fields.bundle.string();
-    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Migrating %@ at %@", fields.identifier,
-                bundle);
     const Path& entry = (*_itemsToMigrate)[index];
     Account().containerBegan(index, entry.string());
+    RAVELLE_LOG(LogLevelNotice, kPerform, "QVRavelle: Migrating %@ at %@", fields.identifier,
+                bundle);
     const bool migrated = _migrateContainerWithInfo(record);
     if (!migrated) {
       RAVELLE_LOG(LogLevelError, kPerform, "QVRavelle: Migration of %@ at %@ failed",

@@ -60,8 +60,9 @@ void RunAccount::stepBegan(MigrationStep step) {
   endStep(now);
   ContainerResult* result = open();
   if (result == nullptr) return;
-  result->steps.push_back({step, sinceStart(now), 0});
-  inStep_ = true;
+  // What comes before the first step is no time of anything else.
+  result->steps.push_back({step, sinceStart(hadStep_ ? now : since_), 0});
+  inStep_ = hadStep_ = true;
 }
 
 void RunAccount::stepEnded(MigrationStep step, bool succeeded) {
@@ -82,6 +83,7 @@ void RunAccount::containerBegan(std::size_t index, const std::string& path) {
   if (index >= containers_.size()) containers_.resize(index + 1);
   open_ = index;
   since_ = now;
+  hadStep_ = false;
   containers_[index].path = path;
   containers_[index].start = sinceStart(now);
   tell("began", [&] { return Json{{"path", path}}; });

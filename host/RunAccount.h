@@ -120,7 +120,8 @@ class RunAccount : public MigrationAccount {
   // Set between the container's beginning and its end.
   std::optional<std::size_t> open_;  // index of the container that things belong to
   Clock::time_point since_;
-  bool inStep_ = false;  // the open container's last step has no end yet
+  bool hadStep_ = false;  // since the open container began
+  bool inStep_ = false;   // the open container's last step has no end yet
   std::vector<ContainerResult> containers_;
   std::map<std::string, MigratedDirectory> groups_;
   std::vector<MigratedDirectory> harbors_;

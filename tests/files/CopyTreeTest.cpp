@@ -12,6 +12,7 @@
 
 #include "platform/linux/files/FileSystemLinux.h"
 #include "tests/support/Refusals.h"
+#include "tests/support/SystemCallFaults.h"
 #include "tests/support/TreeTools.h"
 
 namespace quorvel {
@@ -327,6 +328,32 @@ TEST_F(CopyTreeTest, DepthNeedsNeitherDescriptorsNorPaths) {
 }
 
 // Links to a first copy that no path can name.
+TEST_F(CopyTreeTest, OneFailedCallDoesNotPartTheNamesOfAFileInSilence) {
+  struct stat first;
+  struct stat second;
+  long silent = 0;
+  MakeDirectory(tree_ / "from");
+  WriteFile(tree_ / "from/one", "text");
+  ASSERT_EQ(::link((tree_ / "from/one").c_str(), (tree_ / "from/two").c_str()), 0);
+  for (const auto& [counted, number] : {std::pair(tests::CountedCalls::changing, EPERM),
+                                        std::pair(tests::CountedCalls::looking, EIO)}) {
+    bool fired = true;
+    for (long call = 1; fired; ++call) {
+      const std::string to = tree_ / ("to" + std::to_string(number) + "-" + std::to_string(call));
+      const tests::FaultedRun run =
+          tests::RunWithFault([&] { return copy(tree_ / "from", to); }, {call, number, counted});
+      if (!run.wasTraced) GTEST_SKIP() << "processes may not be traced here";
+      fired = run.fired;
+      if (run.exitStatus != 0) continue;
+      ++silent;
+      ASSERT_EQ(::lstat((to + "/one").c_str(), &first), 0) << call;
+      ASSERT_EQ(::lstat((to + "/two").c_str(), &second), 0) << call;
+      EXPECT_EQ(first.st_ino, second.st_ino) << "call " << call << " failed with " << number;
+    }
+  }
+  EXPECT_GT(silent, 2);  // the undisturbed copies, and one that was repeated
+}
+
 TEST_F(CopyTreeTest, HardLinksReachAcrossDeepTrees) {
   const std::string name(200, 'd');
   MakeDirectory(tree_ / "from");

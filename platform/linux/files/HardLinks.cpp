@@ -32,6 +32,17 @@ bool MeansCopyAnew(int number) {
          number == EPERM || number == EOPNOTSUPP;
 }
 
+// A file system without second names says EPERM every time; one refusal alone may have passed by
+// the next call, and would part two names of one file without a word.
+bool MakeLink(int from, const char* old, int into, const char* name) {
+  constexpr int kRefusals = 3;
+  for (int refusals = 0;;) {
+    if (::linkat(from, old, into, name, 0) == 0) return true;
+    const bool isRefusal = errno == EPERM || errno == EOPNOTSUPP;
+    if (!isRefusal || ++refusals == kRefusals) return false;
+  }
+}
+
 }  // namespace
 
 // -1 with errno set.
@@ -51,14 +62,15 @@ HardLinks::Outcome HardLinks::link(const struct stat& source, DirectoryStack& ta
   if (at == copies_.end()) return Outcome::copyAnew;
   const Copy& copy = at->second;
   const int from = directoryOf(copy, target, base, directory);
-  if (from < 0 || ::linkat(from, copy.name.c_str(), directory, name, 0) != 0) {
+  if (from < 0 || !MakeLink(from, copy.name.c_str(), directory, name)) {
     return MeansCopyAnew(errno) ? Outcome::copyAnew : Outcome::failed;
   }
   struct stat made;
-  if (::fstatat(directory, name, &made, AT_SYMLINK_NOFOLLOW) == 0 &&
-      IdentityOf(made) == copy.identity) {
-    return Outcome::linked;
+  // What cannot be looked at is not known to be another item: a copy would part the two names.
+  if (::fstatat(directory, name, &made, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Outcome::copyAnew : Outcome::failed;
   }
+  if (IdentityOf(made) == copy.identity) return Outcome::linked;
   // Somebody put another item in the place of the first copy.
   ::unlinkat(directory, name, 0);
   return Outcome::copyAnew;

@@ -17,6 +17,7 @@ class FaultyFiles final : public FileSystem {
   enum class Fault { killBefore, killAfter, fail };
   FaultyFiles(int call, Fault fault) : left_(call), fault_(fault) {}
   bool fired() const { return left_ < 0; }
+  std::vector<std::string> flushed;  // directories, in their order
 
   std::unique_ptr<WipeTreeState> allocateWipeTreeState() override {
     return real_.allocateWipeTreeState();
@@ -46,6 +47,7 @@ class FaultyFiles final : public FileSystem {
   }
   bool LinksHaveModes() override { return real_.LinksHaveModes(); }
   int SyncDirectory(const char* path) override {
+    flushed.emplace_back(path);
     return at([&] { return real_.SyncDirectory(path); });
   }
   int SyncFileSystem(const char* path) override {
@@ -170,6 +172,13 @@ TEST_F(MoveItemTest, ASecondCallCompletesWhatAKillEnded) {
     }
     EXPECT_GT(call, 6) << "every service call was tried";
   }
+}
+
+// A power cut must not bring a file's source back once nothing marks its destination as the copy.
+TEST_F(MoveItemTest, AFilesRemovalIsStoredBeforeTheMarkGoes) {
+  FaultyFiles files(1000, FaultyFiles::Fault::fail);
+  ASSERT_TRUE(onlinux::MoveItem(files, (from_ + "/file").c_str(), to_.c_str(), nullptr));
+  EXPECT_EQ(files.flushed, (std::vector<std::string>{far_.path(), from_}));
 }
 
 TEST_F(MoveItemTest, AFailureLeavesOneOfThemWhole) {

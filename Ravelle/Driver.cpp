@@ -194,9 +194,11 @@ bool QVRavelle::_addToWorkList(std::size_t index, std::deque<WorkItem>& workList
   return true;
 }
 
-bool QVRavelle::_migrateRecords(const std::deque<WorkItem>& workList) {
+// Each record goes when it is done with: of ten thousand they are most of what the run remembers.
+bool QVRavelle::_migrateRecords(std::deque<WorkItem> workList) {
   bool allMigrated = true;
-  for (const auto& [index, record] : workList) {
+  for (; !workList.empty(); workList.pop_front()) {
+    const auto& [index, record] = workList.front();
     const RecordFields fields = FieldsOf(record);
     const std::string& bundle = fields.bundle.string();
     const Path& entry = (*_itemsToMigrate)[index];

@@ -106,7 +106,7 @@ class QVRavelle final : public MigratorPlugin {
   std::deque<WorkItem> _buildWorkList();
   bool _addToWorkList(std::size_t index, std::deque<WorkItem>& workList);
   bool _migrateChosen(const MigrationSelection& selection);
-  bool _migrateRecords(const std::deque<WorkItem>& workList);
+  bool _migrateRecords(std::deque<WorkItem> workList);
   bool _storeMovedData(const std::string& identifier, const Path& from, const Path& to);
   void _removeContainer(const Path& container, const std::vector<Path>* except);
   void _endContainer(const Path& entry, const RecordFields& fields, bool migrated);

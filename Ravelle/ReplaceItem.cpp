@@ -84,6 +84,14 @@ bool DestinationHoldsSource(const Path& source, const Path& destination) {
   return to.empty() || from == to || IsBelow(from, to);
 }
 
+// Of a directory by its real path. True also when it cannot be told, as for an empty path.
+bool OverlapsReal(const std::string& directory, const Path& used) {
+  if (directory.empty()) return true;
+  const std::string other = RealPathOf(used.fileSystemRepresentation().c_str());
+  if (other.empty()) return errno != ENOENT;
+  return directory == other || IsBelow(directory, other) || IsBelow(other, directory);
+}
+
 // What belongs to the system or the service and to no app or group.
 std::vector<Path> DirectoriesInUse(const QVGlobalConfiguration& configuration) {
   const Path& root = configuration.rootPath();
@@ -119,19 +127,16 @@ bool LiesBelow(const Path& item, const Path& directory) {
 }
 
 bool Overlaps(const Path& directory, const Path& used) {
-  const std::string one = RealPathOf(directory.fileSystemRepresentation().c_str());
-  if (one.empty()) return true;
-  const std::string other = RealPathOf(used.fileSystemRepresentation().c_str());
-  if (other.empty()) return errno != ENOENT;
-  return one == other || IsBelow(one, other) || IsBelow(other, one);
+  return OverlapsReal(RealPathOf(directory.fileSystemRepresentation().c_str()), used);
 }
 
 bool IsGroupContainer(const Path& recorded, const Path& newContainer,
                       const QVGlobalConfiguration& configuration, Error* error) {
   std::vector<Path> used = DirectoriesInUse(configuration);
   if (!newContainer.isAbsent()) used.push_back(newContainer);
+  const std::string real = RealPathOf(recorded.fileSystemRepresentation().c_str());
   for (const Path& directory : used) {
-    if (!Overlaps(recorded, directory)) continue;
+    if (!OverlapsReal(real, directory)) continue;
     return SetError(error, _CreateError(kIsGroupContainer, __LINE__, PosixErrorDomain, EINVAL,
                                         "%@ is in use: %@", recorded, directory));
   }

@@ -114,8 +114,7 @@ void AddMigrate(CLI::App& parser, Options& options) {
   AddFile(*command, "--events", options.events,
           "Append what happens as JSON lines while it runs (- for standard output)");
   command
-      ->add_option("--device", options.device,
-                   "The device's name in the result (default: its directory's)")
+      ->add_option("--device", options.device, "Its name in the result (default: its directory's)")
       ->type_name("NAME")
       ->check(NotEmpty);
   command->add_flag("--quiet", options.quiet, "Print nothing but errors (and what --json asks for)")
@@ -219,11 +218,9 @@ void AddReport(CLI::App& parser, Options& options) {
   CLI::App* command =
       parser.add_subcommand("report", "Make one page of results that migrate --json printed");
   AddJson(*command, options);
-  command
-      ->add_option("FILE", options.files,
-                   "Results, one or more in each file; a directory means the *.json in it")
+  command->add_option("FILE", options.files, "Results; a directory means the *.json in it")
       ->required()
-      ->type_name("...")
+      ->type_name("")
       ->check(NotEmpty);
   AddFile(*command, "--log", options.logFile, "The run's log, if there is one result");
   AddFile(*command, "--output", options.output, "The page (default: report.html)");
@@ -231,7 +228,8 @@ void AddReport(CLI::App& parser, Options& options) {
   command->footer(
       "Example:\n"
       "  mkdir -p /tmp/device/private/var/mobile && cd /tmp/device &&\n"
-      "  migration-host migrate --root . --json >run.json && migration-host report run.json");
+      "  migration-host migrate --root . --json >run.json &&\n"
+      "  migration-host report run.json");
 }
 
 void AddRegister(CLI::App& parser, Options& options) {

@@ -46,10 +46,7 @@ void Fleet::add(const std::string& file, const RunResult& result) {
       .device = result.device, .file = file, .state = StateOf(result), .seconds = result.seconds};
   if (result.kind == ResultKind::refused) {
     ++notBegun;
-    addCause("not begun: " + result.refusalReason, result.device, false);
-    for (const ResultProblem& finding : result.findings) {
-      if (finding.step == "refuse") addCause("not begun: " + finding.reason, result.device, false);
-    }
+    addRefusal(result);
   } else {
     addRun(result, note);
   }
@@ -57,6 +54,17 @@ void Fleet::add(const std::string& file, const RunResult& result) {
   devicesThatLost += hasLost ? 1 : 0;
   devicesThatKept += note.kept > 0 ? 1 : 0;
   if (note.state != "succeeded" || hasLost || note.kept > 0) ofNote.push_back(std::move(note));
+}
+
+// The findings say it more exactly, where it was they that refused the run.
+void Fleet::addRefusal(const RunResult& result) {
+  bool isTold = false;
+  for (const ResultProblem& finding : result.findings) {
+    if (finding.step != "refuse") continue;
+    addCause("not begun: " + finding.reason, result.device, false);
+    isTold = true;
+  }
+  if (!isTold) addCause("not begun: " + result.refusalReason, result.device, false);
 }
 
 void Fleet::addRun(const RunResult& result, DeviceOfNote& note) {

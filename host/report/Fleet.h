@@ -64,6 +64,7 @@ class Fleet {
 
  private:
   void addRun(const RunResult& result, DeviceOfNote& note);
+  void addRefusal(const RunResult& result);
   void addContainer(const ResultContainer& container, const RunResult& result, DeviceOfNote& note);
   void addCause(const std::string& cause, const std::string& example, bool isContainer);
   void addSlow(const ResultContainer& container, const RunResult& result);

@@ -77,6 +77,12 @@ double FirstBound(double shortest) {
   return bound;
 }
 
+// A round number needs no digits behind the point.
+std::string Bound(double seconds) {
+  return seconds < 1 ? Fixed(seconds * 1e3, 0) + " ms"
+                     : Grouped(static_cast<std::uint64_t>(std::lround(seconds))) + " s";
+}
+
 std::string Bar(double share) {
   return "<svg width=\"100%\" height=\"12\" aria-hidden=\"true\"><rect class=\"s3\" width=\"" +
          Fixed(share * 100, 2) + "%\" height=\"100%\"/></svg>";
@@ -119,7 +125,7 @@ std::string Durations(const Fleet& fleet) {
       bins.begin(), bins.end(), [](const Bin& a, const Bin& b) { return a.count < b.count; });
   std::string html = "<div class=\"bars\">\n";
   for (const Bin& bin : bins) {
-    html += "<div class=\"run\" data-bin><span>" + Duration(bin.from) + " to " + Duration(bin.to) +
+    html += "<div class=\"run\" data-bin><span>" + Bound(bin.from) + " to " + Bound(bin.to) +
             "</span>" + Bar(static_cast<double>(bin.count) / static_cast<double>(largest->count)) +
             "<span class=\"n\">" + Grouped(bin.count) + "</span></div>\n";
   }

@@ -78,7 +78,7 @@ margin-bottom:.3rem}
 .run>:nth-child(3){grid-row:2;grid-column:1/3;margin-bottom:.35rem}
 .bars .run>:nth-child(2){display:block;grid-row:2;grid-column:1/3}
 .bars .run>:nth-child(3){grid-row:1;grid-column:2;margin:0}
-#containers{min-width:0}#containers thead{display:none}#containers tr{display:block;padding:.6rem 0;
+.scroll table{min-width:36rem}.scroll #containers{min-width:0}#containers thead{display:none}#containers tr{display:block;padding:.6rem 0;
 border-bottom:1px solid var(--line)}#containers td{display:block;border:0;padding:.1rem 0;
 text-align:left}#containers td:empty{display:none}
 #containers td:nth-child(4)::before{content:"Kept: ";color:var(--soft)}

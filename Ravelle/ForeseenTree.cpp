@@ -33,6 +33,9 @@ int WhyDenied(const char* path, int wanted) {
 // Whether entries of the directory can be taken out of it or put into it.
 int WhyNotChanged(const char* directory) { return WhyDenied(directory, W_OK | X_OK); }
 
+// Whether a flag keeps the item where it is, which the kernel tells by a number of its own.
+bool IsFixed(const char* item) { return WhyDenied(item, W_OK) == EPERM; }
+
 // Why the item cannot leave its directory. A directory that gets another parent is itself written;
 // of anything else only a flag is in the way, which the kernel tells by another number.
 int WhyNotTakenOut(const Path& item) {
@@ -98,7 +101,7 @@ class ForeseenTree::Count {
   };
 
   void leave(const char* path, bool unreadable) {
-    const bool stays = levels_.back().stays || unreadable;
+    const bool stays = levels_.back().stays || unreadable || IsFixed(path);
     levels_.pop_back();
     if (stays || !levels_.back().changeable) {
       levels_.back().stays = true;
@@ -108,7 +111,7 @@ class ForeseenTree::Count {
   }
 
   void passFile(const TreeWalkEntry& entry) {
-    if (!levels_.back().changeable) {
+    if (!levels_.back().changeable || IsFixed(entry.path)) {
       levels_.back().stays = true;
       return;
     }

@@ -57,6 +57,8 @@ bool RavellePreview::registers(const RecordFields& fields) {
   // A VPN plug-in gets no placeholder: somebody must have recorded it.
   const auto proxy = workspace->bundleProxyForIdentifier(fields.identifier);
   if (proxy && proxy->dataContainerPath) return true;
+  // An app that comes with the system has no containers before one is asked for.
+  if (proxy && proxy->foundBackingBundle && !proxy->bundleContainerPath) return true;
   return stop(Step::placeholder, proxy ? Reason::noDataContainer : Reason::noRecord, {});
 }
 

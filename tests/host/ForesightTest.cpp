@@ -1,6 +1,10 @@
 // What inspect foresees is what migrate does: of many made trees, as root and as an ordinary user.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <functional>
 #include <iterator>
@@ -41,6 +45,23 @@ void Replace(const std::string& path, const std::string& bytes) {
   Put(path, bytes);
 }
 
+// As far as the file system has the flag and the test the right to it.
+void Fix(const std::string& path, bool fixed) {
+  const int item = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  int flags = fixed ? FS_IMMUTABLE_FL : 0;
+  if (item >= 0) (void)::ioctl(item, FS_IOC_SETFLAGS, &flags);
+  ::close(item);
+}
+
+// Everything may be removed again.
+void Loosen(const std::string& root) {
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    if (!entry.is_symlink() && (entry.is_regular_file() || entry.is_directory())) {
+      Fix(entry.path(), false);
+    }
+  }
+}
+
 using Ill = void (*)(const Made&);
 
 // Each names what real devices had, or what an attacker would write.
@@ -55,6 +76,18 @@ constexpr std::pair<const char*, Ill> kIlls[] = {
     {"root's bundle", [](const Made& m) { OwnByRoot(m.at(m.bundle)); }},
     {"Documents 0000", [](const Made& m) { Mode(m.at("Documents"), 0); }},
     {"Documents 0555", [](const Made& m) { Mode(m.at("Documents"), 0555); }},
+    {"immutable file deep inside",
+     [](const Made& m) { Fix(m.at("Library/Preferences/deep/er/file"), true); }},
+    {"immutable directory deep inside",
+     [](const Made& m) { Fix(m.at("Library/Preferences/deep"), true); }},
+    {"immutable file in the bundle",
+     [](const Made& m) { Fix(m.at(m.bundle + "/Info.plist"), true); }},
+    {"unreadable empty directory", [](const Made& m) { Mode(m.at("Tillkit/empty"), 0); }},
+    {"unreadable empty directory of root's",
+     [](const Made& m) {
+       OwnByRoot(m.at("Tillkit/empty"));
+       Mode(m.at("Tillkit/empty"), 0);
+     }},
     {"tmp 0500", [](const Made& m) { Mode(m.at("tmp"), 0500); }},
     {"bundle 0555", [](const Made& m) { Mode(m.at(m.bundle), 0555); }},
     {"bundle 0000", [](const Made& m) { Mode(m.at(m.bundle), 0); }},
@@ -133,7 +166,8 @@ constexpr std::pair<const char*, Ill> kIlls[] = {
 
 class Generator {
  public:
-  Generator(const Device& device, unsigned seed) : device_(device), random_(seed) {}
+  Generator(const Device& device, unsigned seed, bool asUser)
+      : device_(device), asUser_(asUser), random_(seed) {}
 
   std::string told;  // what was made, for a failure
 
@@ -153,6 +187,8 @@ class Generator {
         const bool isOfBundle = std::string_view(name).find("bundle") != std::string_view::npos ||
                                 std::string_view(name).find("dictionary") == 0 ||
                                 std::string_view(name).find("executable") == 0;
+        // Whether it is empty only an attempt to remove it shows.
+        if (asUser_ && std::string_view(name).starts_with("unreadable empty")) continue;
         if (isOfBundle && !Exists(made.at(made.bundle + "/Info.plist"))) continue;
         told += made.name + ": " + name + "\n";
         try {
@@ -186,6 +222,17 @@ class Generator {
     Put(device_.root() + InstallMap,
         Dictionary("<key>GroupContainers</key><dict>" + groups + "</dict>"));
     if (oneIn(2)) Put(device_.root() + kHarborMap, Dictionary(harbors));
+  }
+
+  // Apps that the system carries, older than the users' or of the same version. A newer one is kept
+  // in the place of the user's, which the preview does not know.
+  void builtInApps() {
+    for (int i = 0; i < 9; ++i) {
+      if (!oneIn(4)) continue;
+      const char* const versions[] = {"0.9", "1.2"};
+      const std::string name = "/Applications/BuiltIn" + std::to_string(i) + ".app";
+      PutBundle(device_.inside(name), "com.example.g" + std::to_string(i), "", versions[below(2)]);
+    }
   }
 
   void groupIlls() {
@@ -231,6 +278,7 @@ class Generator {
   }
 
   const Device& device_;
+  const bool asUser_;
   std::mt19937 random_;
   std::vector<Made> made_;
 };
@@ -267,10 +315,14 @@ class Trial {
         setup_(setup),
 
         device_(tree_ / "device"),
-        generator_(device_, seed) {}
+        generator_(device_, seed, asUser) {}
+  ~Trial() { Loosen(device_.root()); }
+  Trial(const Trial&) = delete;
+  Trial& operator=(const Trial&) = delete;
 
   void run() {
     generator_.maps();
+    generator_.builtInApps();
     generator_.containers("C");
     give();
     (void)device_.run({"register", "--identifier", "com.example.g1"}, setup_);

@@ -2,7 +2,8 @@
 #include "host/SharedIdentifiers.h"
 
 #include <set>
-#include <string_view>
+#include <string>
+#include <unordered_set>
 
 #include "host/console/TerminalText.h"
 #include "platform/DeviceNames.h"
@@ -19,14 +20,20 @@ std::string LegacyContainerOf(const std::string& path) {
   return path.substr(0, path.find('/', kLegacy.size()));
 }
 
-bool AnyTwoClaimOne(const RunAccount& classified) {
-  std::set<std::string_view> seen;
-  for (const ContainerResult& container : classified.containers()) {
-    const std::string& identifier = container.is.identifier;
-    if (!identifier.empty() && !seen.insert(identifier).second) return true;
+// Hears which apps the containers claim, and keeps no more of ten thousand containers than that.
+class ClaimedApps final : public MigrationAccount {
+ public:
+  bool anyTwice() const { return anyTwice_; }
+
+  void containerClassified(const ClassifiedContainer& container) override {
+    const std::string& identifier = container.identifier;
+    if (!identifier.empty() && !seen_.insert(identifier).second) anyTwice_ = true;
   }
-  return false;
-}
+
+ private:
+  std::unordered_set<std::string> seen_;
+  bool anyTwice_ = false;
+};
 
 }  // namespace
 
@@ -51,10 +58,10 @@ void SharedIdentifiers::find(const PluginBundle& bundle, Findings& findings) {
   FatalError error;
   looking_->install();
   const std::unique_ptr<MigrationPreview> preview = bundle.createPreview(error);
-  RunAccount classified;
+  ClaimedApps claimed;
   RunAccount foreseen;
-  const bool isLookedAt = preview != nullptr && preview->classify(classified, nullptr) &&
-                          AnyTwoClaimOne(classified) && preview->preview(foreseen, nullptr);
+  const bool isLookedAt = preview != nullptr && preview->classify(claimed, nullptr) &&
+                          claimed.anyTwice() && preview->preview(foreseen, nullptr);
   // Gone before the run's own services come.
   looking_.reset();
   if (isLookedAt) FindReplacedData(foreseen, findings);

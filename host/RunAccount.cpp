@@ -10,6 +10,9 @@ namespace quorvel::host {
 
 namespace {
 
+// Of a container that migrates whole.
+constexpr std::size_t kUsualSteps = 9;
+
 // A group may fail once per item; this many are enough to know why, and all are in the log.
 constexpr std::size_t kMostProblems = 32;
 
@@ -36,6 +39,7 @@ ContainerResult* RunAccount::open() {
 void RunAccount::itemsFound(std::size_t count) {
   const std::scoped_lock lock(mutex_);
   items_ = count;
+  containers_.reserve(count);
   tell("found", [&] { return Json{{"items", count}}; });
 }
 
@@ -46,8 +50,7 @@ double RunAccount::sinceStart(Clock::time_point now) const {
 void RunAccount::endStep(Clock::time_point now) {
   ContainerResult* result = open();
   if (inStep_ && result != nullptr && !result->steps.empty()) {
-    StepTime& last = result->steps.back();
-    last.seconds = sinceStart(now) - last.start;
+    result->steps.back().seconds = std::chrono::duration<float>(now - stepSince_).count();
   }
   inStep_ = false;
 }
@@ -61,7 +64,9 @@ void RunAccount::stepBegan(MigrationStep step) {
   ContainerResult* result = open();
   if (result == nullptr) return;
   // What comes before the first step is no time of anything else.
-  result->steps.push_back({step, sinceStart(hadStep_ ? now : since_), 0});
+  stepSince_ = hadStep_ ? now : since_;
+  if (result->steps.empty()) result->steps.reserve(kUsualSteps);
+  result->steps.push_back({step, static_cast<float>(sinceStart(stepSince_)), 0});
   inStep_ = hadStep_ = true;
 }
 

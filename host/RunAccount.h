@@ -17,11 +17,12 @@
 
 namespace quorvel::host {
 
-// When a step was at work, in seconds since the run's beginning.
+// When a step was at work, in seconds since the run's beginning. There are nine for each container:
+// half as exact is exact enough, and half as large.
 struct StepTime {
   MigrationStep step = MigrationStep::introspect;
-  double start = 0;
-  double seconds = 0;
+  float start = 0;
+  float seconds = 0;
 };
 
 // One entry of the legacy directory, from its first sight to its end.
@@ -120,6 +121,7 @@ class RunAccount : public MigrationAccount {
   // Set between the container's beginning and its end.
   std::optional<std::size_t> open_;  // index of the container that things belong to
   Clock::time_point since_;
+  Clock::time_point stepSince_;
   bool hadStep_ = false;  // since the open container began
   bool inStep_ = false;   // the open container's last step has no end yet
   std::vector<ContainerResult> containers_;

@@ -45,10 +45,25 @@ else()
   message(STATUS "cmark-gfm is not installed: the library's document is installed as it is only")
 endif()
 
+# Completion, which each program writes from its own option tables.
+set(completions)
 foreach(program migration-host quorvelctl legacy-image)
-  install(FILES tools/completion/quorvel.bash RENAME ${program}
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  foreach(place bash:bash-completion/completions:${program} zsh:zsh/site-functions:_${program}
+          fish:fish/vendor_completions.d:${program}.fish)
+    string(REPLACE ":" ";" place ${place})
+    list(GET place 0 shell)
+    list(GET place 1 directory)
+    list(GET place 2 name)
+    set(script ${CMAKE_BINARY_DIR}/completion/${shell}/${name})
+    file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/completion/${shell})
+    add_custom_command(OUTPUT ${script} DEPENDS ${program}
+      COMMAND ${program} --completion ${shell} >${script}.new
+      COMMAND ${CMAKE_COMMAND} -E rename ${script}.new ${script})
+    list(APPEND completions ${script})
+    install(FILES ${script} DESTINATION ${CMAKE_INSTALL_DATADIR}/${directory})
+  endforeach()
 endforeach()
+add_custom_target(completion ALL DEPENDS ${completions})
 
 # The plug-in is loaded, never linked: it stands in a directory of its own.
 install(TARGETS Ravelle LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/quorvel)

@@ -7,7 +7,9 @@
 #include <string_view>
 
 #include "QuorvelCommit.h"
+#include "host/console/Completion.h"
 #include "host/console/ExitCode.h"
+#include "host/console/Help.h"
 #include "host/console/NearestName.h"
 #include "host/console/TerminalText.h"
 #include "host/console/UsageComplaint.h"
@@ -19,9 +21,9 @@ namespace quorvel::host {
 namespace {
 
 constexpr const char* kExitCodesText =
-    "Exit codes: 0 done, also when there was nothing to do; 1 it ran and reported failure;\n"
-    "2 usage; 3 the plug-in cannot be loaded; 4 no device tree, or it cannot be entered;\n"
-    "5 refused before anything was changed.";
+    "Exit codes: 0 done, also when there was nothing to do; 1 it ran and reported\n"
+    "failure; 2 usage; 3 the plug-in cannot be loaded; 4 no device tree, or it cannot\n"
+    "be entered; 5 refused before anything was changed; 130, 143, 129 interrupted.";
 
 std::string NotEmpty(const std::string& value) {
   return value.empty() ? "the value is empty" : std::string();
@@ -122,8 +124,8 @@ void AddMigrate(CLI::App& parser, Options& options) {
   command->callback([&options] { options.command = Command::migrate; });
   command->footer(
       "Example:\n"
-      "  mkdir -p /tmp/device/private/var/mobile && migration-host migrate --root /tmp/device "
-      "--log /tmp/device.log");
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host migrate --root /tmp/device --log /tmp/device.log");
 }
 
 void AddInspect(CLI::App& parser, Options& options) {
@@ -134,8 +136,9 @@ void AddInspect(CLI::App& parser, Options& options) {
   AddPlugin(*command, options);
   command->callback([&options] { options.command = Command::inspect; });
   command->footer(
-      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host inspect --root "
-      "/tmp/device");
+      "Example:\n"
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host inspect --root /tmp/device");
 }
 
 void AddStatus(CLI::App& parser, Options& options) {
@@ -146,8 +149,9 @@ void AddStatus(CLI::App& parser, Options& options) {
   AddPlugin(*command, options);
   command->callback([&options] { options.command = Command::status; });
   command->footer(
-      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host status --root "
-      "/tmp/device");
+      "Example:\n"
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host status --root /tmp/device");
 }
 
 void AddRegistry(CLI::App& parser, Options& options) {
@@ -157,8 +161,9 @@ void AddRegistry(CLI::App& parser, Options& options) {
   AddJson(*command, options);
   command->callback([&options] { options.command = Command::registry; });
   command->footer(
-      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host registry --root "
-      "/tmp/device --json");
+      "Example:\n"
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host registry --root /tmp/device --json");
 }
 
 void AddFlag(CLI::App& command, const char* name, bool& value, const char* text) {
@@ -195,6 +200,8 @@ void AddVerify(CLI::App& parser, Options& options) {
   command->callback([&options] { options.command = Command::verify; });
   command->footer(
       "Example:\n"
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host snapshot --root /tmp/device --output /tmp/device.jsonl\n"
       "  migration-host verify --root /tmp/device /tmp/device.jsonl");
 }
 
@@ -210,8 +217,9 @@ void AddRehearse(CLI::App& parser, Options& options) {
   AddFlag(*command, "--keep", options.keep, "Keep the view's changes and the manifest");
   command->callback([&options] { options.command = Command::rehearse; });
   command->footer(
-      "Example:\n  mkdir -p /tmp/device/private/var/mobile && migration-host rehearse --root "
-      "/tmp/device");
+      "Example:\n"
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host rehearse --root /tmp/device");
 }
 
 void AddReport(CLI::App& parser, Options& options) {
@@ -244,9 +252,8 @@ void AddRegister(CLI::App& parser, Options& options) {
   command->callback([&options] { options.command = Command::registerIdentifier; });
   command->footer(
       "Example:\n"
-      "  mkdir -p /tmp/device/private/var/mobile && migration-host register --root /tmp/device "
-      "--identifier "
-      "com.example.tunnel");
+      "  mkdir -p /tmp/device/private/var/mobile\n"
+      "  migration-host register --root /tmp/device --identifier com.example.tunnel");
 }
 
 // By hand, since parsing has failed: a program that asked for JSON gets its complaint as JSON.
@@ -261,6 +268,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   Options options;
   CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
   parser.set_version_flag("--version", std::string("migration-host ") + kBuiltVersion);
+  parser.formatter(HelpFormatter());
   // Without one there is nothing to do, and nothing is guessed.
   parser.require_subcommand(1);
   parser.footer(kExitCodesText);
@@ -275,6 +283,11 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddReport(parser, options);
 
   ParsedCommandLine parsed;
+  const KnownValues known = {{"--force-preflight", {kRefusals.begin(), kRefusals.end()}}};
+  if (const auto script = CompletionAskedFor(parser, argc, argv, known)) {
+    parsed.text = *script;
+    return parsed;
+  }
   // Before parsing, which stops at the first thing that it does not like and has worse words for
   // it.
   const std::string complaint = UsageComplaint(parser, argc, argv);

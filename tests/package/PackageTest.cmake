@@ -52,17 +52,31 @@ if("${output}" MATCHES "not found")
   fail("the plug-in misses a library:\n${output}")
 endif()
 
-# Commands and options are completed from the help.
+# Commands, options and values are completed, in the shells that are there.
 foreach(words "migration-host reh=rehearse" "quorvelctl dig=digest" "quorvelctl flags --js=--json"
-    "legacy-image --fai=--failing")
-  string(REPLACE "=" ";" words "${words}")
+        "migration-host migrate --progress al=always" "legacy-image --reg=--registered-list"
+        "migration-host migrate --force-preflight no-sp=no-space")
+  string(REPLACE "=" ";" words ${words})
   list(GET words 0 typed)
   list(GET words 1 wanted)
-  run(bash -c "PATH=${prefix}/bin:$PATH
-    source ${prefix}/share/bash-completion/completions/quorvelctl
-    COMP_WORDS=(${typed}) COMP_CWORD=$(($(wc -w <<<'${typed}') - 1)) && _quorvel && echo \"\${COMPREPLY[*]}\"")
+  string(REGEX REPLACE " .*" "" program ${typed})
+  string(REPLACE "-" "_" function _${program})
+  run(bash -c "source ${prefix}/share/bash-completion/completions/${program}
+    COMP_WORDS=(${typed}) COMP_CWORD=$(($(wc -w <<<'${typed}') - 1)) && ${function} && echo \"\${COMPREPLY[*]}\"")
   if(NOT "${output}" STREQUAL "${wanted}\n")
-    fail("${typed} is completed to ${output}")
+    fail("bash: ${typed} is completed to ${output}")
+  endif()
+  find_program(FISH fish)
+  if(FISH)
+    run(${FISH} --no-config -c "source ${prefix}/share/fish/vendor_completions.d/${program}.fish
+      complete --do-complete '${typed}'")
+    if(NOT "${output}" MATCHES "^${wanted}(\t|\n)")
+      fail("fish: ${typed} is completed to ${output}")
+    endif()
+  endif()
+  find_program(ZSH zsh)
+  if(ZSH)
+    run(${ZSH} -f -n ${prefix}/share/zsh/site-functions/_${program})
   endif()
 endforeach()
 

@@ -68,8 +68,8 @@ class QuorvelctlTest : public Test {
     std::istringstream help(RunHost({"--help"}).out);
     bool inList = false;
     for (std::string line; std::getline(help, line);) {
-      if (line.empty()) inList = false;
-      if (inList) names.push_back(line.substr(2, line.find(' ', 2) - 2));
+      if (line.empty()) inList = false;  // a row that goes on is indented
+      if (inList && line[2] != ' ') names.push_back(line.substr(2, line.find(' ', 2) - 2));
       if (line == "Subcommands:") inList = true;
     }
     return names;
@@ -101,6 +101,28 @@ TEST_F(QuorvelctlTest, HelpAndVersionSucceedAndEveryExampleWorks) {
     shell("sh -c '" + std::string() + "cat > example; sh -e example && sh -e example' <<'END'\n" +
           run.out.substr(at + 9) + "END\n");
   }
+}
+
+// Of all three programs; those of the host that need no namespace are run as they stand, elsewhere.
+TEST_F(QuorvelctlTest, HelpFitsEightyColumnsAndTheHostsExamplesWork) {
+  const HostRun run = RunShell(R"(
+commands() { "$1" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p'; }
+wide() { awk -v who="$*" 'length($0) > 80 { print who ": " $0 }'; }
+legacy-image --help | wide legacy-image
+for program in migration-host quorvelctl; do
+  "$program" --help | wide "$program"
+  for command in $(commands "$program"); do
+    "$program" "$command" --help | wide "$program" "$command"
+    "$program" "$command" --help | sed -n '/^Example:/,$p' | sed 1d >example
+    [ -s example ] || echo "$program $command: no example"
+    case $program:$command in quorvelctl:*|*:rehearse) continue;; esac
+    sed "s#/tmp/device#$PWD/device#g" example >here
+    sh -e here >printed 2>&1 || cat "$PWD/here" printed
+  done
+done)",
+                               tree_.path());
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.out, "");
 }
 
 TEST_F(QuorvelctlTest, NamesOfAnyBytesComeInAndGoOut) {

@@ -12,7 +12,9 @@
 #include <string>
 
 #include "QuorvelCommit.h"
+#include "host/console/Completion.h"
 #include "host/console/ExitCode.h"
+#include "host/console/Help.h"
 #include "host/console/ShellWord.h"
 #include "host/console/TerminalText.h"
 #include "host/console/UsageComplaint.h"
@@ -43,16 +45,17 @@ auto UpTo(std::uint64_t most) {
 
 std::string Footer() {
   std::string text =
-      "\nStandard output has the commands that make the registry know the VPN plug-ins that stand\n"
-      "alone; without them their containers fail. The same arguments write the same bytes, names,\n"
-      "modes and times.\n"
+      "\nStandard output has the commands that make the registry know the VPN plug-ins\n"
+      "that stand alone; without them their containers fail. The same arguments write\n"
+      "the same bytes, names, modes and times.\n"
       "\n--failing adds, each of which must make a migration report failure:\n";
   for (const auto& one : FailingCases()) {
     text += std::string("  ") + one.name + "\n      " + one.why + "\n";
   }
   return text +
          "\nExample, a device with 40 apps in a new directory, made ready and migrated:\n"
-         "  legacy-image /tmp/device --apps 40 | sh && migration-host migrate --root /tmp/device";
+         "  legacy-image /tmp/device --apps 40 | sh\n"
+         "  migration-host migrate --root /tmp/device";
 }
 
 int Complain(const std::string& problem) {
@@ -114,8 +117,14 @@ int ParseAndRun(int argc, char** argv) {
   app.add_flag("--plain", options.plain, "nothing but apps that are all alike, for measurements");
   app.add_flag("--no-icons", withoutIcons, "apps without icons");
   app.add_option("--registered-list", listPath,
-                 "also write the identifiers to be registered to this file, one per line");
+                 "also write the identifiers to be registered to this file, one per line")
+      ->type_name("FILE");
+  app.formatter(quorvel::host::HelpFormatter());
   app.footer(Footer());
+  if (const auto script = quorvel::host::CompletionAskedFor(app, argc, argv)) {
+    std::cout << *script << std::flush;
+    return std::cout ? 0 : ExitFailed;
+  }
   // Before the parser, whose own words for the same are worse.
   const std::string wrong = quorvel::host::UsageComplaint(app, argc, argv);
   try {

@@ -236,8 +236,8 @@ constexpr CommandEntry kCommands[] = {
     {"catalog", "Show the apps and frameworks that come with the system or on disk images",
      "mkdir -p device/Applications && quorvelctl catalog --root device", Make<Catalog>},
     {"flags", "Show or set the persisted flags (\"set\" needs --root)",
-     "mkdir -p device && quorvelctl flags set haveUpdatedPluginContainersWithParentID true "
-     "--root device",
+     "mkdir -p device && quorvelctl flags --root device \\\n"
+     "    set haveUpdatedPluginContainersWithParentID true",
      Make<Flags>},
 };
 

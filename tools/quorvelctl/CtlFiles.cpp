@@ -221,13 +221,13 @@ constexpr CommandEntry kCommands[] = {
     {"digest", "Print SHA-256 digests in the form of sha256sum",
      "printf abc > f && quorvelctl digest f", Make<Digest>},
     {"info", "Show a bundle's info dictionary",
-     "mkdir -p B.app && printf '<plist><dict><key>PKBundleIdentifier</key>"
-     "<string>com.example.b</string></dict></plist>' > B.app/Info.plist && "
-     "quorvelctl info B.app PKBundleIdentifier",
+     "mkdir -p B.app && printf '%s' '<plist><dict><key>PKBundleIdentifier</key>' \\\n"
+     "    '<string>com.example.b</string></dict></plist>' > B.app/Info.plist\n"
+     "  quorvelctl info B.app PKBundleIdentifier",
      Make<Info>},
     {"plist", "Show a property list, or write it to standard output in another encoding",
-     "printf '<plist><array><true/></array></plist>' > a.plist && "
-     "quorvelctl plist convert --to json a.plist",
+     "printf '<plist><array><true/></array></plist>' > a.plist\n"
+     "  quorvelctl plist convert --to json a.plist",
      Make<PropertyList>},
 };
 

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "QuorvelCommit.h"
+#include "host/console/Completion.h"
+#include "host/console/Help.h"
 #include "host/console/Output.h"
 #include "host/console/TerminalText.h"
 #include "host/console/UsageComplaint.h"
@@ -23,11 +25,11 @@ using host::ExitUsage;
 using host::Printable;
 
 constexpr const char* GeneralHelp =
-    "Relative paths are below the current directory, or with --root below DIR, which the process\n"
-    "is then confined to. \"directories\" and \"flags set\" write to places of the device's own "
-    "and\n"
-    "refuse to run without --root; --root / means this machine.\n"
-    "Exit codes: 0 done, or yes; 1 failed, or no; 2 usage; 4 the tree cannot be entered.";
+    "Relative paths are below the current directory, or with --root below DIR, which\n"
+    "the process is then confined to. \"directories\" and \"flags set\" write to places\n"
+    "of the device's own and refuse to run without --root; --root / is this machine.\n"
+    "Exit codes: 0 done, or yes; 1 failed, or no; 2 usage; 4 the tree cannot be\n"
+    "entered.";
 
 struct Declared {
   CLI::App* parser = nullptr;
@@ -64,6 +66,7 @@ class CommandLine {
   explicit CommandLine(std::string_view first)
       : parser_("Calls the installation service's shared operations.", "quorvelctl") {
     parser_.set_version_flag("--version", std::string("quorvelctl ") + kBuiltVersion);
+    parser_.formatter(host::HelpFormatter());
     parser_.require_subcommand(1);
     parser_.footer(GeneralHelp);
     const std::vector<CommandEntry> all = AllCommands();
@@ -77,6 +80,7 @@ class CommandLine {
   }
 
   int run(int argc, const char* const* argv) {
+    if (const auto script = host::CompletionAskedFor(parser_, argc, argv)) return print(*script);
     // The parser takes words from the back.
     std::vector<std::string> words;
     for (int i = argc - 1; i > 0; --i) words.push_back(Guarded(argv[i]));

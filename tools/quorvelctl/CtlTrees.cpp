@@ -227,8 +227,7 @@ std::unique_ptr<Command> MakeMove(CLI::App& parser) {
 }
 
 constexpr CommandEntry kCommands[] = {
-    {"list",
-     "List items as the service meets them: in the directory's order, links told from directories",
+    {"list", "List items in the directory's own order, links told from directories",
      "mkdir -p d/sub && quorvelctl list d", Make<List>},
     {"remove", "Remove items and everything below them; a missing one is done",
      "mkdir -p d/sub && quorvelctl remove d", Make<Remove>},

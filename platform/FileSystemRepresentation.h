@@ -6,6 +6,14 @@
 // one character of the private range U+10FE00..U+10FEFF (U+10FE00 + byte), and a name that
 // really contains a character of that range has each of its four bytes escaped. Decoding is
 // thus total and reversible: every name has exactly one text and comes back from it unchanged.
+//
+// The escape range lies at the end of the last private plane, in which nobody's standard assigns
+// characters, so that a name hardly ever holds one of its own. Were such names refused instead, a
+// container with one odd file could never be migrated; were the bytes replaced, two names could
+// become one.
+//
+// Everything here is pure and any thread may call it. Only bytes count: names are never normalised,
+// since the file systems below do not normalise either. What makes a text may throw std::bad_alloc.
 #pragma once
 
 #include <cstddef>
@@ -16,10 +24,13 @@ namespace quorvel {
 
 namespace encoding_detail {
 
-// Length of the valid UTF-8 sequence at the front of `bytes`, or 0.
+// Length of the valid UTF-8 sequence at the front of `bytes`, or 0. `bytes` is not empty. Strict:
+// the shortest form only, no surrogates, nothing above U+10FFFF. A decoder that took more would
+// give two byte strings one text.
 inline std::size_t Utf8SequenceLength(std::string_view bytes) {
   const auto at = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
   const auto continues = [&](std::size_t i) { return (at(i) & 0xC0U) == 0x80U; };
+  // C0 and C1 could only begin overlong forms of ASCII.
   const unsigned lead = at(0);
   if (lead < 0x80) return 1;
   if (lead >= 0xC2 && lead <= 0xDF) return bytes.size() >= 2 && continues(1) ? 2 : 0;
@@ -38,14 +49,17 @@ inline std::size_t Utf8SequenceLength(std::string_view bytes) {
   return 0;
 }
 
-// U+10FE00..U+10FEFF are the sequences F4 8F B8..BB 80..BF.
+// U+10FE00..U+10FEFF are the sequences F4 8F B8..BB 80..BF. Asked of the beginning of a text, which
+// may be longer than the character. The last byte is not looked at: in valid UTF-8 it can only be a
+// continuation.
 inline bool IsEscapeCharacter(std::string_view sequence) {
   return sequence.size() >= 4 && sequence[0] == '\xF4' && sequence[1] == '\x8F' &&
          (static_cast<unsigned char>(sequence[2]) & 0xFCU) == 0xB8U;
 }
 
 // Whether a valid sequence may stand in a text unescaped: XML has no control characters but
-// tab, line feed and carriage return, and neither U+FFFE nor U+FFFF.
+// tab, line feed and carriage return, and neither U+FFFE nor U+FFFF. DEL and the controls of U+0080
+// to U+009F may stand in XML and are left alone.
 inline bool StandsForItself(std::string_view sequence) {
   if (sequence.size() == 1) {
     const auto byte = static_cast<unsigned char>(sequence[0]);
@@ -55,7 +69,8 @@ inline bool StandsForItself(std::string_view sequence) {
   return !IsEscapeCharacter(sequence);
 }
 
-// The escape of one byte: U+10FE00 plus its value, in UTF-8.
+// The escape of one byte: U+10FE00 plus its value, in UTF-8. The upper two bits of the value are
+// the lower two of the third byte, the other six those of the fourth.
 inline void AppendEscaped(std::string& text, char byte) {
   const auto value = static_cast<unsigned char>(byte);
   text += "\xF4\x8F";
@@ -66,6 +81,9 @@ inline void AppendEscaped(std::string& text, char byte) {
 }  // namespace encoding_detail
 
 // The text of a byte string that names a path. Never fails; an empty string gives an empty one.
+// Slashes are ASCII and stand for themselves: a path may be encoded whole or component by
+// component, with the same text. The text is valid UTF-8 that an XML document can hold. It is up to
+// four times as long as the bytes.
 inline std::string StringFromFileSystemRepresentation(std::string_view bytes) {
   using namespace encoding_detail;
   std::string text;
@@ -85,7 +103,10 @@ inline std::string StringFromFileSystemRepresentation(std::string_view bytes) {
   return text;
 }
 
-// The bytes that name the path of a text: the inverse of StringFromFileSystemRepresentation.
+// The bytes that name the path of a text: the inverse of StringFromFileSystemRepresentation. Of a
+// text that does not come from there, what is no escape is copied as it is, valid or not. An escape
+// may stand for any byte, a slash or NUL among them: whoever uses the bytes as one name judges
+// them, not the text.
 inline std::string BytesOfFileSystemRepresentation(std::string_view text) {
   std::string bytes;
   bytes.reserve(text.size());
@@ -104,7 +125,8 @@ inline std::string BytesOfFileSystemRepresentation(std::string_view text) {
 
 // The NUL-terminated bytes of a path text for a system call. It refers to the text, which must
 // outlive it, and copies only when the text holds escapes (rare: found by one scan for F4).
-// Made for one call and gone with it; neither copied nor kept.
+// Made for one call and gone with it; neither copied nor kept. A text that holds NUL ends there for
+// a system call, as every C string does.
 class FileSystemRepresentation {
  public:
   explicit FileSystemRepresentation(const std::string& text) : text_(text.c_str()) {

@@ -35,7 +35,9 @@ class HardwareRegistry {
                                                 HardwareIterator* iterator) = 0;
   // The next entry, to be released by the caller; 0 at the end.
   virtual HardwareEntry next(HardwareIterator iterator) = 0;
+  // False for what is no entry.
   virtual bool conformsTo(HardwareEntry entry, const char* className) = 0;
+  // None when the entry has no such property, or it is no string.
   virtual std::optional<std::string> stringProperty(HardwareEntry entry, const char* key) = 0;
   // Releases an entry or an iterator.
   virtual void release(std::uint32_t handle) = 0;

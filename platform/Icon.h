@@ -20,7 +20,8 @@ struct Image {
   std::vector<std::uint8_t> pixels;  // width * height * 4 bytes
 };
 
-// Writes one image as a PNG file into the buffer that it was created over.
+// Writes one image as a PNG file into the buffer that it was created over. Used once: one image,
+// then finalize(). Belongs to one thread.
 class PngEncoder {
  public:
   virtual ~PngEncoder() = default;
@@ -29,10 +30,12 @@ class PngEncoder {
   virtual bool finalize() = 0;
 };
 
+// Any thread may call; nothing is kept between calls.
 class IconRenderer {
  public:
   virtual ~IconRenderer() = default;
-  // The app's icon as the home screen shows it; null when the bundle has none that can be used.
+  // The app's icon as the home screen shows it; null when the bundle has none that can be used. Why
+  // there is none is not told: an app without an icon is migrated all the same.
   virtual std::unique_ptr<Image> createHomeScreenIconImage(PKBundle& bundle) = 0;
   // An encoder over an empty buffer, which must outlive it, for `imageCount` images (PNG holds
   // one); null when it cannot be made.

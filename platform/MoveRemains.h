@@ -5,6 +5,12 @@
 // its place would, cut short, leave a part of it under its own name, which a repeated move would
 // put in place of the whole copy. So it is first renamed into a new directory beside it, a remain,
 // whose name and attribute say that whatever is in it may go. Paths here are bytes. Any thread.
+//
+// What a crash leaves, in the order of the steps: an empty remain without its mark is known by its
+// name, mode and emptiness, and goes. An empty one with its mark goes as well. From the rename on
+// the source is in a remain that is marked on stable storage, so that whoever finds it removes it;
+// until the flush of the parent a power cut may bring the source back to its own name, whole, and
+// the move is then repeated.
 #pragma once
 
 #include <sys/stat.h>
@@ -22,10 +28,12 @@
 
 namespace quorvel {
 
-// A remain's permission bits.
+// A remain's permission bits. Nobody else gets at what is about to be removed, and a directory of
+// another mode is none that was made here.
 inline constexpr mode_t MoveRemainMode = 0700;
 
-// How far the source came on its way into a remain.
+// How far the source came on its way into a remain. Told so exactly because the two movers report
+// failures in different words.
 struct SourceSetAside {
   std::string remain;    // the directory in which it is to be removed
   std::string place;     // where it was to be renamed to, or the remain that could not be made
@@ -35,6 +43,9 @@ struct SourceSetAside {
 
 // Makes a remain in `parent`, marked where the file system has attributes. Where it has none, what
 // an interruption leaves in it is taken for somebody else's and kept. 0, or an errno value.
+// `parent` may end in a slash; `made` is the last name that was tried, also on failure. The mark
+// may fail: it is no reason to fail a move whose copy is whole. A hundred names in use say that
+// something else is wrong, and end the search with EEXIST.
 inline int MakeMoveRemain(FileSystem& files, const std::string& parent, std::string* made) {
   constexpr int most = 100;
   for (int number = 1; number <= most; ++number) {
@@ -53,7 +64,9 @@ inline int MakeMoveRemain(FileSystem& files, const std::string& parent, std::str
 // Renames the directory `source`, whose copy is complete and on stable storage, into a new remain.
 // `flush(directory)` brings the names in a directory to stable storage: the mark before there is
 // anything in the remain, then the rename. True once the remain can be removed; on failure errno
-// is that of `flush` when `number` is 0.
+// is that of `flush` when `number` is 0. After a failed flush the source is where `isThere` says
+// and is not removed: what is not known to be stored must not be relied on. After a failed rename
+// the source stands under its own name, and the remain, which is empty, is removed again.
 template <class Flush>
 bool SetMoveSourceAside(FileSystem& files, const std::string& source, Flush&& flush,
                         SourceSetAside* aside) {
@@ -73,7 +86,8 @@ bool SetMoveSourceAside(FileSystem& files, const std::string& source, Flush&& fl
 
 // Whether the item is a remain: by the attribute, which only this code sets, as a name alone may
 // be a user's. One whose making was interrupted has no attribute yet, but nothing in it either,
-// which `isEmpty(item)` tells.
+// which `isEmpty(item)` tells. False where it cannot be told: what is not known to be a remain
+// stays. No link is followed.
 template <class IsEmpty>
 bool IsMoveRemain(FileSystem& files, const std::string& item, IsEmpty&& isEmpty) {
   const std::string_view name = std::string_view(item).substr(item.rfind('/') + 1);

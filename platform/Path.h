@@ -2,6 +2,10 @@
 //
 // The text is UTF-8 in the platform's file-system encoding (FileSystemRepresentation.h), without
 // a trailing slash ("/" alone and texts of links excepted). Nothing here looks at the disk.
+//
+// A value like a string: it owns its text, and any thread may use it under the usual rules for
+// values. It is neither normalised nor made absolute: ".", ".." and doubled slashes inside stay as
+// they are, and two texts for one item are two paths.
 #pragma once
 
 #include <string>
@@ -12,7 +16,9 @@
 
 namespace quorvel {
 
-// The directory above an item, of a path as text or as bytes; "." for a plain name.
+// The directory above an item, of a path as text or as bytes; "." for a plain name. "/" is above
+// its own children and above itself. The path has no slash at its end, as Path keeps it; what
+// stands before the last slash is taken as it is.
 inline std::string ParentOf(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string_view::npos) return ".";
@@ -30,8 +36,10 @@ class Path {
       : text_(std::move(text)), directory_(kind == Kind::directory) {
     while (text_.size() > 1 && text_.back() == '/') text_.pop_back();
   }
+  // Makes a path of that kind, whatever the disk says.
   static Path directory(std::string text) { return Path(std::move(text), Kind::directory); }
-  // What a symbolic link holds, unchanged.
+  // What a symbolic link holds, unchanged. Its slashes at the end are kept, since a link that is
+  // made from it must say the same.
   static Path linkText(std::string text) {
     Path path;
     path.text_ = std::move(text);
@@ -45,7 +53,8 @@ class Path {
   bool isDirectory() const { return directory_; }
   // The plain path, as messages print it when they print a path string.
   const std::string& string() const { return text_; }
-  // For a system call; refers to this path, which must outlive the result.
+  // For a system call; refers to this path, which must outlive the result. Cheap for usual names,
+  // which are not copied.
   FileSystemRepresentation fileSystemRepresentation() const {
     return FileSystemRepresentation(text_);
   }
@@ -86,6 +95,8 @@ class Path {
     return dot == std::string_view::npos ? std::string_view() : name.substr(dot + 1);
   }
 
+  // By text, then by kind: a path to a directory and one to a file of the same text are not equal,
+  // though the disk may have one item for both.
   friend bool operator==(const Path&, const Path&) = default;
   friend auto operator<=>(const Path&, const Path&) = default;
 
@@ -94,6 +105,7 @@ class Path {
   bool directory_ = false;
 };
 
+// As the above, as a path to a directory.
 inline Path ParentOf(const Path& path) { return Path::directory(ParentOf(path.string())); }
 
 }  // namespace quorvel

@@ -13,7 +13,8 @@
 namespace quorvel {
 
 // While at least one transaction is open the platform does not end the process for being idle.
-// Any thread may call; begin and end may be on different threads.
+// Any thread may call; begin and end may be on different threads. Nothing counts whose transactions
+// are open: each begin needs one end, and an end too many closes another's.
 class ProcessTransaction {
  public:
   virtual ~ProcessTransaction() = default;
@@ -21,14 +22,17 @@ class ProcessTransaction {
   virtual void end() = 0;
 };
 
-// Runs jobs elsewhere, later. What was submitted is finished before the queue is gone.
+// Runs jobs elsewhere, later. What was submitted is finished before the queue is gone. The
+// destructor waits for the jobs. Whether they run one after another or at once is the
+// implementation's to say; none runs on the submitting thread's stack.
 class TaskQueue {
  public:
   virtual ~TaskQueue() = default;
   virtual void submit(std::function<void()> job) = 0;  // returns at once; any thread
 };
 
-// The platform's watch over processor usage.
+// The platform's watch over processor usage. Neither operation can fail towards the caller: a
+// platform without such a watch does nothing.
 class CpuUsageMonitor {
  public:
   virtual ~CpuUsageMonitor() = default;

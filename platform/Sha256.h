@@ -12,14 +12,18 @@
 
 namespace quorvel {
 
+// The 32 bytes in the order in which they are printed.
 using Sha256Digest = std::array<std::uint8_t, 32>;
 
-// One computation; belongs to one thread.
+// One computation; belongs to one thread. What may fail on the way, a library that is missing
+// included, is told once, at the end.
 class Sha256 {
  public:
   virtual ~Sha256() = default;
+  // Any number of times; the pieces count as one text. The bytes are not kept.
   virtual void update(std::span<const std::uint8_t> bytes) = 0;
-  // Called once, last. Whether the digest could be computed.
+  // Called once, last. Whether the digest could be computed. The digest means nothing when it could
+  // not.
   virtual bool finish(Sha256Digest& digest) = 0;
 };
 

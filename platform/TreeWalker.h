@@ -9,11 +9,14 @@
 
 namespace quorvel {
 
-// Options, as fts names them.
+// Options, as fts names them. The numbers are those of fts.
 inline constexpr int FTS_PHYSICAL_OPTION = 0x10;  // links are entries, never followed
 inline constexpr int FTS_NOCHDIR_OPTION = 0x04;   // the current directory is never changed
 inline constexpr int FTS_XDEV_OPTION = 0x40;      // directories of other devices are not entered
 
+// A directory is delivered twice, before and after what is in it; the second time may be
+// unreadableDirectory. Every other entry is delivered once. No kind but these is ever given, so
+// that a switch without a default is complete.
 enum class TreeWalkKind {
   directoryBefore,      // FTS_D: before its contents
   directoryAfter,       // FTS_DP: after its contents
@@ -26,7 +29,8 @@ enum class TreeWalkKind {
 };
 
 // What lstat tells of an entry, in types that are the same in every program: those of its record
-// change with _FILE_OFFSET_BITS and _TIME_BITS.
+// change with _FILE_OFFSET_BITS and _TIME_BITS. Allocated bytes are 512 * blocks, which for a
+// sparse file is less than its size.
 struct TreeWalkInfo {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
@@ -53,11 +57,14 @@ struct TreeWalkEntry {
   TreeWalkInfo info = {};
 };
 
+// Belongs to one thread at a time. A visitor may remove or change what it is given; a directory
+// that is moved away while the walk is in it may end the walk.
 class TreeWalk {
  public:
   virtual ~TreeWalk() = default;  // closes silently
   // The next entry; null at the end. At the end errno is 0 when the tree was walked whole, else
-  // the number of the failure that ended the walk.
+  // the number of the failure that ended the walk. After the end it answers null again, with the
+  // same errno.
   virtual const TreeWalkEntry* read() = 0;
   // Whether closing succeeded; errno set otherwise. Called at most once, last.
   virtual bool close() = 0;

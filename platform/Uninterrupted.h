@@ -5,7 +5,9 @@
 
 namespace quorvel {
 
-// What the call answers once no signal interrupts it; errno is the call's. Any thread.
+// What the call answers once no signal interrupts it; errno is the call's. Any thread. `call`
+// returns a negative number on failure, and can be made again as it is: not for close, whose
+// descriptor is gone even when it was interrupted.
 template <class Call>
 auto Uninterrupted(Call call) {
   auto result = call();

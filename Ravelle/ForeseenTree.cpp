@@ -151,6 +151,12 @@ bool ForeseenTree::isDirectory(const Path& path) const {
   return at && Look(*at, info) && S_ISDIR(info.st_mode);
 }
 
+int ForeseenTree::whyUnknown(const Path& path) const {
+  struct stat info {};
+  const auto at = now(path);
+  return !at || Look(*at, info) || errno == ENOENT ? 0 : errno;
+}
+
 std::optional<std::vector<std::string>> ForeseenTree::names(const Path& directory) const {
   // What lies there now and would still, then what would have come.
   std::set<std::string> found;
@@ -189,7 +195,8 @@ int ForeseenTree::whyNotMade(const Path& directory) const {
 
 int ForeseenTree::whyNotMoved(const Path& from, const Path& to) const {
   const auto source = now(from);
-  if (!source || from.string() == to.string()) return 0;
+  if (const int unknown = whyUnknown(from)) return unknown;
+  if (!exists(from) || from.string() == to.string()) return 0;
   if (to.string().starts_with(from.string() + "/")) return EINVAL;
   if (const int failure = WhyNotTakenOut(*source)) return failure;
   const Path parent = ParentOf(to);
@@ -266,6 +273,8 @@ ForeseenTree::Removal ForeseenTree::removal(const Path& item) const {
   for (const char* name : UserDataItemNames) {
     if (went.contains(std::string_view(name))) removal.loss.userDataItems.emplace_back(name);
   }
+  // Nothing is found below what cannot be listed.
+  if (!listed) return removal;
   const std::string prefix = item.string() + "/";
   for (auto moved = placed_.lower_bound(prefix);
        moved != placed_.end() && moved->first.starts_with(prefix); ++moved) {

@@ -29,12 +29,14 @@ class ForeseenTree {
   std::optional<Path> now(const Path& path) const;
   bool exists(const Path& path) const;
   bool isDirectory(const Path& path) const;
+  // Why nobody can tell whether there would be an item; 0 when it can be told.
+  int whyUnknown(const Path& path) const;
   // Sorted. Absent when the directory could not be listed; empty when it would not be there.
   std::optional<std::vector<std::string>> names(const Path& directory) const;
 
   // Whether the directory, with those on the way to it, is or could be made. 0 or an error number.
   int whyNotMade(const Path& directory) const;
-  // Whether one rename would do. 0 or an error number.
+  // Whether one rename would do, or there would be nothing to move. 0 or an error number.
   int whyNotMoved(const Path& from, const Path& to) const;
   // What a removal of the item would remove.
   Removal removal(const Path& item) const;

@@ -67,6 +67,7 @@ std::optional<std::vector<Path>> RavellePreview::begin(MigrationAccount& account
   tree_ = {};
   installed_.clear();
   installedWhole_.clear();
+  obsolete_.clear();
   groups_.clear();
   claimedGroups_.clear();
   const Path legacy = configuration_.oldContainerPath();

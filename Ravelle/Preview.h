@@ -20,7 +20,8 @@ namespace quorvel {
 
 // Rests on the same classification and goes through the same steps in the same order as QVRavelle;
 // of the registry it asks only what changes nothing. It knows what the process may do and what
-// earlier containers leave. What only an attempt shows (a full disk) it does not foresee.
+// earlier containers leave. What only an attempt shows (a full disk) it does not foresee, and a
+// directory that may not be read counts as not empty.
 class RavellePreview final : public MigrationPreview {
  public:
   explicit RavellePreview(
@@ -64,12 +65,17 @@ class RavellePreview final : public MigrationPreview {
   // Whether the bundles could be put into the staging directory.
   bool stages(const RecordFields& fields);
   bool stagesBundle(const Path& bundle, const Path& payload);
-  // Whether the registry would take what is staged.
+  // Whether the registry would be satisfied with what is staged.
   bool installs(const RecordFields& fields);
-  bool takes(const RecordFields& fields, const std::vector<Path>& package);
+  bool accepts(const RecordFields& fields, const std::vector<Path>& package);
+  bool isObsolete(const RecordFields& fields, const std::vector<Path>& package) const;
+  bool repeats(const RecordFields& fields);
   void installPackage(const RecordFields& fields, const std::vector<Path>& package);
+  void discard(const RecordFields& fields, const std::vector<Path>& package);
   // Store metadata follows its bundle; the emptied staging directory goes.
   void takeMetadata(const RecordFields& fields, const Path& container);
+  void removeStaging(const RecordFields& fields);
+  bool refuse(const RecordFields& fields, const Error& error);
   // Whether the identifier belongs to an app where the bundle is none, or the reverse.
   bool isOfAnotherKind(const std::string& identifier, const Path& bundle);
   // Whether something would be left in the container that no step moves.
@@ -81,12 +87,14 @@ class RavellePreview final : public MigrationPreview {
   std::vector<Path> packageOf(const RecordFields& fields) const;
   // Where the bundle can be read now; absent when its dictionary would be gone by then.
   std::optional<Path> infoOf(const Path& bundle) const;
+  std::optional<std::string> identifierOf(const Path& bundle, Error* error) const;
   // Tells the problem. False, so that a step can end with it.
   bool stop(MigrationStep step, MigrationReason reason, const Path& path, Error error = {});
   void tellLoss(const ForeseenTree::Removal& removal);
 
   // The groups that the app would claim, by its bundle or by the registry.
-  std::set<std::string> groupsOf(const RecordFields& fields, const std::vector<Path>& package);
+  std::set<std::string> groupsOf(const RecordFields& fields,
+                                 const std::vector<Path>& package) const;
   void tellUnreadable(const Path& map, const Error& error);
   void loadGroups();
   // Tells what becomes of one group, and remembers that it was asked for.
@@ -106,6 +114,7 @@ class RavellePreview final : public MigrationPreview {
   // What containers that come earlier install: identifier to the bundle's extension.
   std::map<std::string, std::string> installed_;
   std::set<std::string> installedWhole_;      // those that are more than placeholders
+  std::set<std::string> obsolete_;            // those that the system carries a newer copy of
   std::map<std::string, PlistValue> groups_;  // of the install map, until they are moved
   std::set<std::string> claimedGroups_;
 };

@@ -21,6 +21,18 @@ Path StagingOf(const RecordFields& fields) { return fields.container.childDirect
 
 Path PayloadOf(const RecordFields& fields) { return StagingOf(fields).childDirectory(PayloadName); }
 
+std::set<std::string> GroupsIn(const Path& bundle) {
+  std::set<std::string> groups;
+  const auto opened = QVPlatform().bundles->open(bundle);
+  const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
+  const PlistValue* named = info != nullptr ? info->find(PKApplicationGroupsKey) : nullptr;
+  if (named == nullptr || named->array() == nullptr) return groups;
+  for (const PlistValue& group : *named->array()) {
+    if (group.string() != nullptr) groups.insert(*group.string());
+  }
+  return groups;
+}
+
 bool IsBundleName(const Path& path) {
   return path.pathExtension() == AppExtension || path.pathExtension() == VPNPluginExtension;
 }
@@ -88,16 +100,10 @@ bool RavellePreview::movesData(const RecordFields& fields) {
   const Path to = proxy && proxy->dataContainerPath
                       ? *proxy->dataContainerPath
                       : NewContainer(configuration_, fields.identifier);
-  bool moved = false;
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const Path source = fields.container.child(name);
-    if (!tree_.exists(source)) continue;
+    if (!tree_.exists(source) && tree_.whyUnknown(source) == 0) continue;
     if (!movesDataItem(source, to.child(name))) return false;
-    moved = true;
-  }
-  // What was moved is stored through the directories that held it.
-  if (moved && !tree_.names(fields.container)) {
-    return stop(Step::data, Reason::notMoved, fields.container, QVPosixCause(EACCES));
   }
   return true;
 }
@@ -106,8 +112,9 @@ bool RavellePreview::movesDataItem(const Path& source, const Path& destination) 
   if (source.string() == destination.string()) {
     return stop(Step::data, Reason::notMoved, source, QVPosixCause(EINVAL));
   }
-  replace(destination);
-  if (const int failure = tree_.whyNotMoved(source, destination)) {
+  const int unknown = tree_.whyUnknown(source);
+  if (unknown == 0) replace(destination);
+  if (const int failure = unknown != 0 ? unknown : tree_.whyNotMoved(source, destination)) {
     return stop(Step::data, Reason::notMoved, source, QVPosixCause(failure));
   }
   tree_.move(source, destination);
@@ -156,12 +163,9 @@ bool RavellePreview::stages(const RecordFields& fields) {
 
 bool RavellePreview::stagesBundle(const Path& bundle, const Path& payload) {
   const Path destination = payload.childDirectory(bundle.lastPathComponent());
-  int failure = 0;
-  if (tree_.exists(bundle)) {
-    const bool isOurs = LiesBelow(bundle, configuration_.oldContainerPath());
-    failure = isOurs ? tree_.whyNotMoved(bundle, destination) : EINVAL;
-  }
-  if (failure != 0) {
+  const bool isForeign =
+      tree_.exists(bundle) && !LiesBelow(bundle, configuration_.oldContainerPath());
+  if (const int failure = isForeign ? EINVAL : tree_.whyNotMoved(bundle, destination)) {
     return stop(Step::stage, Reason::stagingFailed, bundle, QVPosixCause(failure));
   }
   tree_.move(bundle, destination);
@@ -180,57 +184,114 @@ std::vector<Path> RavellePreview::packageOf(const RecordFields& fields) const {
   return package;
 }
 
-// Whether the registry would install the package, as far as its info dictionaries tell.
+// Whether the registry would be satisfied with the package, as far as its info dictionaries tell.
 bool RavellePreview::installs(const RecordFields& fields) {
   const std::vector<Path> package = packageOf(fields);
   const bool isListed = tree_.names(StagingOf(fields)) && tree_.names(PayloadOf(fields));
-  if (isListed && !package.empty()) {
-    if (!takes(fields, package)) return false;
-    installPackage(fields, package);
+  if (!isListed) return refuse(fields, {});
+  if (package.empty()) return repeats(fields);
+  if (!accepts(fields, package)) return false;
+  if (isObsolete(fields, package)) {
+    discard(fields, package);
     return true;
   }
-  const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
+  const Path destination = NewContainer(configuration_, fields.identifier);
+  for (const Path& bundle : package) {
+    const Path to = destination.childDirectory(bundle.lastPathComponent());
+    if (const int failure = tree_.whyNotMoved(bundle, to)) {
+      return refuse(fields, QVPosixCause(failure));
+    }
+  }
+  installPackage(fields, package);
+  return true;
+}
+
+bool RavellePreview::refuse(const RecordFields& fields, const Error& error) {
+  return stop(Step::install, Reason::installRefused, StagingOf(fields), error);
+}
+
+// A repeated request is satisfied by what an earlier one installed, or found obsolete.
+bool RavellePreview::repeats(const RecordFields& fields) {
+  const auto& workspace = QVPlatform().workspace;
+  const auto proxy = workspace->bundleProxyForIdentifier(fields.identifier);
   // A built-in app has no container to put metadata into, and satisfies no request.
   const bool isBuiltIn = proxy && !proxy->bundleContainerPath;
   const bool isOld = proxy && proxy->foundBackingBundle && !proxy->isPlaceholder && !isBuiltIn;
   const bool isNew = installedWhole_.contains(fields.identifier);
-  if (!isListed || (!isOld && !isNew)) {
-    return stop(Step::install, Reason::installRefused, StagingOf(fields));
+  if (isNew || isOld) {
+    takeMetadata(fields, isNew ? NewBundle(configuration_, fields) : *proxy->bundleContainerPath);
+    return true;
   }
-  // A repeated request is satisfied by what an earlier one installed.
-  takeMetadata(fields, isNew ? NewBundle(configuration_, fields) : *proxy->bundleContainerPath);
+  if (!obsolete_.contains(fields.identifier) &&
+      !workspace->packageIsObsolete(fields.identifier, std::nullopt)) {
+    return refuse(fields, {});
+  }
+  discard(fields, {});
   return true;
 }
 
 // An app must be the requested one, and so must a plug-in without an app; a plug-in beside an app
 // must not. Neither may take over an identifier of the other kind.
-bool RavellePreview::takes(const RecordFields& fields, const std::vector<Path>& package) {
+bool RavellePreview::accepts(const RecordFields& fields, const std::vector<Path>& package) {
   const bool hasApp = std::any_of(package.begin(), package.end(), [](const Path& bundle) {
     return bundle.pathExtension() == AppExtension;
   });
-  const Path destination = NewContainer(configuration_, fields.identifier);
-  std::map<std::string, std::string> seen;
+  std::set<std::string> seen;
   for (const Path& bundle : package) {
     Error error;
-    const auto at = infoOf(bundle);
-    const auto identifier = at ? QVRavelle::_bundleIdentifierForBundle(*at, &error) : std::nullopt;
+    const auto identifier = identifierOf(bundle, &error);
     const bool mustBeRequested = !hasApp || bundle.pathExtension() == AppExtension;
     if (!identifier || identifier->empty() ||
-        (*identifier == fields.identifier) != mustBeRequested ||
-        !seen.emplace(*identifier, bundle.pathExtension()).second ||
-        isOfAnotherKind(*identifier, bundle) ||
-        tree_.whyNotMoved(bundle, destination.childDirectory(bundle.lastPathComponent())) != 0) {
-      return stop(Step::install, Reason::installRefused, StagingOf(fields), error);
+        (*identifier == fields.identifier) != mustBeRequested || !seen.insert(*identifier).second ||
+        isOfAnotherKind(*identifier, bundle)) {
+      return refuse(fields, error);
     }
   }
-  // Only now: of a package that is refused nothing is installed.
-  for (const auto& [identifier, extension] : seen) installedWhole_.insert(identifier);
-  installed_.merge(seen);
   return true;
 }
 
-// What the registry takes out of the staging directory; that goes when nothing else is in it.
+std::optional<std::string> RavellePreview::identifierOf(const Path& bundle, Error* error) const {
+  const auto at = infoOf(bundle);
+  return at ? QVRavelle::_bundleIdentifierForBundle(*at, error) : std::nullopt;
+}
+
+// Whether the system carries a newer copy of what the package is for.
+bool RavellePreview::isObsolete(const RecordFields& fields,
+                                const std::vector<Path>& package) const {
+  for (const Path& bundle : package) {
+    if (identifierOf(bundle, nullptr) != fields.identifier) continue;
+    const auto opened = QVPlatform().bundles->open(*tree_.now(bundle));
+    const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
+    const std::string* version = info != nullptr ? info->findString(PKBundleVersionKey) : nullptr;
+    return QVPlatform().workspace->packageIsObsolete(fields.identifier,
+                                                     version != nullptr ? *version : "");
+  }
+  return false;
+}
+
+// The registry throws an obsolete package away.
+void RavellePreview::discard(const RecordFields& fields, const std::vector<Path>& package) {
+  obsolete_.insert(fields.identifier);
+  account_->problem({.step = Step::install,
+                     .reason = Reason::newerBuiltIn,
+                     .path = fields.bundle.string(),
+                     .stops = false});
+  for (const Path& bundle : package) tree_.remove(bundle, tree_.removal(bundle));
+  for (const char* name : StoreMetadataItemNames) {
+    const Path item = StagingOf(fields).child(name);
+    tree_.remove(item, tree_.removal(item));
+  }
+  removeStaging(fields);
+}
+
+// What the registry takes out of the staging directory.
 void RavellePreview::installPackage(const RecordFields& fields, const std::vector<Path>& package) {
+  // Before any is gone from where its dictionary is read.
+  for (const Path& bundle : package) {
+    const std::string identifier = identifierOf(bundle, nullptr).value_or("");
+    installedWhole_.insert(identifier);
+    installed_.emplace(identifier, bundle.pathExtension());
+  }
   for (const Path& bundle : package) tree_.remove(bundle);
   const Path container = NewBundle(configuration_, fields);
   // An earlier bundle of the app is replaced.
@@ -245,6 +306,10 @@ void RavellePreview::takeMetadata(const RecordFields& fields, const Path& contai
       tree_.move(StagingOf(fields).child(name), container.child(name));
     }
   }
+  removeStaging(fields);
+}
+
+void RavellePreview::removeStaging(const RecordFields& fields) {
   const auto payload = tree_.names(PayloadOf(fields));
   // What the registry did not take stays, and the container with it.
   if (!payload || !payload->empty()) return;
@@ -262,25 +327,20 @@ bool RavellePreview::isOfAnotherKind(const std::string& identifier, const Path& 
   return (proxy->bundleType == ContainerTypeApp) != (bundle.pathExtension() == AppExtension);
 }
 
-// The groups of the app, which its bundle names, or the registry when it has the bundle already.
+// The groups of the app: those that its bundle names when it is installed, else the registry's.
 std::set<std::string> RavellePreview::groupsOf(const RecordFields& fields,
-                                               const std::vector<Path>& package) {
-  std::set<std::string> claimed;
+                                               const std::vector<Path>& package) const {
   for (const Path& bundle : package) {
-    const auto opened = QVPlatform().bundles->open(*tree_.now(bundle));
-    const PlistDictionary* info = opened ? opened->infoDictionary() : nullptr;
-    const std::string* identifier = opened ? opened->identifier() : nullptr;
     // Plug-ins beside the app name groups of their own, which are not moved.
-    if (info == nullptr || identifier == nullptr || *identifier != fields.identifier) continue;
-    const PlistValue* groups = info->find(PKApplicationGroupsKey);
-    if (groups == nullptr || groups->array() == nullptr) return claimed;
-    for (const PlistValue& group : *groups->array()) {
-      if (group.string() != nullptr) claimed.insert(*group.string());
-    }
-    return claimed;
+    if (identifierOf(bundle, nullptr) != fields.identifier) continue;
+    if (!isObsolete(fields, package)) return GroupsIn(*tree_.now(bundle));
   }
   const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
-  if (!proxy || !proxy->groupContainerPaths) return claimed;
+  if (!proxy) return {};
+  // All of a built-in app's get their containers when the registry is asked for them.
+  if (!proxy->bundleContainerPath && proxy->bundlePath) return GroupsIn(*proxy->bundlePath);
+  std::set<std::string> claimed;
+  if (!proxy->groupContainerPaths) return claimed;
   for (const auto& [group, path] : *proxy->groupContainerPaths) claimed.insert(group);
   return claimed;
 }

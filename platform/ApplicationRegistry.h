@@ -82,6 +82,12 @@ class ApplicationWorkspace {
   // wrote it. The caller's own preparations need no flush where they lie on one of these.
   virtual bool installApplication(const Path& staging, const PlistDictionary& options, Error* error,
                                   const InstallProgressCallback& progress) = 0;
+
+  // Whether a customer package would be obsolete, as installApplication() decides it: one whose
+  // bundle for the identifier has the version or, where none is given, one without a bundle, as
+  // what an earlier one is repeated with. False, too, where it cannot be told. Nothing changes.
+  virtual bool packageIsObsolete(const std::string& identifier,
+                                 const std::optional<std::string>& version) = 0;
 };
 
 }  // namespace quorvel

@@ -24,7 +24,7 @@ class MigrationPreview {
 
 // The function that such a bundle exports, under this name. The result is a new object that the
 // host destroys with `delete`; null when the host's interface version is not the plug-in's.
-inline constexpr std::uint32_t MigrationPreviewInterfaceVersion = 2;
+inline constexpr std::uint32_t MigrationPreviewInterfaceVersion = 3;
 inline constexpr const char* MigrationPreviewEntryName = "QVMigrationPreviewCreate";
 using MigrationPreviewEntry = MigrationPreview* (*)(std::uint32_t interfaceVersion);
 

@@ -65,6 +65,11 @@ class ScriptedWorkspace : public ApplicationWorkspace {
     return real_.installApplication(staging, options, error, progress);
   }
 
+  bool packageIsObsolete(const std::string& identifier,
+                         const std::optional<std::string>& version) override {
+    return real_.packageIsObsolete(identifier, version);
+  }
+
  private:
   ApplicationWorkspace& real_;
 };

@@ -69,6 +69,17 @@ bool ApplicationWorkspaceLinux::installApplication(const Path& staging,
   return SetError(error, std::move(failure));
 }
 
+bool ApplicationWorkspaceLinux::packageIsObsolete(const std::string& identifier,
+                                                  const std::optional<std::string>& version) {
+  if (version) {
+    const BundleDescription* builtIn = core_.builtInApp(identifier);
+    return builtIn != nullptr && IsNewerVersion(builtIn->version, *version);
+  }
+  std::optional<AppRecord> known;
+  return core_.prepare(nullptr) && core_.find(identifier, &known, nullptr) && known &&
+         !known->placeholder && known->obsolete;
+}
+
 bool ApplicationWorkspaceLinux::parse(const Path& staging, const PlistDictionary& options,
                                       Request* request, Error* error) {
   const std::string* identifier = options.findString(RXBundleIdentifierKey);
@@ -180,11 +191,10 @@ bool ApplicationWorkspaceLinux::installCustomer(const Request& request, Error* e
                 error);
   }
   if (!checkIdentifiers(request, package, error)) return false;
-  const BundleDescription* builtIn = core_.builtInApp(request.identifier);
   const auto requested = std::find_if(
       package.bundles.begin(), package.bundles.end(),
       [&](const BundleDescription& bundle) { return bundle.identifier == request.identifier; });
-  if (builtIn != nullptr && IsNewerVersion(builtIn->version, requested->version)) {
+  if (packageIsObsolete(request.identifier, requested->version)) {
     return discardObsolete(request, package, error);
   }
   return installBundles(request, package, error);

@@ -22,6 +22,8 @@ class ApplicationWorkspaceLinux final : public ApplicationWorkspace {
   std::optional<BundleProxy> bundleProxyForIdentifier(const std::string& identifier) override;
   bool installApplication(const Path& staging, const PlistDictionary& options, Error* error,
                           const InstallProgressCallback& progress) override;
+  bool packageIsObsolete(const std::string& identifier,
+                         const std::optional<std::string>& version) override;
 
  private:
   // What the options ask for.

@@ -1,4 +1,7 @@
 // The entries of one directory, in large pieces and in little memory.
+//
+// Why not the C library's streams: each of those keeps a descriptor and a buffer of its own, and a
+// walk that is hundreds of directories deep would hold hundreds of both.
 #pragma once
 
 #include <sys/types.h>
@@ -15,10 +18,15 @@ struct DirectoryEntry {
   unsigned char type = 0;      // DT_*; DT_UNKNOWN where the file system does not tell
 };
 
-// Does not own the descriptor: the directory may be closed and opened anew between calls.
+// Does not own the descriptor: the directory may be closed and opened anew between calls. A new one
+// reads from where the descriptor stands, which for a descriptor just opened is the first entry.
+// Whether entries that come or go meanwhile are seen is the file system's to say. Belongs to one
+// thread.
 class DirectoryReader {
  public:
-  // The next entry other than "." and ".."; null at the end (errno 0) or on failure (errno set).
+  // The next entry other than "." and ".."; null at the end (errno 0) or on failure (errno set). A
+  // directory that was removed meanwhile is at its end. The entry belongs to the reader. May throw
+  // std::bad_alloc.
   const DirectoryEntry* next(int descriptor);
   // Reads from the first entry again.
   void rewind();

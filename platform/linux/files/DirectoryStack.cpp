@@ -35,6 +35,8 @@ const char* DirectoryStack::name() const {
   return path_.c_str() + slash + 1;
 }
 
+// Names have no memory of their own: the path has them all, and each level the length up to which
+// it is the level's.
 std::string DirectoryStack::nameOf(std::size_t level) const {
   if (level == 0) return rootName_;
   std::size_t begin = levels_[level - 1].pathLength;
@@ -47,6 +49,8 @@ UniqueDescriptor DirectoryStack::openAt(int directory, const char* name, int fla
     const int descriptor = ::openat(directory, name, flags, mode);
     if (descriptor >= 0) return UniqueDescriptor(descriptor);
     if (errno == EINTR) continue;
+    // ENFILE is the whole machine's, and what is given back here may go to somebody else: the loop
+    // ends when there is nothing left to give.
     if (errno != EMFILE && errno != ENFILE) return {};
     const int number = errno;
     if (!closeShallowest() && (partner_ == nullptr || !partner_->closeShallowest())) {
@@ -76,6 +80,7 @@ bool DirectoryStack::closeShallowest() {
   if (levels_.size() - firstOpen_ <= kLeastOpenLevels) return false;
   Level& level = levels_[firstOpen_++];
   level.descriptor.reset();
+  // The place in the directory is kept, the buffer is not.
   level.reader.suspend();
   return true;
 }
@@ -86,6 +91,7 @@ UniqueDescriptor DirectoryStack::reopen(int directory, const char* name,
   if (!descriptor) return {};
   struct stat info;
   if (::fstat(descriptor.get(), &info) != 0) return {};
+  // A directory that was moved has another one above it, to which ".." would lead out of the tree.
   if (IdentityOf(info) == expected) return descriptor;
   errno = ESTALE;
   return {};
@@ -111,6 +117,8 @@ void DirectoryStack::leave() {
   path_.resize(levels_.back().pathLength);
 }
 
+// From the root down and by names, since ".." has not led back. The lost directory itself is not
+// tried: its end was reached.
 void DirectoryStack::recover() {
   std::size_t reached = 0;
   UniqueDescriptor deepest;

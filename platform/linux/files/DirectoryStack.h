@@ -25,7 +25,8 @@ struct DirectoryIdentity {
 
 inline DirectoryIdentity IdentityOf(const struct stat& info) { return {info.st_dev, info.st_ino}; }
 
-// Belongs to one thread. Operations that can fail set errno.
+// Belongs to one thread. Operations that can fail set errno. Paths are for messages, for recover()
+// and for those who remember places; the way down and up goes by descriptors alone.
 class DirectoryStack {
  public:
   // The root is the item `rootName` in the directory `base`, which the caller keeps open;
@@ -59,7 +60,8 @@ class DirectoryStack {
   // Goes up. The parent is open.
   void leave();
   // After openParent() failed: goes up to the deepest directory that can still be reached by its
-  // names from the root, or to depth 0.
+  // names from the root, or to depth 0. Nothing above what was lost is skipped: a walk goes on
+  // there with the next entry.
   void recover();
 
  private:

@@ -25,11 +25,14 @@ bool MakeDurableDirectory(FileSystem& fileSystem, const std::string& directory, 
   while (end != std::string::npos) {
     end = directory.find('/', end + 1);
     const std::string part = directory.substr(0, end);
+    // What is there already may be of any kind: the next component, or the last look, tells.
     if (::mkdir(part.c_str(), 0755) != 0) {
       if (errno != EEXIST) return SetError(error, PosixFailure(errno, part));
       continue;
     }
     if (::chmod(part.c_str(), 0755) != 0) return SetError(error, PosixFailure(errno, part));
+    // At once, from the top down: a name that is stored in a directory whose own name is not goes
+    // with it.
     const std::string parent = ParentOf(part);
     if (fileSystem.SyncDirectory(parent.c_str()) != 0) {
       return SetError(error, PosixFailure(errno, parent));

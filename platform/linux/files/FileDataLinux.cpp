@@ -23,6 +23,7 @@ std::unique_ptr<std::vector<std::uint8_t>> FileDataLinux::readWholeFile(const Pa
                                       kWholeFileLimit, true, *bytes);
   if (failure == 0) return bytes;
   const std::string what = "Reading " + file.string();
+  // ENOTDIR is no missing file to this interface: the path itself is wrong then.
   SetError(error, failure == ENOENT ? PlatformFailure(PlatformFileReadNoSuchFileError,
                                                       what + ": " + ErrnoDescription(failure))
                                     : PosixFailure(failure, what));

@@ -126,6 +126,7 @@ int FileSystemLinux::GetProtectionClass(int descriptor) {
   if (size < 0 && (errno == ENODATA || errno == ENOTSUP)) return 0;
   if (size < 0 && errno != ERANGE) return -1;
   if (size != ssize_t{kProtectionClassSize}) return Fail(EINVAL);
+  // Byte by byte: the attribute is little-endian whatever this machine is.
   std::uint32_t number = 0;
   for (std::size_t i = 0; i < sizeof value; ++i) {
     number |= static_cast<std::uint32_t>(value[i]) << (8 * i);

@@ -16,6 +16,7 @@ int OpenItemPath(const char* path, ItemPath* item) {
   if (text.empty()) return EINVAL;
   const std::size_t last = text.find_last_not_of('/');
   if (last == std::string_view::npos) return EBUSY;
+  // A slash at the end would have the system calls follow a link of that name.
   text = text.substr(0, last + 1);
 
   const std::size_t slash = text.rfind('/');

@@ -15,7 +15,8 @@ struct ItemPath {
 
 // Splits a path and pins its directory, following links on the way there as every path does, but
 // never the item itself. 0 or an error number: EFAULT for a null path, EBUSY for the root
-// directory, EINVAL for an empty path and one that ends in "." or "..".
+// directory, EINVAL for an empty path and one that ends in "." or "..". The item need not exist. On
+// failure *item is of no use. May throw std::bad_alloc.
 int OpenItemPath(const char* path, ItemPath* item);
 
 }  // namespace quorvel::onlinux

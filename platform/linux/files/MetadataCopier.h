@@ -11,6 +11,7 @@
 
 namespace quorvel::onlinux {
 
+// Numbers as the kernel keeps them, in the user namespace of this process.
 struct Ownership {
   uid_t user = 0;
   gid_t group = 0;
@@ -24,7 +25,8 @@ struct ItemStatus {
   timespec times[2];  // access, modification
 };
 
-// An item that is open with O_PATH, and where it is.
+// An item that is open with O_PATH, and where it is. The name serves kernels that cannot set times
+// through a pin; it is used without following a link.
 struct PinnedItem {
   int descriptor;
   int directory;
@@ -37,7 +39,11 @@ class MetadataCopier {
   explicit MetadataCopier(const ModeChanger& modes) : modes_(modes) {}
 
   // From one open file or directory to another, which nobody else can use yet. `inherits`: the
-  // output may have access-control lists that it got from its directory.
+  // output may have access-control lists that it got from its directory. `current` is the output's
+  // owner as it was made, which saves a call where it is the wanted one already. Afterwards the
+  // mode is the source's, or less of it where the owner or group could not be given
+  // (FileSystemLinux.h). After a failure the output has some of it; at no moment is it more
+  // accessible than the source.
   bool copy(int input, int output, const ItemStatus& status, const Ownership& current,
             bool inherits);
   // For items that are not to be opened: links, pipes, devices. Their attributes are reached by
@@ -45,7 +51,8 @@ class MetadataCopier {
   bool copyPinned(const PinnedItem& input, const PinnedItem& output, const ItemStatus& status,
                   const Ownership& current);
 
-  // Whether new items in the directory get an access-control list from it.
+  // Whether new items in the directory get an access-control list from it. Needs a descriptor that
+  // is open to read; a file system without such lists hands none down.
   static bool HandsDownAccess(int directory);
 
  private:

@@ -105,6 +105,8 @@ int Move::moveAcross() {
 bool Move::wasPlaced() const {
   const UniqueDescriptor mark(::open(moving_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   if (!mark || Exists(incoming_) || !Exists(to_)) return false;
+  // One byte more than there should be: a longer path that begins with this one is another. A copy
+  // still under its first name was never put in its place.
   std::string origin(from_.size() + 1, '\0');
   const ssize_t count = ::pread(mark.get(), origin.data(), origin.size(), 0);
   return count == static_cast<ssize_t>(from_.size()) && origin.starts_with(from_);
@@ -117,6 +119,8 @@ int Move::writeMark() const {
 }
 
 int Move::copyIntoPlace() {
+  // The mark before the copy: ended in between, a mark without a copy beside it would say that what
+  // stands at `to` is the copy.
   ::unlink(moving_.c_str());
   int number = RemoveItem(files_, incoming_);
   if (number != 0) return number;
@@ -136,7 +140,8 @@ int Move::copyAndPlace() {
   return 0;
 }
 
-// From here on the move is done; a failure leaves source and destination both whole.
+// From here on the move is done; a failure leaves source and destination both whole. The rename
+// that named the copy is no more than memory until its directory is flushed.
 int Move::retireSource() {
   if (files_.SyncDirectory(ParentOf(to_).c_str()) != 0) return errno;
   if (IsDirectory(from_)) return retireDirectory();

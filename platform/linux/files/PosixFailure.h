@@ -10,7 +10,8 @@
 namespace quorvel::onlinux {
 
 // A PosixErrorDomain record: "<what>: <description of number>".
-// Of a failed system call; take errno first, since anything in between may change it.
+// Of a failed system call; take errno first, since anything in between may change it. `what` says
+// what was tried, as in "Reading /private/var/x", or names the item. The text is for people.
 inline Error PosixFailure(int number, const std::string& what) {
   return Error(PosixErrorDomain, number,
                {{LocalizedDescriptionKey, PlistValue(what + ": " + ErrnoDescription(number))}});
@@ -22,7 +23,8 @@ inline const Error& OutOfMemory() {
   return error;
 }
 
-// A PlatformErrorDomain record.
+// A PlatformErrorDomain record. `code` is one of those in Error.h; the text is the caller's alone,
+// as no system call failed.
 inline Error PlatformFailure(std::int64_t code, std::string what) {
   return Error(PlatformErrorDomain, code, {{LocalizedDescriptionKey, PlistValue(std::move(what))}});
 }

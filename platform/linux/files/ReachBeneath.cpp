@@ -77,6 +77,8 @@ class Walk {
     if (name == ".") return 0;
     if (name == "..") {
       if (way_.size() == 1) return EXDEV;
+      // Back on the way that was come, never by opening "..": a directory that was moved meanwhile
+      // has another one above it.
       way_.pop_back();
       return 0;
     }
@@ -84,6 +86,8 @@ class Walk {
     struct stat info;
     if (!next || ::fstat(next.get(), &info) != 0) return errno;
     if (S_ISLNK(info.st_mode)) return follow(next.get());
+    // A pin cannot be read from. By the time of this second opening the name may lead to something
+    // else, but not through a link.
     if (rest_.empty() && flags_ != kPin) {
       next = OpenAt(way_.back().get(), name.c_str(), flags_ | O_NOFOLLOW);
       if (!next) return errno;

@@ -14,7 +14,9 @@
 namespace quorvel::onlinux {
 
 // Used once, by one thread. Two stacks walk down in step: the source, which is read, and the
-// target, in which every directory stays private to the copying process until it is finished.
+// target, in which every directory stays private to the copying process until it is finished. The
+// first item that cannot be copied whole ends the copy, with its number; what was copied until then
+// stays, half a file excepted.
 class TreeCopier {
  public:
   TreeCopier(ItemPath source, ItemPath destination, const ModeChanger& modes, bool recursive,
@@ -63,11 +65,13 @@ class TreeCopier {
   bool enterDirectory(const char* name);
   bool makeDirectory(const char* name, UniqueDescriptor* made, bool* merged);
   // A directory that was found shows others no more than the source's does while it is filled.
+  // Until finishDirectory() gives it its mode. Others who have it open already are not shut out.
   bool makePrivate(int directory, const struct stat& found, mode_t sourceMode);
   // Gives the copy the source's metadata, last: its mode may bar and its times would change.
   bool finishDirectory();
 
-  // Whether the copy of `info` is done by a second link; `failed` when that failed.
+  // Whether the copy of `info` is done by a second link; `failed` when that failed. Only within
+  // directories: the root's other names are not in the tree.
   bool linkInstead(const char* name, const struct stat& info, bool* failed);
   bool rememberLink(const char* name, const struct stat& info);
   // Removes a non-directory that is in the way; EISDIR for a directory.

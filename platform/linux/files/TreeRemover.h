@@ -11,14 +11,18 @@
 
 namespace quorvel::onlinux {
 
-// What the caller sets and asks about one removal. Belongs to the thread that removes.
+// What the caller sets and asks about one removal. Belongs to the thread that removes. It outlives
+// the removal, and serves one at a time.
 class WipeTreeStateLinux final : public WipeTreeState {
  public:
+  // Neither of the two fails here. Null, or not setting one, means that the first failure ends the
+  // removal.
   bool setErrorCallback(ErrorCallback callback) override;
   bool setErrorContext(void* context) override;
   bool getErrorNumber(int* number) const override;
 
-  // Whether the removal goes on after an item failed with `number`.
+  // Whether the removal goes on after an item failed with `number`. Asks the callback, during which
+  // getErrorNumber() answers; without one the answer is no.
   bool report(const std::string& path, int number);
   bool hasCallback() const { return callback_ != nullptr; }
 
@@ -28,17 +32,23 @@ class WipeTreeStateLinux final : public WipeTreeState {
   int number_ = 0;  // 0 outside of a callback
 };
 
-// Used once, by one thread.
+// Used once, by one thread. The directory that holds the item is pinned, and everything below is
+// reached from there by descriptor. What was exchanged for a link or a file while the walk was on
+// its way is unlinked under its name; nothing outside is ever reached.
 class TreeRemover {
  public:
   TreeRemover(ItemPath item, bool recursive, WipeTreeStateLinux& state);
-  // 0, or the number of the failure that ended the removal.
+  // 0, or the number of the failure that ended the removal. 0 does not say that the item is gone:
+  // what could not be removed was reported, and the callback wanted to go on.
   int run();
 
  private:
   // What a directory is remembered by beside its place in the stack.
   struct Level {
+    // The mount that the directory is on; 0 where the kernel does not tell.
     std::uint64_t mount = 0;
+    // Why its entries could not be read to the end, or 0. It goes before the ENOTEMPTY that follows
+    // from it.
     int readError = 0;
     // Bounded, since others may go on making entries.
     unsigned passes = 1;      // over its entries
@@ -74,11 +84,15 @@ class TreeRemover {
   // Reports the failure, and ends the removal if the callback does not want it to go on.
   void failed(const std::string& path, int number);
 
+  // Where the removal begins. The stack holds a copy of its descriptor's number, so that this stays
+  // open as long.
   ItemPath item_;
   bool recursive_;
   WipeTreeStateLinux& state_;
   DirectoryStack stack_;
   std::vector<Level> levels_;  // as deep as the stack
+  // Of the directory that holds the item: what is elsewhere is a mount point, the item itself
+  // included.
   std::uint64_t baseMount_ = 0;
   dev_t baseDevice_ = 0;
   RootPass rootPass_ = RootPass::files;

@@ -42,6 +42,8 @@ class TreeWalkLinux final : public TreeWalk {
   std::string root_;
   bool sameDevice_;
   DirectoryStack stack_;
+  // What was told of each directory before its contents is told again after them; its size and
+  // times may be others by then.
   std::vector<struct stat> directories_;  // of the levels of the stack
   struct stat info_ {};                   // of the entry
   TreeWalkEntry entry_;
@@ -123,6 +125,7 @@ const TreeWalkEntry* TreeWalkLinux::deliver(TreeWalkKind kind, int parent, const
   return &entry_;
 }
 
+// The root is looked at like any entry, so that a missing one is told in the same way.
 const TreeWalkEntry* TreeWalkLinux::deliverRoot() {
   begun_ = true;
   entryPath_ = root_;
@@ -147,6 +150,8 @@ const TreeWalkEntry* TreeWalkLinux::deliverEntry(const DirectoryEntry& listed) {
 // Goes into the directory delivered last. Null when it was entered, or the walk has ended.
 const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
   const bool root = stack_.depth() == 0;
+  // Measured against the root: nothing below a directory of another device is entered, so that no
+  // way leads back to the first one.
   if (sameDevice_ && !root && info_.st_dev != directories_.front().st_dev) {
     return deliver(TreeWalkKind::directoryAfter, entry_.parent, entry_.name);
   }
@@ -168,7 +173,8 @@ const TreeWalkEntry* TreeWalkLinux::enterDelivered() {
 }
 
 const TreeWalkEntry* TreeWalkLinux::finishDirectory() {
-  // Without the way back there is no next entry.
+  // Without the way back there is no next entry. Before the directory is delivered, since a visitor
+  // that removes it does so in the parent.
   if (!stack_.openParent()) return end(errno);
   leave_ = true;
   info_ = directories_.back();

@@ -61,6 +61,8 @@ UniqueDescriptor OpenInsideBundle(int bundle, std::string_view name, std::size_t
   return file;
 }
 
+// Bundles name their icon with and without its extension. What opens as a regular file is the icon,
+// whatever is in it.
 UniqueDescriptor OpenIcon(int bundle, const PlistDictionary* info, std::size_t& size) {
   const std::string* name = info != nullptr ? info->findString(IconFileKey) : nullptr;
   if (name != nullptr) {
@@ -84,6 +86,7 @@ bool ReadExactly(int file, std::size_t size, std::vector<std::uint8_t>& bytes) {
   return true;
 }
 
+// Nothing is encoded before the end, so that a refused image leaves no half a file.
 class PngEncoderLinux final : public PngEncoder {
  public:
   explicit PngEncoderLinux(std::vector<std::uint8_t>& buffer) : buffer_(buffer) {}
@@ -116,6 +119,8 @@ std::unique_ptr<Image> RenderHomeScreenIcon(std::span<const std::uint8_t> pngFil
 }
 
 std::unique_ptr<Image> IconRendererLinux::createHomeScreenIconImage(PKBundle& bundle) {
+  // By path, since a bundle hands out no descriptor: one that was exchanged after it was opened
+  // gets the icon of what is there now.
   const UniqueDescriptor directory(::open(bundle.path().fileSystemRepresentation().c_str(),
                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) return nullptr;

@@ -9,7 +9,8 @@
 
 namespace quorvel::onlinux {
 
-// Which source samples make one sample of the result, and how much each weighs (sum 1).
+// Which source samples make one sample of the result, and how much each weighs (sum 1). A window of
+// neighbours: the weights are those of first, first + 1 and so on.
 struct SampleWeights {
   std::uint32_t first = 0;
   std::vector<float> weights;
@@ -22,10 +23,12 @@ struct SampleWeights {
 class IconScaler final : public PngRowSink {
  public:
   explicit IconScaler(std::uint32_t side) : side_(side) {}
+  // Never refuses. An image that has the size already is copied byte for byte.
   bool begin(std::uint32_t width, std::uint32_t height) override;
   void row(const std::uint8_t* pixels) override;
 
-  // The result, once every row has been given; called once.
+  // The result, once every row has been given; called once. Not premultiplied, as every Image.
+  // Where nothing of a pixel was opaque its colour is black.
   std::unique_ptr<Image> finish();
 
  private:
@@ -47,6 +50,8 @@ class IconScaler final : public PngRowSink {
 };
 
 // Makes the corners of the square image transparent, anti-aliased, as the home screen shows icons.
+// The radius is a fixed share of the side. What was transparent there stays so: the mask only takes
+// away.
 void ApplyHomeScreenMask(Image& image);
 
 }  // namespace quorvel::onlinux

@@ -9,6 +9,7 @@
 namespace quorvel::onlinux {
 namespace {
 
+// Plain stretches, which most messages are whole, are copied in one piece.
 void AppendMessage(std::string& line, std::string_view message) {
   const auto stands = [](char byte) {
     return static_cast<unsigned char>(byte) >= 0x20 && byte != 0x7F && byte != '\\';
@@ -58,6 +59,8 @@ bool DeviceLogFile::isReady() {
   return static_cast<bool>(file_);
 }
 
+// From the top down. Why a directory could not be made is of no interest here: whether there is one
+// shows when it is opened.
 bool DeviceLogFile::openDirectory() {
   for (std::size_t slash = 0; slash != std::string::npos;) {
     slash = directoryPath_.find('/', slash + 1);

@@ -23,11 +23,13 @@ inline constexpr std::size_t DeviceLogSizeLimit = std::size_t{4} << 20U;
 // that merely constructing it changes nothing on the device. A last path component that is a link,
 // and a file that is no regular file, are not written to. Where the file cannot be opened all
 // lines are dropped silently: a log must not fail a migration. A file that has reached the
-// limit is renamed to "<name>.1", replacing that one. Any thread may call.
+// limit is renamed to "<name>.1", replacing that one. Any thread may call. Where that rename fails
+// the file goes on growing: too much of a log is better than none. Lines are not flushed; those of
+// a process that is killed are in the file, a power cut may take the last ones.
 class DeviceLogFile {
  public:
   DeviceLogFile(std::string directory, std::string name, std::size_t sizeLimit);
-  // Leaves errno as it was.
+  // Leaves errno as it was. `function` may be null. The level stands as its number.
   void write(int level, const char* function, std::string_view message);
 
  private:
@@ -43,6 +45,7 @@ class DeviceLogFile {
   const std::string name_;
   // In bytes, of the file that is being written.
   const std::size_t sizeLimit_;
+  // Guards what follows.
   std::mutex mutex_;
   std::string line_;
   TimestampFormatter clock_;

@@ -11,7 +11,8 @@ namespace {
 // A buffer that one long message blew up is not kept, in bytes.
 constexpr std::size_t kKeptLineCapacity = std::size_t{64} << 10U;
 
-// Whether the byte stands for itself in a JSON string and needs no look at its neighbours.
+// Whether the byte stands for itself in a JSON string and needs no look at its neighbours. DEL may
+// stand in JSON as it is.
 constexpr std::array<bool, 256> PlainBytes = [] {
   std::array<bool, 256> plain = {};
   for (std::size_t i = 0x20; i < 0x80; ++i) plain[i] = i != '"' && i != '\\';
@@ -79,6 +80,8 @@ void JsonLineLog::write(const LogHandle* /*handle*/, int level, const char* func
   finishLine();
 }
 
+// Assigning to the line keeps its memory. The time is taken with the lock held, hence the order of
+// the times is that of the lines.
 void JsonLineLog::appendCommon(std::string_view facility, int level, const char* function,
                                std::string_view message) {
   line_ = "{\"facility\":\"";
@@ -96,6 +99,7 @@ void JsonLineLog::appendCommon(std::string_view facility, int level, const char*
 
 void JsonLineLog::finishLine() {
   line_ += "}\n";
+  // Never set back: a log with a gap stays one, however well the rest of it was written.
   if (!file_.append(line_)) whole_ = false;
   if (line_.capacity() > kKeptLineCapacity) std::string().swap(line_);
 }

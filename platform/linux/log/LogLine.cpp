@@ -25,6 +25,8 @@ void TimestampFormatter::appendNow(std::string& line) {
   append(line, now);
 }
 
+// Lines come many to a second, and the calendar is the same for all of them: what changes are six
+// digits.
 void TimestampFormatter::append(std::string& line, const timespec& time) {
   if (upToSecond_.empty() || time.tv_sec != second_) {
     second_ = time.tv_sec;
@@ -71,6 +73,8 @@ void AppendNumber(std::string& line, long long number) {
 bool LineFile::append(std::string_view line) {
   // Callers log between a failure and the use of its errno.
   const int savedErrno = errno;
+  // After a line that was cut off, by a full disk for one, a newline first: otherwise this line
+  // would be lost with the one before it.
   const bool done = (!torn_ || writeAll("\n")) && writeAll(line);
   errno = savedErrno;
   return done;
@@ -78,6 +82,8 @@ bool LineFile::append(std::string_view line) {
 
 bool LineFile::writeAll(std::string_view bytes) {
   while (!bytes.empty()) {
+    // With O_APPEND one call is one piece of the file, so that lines of several processes do not
+    // mix as long as none is cut short.
     const ssize_t count = ::write(file_.get(), bytes.data(), bytes.size());
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return false;

@@ -10,10 +10,12 @@
 namespace quorvel::onlinux {
 
 // Appends "2026-11-22T20:38:06.123456Z" (ISO 8601, UTC, microseconds). The calendar is computed
-// once per second. Belongs to one thread at a time.
+// once per second. Belongs to one thread at a time. UTC, so that a log reads the same wherever the
+// device was and no hour comes twice.
 class TimestampFormatter {
  public:
   void appendNow(std::string& line);
+  // The same for a given time.
   void append(std::string& line, const timespec& time);
 
  private:
@@ -21,13 +23,15 @@ class TimestampFormatter {
   std::string upToSecond_;  // empty: nothing formatted yet
 };
 
+// In decimal, whatever the locale.
 void AppendNumber(std::string& line, long long number);
 
 // Appends the byte as a backslash and a letter where it has one (line feed, return, tab,
 // backslash), else as `prefix` and two hexadecimal digits.
 void AppendEscapedByte(std::string& line, char byte, std::string_view prefix);
 
-// A file that lines are appended to. Belongs to one thread at a time.
+// A file that lines are appended to. Belongs to one thread at a time. Whether a file is there is
+// the conversion's answer; append() on none is false with nothing written.
 class LineFile {
  public:
   LineFile() = default;

@@ -1,4 +1,7 @@
 // One call to several log sinks.
+//
+// A migration writes one log for people and one for programs. Each sink judges for itself what it
+// can store, so that one whose disk is full costs the others nothing.
 #pragma once
 
 #include <utility>
@@ -10,7 +13,9 @@
 namespace quorvel::onlinux {
 
 // Each sink gets every call, in the order given. The sinks outlive the tee, which is as safe
-// between threads as they are.
+// between threads as they are. Without a sink a call does nothing. The list is fixed when the tee
+// is made, so that no lock is needed to walk it; of two threads' calls each sink may see another
+// one first. No sink is null.
 class TeeHostLog final : public HostLogWriter {
  public:
   explicit TeeHostLog(std::vector<HostLogWriter*> sinks) : sinks_(std::move(sinks)) {}

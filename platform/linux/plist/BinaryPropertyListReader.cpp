@@ -87,6 +87,8 @@ class BinaryReader {
     if (entryWidth_ < 1 || entryWidth_ > 8 || referenceWidth_ < 1 || referenceWidth_ > 8) {
       return fail("impossible widths in the trailer");
     }
+    // The room is divided by the width rather than the count multiplied by it: these numbers may be
+    // chosen to overflow.
     if (tableOffset <= HeaderSize || tableOffset > tableEnd ||
         objectCount_ > (tableEnd - tableOffset) / entryWidth_) {
       return fail("the table of objects is not inside the file");
@@ -120,6 +122,7 @@ class BinaryReader {
     return true;
   }
 
+  // The container leaves its frame before it is added: the one around it is the innermost then.
   void close(Frame& frame) {
     if (!frame.dictionary) {
       PlistArray array = std::move(frame.array);
@@ -241,6 +244,8 @@ class BinaryReader {
       known = {index, textOf(object)};
     }
     frame.entries.emplace_back().key = known.text;
+    // At each use, as the text is copied at each use: one key that many dictionaries share may be
+    // long.
     return budget_.take(0, known.text.size()) || refuse(EFBIG, "too much content");
   }
 
@@ -299,6 +304,8 @@ class BinaryReader {
       if (!isSigned) add(low);
       return true;
     }
+    // Sixteen bytes hold what eight cannot, chiefly 2^63 and above; what fits neither form is
+    // approximated.
     const std::uint64_t high = ReadNumber(object.content, width - 8);
     if (high == 0) {
       add(low);

@@ -72,6 +72,8 @@ class ScalarNumbers {
         (content + static_cast<unsigned>(object.kind)) * 0x9E3779B97F4A7C15U >> 32U);
   }
 
+  // Here probing goes on to a free slot: what lands too far away is not found again and costs a
+  // second copy of the object, nothing else.
   void grow() {
     std::vector<Slot> previous(slots_.empty() ? 64 : 2 * slots_.size());
     previous.swap(slots_);
@@ -88,6 +90,7 @@ class ScalarNumbers {
   std::size_t used_ = 0;
 };
 
+// 1, 2, 4 or 8 bytes, the widths that integer objects have.
 std::size_t WidthFor(std::uint64_t largest) {
   std::size_t width = 1;
   while (width < 8 && largest >> (8 * width) != 0) width *= 2;
@@ -103,6 +106,8 @@ std::u16string Utf16(std::string_view text) {
     const auto bits = [&](std::size_t i, unsigned mask) {
       return static_cast<std::uint32_t>(static_cast<unsigned char>(text[i]) & mask);
     };
+    // A lead byte has as many leading ones as its sequence has bytes, and then a zero; the rest
+    // belongs to the character.
     std::uint32_t point = length == 1 ? bits(0, 0x7F) : bits(0, 0xFFU >> (length + 1));
     for (std::size_t i = 1; i < length; ++i) point = point << 6U | bits(i, 0x3F);
     if (point >= 0x10000) {
@@ -144,7 +149,7 @@ class BinaryWriter {
   }
 
   // Numbers all objects, breadth first: the list of objects is also the queue of containers
-  // whose children are still to be numbered.
+  // whose children are still to be numbered. So the depth of a value costs no stack.
   bool collect(const PlistValue& root) {
     if (!number(root, 0)) return false;
     for (std::size_t i = 0; i < objects_.size(); ++i) {
@@ -274,7 +279,8 @@ class BinaryWriter {
     }
   }
 
-  // Up to 4 bytes are unsigned, 8 are signed, and what is above those takes 16.
+  // Up to 4 bytes are unsigned, 8 are signed, and what is above those takes 16. A negative number
+  // has its highest bits set and thus takes 8 bytes by itself.
   void writeInteger(std::uint64_t number, bool large) {
     const std::size_t width = WidthFor(number);
     append(Integer << 4U | (large ? 4U : static_cast<unsigned>(std::countr_zero(width))), 1);
@@ -304,6 +310,7 @@ class BinaryWriter {
 
   void writeTable() {
     const std::uint64_t tableOffset = out_.size();
+    // Every object lies before the table: no offset is larger.
     const std::size_t width = WidthFor(tableOffset);
     for (const Object& object : objects_) append(object.number, width);
     // The trailer: six unused bytes, the two widths, count, root and table.

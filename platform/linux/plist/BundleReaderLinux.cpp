@@ -75,6 +75,8 @@ class BundleLinux : public PKBundle {
     wasRead_ = true;
     const UniqueDescriptor opened = OpenBeneath(directory_.get(), InfoPlistName);
     const int failure = opened ? 0 : errno;
+    // Many bundles may be open at once: none keeps a descriptor longer than it needs it. The number
+    // of the failure was taken before.
     directory_.reset();
     const Path file = path_.child(InfoPlistName);
     if (failure != 0) {

@@ -23,7 +23,8 @@ namespace quorvel::onlinux {
 // Any number of threads may use one.
 class ParsedDictionaries {
  public:
-  // Null when these bytes are not among those that were kept.
+  // Null when these bytes are not among those that were kept. What is found counts as used last.
+  // The result is shared with others and stays good when the entry is forgotten.
   std::shared_ptr<const PlistDictionary> find(std::span<const std::uint8_t> bytes);
 
   // Keeps the dictionary, and forgets the ones that were asked for longest ago when there are too
@@ -37,6 +38,7 @@ class ParsedDictionaries {
   };
   using Entries = std::list<Entry>;  // the one that was used last in front
 
+  // Forgets the entry that was used longest ago. With lock_ held.
   void forgetLast();
 
   std::mutex lock_;

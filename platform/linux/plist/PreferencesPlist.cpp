@@ -60,8 +60,8 @@ UniqueDescriptor EnterDirectory(int parent, const char* name) {
   const bool created = ::mkdirat(parent, name, kDirectoryMode) == 0;
   if (!created && errno != EEXIST) return child;
   child.reset(OpenAt(parent, name, kDirectoryFlags));
-  // What is in a directory that a power cut takes away is lost with it. A failure of this flush
-  // shows again when the file is flushed.
+  // What is in a directory that a power cut takes away is lost with it, so that a failure of this
+  // flush fails the whole change.
   if (child && created && (!GiveTo(parent, child.get(), kDirectoryMode) || ::fsync(parent) != 0)) {
     return UniqueDescriptor();
   }

@@ -40,6 +40,10 @@ class PreferencesPlist : public PreferencesStore {
   // file keeps its owner, mode and attributes; a new one belongs to whom its directory belongs. A
   // file that cannot be understood is set aside as "<file>.damaged" (or ".damaged.2" and so on:
   // nothing is overwritten) and a new one begun; one that cannot be read at all makes this fail.
+  // True without touching the disk where no change is pending, also when reading only. Changes made
+  // by this process count over what the file has under the same keys, other keys stay as they are
+  // in the file. Waits for whoever has the lock. After a failure nothing is lost: what is pending
+  // stays so.
   bool synchronize(const std::string& domain, PreferencesScope scope) override;
   std::optional<std::string> stringFromUserDefaults(const std::string& key,
                                                     const std::string& domain) override;
@@ -57,6 +61,7 @@ class PreferencesPlist : public PreferencesStore {
 
   Path directoryFor(PreferencesScope scope) const;
   Changes pendingChanges(const Domain& domain);
+  // Takes what was stored out of what is pending.
   void forget(const Domain& domain, const Changes& stored);
 
   const Path directory_;

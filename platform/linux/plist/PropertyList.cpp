@@ -18,6 +18,8 @@ Error Read(std::span<const std::uint8_t> bytes, PlistReading& out) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (bytes.size() > PropertyListSizeLimit) return Refusal(EFBIG, "it is too large");
   if (text.starts_with("bplist0")) return ReadBinaryPropertyList(bytes, out);
+  // Nothing is known of what a later form says, so that it must not pass for damaged XML. Eight
+  // bytes or fewer are a beginning that was cut off, which is damage.
   if (text.starts_with("bplist") && text.size() > 8) return Refusal(ENOTSUP, "a later binary form");
   const std::size_t start = text.find_first_not_of(" \t\r\n");
   // The braces of the form that was before XML, and of JSON.
@@ -46,6 +48,7 @@ bool SerializePropertyList(const PlistValue& value, PropertyListFormat format,
   out.clear();
   std::string reason = format == PropertyListFormat::binary ? WriteBinaryPropertyList(value, out)
                                                             : WriteXmlPropertyList(value, out);
+  // The writers bound the content; markup, references and the table come on top of it.
   if (reason.empty() && out.size() > PropertyListSizeLimit) reason = "it is too large";
   if (reason.empty()) return true;
   out.clear();

@@ -10,7 +10,8 @@ namespace quorvel::onlinux {
 
 // What a file of a given size may become in memory. Every value of an honest file costs it at
 // least a byte, but objects may be shared by many parents: a small file that shares much is read
-// like any other, up to a size that can be borne.
+// like any other, up to a size that can be borne. Two quantities, since either alone lets the other
+// through: few long texts, or many empty containers. One budget serves one reading.
 class PropertyListBudget {
  public:
   explicit PropertyListBudget(std::size_t encodedSize)
@@ -18,6 +19,7 @@ class PropertyListBudget {
         content_(PropertyListSizeLimit + 2 * encodedSize) {}
 
   // Accounts for values and the bytes of text or data that they hold. False when it is too much.
+  // Then nothing was taken. The caller asks before it makes room for what it asked for.
   bool take(std::size_t nodes, std::size_t contentBytes) {
     if (nodes > nodes_ || contentBytes > content_) return false;
     nodes_ -= nodes;

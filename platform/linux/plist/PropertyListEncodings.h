@@ -2,6 +2,9 @@
 //
 // A reader returns the failure, an Error without a record on success; a writer the reason of a
 // failure, empty on success.
+//
+// Neither the size of the whole file nor the first bytes are judged here: whoever calls a reader
+// has bounded the one and looked at the other.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +19,9 @@
 
 namespace quorvel::onlinux {
 
-// The bytes are certainly no property list.
+// The bytes are certainly no property list. Only for what is surely damaged or something else,
+// since files may be removed on this account (IsCertainlyUnusable()). When in doubt it is a
+// Refusal.
 inline Error Damage(const std::string& reason) {
   return PlatformFailure(PlatformPropertyListReadCorruptError,
                          "This is no property list: " + reason);

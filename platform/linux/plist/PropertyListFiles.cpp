@@ -22,6 +22,8 @@ Error InFile(const Path& file, const Error& cause) {
                  PlistValue("Reading " + file.string() + ": " + cause.description())}});
 }
 
+// The whole file is made in memory first: a value that cannot be written has touched nothing on
+// disk.
 bool Write(const PlistDictionary& dictionary, const Path& file, PropertyListFormat format,
            Durability durability, Error* error) {
   std::vector<std::uint8_t> bytes;
@@ -35,6 +37,7 @@ std::unique_ptr<PlistDictionary> DictionaryOf(std::span<const std::uint8_t> byte
                                               Error* error, bool* isExact) {
   Error cause;
   const std::unique_ptr<PlistValue> root = ParsePropertyList(bytes, &cause, isExact);
+  // Another root is damage like any other: every file of the system holds a dictionary.
   PlistDictionary* dictionary = root != nullptr ? root->dictionary() : nullptr;
   if (dictionary != nullptr) return std::make_unique<PlistDictionary>(std::move(*dictionary));
   SetError(error, InFile(file, root != nullptr ? Damage("the root is no dictionary") : cause));

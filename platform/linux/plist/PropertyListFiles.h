@@ -9,7 +9,8 @@
 namespace quorvel::onlinux {
 
 // PropertyList.h says what is read and written and what the limits are, AtomicFile.h how a file
-// is replaced. Stateless: any number of threads may use one.
+// is replaced. Stateless: any number of threads may use one. The text of a failure to read names
+// the file. The directory of a file that is written must be there.
 class PropertyListFiles : public PropertyListStore {
  public:
   std::unique_ptr<PlistDictionary> readDictionary(const Path& file, Error* error) override;
@@ -20,7 +21,8 @@ class PropertyListFiles : public PropertyListStore {
 };
 
 // readDictionary for a file named relative to an open directory. `name` is as a system call
-// takes it; `file` is what messages call it. `isExact` as ParsePropertyList() gives it.
+// takes it; `file` is what messages call it. `isExact` as ParsePropertyList() gives it. The file is
+// opened without following a link and without waiting for a FIFO's writer.
 std::unique_ptr<PlistDictionary> ReadDictionaryAt(int directory, const char* name, const Path& file,
                                                   Error* error, bool* isExact = nullptr);
 

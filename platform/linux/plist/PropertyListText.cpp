@@ -21,7 +21,8 @@ namespace {
 // Where the format's dates are counted from.
 constexpr std::chrono::sys_days kReferenceDay = std::chrono::year(2001) / 1 / 1;
 constexpr std::int64_t kSecondsPerDay = 86400;
-// The first and last second whose text form others understand: years 1 to 9999.
+// The first and last second whose text form others understand: years 1 to 9999. 730,485 days before
+// the reference day, and 2,921,574 after it less a second.
 constexpr double kFirstDateSeconds = -63'113'904'000.0;
 constexpr double kLastDateSeconds = 252'423'993'599.0;
 
@@ -80,7 +81,8 @@ std::optional<double> PositiveReal(std::string_view text) {
   return std::nullopt;
 }
 
-// The digits as an approximation; none when they are no digits.
+// The digits as an approximation; none when they are no digits. Beyond 64 bits only a real is left;
+// as a text it would be no number at all.
 std::optional<PlistValue> LargeInteger(std::string_view digits, bool hexadecimal, bool negative) {
   const char* const kDigits = hexadecimal ? "0123456789abcdefABCDEF" : "0123456789";
   if (digits.empty() || digits.find_first_not_of(kDigits) != digits.npos) return std::nullopt;
@@ -143,6 +145,7 @@ bool IsXmlSpace(char character) {
   return character == ' ' || character == '\t' || character == '\n' || character == '\r';
 }
 
+// Eight bytes at a time, and without leaving early: nearly every text is ASCII to its end.
 bool IsAscii(std::string_view text) {
   std::uint64_t all = 0;
   const auto take = [&](const char* from) {
@@ -184,6 +187,7 @@ bool Utf8FromUtf16(const std::uint8_t* units, std::size_t count, std::string& te
     return static_cast<std::uint32_t>(units[2 * i] << 8U | units[2 * i + 1]);
   };
   bool sound = true;
+  // A lower bound, which for ASCII is exact.
   text.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     std::uint32_t point = unit(i);
@@ -263,6 +267,7 @@ std::optional<PlistDate> DateFromText(std::string_view text) {
 }
 
 std::string TextFromDate(PlistDate date) {
+  // A date that is not a number becomes the reference day.
   const double wanted = std::isnan(date.seconds) ? 0.0 : std::floor(date.seconds);
   const double kept = std::clamp(wanted, kFirstDateSeconds, kLastDateSeconds);
   const auto seconds = static_cast<std::int64_t>(kept);
@@ -280,6 +285,7 @@ std::string TextFromDate(PlistDate date) {
 std::optional<PlistData> DataFromText(std::string_view text) {
   TakePadding(text);
   PlistData data;
+  // White space makes this too much, never too little.
   data.reserve(text.size() / 4 * 3 + 3);
   std::uint32_t group = 0;
   unsigned digits = 0;

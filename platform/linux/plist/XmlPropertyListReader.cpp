@@ -72,6 +72,7 @@ class XmlReader {
   XmlReader(std::size_t size, const char* encoding)
       : budget_(size), parser_(ReadyParser(size, encoding, owner_)) {
     if (parser_ == nullptr) return;
+    // A parser that is used again has lost its handlers and this pointer.
     XML_SetUserData(parser_, this);
     XML_SetElementHandler(
         parser_,
@@ -147,6 +148,7 @@ class XmlReader {
     try {
       (this->*handler)(arguments...);
     } catch (const std::bad_alloc&) {
+      // Told once the parser has returned.
       outOfMemory_ = true;
       XML_StopParser(parser_, XML_FALSE);
     }
@@ -215,7 +217,8 @@ class XmlReader {
     text_.clear();
   }
 
-  // Text between the elements means nothing.
+  // Text between the elements means nothing. The parser delivers one text in any number of pieces.
+  // What it may come to is bounded by the document: no entity multiplies it.
   void characters(std::string_view text) {
     if (scalar_ != Element::none) text_.append(text);
   }
@@ -236,6 +239,7 @@ class XmlReader {
     }
   }
 
+  // Texts are copied out of the buffer, which keeps its memory for the next one.
   void endScalar() {
     switch (scalar_) {
       case Element::key:
@@ -298,6 +302,7 @@ Error ReadXmlPropertyList(std::span<const std::uint8_t> bytes, PlistReading& out
     if (!reader.failedAtCharacters()) return failure;
     declared = reader.declaredEncoding();
   }
+  // Only now: hardly any document needs it, and it costs a copy of the whole text.
   const std::optional<MendedXml> mended = MendXml(bytes, declared);
   if (!mended) return Refusal(ENOTSUP, "its encoding is unknown: " + declared);
   const std::string& text = mended->text;

@@ -25,12 +25,14 @@ class XmlWriter {
     append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
     writeValue(root);
     while (!frames_.empty() && reason_.empty()) step();
+    // After a failure the text is of no use, and whoever asked for it drops it.
     append("</plist>\n");
     return reason_;
   }
 
  private:
-  // A container whose children before `next` are written.
+  // A container whose children before `next` are written. Exactly one of the two pointers is set;
+  // they lead into the caller's value.
   struct Frame {
     const PlistArray* array;
     const PlistDictionary* dictionary;
@@ -102,6 +104,8 @@ class XmlWriter {
   void writeDate(PlistDate date) { writeText("<date>", TextFromDate(date), "</date>\n"); }
 
   void writeData(const PlistData& data) {
+    // Before it is written: base 64 makes it longer by a third, and one value alone may be many
+    // times the limit.
     if (data.size() > PropertyListSizeLimit) return fail("it is too large");
     writePlain("<data>\n");
     for (std::size_t at = 0; at < data.size(); at += kDataBytesPerLine) {
@@ -152,7 +156,9 @@ class XmlWriter {
     }
   }
 
-  // Length of the beginning of the text that may stand as it is.
+  // Length of the beginning of the text that may stand as it is. Nearly all texts are plain
+  // throughout and are appended in one piece. ASCII is judged here, without a call for each
+  // character.
   static std::size_t plainLength(std::string_view text) {
     std::size_t at = 0;
     while (at < text.size()) {

@@ -158,6 +158,8 @@ std::optional<MendedXml> MendXml(std::span<const std::uint8_t> bytes, std::strin
     Mend(TextOf(bytes), mended);
     return mended;
   }
+  // Two passes: an encoding is undone before anything is looked for in the text, whose bytes may
+  // look like markup until then.
   Converter converter(encoding->name);
   if (!converter.isKnown()) return std::nullopt;
   MendedXml converted;

@@ -11,6 +11,7 @@
 
 namespace quorvel::onlinux {
 
+// The core is made first and goes last: the services refer to it.
 struct ApplicationRegistryLinux::Parts {
   Parts(FileSystem& fileSystem, BundleReader& bundles, RegistryOptions options)
       : core(fileSystem, bundles, std::move(options)), workspace(core), service(core) {}
@@ -38,6 +39,8 @@ bool ApplicationRegistryLinux::registerIdentifier(const std::string& identifier,
     return Fail(RegistryErrorCode::invalidOptions, "An identifier is needed to register one",
                 error);
   }
+  // An unreadable list of built-in apps stops this as well: nobody can say then whether a record is
+  // needed.
   std::optional<AppRecord> known;
   if (!core.prepareToWrite(error) || core.isBlocked(identifier, error) ||
       !core.find(identifier, &known, error) || core.builtInApps(error) == nullptr) {
@@ -48,6 +51,7 @@ bool ApplicationRegistryLinux::registerIdentifier(const std::string& identifier,
   record.identifier = identifier;
   record.type = BundleTypeVPNPlugin;
   InstallPlan plan = core.newPlan();
+  // By way of an intent like every change, so that a kill leaves no container without an owner.
   if (!plan.giveDataContainer(&record, error)) return false;
   plan.setRecord(record);
   return core.run(plan, error);

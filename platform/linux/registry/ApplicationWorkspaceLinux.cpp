@@ -274,6 +274,7 @@ bool ApplicationWorkspaceLinux::discardObsolete(const Request& request,
 // Store metadata that came after its bundle follows it, unless the name is taken.
 bool ApplicationWorkspaceLinux::repeat(const Request& request, const PackageContents& package,
                                        const AppRecord& known, Error* error) {
+  // What the first request changed may not be stored yet, and this answer says that it is.
   if (!core_.flush(known, request.staging, error)) return false;
   if (package.isPresent) {
     InstallPlan plan = core_.newPlan();

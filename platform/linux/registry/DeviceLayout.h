@@ -2,6 +2,9 @@
 //
 // A container's directory is named by a random UUID and lies among those of its kind; who owns it
 // is said by the records alone.
+//
+// Why the names of apps are not in paths: an identifier is any text, some longer than a file name
+// may be, and an app that is installed anew gets a new container while the old one is still whole.
 #pragma once
 
 #include <string>

@@ -35,6 +35,7 @@ bool InstallPlan::giveDataContainer(AppRecord* record, Error* error) {
     record->dataContainer = std::move(name);
   }
   const Path path = layout_.container(ContainerKind::data, *record->dataContainer);
+  // A container that somebody removed is made again under the name that the record has.
   if (!IsRealDirectory(path)) addStep(Kind::makeDirectory, record->identifier, {}, path);
   return true;
 }

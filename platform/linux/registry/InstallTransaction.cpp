@@ -41,6 +41,8 @@ bool MakeDirectory(FileSystem& fileSystem, const std::string& path, Error* error
   const FileSystemRepresentation bytes(path);
   if (::mkdir(bytes.c_str(), 0755) != 0) {
     if (errno != EEXIST && errno != ENOENT) return Fail(path, error);
+    // A device's first container finds its parents missing, a repeated step finds the directory
+    // itself.
     if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error)) return false;
   }
   // The umask may have taken bits away, also in an attempt that was killed before it came here.
@@ -238,7 +240,8 @@ bool InstallTransaction::moveIfExists(const InstallStep& step, Error* error) {
 }
 
 bool InstallTransaction::writeFile(const InstallStep& step, Error* error) {
-  // In a container of our own: what has the name is an earlier attempt.
+  // In a container of our own: what has the name is an earlier attempt. Not flushed by itself: the
+  // barrier after the steps covers it.
   const UniqueDescriptor file(::open(FileSystemRepresentation(step.target).c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
   const bool written =
@@ -282,6 +285,7 @@ bool InstallTransaction::flush(const InstallIntent& intent, Error* error) {
     items.insert(makes ? step.target : ParentOf(step.target));
     if (!step.source.empty()) items.insert(ParentOf(step.source));
   }
+  // The data went there before the request was made, by the caller: its barrier is this one.
   for (const AppRecord& record : intent.records) {
     if (!record.dataContainer) continue;
     items.insert(layout_.container(ContainerKind::data, *record.dataContainer).string());
@@ -321,6 +325,7 @@ bool InstallTransaction::flush(const std::set<std::string>& items, Error* error)
          std::all_of(items.begin(), items.end(), flushOne);
 }
 
+// Every step is tried: one item that cannot be removed must not keep the others.
 bool InstallTransaction::cleanUp(const InstallIntent& intent, Error* error) {
   bool done = true;
   for (const InstallStep& step : intent.steps) {

@@ -35,6 +35,8 @@ int InstallationServiceLinux::QuorvelUpdateContainerDataProtectionForMigratorOnl
   if (leavesOutBuiltIn && core_.builtInApps(nullptr) == nullptr) return 0;
   bool complete = true;
   std::int64_t unsupported = 0;
+  // One container that cannot be given its class does not keep the others from theirs; only the
+  // record that all was done is not made then.
   const auto protectOne = [&](const AppRecord& record) {
     if (!record.dataContainer) return;
     if (leavesOutBuiltIn && core_.builtInApp(record.identifier) != nullptr) return;

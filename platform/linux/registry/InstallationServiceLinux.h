@@ -11,10 +11,12 @@
 
 namespace quorvel::onlinux {
 
+// One thread at a time, as the core.
 class InstallationServiceLinux final : public InstallationService {
  public:
   explicit InstallationServiceLinux(RegistryCore& core) : core_(core) {}
 
+  // The path must be a directory and no link. It is recorded as it is given.
   int QuorvelRegisterSafeHarborForContainerType(const std::string& path,
                                                 const std::string& identifier, int containerType,
                                                 const PlistDictionary* options) override;

@@ -52,6 +52,7 @@ bool ListBundles(const UniqueDescriptor& directory, const Path& path, std::vecto
     }
   }
   const bool listed = errno == 0;
+  // File systems list in different orders: sorted, one package always makes the same plan.
   if (listed) std::sort(bundles->begin(), bundles->end());
   return listed;
 }
@@ -128,6 +129,8 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
   package->isPresent = true;
   for (const char* name : StoreMetadataItemNames) {
     struct stat info {};
+    // What cannot be looked at is not taken along and keeps the staging directory from being empty,
+    // and so from being removed.
     if (::fstatat(directory.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
       package->metadata.emplace_back(name);
     }

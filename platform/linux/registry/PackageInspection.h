@@ -16,7 +16,8 @@ namespace quorvel::onlinux {
 inline constexpr const char* BundleTypeApp = "App";
 inline constexpr const char* BundleTypeVPNPlugin = "VPNPlugin";
 
-// A bundle as its info dictionary describes it, read once.
+// A bundle as its info dictionary describes it, read once. The identifier is never empty. Groups
+// are sorted; entries of that list which are no strings are passed over.
 struct BundleDescription {
   Path path;
   std::string type;  // one of the above
@@ -36,12 +37,16 @@ struct PackageContents {
 // Whether the path itself, not what a link names, is a directory.
 bool IsRealDirectory(const Path& path);
 
-// False with an Error when the info dictionary cannot be read or names no identifier.
+// False with an Error when the info dictionary cannot be read or names no identifier. The code is
+// unreadableInfo whatever the cause was: a request cannot go on in any of the cases, and its
+// package stays.
 bool ReadBundle(BundleReader& reader, const Path& directory, const char* type,
                 BundleDescription* bundle, Error* error);
 
 // Bundles are the directories in "Payload" with the extension "app" or "vpnplugin". False with an
-// Error when a directory cannot be listed or one of the bundles cannot be read.
+// Error when a directory cannot be listed or one of the bundles cannot be read. A staging directory
+// or "Payload" that is missing, a link or no directory is no failure: the package has no bundles
+// then. One bad bundle fails the whole package, so that no part of an app is installed.
 bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* package,
                     Error* error);
 

@@ -108,6 +108,7 @@ BundleProxy RegistryCore::proxyOf(const AppRecord& record) {
   proxy.bundleContainerPath = container(ContainerKind::bundle, record.bundleContainer);
   if (proxy.bundleContainerPath) {
     proxy.bundlePath = proxy.bundleContainerPath->childDirectory(record.bundleName);
+    // The record says where the bundle should be, the disk whether it is.
     proxy.foundBackingBundle = IsRealDirectory(*proxy.bundlePath);
   }
   proxy.dataContainerPath = container(ContainerKind::data, record.dataContainer);
@@ -137,6 +138,7 @@ BundleProxy RegistryCore::proxyOf(const BundleDescription& app,
 bool RegistryCore::giveContainers(const BundleDescription& app, std::optional<AppRecord>* record,
                                   Error* error) {
   std::map<std::string, Path> groups;
+  // A lookup that finds all of it, as nearly every one does, writes nothing.
   if (!groupContainers(app.groups, &groups)) return storeFailed(error);
   const bool complete = *record && (*record)->dataContainer && groups.size() == app.groups.size();
   if (complete) return true;
@@ -176,6 +178,8 @@ bool RegistryCore::recordDataProtection(std::int64_t unsupported, Error* error) 
 bool RegistryCore::snapshot(RegistrySnapshot* result, Error* error) {
   *result = {};
   std::map<std::string, std::optional<AppRecord>> records;
+  // First, since without them the records alone would show an older app where a newer one is built
+  // in.
   const BuiltInApps::Map* apps = builtIn_.all(error);
   if (apps == nullptr || !prepare(error)) return false;
   const auto note = [&](const AppRecord& record) { records[record.identifier] = record; };

@@ -36,11 +36,14 @@ class RegistryCore {
   }
 
   // Opens the store and takes up what an interrupted or failed operation left open. What cannot
-  // be finished now does not stop others: it only fails requests for the same identifier.
+  // be finished now does not stop others: it only fails requests for the same identifier. False
+  // only when the store cannot be opened. Costs little when it is open and nothing is left over.
+  // With `readOnly` nothing is taken up.
   bool prepare(Error* error);
   // The same for operations that write.
   bool prepareToWrite(Error* error);
-  // Whether an intent for the identifier is still open, then with the Error why.
+  // Whether an intent for the identifier is still open, then with the Error why. True also where
+  // the open intents cannot be read: then nobody knows.
   bool isBlocked(const std::string& identifier, Error* error);
 
   // --- What is recorded: after prepare() ---------------------------------------------------
@@ -49,11 +52,13 @@ class RegistryCore {
   bool find(const std::string& identifier, std::optional<AppRecord>* record, Error* error);
   // In the identifiers' order.
   bool forEachApp(const std::function<void(const AppRecord&)>& visit, Error* error);
-  // Whether the record's bundle is where the record says.
+  // Whether the record's bundle is where the record says. A link does not count. Looks at the disk
+  // at each call.
   bool hasBundle(const AppRecord& record) const;
   // Whether the record's bundle container has an item of that name.
   bool containerHolds(const AppRecord& record, const std::string& name) const;
-  // What callers get to see of an identifier, with what is on disk now.
+  // What callers get to see of an identifier, with what is on disk now. Groups that have no
+  // container yet are left out.
   BundleProxy proxyOf(const AppRecord& record);
   // `record` holds the containers, if there are any yet.
   BundleProxy proxyOf(const BundleDescription& builtIn, const std::optional<AppRecord>& record);
@@ -84,7 +89,9 @@ class RegistryCore {
   // An empty plan, and the only way to carry one out.
   InstallPlan newPlan() { return {layout_, store_}; }
   bool run(InstallPlan& plan, Error* error) { return plan.run(transaction_, error); }
-  // Gives a built-in app the containers it still lacks, and updates the record.
+  // Gives a built-in app the containers it still lacks, and updates the record. Costs a lookup
+  // where it lacks none. An update of the app that is installed keeps its record's bundle, version
+  // and groups.
   bool giveContainers(const BundleDescription& builtIn, std::optional<AppRecord>* record,
                       Error* error);
   // See InstallTransaction.h.

@@ -61,6 +61,7 @@ class RegistryDatabase {
   // By SQLite's own check of pages and indexes.
   bool contentIsWhole();
 
+  // A rollback keeps failure() as it was: why the transaction failed is what counts.
   bool begin();     // a transaction that writes
   bool commit();    // a kill cannot undo it
   void rollback();  // nothing when no transaction is open
@@ -105,6 +106,7 @@ class Query {
   Query& bind(std::int64_t number);
   Query& bindOptional(const std::optional<std::string>& text);
 
+  // After it was false no column may be asked for.
   bool row();  // whether there is a (next) row
   bool run();  // executes to the end; false when it failed
   bool failed() const { return failed_; }

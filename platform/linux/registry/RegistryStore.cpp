@@ -33,6 +33,7 @@ constexpr const char* kSchema = R"(
   CREATE TABLE settings(name TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID;
 )";
 
+// The order in which RecordOf() reads and putRecord() binds.
 #define QV_APP_COLUMNS                                                                \
   "identifier, type, version, bundle_container, bundle_name, data_container, groups," \
   " placeholder, staging, obsolete"
@@ -74,6 +75,8 @@ bool RegistryStore::open(FileSystem& fileSystem, const Path& directory,
     absent_ = options.readOnly;
     // Nothing is stored: nothing can be damaged.
     if (absent_) return true;
+    // Both are stored when they return: a record must not be lost with the directory that holds the
+    // database.
     if (!MakeDurableDirectory(fileSystem, bytes.c_str(), error) ||
         !RegistryDatabase::create(bytes.c_str(), RegistryFileName, database, error)) {
       return false;
@@ -92,7 +95,8 @@ bool RegistryStore::isSound(Error* error) {
     return Fail(RegistryErrorCode::damagedStore, "The application registry: its tables are damaged",
                 error);
   }
-  // Each table is read once; decoding is part of being sound.
+  // Records, intents and harbors are read whole; an intent that cannot be decoded is found out. The
+  // other two tables hold plain values: that they are there is enough.
   std::optional<std::string> container;
   std::vector<InstallIntent> intents;
   std::vector<SafeHarborRecord> harbors;
@@ -145,6 +149,7 @@ bool RegistryStore::begin(InstallIntent* intent,
   Query query(database_, "INSERT INTO intents(committed, content) VALUES(0, ?) RETURNING id");
   done = done && query.bind(content).row();
   if (done) intent->id = query.number(0);
+  // A statement that returns a row is done only when it was asked for the next one.
   done = done && query.run();
   return end(done);
 }
@@ -156,6 +161,7 @@ bool RegistryStore::end(bool done) {
     return false;
   }
   if (!database_.commit()) return false;
+  // Not before: what a transaction that failed had deleted is there again.
   finished_.clear();
   return true;
 }
@@ -185,6 +191,7 @@ bool RegistryStore::openIntents(std::vector<InstallIntent>* intents) {
   while (query.row()) {
     InstallIntent intent{query.number(0), query.number(1) != 0, {}, {}};
     if (!DecodeIntent(query.text(2), &intent)) {
+      // None is passed over: nobody could say whose bundle is on its way.
       database_.setFailure(RegistryFailure(RegistryErrorCode::damagedStore,
                                            "The application registry: an intent is damaged"));
       return false;
@@ -224,6 +231,8 @@ bool RegistryStore::forgetFinished() {
   return true;
 }
 
+// A statement outside of a transaction is one by itself. It takes no finished intents with it;
+// those wait for the next one.
 bool RegistryStore::putSafeHarbor(const SafeHarborRecord& harbor) {
   Query query(database_, "INSERT OR REPLACE INTO harbors(identifier, type, path) VALUES(?, ?, ?)");
   return query.bind(harbor.identifier)

@@ -19,6 +19,8 @@ namespace {
 bool RealPathOf(const Path& directory, std::string* real) {
   if (directory.string() == "/") return true;
   const FileSystemRepresentation path = directory.fileSystemRepresentation();
+  // realpath would take a file as well. Real, since the mount table knows no links: a root that is
+  // reached through one must compare equal.
   const UniqueDescriptor opened(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!opened) return false;
   const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr),
@@ -28,12 +30,16 @@ bool RealPathOf(const Path& directory, std::string* real) {
   return true;
 }
 
+// The user's name becomes a component of a path that is opened below the root: anything else would
+// lead out of it.
 bool IsPlainName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
 }  // namespace
 
+// Inside its root a process has paths that begin at "/"; outside of it each one begins with the
+// root, as text, since these paths are shown and stored.
 CoreServices::CoreServices(const std::string& realRoot, const QVLinuxServicesOptions& options)
     : deviceRoot(options.processWillEnterRoot ? "" : StringFromFileSystemRepresentation(realRoot)),
       fileData(Path::directory(deviceRoot + "/private/var/tmp")),
@@ -42,6 +48,7 @@ CoreServices::CoreServices(const std::string& realRoot, const QVLinuxServicesOpt
   if (options.processWillEnterRoot && !realRoot.empty()) {
     mountsInside.emplace(machineMounts, realRoot);
   }
+  // What is not set here is the registry's, the icons' and the host's own.
   set.log = options.log;
   set.hostLog = options.hostLog;
   set.bundles = &bundles;

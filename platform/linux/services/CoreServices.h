@@ -1,4 +1,7 @@
 // The services but for the registry's and the icons, which need large libraries.
+//
+// Apart from the rest so that a small tool, which asks for files, property lists or preferences,
+// links neither the database nor the image codec.
 #pragma once
 
 #include <memory>
@@ -21,9 +24,12 @@
 namespace quorvel::onlinux {
 
 // Rules as for QVLinuxServices. The set's pointers lead to the members.
-// The order of the members is that of their making: later ones refer to earlier ones.
+// The order of the members is that of their making: later ones refer to earlier ones. Neither
+// copied nor moved: the set would go on pointing to the old members. Everything outside the device
+// that a member needs is opened by its constructor, hence before the process confines itself.
 struct CoreServices {
-  // As QVLinuxServices::create.
+  // As QVLinuxServices::create. Null with the Error also for a preferences user that is no plain
+  // name: it becomes part of a path. The registry's and the icons' pointers are null.
   static std::unique_ptr<CoreServices> create(const Path& root,
                                               const QVLinuxServicesOptions& options, Error* error);
   // `realRoot` is the real path of the device's directory, as bytes; "" for "/".
@@ -40,7 +46,8 @@ struct CoreServices {
   FileDataLinux fileData;
   PreferencesPlist preferences;
   HardwareRegistryLinux hardware;
-  // The kernel's table as it is, and the view of it that a confined process hands out.
+  // The kernel's table as it is, and the view of it that a confined process hands out. The second
+  // one is there only where the process will enter its root; else the first one is handed out.
   MountTableLinux machineMounts;
   std::optional<ConfinedMountTable> mountsInside;
   // Only when the options ask for digests: libcrypto takes milliseconds to load.

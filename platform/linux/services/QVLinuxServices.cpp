@@ -22,6 +22,8 @@ onlinux::RegistryOptions RegistryOptionsFor(const std::string& deviceRoot,
 
 }  // namespace
 
+// The order of the members is that of their making: the registry refers to the core's services and
+// goes before them.
 struct QVLinuxServices::Parts {
   Parts(std::unique_ptr<onlinux::CoreServices> others, const QVLinuxServicesOptions& options)
       : core(std::move(others)),
@@ -47,6 +49,7 @@ onlinux::ApplicationRegistryLinux& QVLinuxServices::registry() { return parts_->
 std::unique_ptr<QVLinuxServices> QVLinuxServices::create(const Path& root,
                                                          const QVLinuxServicesOptions& options,
                                                          Error* error) {
+  // Everything that can fail is there; the registry opens its database at the first use.
   auto core = onlinux::CoreServices::create(root, options, error);
   if (core == nullptr) return nullptr;
   return std::unique_ptr<QVLinuxServices>(

@@ -25,6 +25,7 @@ std::vector<unsigned> NumbersBehind(std::string_view prefix, int parent, const c
   std::vector<unsigned> numbers;
   const int descriptor = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (descriptor < 0) return numbers;
+  // The stream takes the descriptor over, unless it cannot be made.
   const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(descriptor));
   if (directory == nullptr) {
     ::close(descriptor);
@@ -130,6 +131,7 @@ std::int32_t HardwareRegistryLinux::createDescendantIterator(HardwareEntry entry
 std::int32_t HardwareRegistryLinux::createIterator(HardwareEntry entry, const char* plane,
                                                    bool recursive, HardwareIterator* iterator) {
   if (std::strcmp(plane, HRServicePlane) != 0) return EINVAL;
+  // Held while the tree is read: the entry must not be released by another thread in between.
   const std::lock_guard lock(mutex_);
   const Held* held = find(entry);
   if (held == nullptr) return EINVAL;
@@ -149,6 +151,8 @@ std::int32_t HardwareRegistryLinux::createIterator(HardwareEntry entry, const ch
     const std::vector<Node> children = childrenOf(walk.nodes.back());
     pending.insert(pending.end(), children.rbegin(), children.rend());
   }
+  // Entries and iterators are numbered from one counter, so that release() knows which of the two
+  // it is given.
   *iterator = ++lastHandle_;
   walks_.emplace(*iterator, std::move(walk));
   return 0;

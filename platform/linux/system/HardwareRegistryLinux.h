@@ -28,7 +28,8 @@ class HardwareRegistryLinux final : public HardwareRegistry {
   // so that the process may confine itself in between. One that cannot be opened has no devices.
   explicit HardwareRegistryLinux(const std::string& blockDirectory = "/sys/block");
 
-  // The first entry of that class on the way down; 0 when nothing is attached.
+  // The first entry of that class on the way down; 0 when nothing is attached. "First" is by
+  // number: the lowest device's drive, its whole medium.
   HardwareEntry firstMatchingService(const char* className) override;
   // Fail with EINVAL for another plane or what is no entry. A device that is no longer attached has
   // nothing below it.
@@ -36,10 +37,12 @@ class HardwareRegistryLinux final : public HardwareRegistry {
                                    HardwareIterator* iterator) override;
   std::int32_t createDescendantIterator(HardwareEntry entry, const char* plane,
                                         HardwareIterator* iterator) override;
+  // What was detached since the iterator was made is still given, and has nothing below it.
   HardwareEntry next(HardwareIterator iterator) override;
   bool conformsTo(HardwareEntry entry, const char* className) override;
   std::optional<std::string> stringProperty(HardwareEntry entry, const char* key) override;
-  // An entry or an iterator; one that is not held is passed over.
+  // An entry or an iterator; one that is not held is passed over. An iterator goes at once, an
+  // entry with its last reference.
   void release(std::uint32_t handle) override;
 
  private:

@@ -16,6 +16,8 @@ class MountTableLinux final : public MountTable {
  public:
   // A file in the form of /proc/self/mountinfo or of /proc/self/mounts.
   explicit MountTableLinux(const std::string& path = "/proc/self/mountinfo");
+  // Any thread: each read has a position of its own. A table that was read and has no entry is
+  // ENODATA.
   std::vector<MountedFileSystem> read() override;
 
  private:

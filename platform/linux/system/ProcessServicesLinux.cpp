@@ -21,6 +21,7 @@ namespace quorvel::onlinux {
 
 SerialTaskQueue::SerialTaskQueue() : thread_([this] { run(); }) {}
 
+// The thread ends only when the queue is empty, so that joining it is waiting for every job.
 SerialTaskQueue::~SerialTaskQueue() {
   {
     const std::lock_guard lock(mutex_);
@@ -38,6 +39,7 @@ void SerialTaskQueue::submit(std::function<void()> job) {
   changed_.notify_one();
 }
 
+// Jobs run without the lock, since they may submit further ones.
 void SerialTaskQueue::run() {
   std::unique_lock lock(mutex_);
   while (true) {
@@ -64,6 +66,7 @@ std::optional<std::string> CrashReportMessageLinux::currentThreadName() {
   char name[16] = {};  // the kernel's size, NUL included
   if (::prctl(PR_GET_NAME, name) != 0) return std::nullopt;
   const std::string_view program = ::program_invocation_short_name;
+  // The kernel cut the program's name off, too.
   if (name == program.substr(0, sizeof name - 1)) return std::nullopt;
   return name;
 }

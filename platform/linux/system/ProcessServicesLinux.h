@@ -33,7 +33,8 @@ class ProcessTransactionLinux final : public ProcessTransaction {
 // Runs jobs one after another, in the order of submission, on a thread of its own. The destructor
 // waits until every job has run, those included that jobs submit meanwhile; it must not run on
 // the queue's own thread, and no other thread may submit any more. A job that throws ends the
-// process.
+// process. Why a thread of its own and not one for each job: jobs may rely on those before them
+// being done.
 class SerialTaskQueue final : public TaskQueue {
  public:
   SerialTaskQueue();
@@ -41,6 +42,8 @@ class SerialTaskQueue final : public TaskQueue {
   SerialTaskQueue(const SerialTaskQueue&) = delete;
   SerialTaskQueue& operator=(const SerialTaskQueue&) = delete;
 
+  // The queue has no bound. What the job holds is released on the queue's thread, right after it
+  // ran.
   void submit(std::function<void()> job) override;
 
  private:
@@ -65,14 +68,17 @@ class CpuUsageMonitorLinux final : public CpuUsageMonitor {
 };
 
 // Where a core handler or supervisor finds the message: the symbol quorvel_crash_report_message,
-// alone in the section "quorvel_crash" of the program; without symbols, the magic text.
+// alone in the section "quorvel_crash" of the program; without symbols, the magic text. Both
+// members are at fixed places: whoever reads a core file or the memory of a dying process has no
+// header to go by.
 struct CrashReportRecord {
   char magic[16];                      // "QUORVEL-CRASH-1", NUL-terminated
   std::atomic<std::uint64_t> message;  // address of the NUL-terminated text; 0 until there is one
 };
 
 // Stores the address of the text in the record above and writes the text to standard error, by
-// nothing but the system's write: it is safe in a signal handler and with a broken heap.
+// nothing but the system's write: it is safe in a signal handler and with a broken heap. The text
+// must stay where it is until the process is gone. The end of a line is added where it has none.
 class CrashReportMessageLinux final : public CrashReportMessage {
  public:
   void set(const char* text) override;

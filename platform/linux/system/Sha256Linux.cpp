@@ -19,7 +19,9 @@ struct Sha256ProviderLinux::Library {
   EVP_MD* algorithm = nullptr;
 
   Library() {
-    // Stays loaded: it has functions that run when the process ends.
+    // Stays loaded: it has functions that run when the process ends. By the name of the interface's
+    // version: the functions below are those of 3, and an earlier library has not all of them.
+    // Nothing of it becomes visible to the rest of the program.
     void* handle = ::dlopen("libcrypto.so.3", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle == nullptr) return;
     if (find(handle, "EVP_MD_fetch", fetch) && find(handle, "EVP_MD_free", release) &&
@@ -46,6 +48,7 @@ struct Sha256ProviderLinux::Library {
 class Sha256ProviderLinux::Computation final : public Sha256 {
  public:
   explicit Computation(const Library& library) : library_(library) {
+    // Then `sound_` stays false, and finish() tells.
     if (library.algorithm == nullptr) return;
     context_ = library.newContext();
     sound_ = context_ != nullptr && library.init(context_, library.algorithm, nullptr) == 1;

@@ -18,6 +18,7 @@ class Sha256ProviderLinux final : public Sha256Provider {
   Sha256ProviderLinux(const Sha256ProviderLinux&) = delete;
   Sha256ProviderLinux& operator=(const Sha256ProviderLinux&) = delete;
 
+  // Also without libcrypto an object comes back, whose finish() is false.
   std::unique_ptr<Sha256> start() override;
 
  private:

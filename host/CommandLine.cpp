@@ -256,17 +256,7 @@ void AddRegister(CLI::App& parser, Options& options) {
       "  migration-host register --root /tmp/device --identifier com.example.tunnel");
 }
 
-// By hand, since parsing has failed: a program that asked for JSON gets its complaint as JSON.
-bool AsksForJson(int argc, const char* const* argv) {
-  return std::any_of(argv, argv + argc,
-                     [](const char* argument) { return std::string_view(argument) == "--json"; });
-}
-
-}  // namespace
-
-ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
-  Options options;
-  CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
+void AddEverything(CLI::App& parser, Options& options) {
   parser.set_version_flag("--version", std::string("migration-host ") + kBuiltVersion);
   parser.formatter(HelpFormatter());
   // Without one there is nothing to do, and nothing is guessed.
@@ -281,7 +271,20 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
   AddVerify(parser, options);
   AddRehearse(parser, options);
   AddReport(parser, options);
+}
 
+// By hand, since parsing has failed: a program that asked for JSON gets its complaint as JSON.
+bool AsksForJson(int argc, const char* const* argv) {
+  return std::any_of(argv, argv + argc,
+                     [](const char* argument) { return std::string_view(argument) == "--json"; });
+}
+
+}  // namespace
+
+ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
+  Options options;
+  CLI::App parser("Migrates the apps of a device tree into the current layout.", "migration-host");
+  AddEverything(parser, options);
   ParsedCommandLine parsed;
   const KnownValues known = {{"--force-preflight", {kRefusals.begin(), kRefusals.end()}}};
   if (const auto script = CompletionAskedFor(parser, argc, argv, known)) {

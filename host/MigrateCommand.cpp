@@ -186,59 +186,84 @@ void TellEnd(const Listeners& listeners, const MigrationResult& result, const Ru
   ::_exit(code);
 }
 
-}  // namespace
-
-int RunMigrate(const Options& options) {
-  FatalError error;
+// What one run needs; destroyed in the opposite order, so that what the plug-in uses outlives it.
+struct Run {
+  explicit Run(const Options& chosenOptions) : options(chosenOptions), chosen(options.only) {}
+  const Options& options;
   DeviceRoot root;
   PluginBundle bundle;
-  HostServices services(DeviceAccess::change);
-  ChosenApps chosen(options.only);
+  HostServices services{DeviceAccess::change};
+  ChosenApps chosen;
   SharedIdentifiers shared;
   RunAccount account;
   std::optional<EventStream> events;
   MigrationResult result;
-  result.device = DeviceName(options);  // the path leads elsewhere once the tree was entered
-  if (!Prepare(options, root, bundle, services, events, error)) {
-    return ReportFatal(error, options.json);
+  FatalError error;
+};
+
+// Whether the tree may be migrated; else the exit code, of which the user has heard. Changes
+// nothing on the device.
+std::optional<int> RefuseToBegin(Run& run) {
+  const Options& options = run.options;
+  run.result.device = DeviceName(options);  // the path leads elsewhere once the tree was entered
+  if (!Prepare(options, run.root, run.bundle, run.services, run.events, run.error)) {
+    return ReportFatal(run.error, options.json);
   }
-  result.identity = IdentifyRun(bundle);
-  Findings findings = RunPreflight(root.descriptor());
-  shared.find(bundle, findings);
+  run.result.identity = IdentifyRun(run.bundle);
+  Findings findings = RunPreflight(run.root.descriptor());
+  run.shared.find(run.bundle, findings);
   Force(options.forcedFindings, findings);
   if (Refuses(findings)) return ReportRefusal(findings, options.json);
   ShowFindings(findings, options);
-  if (!chosen.isEmpty()) {
-    if (!chosen.areThere(bundle, root, error)) return ReportFatal(error, options.json);
-    services.choose(chosen);
+  run.result.preflight = std::move(findings);
+  if (!run.chosen.isEmpty() && !run.chosen.areThere(run.bundle, run.root, run.error)) {
+    return ReportFatal(run.error, options.json);
   }
-  services.tell(account);
-  if (events) account.follow(*events);
-  services.install();
-  result.installedBefore = InstalledNow(services);
-  const auto start = Clock::now();
-  result.startedAt = SecondsSince1970();
-  account.countFrom(start);
-  const std::unique_ptr<MigratorPlugin> plugin = CreatePlugin(bundle, account, error);
-  if (plugin == nullptr) return ReportFatal(error, options.json);
-  ShowEstimate(*plugin, account, result.installedBefore, options);
-  result.preflight = std::move(findings);
-  root.showAtWork();
-  RunRecord record(result, *plugin, account);
-  const Listeners listeners{record, events ? &*events : nullptr};
+  return std::nullopt;
+}
+
+// The services as the plug-in is to find them, and what they hold before it changes anything.
+void InstallServices(Run& run) {
+  if (!run.chosen.isEmpty()) run.services.choose(run.chosen);
+  run.services.tell(run.account);
+  if (run.events) run.account.follow(*run.events);
+  run.services.install();
+  run.result.installedBefore = InstalledNow(run.services);
+}
+
+int Carry(Run& run, MigratorPlugin& plugin, Clock::time_point start) {
+  MigrationResult& result = run.result;
+  run.root.showAtWork();
+  RunRecord record(result, plugin, run.account);
+  const Listeners listeners{record, run.events ? &*run.events : nullptr};
   {
     // A copy, which nobody changes while the run goes on.
     const Interruption interruption([&, begun = result](int signal) mutable {
       begun.interruptedBy = signal;
-      EndEarly(std::move(begun), *plugin, account, listeners, options, start);
+      EndEarly(std::move(begun), plugin, run.account, listeners, run.options, start);
     });
     record.follow();
-    Drive(*plugin, account, options, result);
+    Drive(plugin, run.account, run.options, result);
   }
-  Describe(*plugin, start, result);
-  WarnOfIncompleteLog(services, options);
-  TellEnd(listeners, result, account);
-  return Report(result, account, options);
+  Describe(plugin, start, result);
+  WarnOfIncompleteLog(run.services, run.options);
+  TellEnd(listeners, result, run.account);
+  return Report(result, run.account, run.options);
+}
+
+}  // namespace
+
+int RunMigrate(const Options& options) {
+  Run run(options);
+  if (const std::optional<int> refused = RefuseToBegin(run)) return *refused;
+  InstallServices(run);
+  const auto start = Clock::now();
+  run.result.startedAt = SecondsSince1970();
+  run.account.countFrom(start);
+  const std::unique_ptr<MigratorPlugin> plugin = CreatePlugin(run.bundle, run.account, run.error);
+  if (plugin == nullptr) return ReportFatal(run.error, options.json);
+  ShowEstimate(*plugin, run.account, run.result.installedBefore, options);
+  return Carry(run, *plugin, start);
 }
 
 }  // namespace quorvel::host

@@ -115,16 +115,25 @@ std::string BashValue(const OptionRow& option) {
   return option.kind == Kind::directory ? "how=-d" : "return";
 }
 
-std::string InBash(const std::string& program, const std::vector<CommandRow>& rows) {
-  const bool hasCommands = rows.size() > 1;
+// One branch for each option that takes a value: what may follow it.
+std::string BashValues(const std::vector<CommandRow>& rows) {
   std::string values;
+  for (const CommandRow& row : rows) {
+    for (const OptionRow& option : row.options) {
+      if (option.kind == Kind::flag) continue;
+      values += "    " + BashPattern(row, option) + ") " + BashValue(option) + " ;;\n";
+    }
+  }
+  return values;
+}
+
+// One branch for each command: its options; for the program itself also the commands.
+std::string BashNames(const std::vector<CommandRow>& rows) {
   std::string names;
   for (const CommandRow& row : rows) {
     std::vector<std::string> known;
     for (const OptionRow& option : row.options) {
       known.insert(known.end(), option.names.begin(), option.names.end());
-      if (option.kind == Kind::flag) continue;
-      values += "    " + BashPattern(row, option) + ") " + BashValue(option) + " ;;\n";
     }
     const bool isProgram = row.name.empty();
     for (const CommandRow& other : rows) {
@@ -133,6 +142,11 @@ std::string InBash(const std::string& program, const std::vector<CommandRow>& ro
     names += "    '" + row.name + "') known='" + Joined(known) + "'" +
              (row.takesFiles ? " how=-f" : "") + " ;;\n";
   }
+  return names;
+}
+
+std::string InBash(const std::string& program, const std::vector<CommandRow>& rows) {
+  const bool hasCommands = rows.size() > 1;
   const std::string function = FunctionName(program);
   return function +
          "() {\n"
@@ -147,10 +161,10 @@ std::string InBash(const std::string& program, const std::vector<CommandRow>& ro
          "    before=${COMP_WORDS[COMP_CWORD - 2]}\n"
          "  fi\n"
          "  case $command:$before in\n" +
-         values +
+         BashValues(rows) +
          "    *)\n"
          "    case $command in\n" +
-         names +
+         BashNames(rows) +
          "    esac\n"
          "    [[ $word != -* ]] || how=''\n"
          "    [[ -z $how ]] || known=''\n"

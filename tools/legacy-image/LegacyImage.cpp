@@ -96,14 +96,18 @@ int Run(const std::string& directory, const LegacyImageOptions& options,
   return std::cout ? 0 : Complain("standard output cannot be written");
 }
 
-int ParseAndRun(int argc, char** argv) {
-  CLI::App app("Makes a device tree in the legacy layout, to try migrations on.", "legacy-image");
+struct Arguments {
   std::string directory;
   std::string listPath;
-  LegacyImageOptions options;
+  LegacyImageOptions image;
   bool withoutIcons = false;
+};
+
+void AddOptions(CLI::App& app, Arguments& arguments) {
+  LegacyImageOptions& options = arguments.image;
   app.set_version_flag("--version", std::string("legacy-image ") + quorvel::kBuiltVersion);
-  app.add_option("DIR", directory, "where to make it: a new or empty directory")->required();
+  app.add_option("DIR", arguments.directory, "where to make it: a new or empty directory")
+      ->required();
   app.add_option("--apps", options.apps, "number of apps")
       ->check(UpTo(1000000))
       ->capture_default_str();
@@ -115,12 +119,18 @@ int ParseAndRun(int argc, char** argv) {
       ->capture_default_str();
   app.add_flag("--failing", options.failing, "add containers that must fail");
   app.add_flag("--plain", options.plain, "nothing but apps that are all alike, for measurements");
-  app.add_flag("--no-icons", withoutIcons, "apps without icons");
-  app.add_option("--registered-list", listPath,
+  app.add_flag("--no-icons", arguments.withoutIcons, "apps without icons");
+  app.add_option("--registered-list", arguments.listPath,
                  "also write the identifiers to be registered to this file, one per line")
       ->type_name("FILE");
   app.formatter(quorvel::host::HelpFormatter());
   app.footer(Footer());
+}
+
+int ParseAndRun(int argc, char** argv) {
+  CLI::App app("Makes a device tree in the legacy layout, to try migrations on.", "legacy-image");
+  Arguments arguments;
+  AddOptions(app, arguments);
   if (const auto script = quorvel::host::CompletionAskedFor(app, argc, argv)) {
     std::cout << *script << std::flush;
     return std::cout ? 0 : ExitFailed;
@@ -134,11 +144,12 @@ int ParseAndRun(int argc, char** argv) {
     if (problem.get_exit_code() == 0) return app.exit(problem);
     return ComplainOfUsage(wrong.empty() ? Printable(problem.what()) : wrong);
   }
+  LegacyImageOptions& options = arguments.image;
   if (options.plain && options.failing) {
     return ComplainOfUsage("--plain and --failing exclude each other");
   }
-  options.icons = !withoutIcons;
-  return Run(directory, options, listPath);
+  options.icons = !arguments.withoutIcons;
+  return Run(arguments.directory, options, arguments.listPath);
 }
 
 }  // namespace

@@ -99,10 +99,23 @@ class RavelleFixture : public ::testing::Test {
     return plugin->init() != nullptr && plugin->performMigration();
   }
 
+  // Introspects and migrates one container, and forgets what introspection said.
+  bool migrateContainer(const std::string& name) {
+    const auto plugin = makePlugin();
+    bool early = false;
+    const auto record = plugin->_introspectContainer(legacyPath(name), &early);
+    log_.take();
+    return record && plugin->_migrateContainerWithInfo(*record);
+  }
+  void markAsPlaceholder(const std::string& bundle) {
+    ASSERT_TRUE(QVFileManager::defaultManager().markBundleAsPlaceholder(Path::directory(bundle)));
+  }
+
   std::string legacy(const std::string& name = "") const {
     return root_ + "/private/var/mobile/Applications" + (name.empty() ? "" : "/" + name);
   }
   Path legacyPath(const std::string& name) const { return Path::directory(legacy(name)); }
+  std::string marker(const std::string& name) { return legacy(name) + "/" + MigrationMarkerName; }
 
   void writePlist(const std::string& file, const PlistDictionary& dictionary,
                   PropertyListFormat format = PropertyListFormat::xml) {

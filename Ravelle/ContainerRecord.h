@@ -21,6 +21,7 @@ inline constexpr const char* RecordBundleIdentifierKey = "BundleIdentifier";
 inline constexpr const char* RecordSecondBundlePathKey = "SecondBundlePath";  // optional
 
 // The values of ContainerType; the registry's bundle types have the same words.
+// They are compared as written, letter case included.
 inline constexpr const char* ContainerTypeApp = "App";
 inline constexpr const char* ContainerTypeVPNBundle = "VPNBundle";
 
@@ -37,6 +38,8 @@ struct RecordFields {
 };
 
 // Takes any dictionary; what is missing or of another kind comes out empty.
+// Paths come as directories whether or not the text ends with a slash, so that two spellings of one
+// directory are the same path.
 inline RecordFields FieldsOf(const ContainerRecord& record) {
   const auto text = [&record](const char* key) {
     const std::string* value = record.findString(key);
@@ -54,6 +57,8 @@ inline RecordFields FieldsOf(const ContainerRecord& record) {
 }
 
 // The reverse, for a container that was looked at for the first time. Holds nothing else.
+// Paths are written in the plain form, in which a marker can be read by a person; an absent second
+// bundle is left out rather than written empty.
 inline ContainerRecord RecordOf(const RecordFields& fields) {
   ContainerRecord record;
   record.set(RecordContainerPathKey, fields.container.string());

@@ -57,12 +57,15 @@ bool RavellePreview::classify(MigrationAccount& account, Error* error) {
   return items.has_value();
 }
 
+// The state of an earlier preview goes with its beginning: one object may be asked more than once.
+// Without a legacy directory there is nothing to carry, which is success, not a failure to list it.
 std::optional<std::vector<Path>> RavellePreview::begin(MigrationAccount& account, Error* error) {
   if (const char* service = MissingService()) {
     SetError(error, _CreateError("-[RavellePreview preview]", __LINE__, PosixErrorDomain, ENOSYS,
                                  "No %s is among the platform's services", service));
     return std::nullopt;
   }
+  // Kept for the whole preview: every later part tells by it.
   account_ = &account;
   tree_ = {};
   installed_.clear();
@@ -92,6 +95,8 @@ std::deque<RavellePreview::WorkItem> RavellePreview::lookAtAll(const std::vector
       found = ClassifyLegacyContainer(files_, items[index]);
     }
     // What would be removed is removed at once, as in the migration, so that later entries see it.
+    // The list itself is taken before that, and is not listed again: the migration has it once as
+    // well.
     lookAt({index, items[index], std::move(found)}, workList);
   }
   return workList;
@@ -119,6 +124,8 @@ void RavellePreview::lookAt(WorkItem item, std::deque<WorkItem>& workList) {
   }
 }
 
+// The loss is measured before the entry goes from the foreseen tree, and what could not be looked
+// into still counts: a removal that is not whole leaves the rest there.
 void RavellePreview::endRemoved(const Path& entry) {
   const ForeseenTree::Removal removal = tree_.removal(entry);
   tellLoss(removal);
@@ -128,6 +135,8 @@ void RavellePreview::endRemoved(const Path& entry) {
                            !removal.whole);
 }
 
+// An outcome needs both: that the steps succeeded and that nothing of the entry is left. A
+// container that stays is met again by the next run, so that it did not arrive for good.
 void RavellePreview::follow(const WorkItem& item) {
   const RecordFields fields = FieldsOf(*item.found.record);
   account_->containerBegan(item.index, item.entry.string());
@@ -152,6 +161,7 @@ void RavellePreview::tellLoss(const ForeseenTree::Removal& removal) {
   if (!loss.complete || loss.files != 0 || !loss.userDataItems.empty()) account_->lost(loss);
 }
 
+// A note and no end of the run: the migration goes on without the map's groups or harbors.
 void RavellePreview::tellUnreadable(const Path& map, const Error& error) {
   account_->problem({.step = Step::run,
                      .reason = Reason::mapUnreadable,
@@ -160,6 +170,8 @@ void RavellePreview::tellUnreadable(const Path& map, const Error& error) {
                      .stops = false});
 }
 
+// A map that is missing is how devices without groups look. One that has no dictionary of groups
+// is treated alike.
 void RavellePreview::loadGroups() {
   const Path file = configuration_.oldInstallMapPath();
   Error error;
@@ -185,6 +197,8 @@ void RavellePreview::moveGroup(const std::string& group) {
     if (tree_.exists(Path(told.path))) moveGroupItems(told);
   }
   // A group that several apps share is moved once.
+  // Erased from the map only then: a failed one is asked for again by the next app that names it,
+  // and may succeed after what came between.
   if (told.outcome == MigrationOutcome::migrated) groups_.erase(entry);
   account_->groupEnded(told);
   const bool isLeft = told.reason == Reason::notMoved || told.reason == Reason::notRemoved;

@@ -37,11 +37,14 @@ void CountEntry(const TreeWalkEntry& entry, MigrationLoss& loss) {
   }
 }
 
+// The slash after the prefix matters: "Documents" must not pass for the parent of "Documents 2".
 bool IsOrLiesIn(std::string_view path, std::string_view tree) {
   return !tree.empty() && path.starts_with(tree) &&
          (path.size() == tree.size() || path[tree.size()] == '/');
 }
 
+// The paths are encoded once for the whole walk: it compares every entry with each of them. A walk
+// that ends with errno set has not seen everything.
 void CountEntries(TreeWalk& walk, const std::vector<Path>& except, MigrationLoss& loss) {
   std::vector<std::string> passedOver;
   for (const Path& path : except) passedOver.emplace_back(path.fileSystemRepresentation().c_str());
@@ -106,6 +109,8 @@ std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Pat
   return loss;
 }
 
+// Measured before the removal, as nothing can be afterwards. Without an account nobody asks, and
+// the second walk of the tree is saved.
 bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
                        Error* error) {
   if (QVPlatform().account == nullptr) return files.removeItemAtURL(item, error);
@@ -121,6 +126,8 @@ bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector
 
 // By the time an item is moved to where one is, two containers have had data for one app, or the
 // app has been used since: the one in the way goes.
+// What it replaces is told by the name of the place as one item of user data, not by the items in
+// it.
 bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& destination,
                         Error* error) {
   struct stat info {};

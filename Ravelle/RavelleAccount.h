@@ -34,6 +34,7 @@ inline void TellNote(MigrationStep step, MigrationReason reason, const Path& pat
 }
 
 // What was decided, and every problem that it rests on.
+// Once for each container. A container without a record has its kind alone.
 void TellClassification(const Classification& found, MigrationAccount& account);
 
 // What would go with the item, except for its marker and what lies at or below `except`. A tree
@@ -41,9 +42,12 @@ void TellClassification(const Classification& found, MigrationAccount& account);
 std::optional<MigrationLoss> MeasureLoss(const Path& item, const std::vector<Path>& except = {});
 
 // Removes an entry that nothing can be made of, tells what went with it, and ends it.
+// An entry that cannot be removed is left as it is; the next run meets it again.
 void RemoveWithAccount(QVFileManager& files, const Path& entry);
 
 // Removes the item and tells what went with it, where anybody wants to know.
+// True and false are the removal's. After a failed one the rest is measured again, and what is
+// still there is not told as lost.
 bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
                        Error* error);
 

@@ -7,6 +7,8 @@
 
 namespace quorvel::host {
 
+// The words on the command line are the parser's; `register` is a word of the language, hence the
+// longer name here.
 enum class Command {
   migrate,
   inspect,
@@ -19,6 +21,7 @@ enum class Command {
   report,
 };
 // Automatic: when standard error is a terminal.
+// Progress never goes to standard output, which belongs to the result.
 enum class ProgressMode { automatic, always, never };
 
 // A command with its arguments. Paths are the bytes that the user gave.
@@ -68,6 +71,7 @@ struct ParsedCommandLine {
 };
 
 // Touches nothing but its arguments.
+// Paths are neither opened nor checked: that they can be used is the command's to find out.
 ParsedCommandLine ParseCommandLine(int argc, const char* const* argv);
 
 }  // namespace quorvel::host

@@ -29,6 +29,7 @@ double AsWritten(float number) {
   return result;
 }
 
+// Not by a stream or printf, which write the decimal point of the locale.
 std::string Seconds(double seconds) {
   char digits[64];
   const auto written =
@@ -36,6 +37,7 @@ std::string Seconds(double seconds) {
   return std::string(digits, written.ptr) + " s";
 }
 
+// Every word is quoted for a shell.
 std::string HowToRunAgain(const Options& options) {
   std::string command = "migration-host migrate --root " + ShellWord(options.root);
   if (!options.plugin.empty()) command += " --plugin " + ShellWord(options.plugin);

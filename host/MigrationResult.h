@@ -18,11 +18,13 @@ struct RunIdentity {
 };
 
 // Of a run that begins now.
+// The time is in UTC to the second, and empty if the clock's cannot be expressed.
 RunIdentity IdentifyRun(const PluginBundle& bundle);
 // Adds "versions" and "started".
 void AddIdentity(const RunIdentity& identity, Json& object);
 
 // Everything about a run but what became of its containers, which is the account's.
+// A run that was interrupted has what was known by then.
 struct MigrationResult {
   RunIdentity identity{};
   std::string device{};  // its name
@@ -40,10 +42,12 @@ struct MigrationResult {
 };
 
 // One object, with a line feed.
+// Read again by report and verify (report/Result.h).
 std::string ResultAsJson(const MigrationResult& result, const RunAccount& account);
 
 // Failures first, then how many containers ended how, where the logs are, how to run again, and
 // the rest. For the descriptor that it is written to.
+// The command to run again is quoted for a shell, to be pasted as it is. Names are made printable.
 std::string ResultAsText(const MigrationResult& result, const RunAccount& account,
                          const Options& options, int descriptor);
 

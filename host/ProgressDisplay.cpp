@@ -49,6 +49,8 @@ void ProgressDisplay::stop() {
   if (terminal_.isTerminal) (void)WriteWhole(STDERR_FILENO, kClearLine);
 }
 
+// Drawn without the lock: a terminal that is stopped blocks the write, and stop() has to be able to
+// say that it waits.
 void ProgressDisplay::run() {
   std::unique_lock lock(mutex_);
   do {

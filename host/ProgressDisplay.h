@@ -18,12 +18,16 @@ namespace quorvel::host {
 // and the account must outlive it. Failures to draw are of no consequence.
 class ProgressDisplay {
  public:
+  // Without a thread to be had nothing is shown and the migration goes on. The plug-in's progress
+  // is read from that thread while the migration writes it.
   ProgressDisplay(const MigratorPlugin& plugin, const RunAccount& account, Terminal terminal);
   ~ProgressDisplay() { stop(); }
   ProgressDisplay(const ProgressDisplay&) = delete;
   ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
   // Ends the thread and clears the line.
+  // May be called more than once, from the thread that made the display. Waits for a line that is
+  // being drawn; elsewhere than on a terminal the last line stays.
   void stop();
 
  private:

@@ -26,6 +26,8 @@ struct StepTime {
 };
 
 // One entry of the legacy directory, from its first sight to its end.
+// Filled as the plug-in tells it; a run that ends early leaves the defaults of what it did not
+// reach.
 struct ContainerResult {
   std::string path{};
   ClassifiedContainer is{};
@@ -40,6 +42,8 @@ struct ContainerResult {
   std::vector<StepTime> steps{};  // in order, none within another
 
   // What it stopped at; null when nothing did.
+  // The last problem that stops, since earlier ones were got over; always null for one that
+  // arrived. It lives until a problem is added to the container.
   const MigrationProblem* stoppedAt() const;
 };
 

@@ -20,6 +20,8 @@ enum ExitCode : int {
 // one line of printable text (TerminalText.h) without a final period or line feed.
 // Commands end with the first one; nothing is said on standard output then but the object that
 // --json promises.
+// The path is made printable where the error is made, so that whoever shows it needs to know
+// nothing of it.
 struct FatalError {
   int exitCode = ExitFailed;
   std::string problem;
@@ -28,6 +30,8 @@ struct FatalError {
 };
 
 // The reason that goes with nothing but an exit code.
+// A word for programs that do not read sentences. It is given where the error has no closer reason
+// of its own; a code without an entry here is an ordinary failure.
 inline const char* ReasonOf(int exitCode) {
   switch (exitCode) {
     case ExitUsage:
@@ -44,6 +48,7 @@ inline const char* ReasonOf(int exitCode) {
 }
 
 // Fills the error; false, so that a failing operation can end with it.
+// What the error held before is replaced.
 inline bool Fail(FatalError& error, int exitCode, std::string problem, std::string remedy,
                  std::string reason = {}) {
   error = {exitCode, std::move(problem), std::move(remedy), std::move(reason)};

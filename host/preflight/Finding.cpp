@@ -22,6 +22,7 @@ const char* WordFor(Severity severity) {
   return "";
 }
 
+// The count goes on past the last line that is shown, so that the number of the others is exact.
 std::string LinesOf(const Findings& findings, Severity severity, const char* label) {
   std::string text;
   std::size_t count = 0;

@@ -17,6 +17,8 @@ namespace quorvel::host {
 
 // Reading contents is most of a manifest's cost and waits for the disk: it is done while the walk
 // goes on. One thread calls read().
+// Reading by name needs the item's directory as the current one, which is a thread's own here where
+// the kernel lets a thread have one; otherwise the threads take turns.
 class EntryReader {
  public:
   // The digests' provider must outlive this; null leaves digests out. Made before the process is

@@ -16,6 +16,8 @@ namespace quorvel::host {
 enum class EntryType { file, directory, link, pipe, socket, blockDevice, characterDevice };
 
 // Which item on which file system: the same for all names of one item.
+// Inodes are given again once an item is gone, so that equal identities prove sameness only among
+// items that exist at the same time or whose names agree as well.
 struct ItemIdentity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
@@ -46,6 +48,7 @@ struct ManifestEntry {
 
 // A manifest's text for an attribute's value: "hex:" and its bytes, "sha256:" and the digest of a
 // longer one.
+// The digits alone, lower case, two to a byte; the prefix is the caller's.
 std::string HexText(std::string_view bytes);
 
 // One line with its line feed.
@@ -64,6 +67,9 @@ struct Comparison {
 
 // In words what differs; empty when nothing does. Access and change times do not count.
 // An entry that could not be read differs in nothing that is not known.
+// Entries of different types differ in that alone: nothing else of theirs can be compared. Links of
+// an item are not among the differences, because a single entry does not show who has the other
+// names.
 std::vector<std::string> Differences(const ManifestEntry& before, const ManifestEntry& now,
                                      Comparison comparison);
 

@@ -13,6 +13,8 @@ constexpr std::array<const char*, 7> kKindNames = {"container", "stray", "group"
                                                    "bundle",    "data",  "groupData"};
 
 // The string under a key; empty when there is none.
+// Other types count as none: sections say where to look and never what is proven, so that a missing
+// text makes an item harder to find and not easier to excuse.
 std::string Text(const Json& object, const char* key) {
   const auto at = object.find(key);
   return at != object.end() && at->is_string() ? at->get<std::string>() : std::string();
@@ -34,6 +36,7 @@ const Json& List(const Json& object, const char* key) {
 
 const char* NameOf(SectionKind kind) { return kKindNames[static_cast<std::size_t>(kind)]; }
 
+// Lists are left out when they are empty, which they are for most sections but containers.
 std::string SectionLine(std::size_t index, const ManifestSection& section) {
   Json object;
   object["section"] = index;
@@ -56,6 +59,7 @@ std::string SectionLine(std::size_t index, const ManifestSection& section) {
   return JsonLine(object);
 }
 
+// Paths must be absolute, as they are joined with names and opened from the device's root.
 std::optional<ManifestSection> SectionFromJson(const Json& object) {
   ManifestSection section;
   const std::string kind = Text(object, "kind");

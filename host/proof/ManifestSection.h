@@ -12,6 +12,7 @@
 namespace quorvel::host {
 
 // Their words in a manifest are NameOf's.
+// A new kind goes at the end together with its word: the order is that of the table of names.
 enum class SectionKind {
   container,  // a directory of the legacy applications directory
   stray,      // any other entry there; the section's only item is itself
@@ -24,6 +25,8 @@ enum class SectionKind {
 
 // A direct child of a section's directory: who it is, to tell it from what may replace it.
 // What a migration moves: the children of a section's directory.
+// Taken when the snapshot is made. The inode tells an item that was moved from one of the same name
+// that replaced it, as long as both are on the file system that the snapshot saw.
 struct SectionItem {
   std::string name{};  // bytes
   ItemIdentity identity;
@@ -32,6 +35,8 @@ struct SectionItem {
 
 // A bundle in a legacy container.
 // Where a bundle may be expected later depends on its identifier.
+// A placeholder stands for an app whose real bundle is not there: a migration carries only the data
+// of such an app.
 struct SectionBundle {
   std::string item;        // its path in the container, bytes
   std::string identifier;  // empty when it has none that can be read
@@ -39,6 +44,8 @@ struct SectionBundle {
 };
 
 // One directory of the device, whose items are listed below it.
+// Texts are those that the system prints, with bytes that are no text encoded reversibly; only the
+// members that say "bytes" are names as the file system has them.
 struct ManifestSection {
   SectionKind kind = SectionKind::container;
   std::string path;          // text, absolute inside the device
@@ -50,6 +57,8 @@ struct ManifestSection {
 };
 
 // All of it is held in memory, entries never are.
+// It is as large as the device has sections and their direct children, which is a small part of all
+// items.
 struct ManifestHeader {
   bool contents = true;  // digests of files were taken
   std::vector<ManifestSection> sections{};
@@ -59,6 +68,9 @@ struct ManifestHeader {
 
 // One line with its line feed, and back. Absent for an object that is no section.
 std::string SectionLine(std::size_t index, const ManifestSection& section);
+// The number is the reader's to check. A kind that is unknown or a path that is not absolute makes
+// it no section; other keys that are missing or of another type are read as empty, and unknown ones
+// are passed over.
 std::optional<ManifestSection> SectionFromJson(const Json& object);
 // The word in a manifest.
 const char* NameOf(SectionKind kind);

@@ -24,6 +24,8 @@ std::string Bytes(const std::string& text) { return BytesOfFileSystemRepresentat
 std::string Bytes(const Path& path) { return Bytes(path.string()); }
 
 // Empty when it cannot be listed: what is not found there then counts as missing.
+// The directory itself must not be a link: a container's path is the registry's, and following it
+// elsewhere would count another tree's items as having arrived.
 std::vector<std::string> NamesIn(const std::string& directory) {
   std::vector<std::string> names;
   const UniqueDescriptor opened(
@@ -33,6 +35,7 @@ std::vector<std::string> NamesIn(const std::string& directory) {
   return names;
 }
 
+// Any other failure leaves it open whether something is there, and what may be there is not lost.
 bool IsGone(const std::string& path) {
   struct stat info {};
   return ::lstat(path.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
@@ -66,8 +69,11 @@ const SectionBundle* BundleNamed(const ManifestSection& section, const std::stri
 
 }  // namespace
 
+// A name without a slash is itself: rfind gives npos, and one more is zero.
 std::string NameOfItem(const std::string& item) { return item.substr(item.rfind('/') + 1); }
 
+// Containers come first: the places that the sections' items claim depend on what lies on disk. Of
+// each item only the likeliest place is claimed, since only that is where it would replace another.
 Places::Places(const onlinux::RegistrySnapshot& registry, const ManifestHeader& header,
                const ReportedLosses& reported)
     : registry_(registry), header_(header), reported_(reported) {
@@ -81,6 +87,8 @@ Places::Places(const onlinux::RegistrySnapshot& registry, const ManifestHeader& 
   }
 }
 
+// Bundle containers alone are looked into when no record names them: an install that was cut off
+// has moved its bundle there before the record says so.
 void Places::findContainers() {
   std::set<std::string> recorded;
   std::set<std::string> placeholders;
@@ -142,6 +150,8 @@ std::vector<Place> Places::of(std::size_t index, const std::string& item) const 
   return {};
 }
 
+// Where the item should be comes first, then where it was, then the staging directory, in which a
+// migration that was cut off may have put it.
 std::vector<Place> Places::ofContainerItem(const ManifestSection& section,
                                            const std::string& item) const {
   const std::string own = Bytes(section.path);
@@ -177,6 +187,8 @@ void Places::addBundlePlaces(const ManifestSection& section, const std::string& 
   for (auto at = begin; at != end; ++at) places.push_back({at->second + "/" + name, true});
 }
 
+// Store metadata follows its app's bundle, so that an install that was cut off is found by the name
+// of the bundle beside which it lies.
 void Places::addMetadataPlaces(const ManifestSection& section, const std::string& name,
                                std::vector<Place>& places) const {
   const BundleProxy* known = record(section.identifier);
@@ -202,6 +214,8 @@ std::optional<std::size_t> Places::replacedBy(std::size_t section, const Section
   return std::nullopt;
 }
 
+// Nothing is excused while the section's directory is still there: as long as it is, the items have
+// nowhere been lost in order.
 std::string Places::lossOf(std::size_t index, const std::string& item) const {
   const ManifestSection& section = header_.sections[index];
   static constexpr std::string_view removal = "removed: ";
@@ -229,6 +243,7 @@ std::string Places::lossOfContainerItem(const ManifestSection& section,
   if (IsAmong(UserDataItemNames, name)) return {};
   const SectionBundle* bundle = BundleNamed(section, name);
   // The app's own bundle, by which the container was judged.
+  // Of several with that identifier the last one counts.
   const SectionBundle* first = nullptr;
   for (const SectionBundle& each : section.bundles) {
     if (each.identifier == section.identifier) first = &each;

@@ -20,6 +20,8 @@ struct Place {
 };
 
 // What a run's own result says of a container that it removed although something was still in it.
+// Only user data that the run named is excused by it; for other items the container's removal is
+// enough.
 struct ReportedLoss {
   std::string reason;
   std::set<std::string> userDataItems;
@@ -34,9 +36,11 @@ class Places {
          const ReportedLosses& reported);
 
   // The places of an item, likeliest first. `item` is its path in the section, bytes.
+  // Never empty for a section of the header; whether anything is there is the caller's to see.
   std::vector<Place> of(std::size_t section, const std::string& item) const;
 
   // Why the item, found in none of its places, had to be lost; empty when it had not.
+  // Always empty while the section's directory is still there, or when that cannot be told.
   std::string lossOf(std::size_t section, const std::string& item) const;
 
   // The section, other than `section`, whose item of that name is now at the place instead of
@@ -44,6 +48,8 @@ class Places {
   std::optional<std::size_t> replacedBy(std::size_t section, const SectionItem& mine,
                                         const Place& place) const;
 
+  // By binary search in the snapshot, which is sorted; null when there is none. Lives as long as
+  // that.
   const BundleProxy* record(const std::string& identifier) const;
   // The containers of the current layout: their paths in bytes, and whether the registry made up
   // what is in them (a placeholder).

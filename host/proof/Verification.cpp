@@ -25,6 +25,7 @@ namespace {
 constexpr std::array<const char*, 7> kVerdictNames = {
     "arrived", "kept", "changed", "missing", "lost", "unproven", "unexplained"};
 
+// The last component is not followed: a link that leads nowhere is an item all the same.
 bool Exists(const std::string& path) {
   struct stat info {};
   return ::lstat(path.c_str(), &info) == 0;
@@ -34,6 +35,8 @@ Error Failure(int number, const std::string& what) {
   return {PosixErrorDomain, number, {{LocalizedDescriptionKey, PlistValue(what)}}};
 }
 
+// One pass over the manifest. An item's join is made at its root entry, takes every entry below
+// that and ends with the next root, so that only one item is held at a time.
 class Verifier {
  public:
   Verifier(ManifestReader& manifest, const Places& places, EntryReader& reader,
@@ -117,6 +120,8 @@ class Verifier {
     return section().kind == SectionKind::stray ? own : own + "/" + item;
   }
 
+  // Each place is examined once here, rather than for every entry of the item, and those that are
+  // not there or have been taken by another item are left out.
   void beginItem(const ManifestEntry& entry) {
     std::string item;
     for (const std::string& name : names_) item.append(item.empty() ? "" : "/").append(name);
@@ -147,6 +152,7 @@ class Verifier {
     itemDepth_ = entry.depth;
   }
 
+  // Only the likeliest place is the item's; what lies in a container's other places is unexplained.
   void claim(const Place& place) {
     if (!place.isCurrent) return;
     const std::size_t slash = place.path.rfind('/');
@@ -166,6 +172,8 @@ class Verifier {
     return false;
   }
 
+  // Last, when every item has claimed its place. Names are sorted, since a directory's own order
+  // differs from one file system to the next and findings should not.
   void unexplainedInContainers() {
     for (const auto& [container, isPlaceholder] : places_.containers()) {
       // Its contents were made up by the registry.

@@ -14,6 +14,7 @@
 namespace quorvel::host {
 
 // What became of one item. The words for programs are NameOf's.
+// Only changed, missing and unproven make a verification fail by themselves.
 enum class Verdict {
   arrived,      // in the current layout, unchanged
   kept,         // where it was or in its staging directory, unchanged
@@ -27,6 +28,8 @@ enum class Verdict {
 const char* NameOf(Verdict verdict);
 
 // What is worth telling of one item, or of a tree that shares its fate.
+// Texts of `what` are Differences' (ManifestEntry.h); `reason` says why an item is lost or
+// unproven. Either may be empty. An absent directory is told once for all that is below it.
 struct Finding {
   Verdict verdict = Verdict::missing;
   std::string path;   // where it was, or is when it is unexplained; bytes
@@ -36,6 +39,8 @@ struct Finding {
   std::uint64_t items = 1;  // itself and what is below it
 };
 
+// Each item of the manifest is counted in exactly one of the verdicts but unexplained, which counts
+// what the manifest does not have. Sections that the snapshot could not read add to unproven alone.
 struct VerificationTotals {
   std::uint64_t items = 0;  // of the manifest
   std::uint64_t arrived = 0;
@@ -52,11 +57,16 @@ struct VerificationTotals {
 };
 
 // Called on the verifying thread, in the order of the manifest.
+// What it is given lives only as long as the call, and items that arrived or were kept as they were
+// are not told, but counted.
 using FindingSink = std::function<void(const Finding&)>;
 
 // In the device tree, which is only read. False with the Error when the manifest is damaged or a
 // tree cannot be seen whole; what was found until then has been told. Memory does not grow with
 // the number of items, other than by those with several names.
+// The header must have been read and `places` made from it. `totals` is added to, not reset, so
+// that the caller's own findings can be counted in it before. A manifest that is found damaged at
+// its end makes all that was proven worthless: the caller says so.
 bool Verify(ManifestReader& manifest, const Places& places, EntryReader& reader,
             const FindingSink& sink, VerificationTotals& totals, Error* error);
 

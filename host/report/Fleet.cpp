@@ -7,6 +7,8 @@ namespace quorvel::host {
 
 namespace {
 
+// What a person looks at before choosing a device, and what a page of thousands of devices has room
+// for.
 constexpr std::size_t kMostExamples = 4;
 constexpr std::size_t kMostSlow = 25;
 constexpr std::size_t kMostUnusable = 200;
@@ -14,6 +16,7 @@ constexpr std::size_t kMostUnusable = 200;
 constexpr std::size_t kMostNames = 500;
 constexpr const char* kOther = "something else";
 
+// A name that was there before the limit was reached goes on being counted under itself.
 template <class Value>
 Value& Tally(std::map<std::string, Value>& tallies, const std::string& name) {
   return tallies.size() < kMostNames || tallies.contains(name) ? tallies[name] : tallies[kOther];
@@ -26,12 +29,15 @@ std::string SlowestStep(const ResultContainer& container) {
   return slowest == container.steps.end() ? "" : MigrationStepNames[slowest->step];
 }
 
+// Sums are exact up to 2^64 and wrap beyond: only made-up results come near that.
 void Add(const ResultLoss& loss, ResultLoss& sum) {
   sum.files += loss.files;
   sum.bytes += loss.bytes;
   sum.complete = sum.complete && loss.complete;
 }
 
+// Interruption goes before failure: an interrupted run has not succeeded either, and goes on when
+// it is started again.
 std::string StateOf(const RunResult& result) {
   if (result.kind == ResultKind::refused) return "not begun";
   if (!result.interruptedBy.empty()) return "interrupted";
@@ -109,6 +115,7 @@ void Fleet::addCause(const std::string& cause, const std::string& example, bool 
   if (tally.examples.size() < kMostExamples) tally.examples.push_back(example);
 }
 
+// The list has a few entries: a linear search and insertion cost less than keeping a heap in order.
 void Fleet::addSlow(const ResultContainer& container, const RunResult& result) {
   if (slowest.size() == kMostSlow && container.seconds <= slowest.back().seconds) return;
   const auto slower = std::find_if(slowest.begin(), slowest.end(), [&](const SlowContainer& each) {

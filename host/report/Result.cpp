@@ -13,6 +13,7 @@ namespace {
 // In seconds. No run takes longer, and sums of such times stay exact enough.
 constexpr double kCentury = 3.2e9;
 
+// A reference to one empty value for whatever is missing: callers look no further than its type.
 const Json& At(const Json& object, const char* key) {
   static const Json nothing;
   if (!object.is_object()) return nothing;
@@ -30,6 +31,7 @@ bool TrueAt(const Json& object, const char* key) {
   return value.is_boolean() && value.get<bool>();
 }
 
+// A comparison that a NaN fails as well, although JSON has no way of writing one.
 double Seconds(const Json& value) {
   const double seconds = value.is_number() ? value.get<double>() : 0;
   return seconds >= 0 ? std::min(seconds, kCentury) : 0;
@@ -39,6 +41,7 @@ std::optional<double> SecondsOrNone(const Json& value) {
   return value.is_number() ? std::optional(Seconds(value)) : std::nullopt;
 }
 
+// Negative and fractional numbers are no counts; JSON's parser tells them apart by their spelling.
 std::uint64_t CountAt(const Json& object, const char* key) {
   const Json& value = At(object, key);
   return value.is_number_unsigned() ? value.get<std::uint64_t>() : 0;
@@ -60,6 +63,7 @@ std::vector<std::string> TextsAt(const Json& object, const char* key) {
                 [](const Json& text) { return text.is_string() ? text.get<std::string>() : ""; });
 }
 
+// The number of names when the name is none of them: callers compare with that.
 template <std::size_t count>
 std::size_t PlaceOf(const std::string& name, const std::array<const char*, count>& names) {
   return static_cast<std::size_t>(std::find(names.begin(), names.end(), name) - names.begin());
@@ -77,6 +81,7 @@ ResultProblem ReadLeftBehind(const Json& object) {
   return {.reason = TextAt(object, "why"), .path = TextAt(object, "path")};
 }
 
+// A finding has no step: its severity takes that member, for which there is no use otherwise.
 ResultProblem ReadFinding(const Json& object) {
   return {.step = TextAt(object, "severity"),
           .reason = TextAt(object, "name"),
@@ -125,6 +130,7 @@ ResultDirectory ReadDirectory(const Json& object) {
           TextAt(object, "outcome"), ReadProblem(object)};
 }
 
+// In this order whatever the object's own is, so that runs of one build tally under one text.
 std::string ReadVersions(const Json& versions) {
   std::string text;
   for (const char* part : {"host", "plugin", "library"}) {
@@ -134,6 +140,8 @@ std::string ReadVersions(const Json& versions) {
   return text;
 }
 
+// A refusal has no containers and no times: the run was not begun. It may have findings, when it
+// was these that refused it.
 RunResult ReadRefusal(const Json& object) {
   RunResult result;
   result.kind = ResultKind::refused;
@@ -157,6 +165,7 @@ RunResult ReadRunResult(const Json& object) {
   }
   RunResult result;
   // An inspection has all but the outcome.
+  // These three keys are what pages cannot do without; all others may be missing.
   if (!At(object, "containers").is_array() || !At(object, "counts").is_object() ||
       !At(object, "succeeded").is_boolean()) {
     return result;

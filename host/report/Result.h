@@ -13,12 +13,16 @@
 namespace quorvel::host {
 
 // Times are seconds since the run's beginning, never negative and never beyond a century.
+// One passage of a container through a step. It may lie before its container's own start: then it
+// was part of the look at all of them.
 struct StepSpan {
   std::size_t step = 0;  // in the order of MigrationStep
   double start = 0;
   double seconds = 0;
 };
 
+// What went for good with a container, as the run itself counted it. Directories are not counted,
+// and what one could not look into makes the count incomplete: then it is a lower bound.
 struct ResultLoss {
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
@@ -35,6 +39,8 @@ struct ResultProblem {
   std::string errorName{};  // such as ENOSPC
 };
 
+// One legacy container and what became of it. An outcome that this host does not know is read as
+// failed: what nobody understands did not arrive as far as anybody knows.
 struct ResultContainer {
   std::string path{};
   std::string identifier{};
@@ -50,14 +56,18 @@ struct ResultContainer {
   std::vector<ResultProblem> notes{};
 
   // The directory's own, and what people call it.
+  // The last component of the path, slashes at its end left out; empty for an empty path or the
+  // root.
   std::string directoryName() const;
   std::string name() const { return identifier.empty() ? directoryName() : identifier; }
+  // Both ways of coming to the current layout. A container that was removed or left did not.
   bool arrived() const {
     return outcome == MigrationOutcome::migrated || outcome == MigrationOutcome::resumed;
   }
 };
 
 // A group container or safe harbor.
+// The outcome is kept as its text, which pages show as it stands and decide nothing by.
 struct ResultDirectory {
   std::string identifier{};
   std::string path{};
@@ -66,6 +76,8 @@ struct ResultDirectory {
   ResultProblem problem{};
 };
 
+// Told by the keys that are there: an inspection has containers too, but no "succeeded", and is
+// none.
 enum class ResultKind {
   none,     // no result of a migration
   refused,  // the object of an error: nothing was begun
@@ -95,16 +107,23 @@ struct RunResult {
   std::string refusal{};                  // the error's text and reason
   std::string refusalReason{};
 
+  // As the result states it, which need not be the number of its containers: neither is corrected
+  // by the other.
   std::uint64_t count(MigrationOutcome outcome) const {
     return counts[static_cast<std::size_t>(outcome)];
   }
 };
 
 // What `migrate --json` printed. `object` may be anything.
+// Never fails: the kind says whether there is anything to show. Nothing refers to `object`
+// afterwards. Lists keep the order of the result; steps whose name is unknown are left out of a
+// container's list, since they have no place in the order of the steps.
 RunResult ReadRunResult(const Json& object);
 
 // The reason in words, and the error's name behind them; a reason that this host does not know as
 // it stands.
+// For people; not escaped for HTML and not made printable for a terminal, because the texts may
+// come from any file. The caller does one or the other.
 std::string InWords(const ResultProblem& problem);
 
 }  // namespace quorvel::host

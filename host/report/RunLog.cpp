@@ -24,6 +24,8 @@ constexpr std::size_t kLongestLine = std::size_t{1} << 20U;
 constexpr double kTolerance = 2e-6;
 
 // Seconds since 1970 of "2026-11-22T20:38:06.123456Z"; below 0 when it is none.
+// The fraction is summed digit by digit: strptime knows none, and a locale's decimal point must not
+// matter.
 double TimeOf(const std::string& text) {
   std::tm parts{};
   const char* rest = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
@@ -35,6 +37,8 @@ double TimeOf(const std::string& text) {
   return static_cast<double>(::timegm(&parts)) + fraction;
 }
 
+// Not the object's own operator[]: that has no defined result for a key that a constant object
+// lacks.
 std::string TextAt(const Json& object, const char* key) {
   const auto at = object.find(key);
   return at != object.end() && at->is_string() ? at->get<std::string>() : std::string();
@@ -66,6 +70,8 @@ RunLog::RunLog(const RunResult& result) : result_(result) {
             [](const Turn& a, const Turn& b) { return a.start < b.start; });
 }
 
+// The turn that began last before the line. Turns do not overlap, as a run works on one container
+// at a time; in a made-up result they may, and then the later one has the line.
 RunLog::Lines& RunLog::linesAt(double time) {
   auto after = std::upper_bound(turns_.begin(), turns_.end(), time + kTolerance,
                                 [](double when, const Turn& turn) { return when < turn.start; });
@@ -89,6 +95,7 @@ void RunLog::addLine(const std::string& text) {
     ++lines.leftOut;
     return;
   }
+  // Levels are those of the system's log, where 3 is an error and lower numbers are graver.
   const auto level = object.find("level");
   const bool isError = level != object.end() && level->is_number() && level->get<double>() <= 3;
   std::string html = Fixed(std::max(0.0, time), 6) + "  " + Escaped(TextAt(object, "message"));
@@ -107,6 +114,7 @@ bool RunLog::read(UniqueDescriptor file, std::string& why) {
     why = ErrnoDescription(errno);
     return false;
   }
+  // Only now: until the stream exists the descriptor is the only thing that closes the file.
   (void)file.release();
   std::string line;
   for (int byte; (byte = ::getc_unlocked(stream.get())) != EOF;) {

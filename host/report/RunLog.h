@@ -18,12 +18,19 @@ namespace quorvel::host {
 class RunLog {
  public:
   // The result must outlive the log.
+  // Containers that were never reached have no turn. Steps that a container took before its own
+  // turn began, in the look at all of them, are turns of their own.
   explicit RunLog(const RunResult& result);
 
   // Reads it to its end; false with the reason. Lines that are no JSON are counted.
+  // Once. A result that does not say when its run began cannot have its lines told from those of
+  // other runs, and fails before anything is read. A line that is longer than any log's is cut, and
+  // then counts as one that is no JSON.
   bool read(UniqueDescriptor file, std::string& why);
 
   // Empty when there are none. `index` counts the result's containers.
+  // A block that is closed when the page is opened. Its number of lines is that of all that were
+  // written; those that there was no room for are said to be in the log.
   std::string linesOf(std::size_t index) const;
   // Those of no container.
   std::string linesOfRun() const { return Shown(run_); }
@@ -45,6 +52,8 @@ class RunLog {
 
   static std::string Shown(const Lines& lines);
   void addLine(const std::string& text);
+  // Times are rounded differently in the log and in the result, which is allowed for. Lines between
+  // two turns belong to the run.
   Lines& linesAt(double time);
 
   const RunResult& result_;

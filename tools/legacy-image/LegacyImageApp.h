@@ -17,6 +17,8 @@ inline constexpr const char* LegacyApplications = "private/var/mobile/Applicatio
 
 // A bundle directory. Names are bytes, identifiers and other texts UTF-8.
 // What its info dictionary says, and what lies beside that.
+// A damaged info dictionary is cut off in its middle, an icon file as the given bytes, whatever the
+// name's extension promises.
 struct BundlePlan {
   std::string name;  // with its extension; empty: there is no such bundle
   std::string identifier;
@@ -31,6 +33,8 @@ struct BundlePlan {
 };
 
 // A container without an app and without a plug-in is written empty but for its data.
+// With either bundle staged the container is one whose migration was begun: its user data has left
+// it already and is not written.
 struct ContainerPlan {
   std::string name;  // bytes; the directory in LegacyApplications
   BundlePlan app;
@@ -44,6 +48,8 @@ struct ContainerPlan {
 };
 
 // Writes what the plan says. What the file system cannot keep is noted in `notes`.
+// The marker is not part of it: a begun container gets one with WriteMarker, of whatever bytes are
+// wanted. Failures are the writer's to keep; the next calls then do nothing.
 void WriteContainer(LegacyImageWriter& writer, LegacyImageRandom& random, const ContainerPlan& plan,
                     std::vector<std::string>& notes);
 
@@ -52,6 +58,8 @@ void WriteBundle(LegacyImageWriter& writer, LegacyImageRandom& random, const std
                  const BundlePlan& plan, std::vector<std::string>& notes);
 
 // The record that a migration that was begun has written into the container.
+// Names the app as the container's bundle and the plug-in as its second one, or the plug-in alone
+// as a container of the other type.
 PlistDictionary MarkerOf(const ContainerPlan& plan);
 // The bytes as they are, so that a damaged marker can be written as well.
 void WriteMarker(LegacyImageWriter& writer, const ContainerPlan& plan, std::string_view bytes);
@@ -60,6 +68,9 @@ void WriteMarker(LegacyImageWriter& writer, const ContainerPlan& plan, std::stri
 std::string PlistBytes(const PlistDictionary& dictionary, PropertyListFormat format);
 
 // Items whose names and kinds are hard on whoever moves or shows them.
+// Line ends, bytes that are no text, the longest name, links to nowhere, a hard link, a hole, a
+// pipe and a directory deeper than a walk keeps open. Where attributes cannot be written a note
+// says so.
 void WriteOddData(LegacyImageWriter& writer, LegacyImageRandom& random,
                   const std::string& directory, std::vector<std::string>& notes);
 

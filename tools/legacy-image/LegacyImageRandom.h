@@ -9,11 +9,16 @@
 namespace quorvel::tools {
 
 // Not for secrets. One sequence an object; one thread.
+// Every draw moves the sequence on, so that the order in which a tree is written is part of what a
+// seed means: a draw added in the middle changes all that follows it.
 class LegacyImageRandom {
  public:
   explicit LegacyImageRandom(std::uint64_t seed) : state_(seed) {}
 
   // SplitMix64.
+  // Any seed will do, zero and neighbouring numbers included: the increment is the golden ratio's
+  // fraction in 64 bits, and the two multiplications spread each bit of the state over the whole
+  // result.
   std::uint64_t next() {
     std::uint64_t mixed = state_ += 0x9E3779B97F4A7C15U;
     mixed = (mixed ^ (mixed >> 30U)) * 0xBF58476D1CE4E5B9U;
@@ -22,6 +27,8 @@ class LegacyImageRandom {
   }
 
   // Eight to a number, the least significant one first.
+  // Held in memory as a whole: for large files the caller asks for a piece at a time. A count that
+  // is no multiple of eight wastes the rest of its last number, which the next call does not use.
   std::string bytes(std::size_t count) {
     std::string text(count, '\0');
     std::uint64_t word = 0;
@@ -33,6 +40,8 @@ class LegacyImageRandom {
   }
 
   // In upper case, as the former service named containers.
+  // Thirty-two digits in groups of 8, 4, 4, 4 and 12. Only the digit of the version is fixed;
+  // nothing in the system looks at the variant.
   std::string uuid() {
     constexpr const char* digits = "0123456789ABCDEF";
     std::string text;

@@ -20,6 +20,7 @@ constexpr std::int64_t kFirstTime = 1400000000;
 
 }  // namespace
 
+// Called at once after the failing call, while errno is its own.
 bool LegacyImageWriter::fail(const std::string& path) {
   if (problem_.empty()) {
     problem_ = root_ + (path.empty() ? "" : "/") + path + ": " + ErrnoDescription(errno);
@@ -42,6 +43,8 @@ bool LegacyImageWriter::open(const std::string& directory) {
   return true;
 }
 
+// The factor moves both the milliseconds and the last digit from one item to the next, so that a
+// copy that keeps only the coarser part of a time shows.
 timespec LegacyImageWriter::nextTime() {
   const std::int64_t item = items_++;
   timespec time = {};
@@ -87,6 +90,7 @@ void LegacyImageWriter::file(const std::string& path, std::string_view bytes, mo
   if (!done) fail(path);
 }
 
+// The hole comes from seeking over it: writing only at the end allocates nothing before that.
 void LegacyImageWriter::sparseFile(const std::string& path, std::uint64_t size,
                                    std::string_view tail) {
   makeParents(path);

@@ -5,8 +5,11 @@ namespace quorvel::ctl {
 
 namespace {
 
+// A byte that nobody types and that the parser gives no meaning to.
 constexpr char kGuard = '\x01';
 
+// An empty path would name the current directory, and a script's unset variable is how one comes
+// about.
 std::string NotEmpty(const std::string& value) {
   return value.empty() ? "the value is empty" : std::string();
 }
@@ -44,6 +47,7 @@ CLI::Option* AddTexts(CLI::App& parser, const char* name, std::vector<std::strin
       ->type_name("");
 }
 
+// A switch has no value: "--flag=false" is refused rather than read as its opposite.
 CLI::Option* AddFlag(CLI::App& parser, const char* name, bool& value, const char* help) {
   return parser.add_flag(name, value, help)->disable_flag_override();
 }

@@ -14,17 +14,21 @@
 namespace quorvel::ctl {
 
 // The word with a guard in front when it needs one, and without it again.
+// A word that begins with the guard itself is guarded too: what is guarded comes back as it was,
+// whatever its bytes.
 std::string Guarded(std::string word);
 std::string Unguarded(std::string word);
 
 // Each returns the option, for ->required() and the like. Empty texts are refused.
 // One text, one or more texts, a switch.
+// The variable must live as long as the parser, and is written while that parses.
 CLI::Option* AddText(CLI::App& parser, const char* name, std::string& value, const char* help);
 CLI::Option* AddTexts(CLI::App& parser, const char* name, std::vector<std::string>& values,
                       const char* help);
 CLI::Option* AddFlag(CLI::App& parser, const char* name, bool& value, const char* help);
 
 // The decimal number that the text is, whole, within the type's bounds.
+// No sign but the minus of a signed type, no blanks and no other base; absent otherwise.
 template <class T>
 std::optional<T> Number(const std::string& text) {
   T number = 0;

@@ -56,6 +56,7 @@ struct Session::Services {
                                      "Name a directory that you may read with --root");
   }
 
+  // The writers are members of the session, which takes the set away again before they go.
   void install(LogWriter& errorLines) {
     // The person's lines always; the file where one was named.
     std::vector<LogWriter*> sinks = {&errorLines};
@@ -113,6 +114,7 @@ Session::Session(CommonOptions options)
       errorLines_(options_.command),
       services_(std::make_unique<Services>()) {}
 
+// Nothing may reach the services after this: the set refers to members of this object.
 Session::~Session() { QVInstallPlatformServices(nullptr); }
 
 void Session::writeDetails(bool toFile) {
@@ -139,6 +141,7 @@ bool Session::open(Access access, FatalError& error) {
   return true;
 }
 
+// Before the process is confined, like the services: the log's path is one outside the tree.
 bool Session::openLog(FatalError& error) {
   if (options_.logFile.empty()) return true;
   UniqueDescriptor file = host::OpenLogFile(options_.logFile, error);
@@ -147,6 +150,8 @@ bool Session::openLog(FatalError& error) {
   return true;
 }
 
+// The tree is entered last. From then on paths mean what they mean inside the device, and nothing
+// outside of it can be opened any more.
 bool Session::confine(Access access, FatalError& error) {
   host::DeviceRoot root;
   if (!root.open(options_.root, error)) return false;
@@ -186,6 +191,7 @@ int Session::finish(const Json& object, int code) {
   return finish(object, options_.json ? std::string() : JsonAsText(object, show), code);
 }
 
+// Lines held back come first, so that the result is the last thing that a terminal shows.
 int Session::finishBytes(std::string_view bytes, int code) {
   errorLines_.flush();
   return host::WriteResult(bytes, code, "quorvelctl: " + options_.command + ": standard output");
@@ -198,6 +204,8 @@ int Session::succeed() {
   return finish(object, "");
 }
 
+// Standard output gets an object only where one was asked for: without --json a script that
+// captures it finds nothing after a failure.
 int Session::failWith(Json object, const std::string& lines) {
   (void)WriteWhole(STDERR_FILENO, lines);
   if (options_.json) (void)WriteWhole(STDOUT_FILENO, host::JsonLine(object));
@@ -230,6 +238,8 @@ int Session::failFatally(const FatalError& error) {
   return host::ReportFatal(error, options_.json, "quorvelctl");
 }
 
+// The error is shown in full by the caller; its own line from the log would say it twice. A line
+// that says something else is shown.
 void Session::dropLineOf(const Error& error) {
   if (!errorLines_.holds(error.description())) errorLines_.flush();
   (void)errorLines_.take();

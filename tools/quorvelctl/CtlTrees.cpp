@@ -12,6 +12,8 @@ namespace {
 
 QVFileManager& Files() { return QVFileManager::defaultManager(); }
 
+// Items come in the directory's own order, which the service's other components see as well:
+// sorting would hide what they meet.
 class List final : public Command {
  public:
   explicit List(CLI::App& parser) {
@@ -63,6 +65,8 @@ class Remove final : public Command {
   Access access() const override { return Access::change; }
 
   // Goes on with the rest when one cannot be removed.
+  // Each failure is told as it happens, on standard error, and again in the object: a long removal
+  // that is killed has then said what it met.
   int run(Session& session) override {
     Json removed = Json::array();
     Json failed = Json::array();
@@ -86,6 +90,8 @@ class Remove final : public Command {
   std::vector<std::string> paths_;
 };
 
+// Copy and move, which differ in the operation alone. A copy may succeed with items left out, each
+// with a line in the log: the number of such lines is the only sign of it here.
 class Carry final : public Command {
  public:
   using Operation = bool (QVFileManager::*)(const Path&, const Path&, Error*);

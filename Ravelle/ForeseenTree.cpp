@@ -59,14 +59,15 @@ int WhyNotTakenOut(const Path& item) {
 // Adds up what goes while a walk passes it; what stays keeps every directory above it.
 class ForeseenTree::Count {
  public:
-  explicit Count(bool changeable) { levels_.push_back({changeable, false}); }
+  // `isCopy`: of a copy, which has the modes but not the owner and the flags.
+  Count(bool changeable, bool isCopy) : isCopy_(isCopy) { levels_.push_back({changeable, false}); }
 
   bool anythingStays() const { return levels_.front().stays; }
 
   void pass(const TreeWalkEntry& entry) {
     switch (entry.kind) {
       case TreeWalkKind::directoryBefore:
-        levels_.push_back({WhyNotChanged(entry.path) == 0, false});
+        levels_.push_back({isChangeable(entry), false});
         break;
       case TreeWalkKind::directoryAfter:
         leave(entry.path, false);
@@ -100,8 +101,14 @@ class ForeseenTree::Count {
     bool stays = false;
   };
 
+  bool isChangeable(const TreeWalkEntry& entry) const {
+    constexpr mode_t needed = S_IWUSR | S_IXUSR;
+    if (!isCopy_) return WhyNotChanged(entry.path) == 0;
+    return ::geteuid() == 0 || (entry.info.mode & needed) == needed;
+  }
+
   void leave(const char* path, bool unreadable) {
-    const bool stays = levels_.back().stays || unreadable || IsFixed(path);
+    const bool stays = levels_.back().stays || unreadable || (!isCopy_ && IsFixed(path));
     levels_.pop_back();
     if (stays || !levels_.back().changeable) {
       levels_.back().stays = true;
@@ -111,7 +118,7 @@ class ForeseenTree::Count {
   }
 
   void passFile(const TreeWalkEntry& entry) {
-    if (!levels_.back().changeable || IsFixed(entry.path)) {
+    if (!levels_.back().changeable || (!isCopy_ && IsFixed(entry.path))) {
       levels_.back().stays = true;
       return;
     }
@@ -122,6 +129,7 @@ class ForeseenTree::Count {
     }
   }
 
+  const bool isCopy_;
   std::vector<std::string> went_;
   std::vector<Level> levels_;  // the directory that holds the item, and those of the walk
 };
@@ -193,12 +201,37 @@ int ForeseenTree::whyNotMade(const Path& directory) const {
   return isDirectory(above) ? whyNotPutInto(above) : ENOTDIR;
 }
 
+bool ForeseenTree::isOnAnotherFileSystem(const Path& from, const Path& to) const {
+  struct stat source {};
+  struct stat destination {};
+  const auto at = now(from);
+  Path above = ParentOf(to);
+  while (!exists(above) && above.string() != "/") above = ParentOf(above);
+  // A mount point belongs to the directory that it is in.
+  return at && Look(ParentOf(*at), source) && Look(*now(above), destination) &&
+         source.st_dev != destination.st_dev;
+}
+
+int ForeseenTree::whyNotCopied(const Path& source, const Path& from) const {
+  int why = 0;
+  const bool ended = walk(source, from, [&](const TreeWalkEntry& entry) {
+    if (why != 0) return;
+    why = entry.errorNumber;
+    if (entry.kind == TreeWalkKind::file) why = WhyDenied(entry.path, R_OK);
+    if (entry.kind == TreeWalkKind::directoryBefore) why = WhyDenied(entry.path, R_OK | X_OK);
+  });
+  return why != 0 || ended ? why : EIO;
+}
+
 int ForeseenTree::whyNotMoved(const Path& from, const Path& to) const {
   const auto source = now(from);
   if (const int unknown = whyUnknown(from)) return unknown;
   if (!exists(from) || from.string() == to.string()) return 0;
   if (to.string().starts_with(from.string() + "/")) return EINVAL;
-  if (const int failure = WhyNotTakenOut(*source)) return failure;
+  const bool isCopied = isOnAnotherFileSystem(from, to);
+  if (const int failure = isCopied ? whyNotCopied(*source, from) : WhyNotTakenOut(*source)) {
+    return failure;
+  }
   const Path parent = ParentOf(to);
   if (exists(parent)) {
     if (const int failure = whyNotPutInto(parent)) return failure;
@@ -218,10 +251,7 @@ bool ForeseenTree::hasChangesBelow(const std::string& path) const {
          (placed != placed_.end() && placed->first.starts_with(prefix));
 }
 
-// The item as it is now, which would be at `at` by then. Whether nothing of it would stay.
-bool ForeseenTree::count(const Path& item, const Path& at, bool changeable,
-                         Removal& removal) const {
-  Count count(changeable);
+bool ForeseenTree::walk(const Path& item, const Path& at, const Visit& visit) const {
   const FileSystemRepresentation root = item.fileSystemRepresentation();
   const std::size_t length = std::string_view(root.c_str()).size();
   const bool isChanged = hasChangesBelow(at.string());
@@ -230,9 +260,26 @@ bool ForeseenTree::count(const Path& item, const Path& at, bool changeable,
   while (const TreeWalkEntry* entry = walk != nullptr ? walk->read() : nullptr) {
     const std::string below =
         isChanged ? StringFromFileSystemRepresentation(entry->path + length) : std::string();
-    if (!isChanged || now(Path(at.string() + below))) count.pass(*entry);
+    if (!isChanged || now(Path(at.string() + below))) visit(*entry);
   }
-  if (walk == nullptr || errno != 0) count.loss.complete = false;
+  return walk != nullptr && errno == 0;
+}
+
+bool ForeseenTree::isCopied(const Path& path) const {
+  for (std::string above = path.string(); above.size() > 1; above = ParentOf(above)) {
+    if (copied_.contains(above)) return true;
+    if (placed_.contains(above)) return false;
+  }
+  return false;
+}
+
+// Whether nothing of the item would stay.
+bool ForeseenTree::count(const Path& item, const Path& at, bool changeable,
+                         Removal& removal) const {
+  Count count(changeable, isCopied(at));
+  const bool ended = walk(item, at, [&](const TreeWalkEntry& entry) { count.pass(entry); });
+  if (!ended) count.loss.complete = false;
+  const std::size_t length = std::string_view(item.fileSystemRepresentation().c_str()).size();
   MigrationLoss& loss = removal.loss;
   loss.complete = loss.complete && count.loss.complete;
   if (at.lastPathComponent() != MigrationMarkerName) {
@@ -252,12 +299,15 @@ ForeseenTree::Removal ForeseenTree::removal(const Path& item) const {
   struct stat info {};
   if (!at || !Look(*at, info)) return removal;
   // The item goes from its directory, its entries from itself: two different rights.
-  const bool isFree = WhyNotChanged(ParentOf(*at).fileSystemRepresentation().c_str()) == 0;
+  const bool isCopy = isCopied(item);
+  const bool isFree =
+      isCopy || WhyNotChanged(ParentOf(*at).fileSystemRepresentation().c_str()) == 0;
   if (!S_ISDIR(info.st_mode)) {
     removal.whole = count(*at, item, isFree, removal);
     return removal;
   }
-  const bool changeable = WhyNotChanged(at->fileSystemRepresentation().c_str()) == 0;
+  const bool changeable = isCopy ? ::geteuid() == 0 || (info.st_mode & S_IWUSR) != 0
+                                 : WhyNotChanged(at->fileSystemRepresentation().c_str()) == 0;
   const auto listed = names(item);
   removal.whole = isFree && listed;
   removal.loss.complete = listed.has_value();
@@ -287,11 +337,33 @@ void ForeseenTree::move(const Path& from, const Path& to) {
   const auto source = now(from);
   struct stat info {};
   if (!source || from.string() == to.string() || !Look(*source, info)) return;
-  remove(from);
+  const bool takesCopy = isOnAnotherFileSystem(from, to);
+  // A source that cannot leave its directory stays as it is, beside its copy.
+  const bool stays = takesCopy && WhyNotTakenOut(*source) != 0;
+  Removal removal;
+  if (takesCopy && !stays) removal.whole = count(*source, from, true, removal);
+  if (!stays) remove(from);
   remove(to);
   // In this order: a removal of what was at `to` must not hide what comes there.
   gone_.erase(to.string());
   placed_[to.string()] = source->string();
+  if (takesCopy) copied_.insert(to.string());
+  if (!removal.whole) placeRest(from, *source, removal);
+}
+
+void ForeseenTree::placeRest(const Path& from, const Path& source, const Removal& removal) {
+  const Path parent = ParentOf(from);
+  const auto taken = names(parent).value_or(std::vector<std::string>());
+  std::string remain;
+  for (int number = 1; remain.empty() || std::count(taken.begin(), taken.end(), remain) != 0;
+       ++number) {
+    remain = std::string(MoveRemainPrefix) + std::to_string(number);
+  }
+  const std::string place = parent.childDirectory(remain).child(from.lastPathComponent()).string();
+  placed_[place] = source.string();
+  for (const std::string& path : removal.went) {
+    gone_.insert(place + path.substr(from.string().size()));
+  }
 }
 
 void ForeseenTree::remove(const Path& item, const Removal& removal) {
@@ -302,6 +374,7 @@ void ForeseenTree::remove(const Path& item, const Removal& removal) {
 void ForeseenTree::remove(const Path& path) {
   const std::string prefix = path.string() + "/";
   placed_.erase(path.string());
+  copied_.erase(path.string());
   for (auto at = placed_.lower_bound(prefix);
        at != placed_.end() && at->first.starts_with(prefix);) {
     at = placed_.erase(at);

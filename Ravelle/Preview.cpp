@@ -213,7 +213,7 @@ void RavellePreview::moveGroupItems(MigratedDirectory& told) {
   if (!IsGroupContainer(directory, Path(), configuration_, nullptr)) return;
   const auto items = tree_.names(directory);
   if (!items) return;
-  const Path destination = configuration_.mobileHomePath().childDirectory(ContainersPath);
+  const Path destination = configuration_.mobileHomePath().childDirectory(GroupContainersPath);
   for (const std::string& name : *items) {
     const Path item = directory.child(name);
     // What a killed move left is cleaned up by the next one, not carried.
@@ -223,7 +223,9 @@ void RavellePreview::moveGroupItems(MigratedDirectory& told) {
     }
   }
   for (const std::string& name : *items) {
-    if (!QVFileManager::isRemainOfMove(directory.child(name))) tree_.remove(directory.child(name));
+    const Path item = directory.child(name);
+    if (QVFileManager::isRemainOfMove(item)) continue;
+    tree_.move(item, destination.childDirectory(told.identifier).child(name));
   }
   told.outcome = MigrationOutcome::migrated;
   const ForeseenTree::Removal removal = tree_.removal(directory);

@@ -58,6 +58,7 @@ class RavellePreview final : public MigrationPreview {
   bool takesPlaceholder(const RecordFields& fields);
   // Whether each item of user data could be moved to its container.
   bool movesData(const RecordFields& fields);
+  void removeRemains(const Path& from, const Path& to);
   bool movesDataItem(const Path& source, const Path& destination);
   // Takes away what would be in the way of an item of user data, and tells what went.
   void replace(const Path& destination);

@@ -37,13 +37,14 @@ bool IsBundleName(const Path& path) {
   return path.pathExtension() == AppExtension || path.pathExtension() == VPNPluginExtension;
 }
 
-// Stands for a new container of whatever name.
-Path NewContainer(const QVGlobalConfiguration& configuration, const std::string& identifier) {
-  return configuration.mobileHomePath().childDirectory(ContainersPath).childDirectory(identifier);
+// These stand for new containers of whatever name.
+Path NewContainer(const QVGlobalConfiguration& configuration, const char* kind,
+                  const RecordFields& fields) {
+  return configuration.mobileHomePath().childDirectory(kind).childDirectory(fields.identifier);
 }
 
 Path NewBundle(const QVGlobalConfiguration& configuration, const RecordFields& fields) {
-  return NewContainer(configuration, fields.identifier).childDirectory("Bundle");
+  return NewContainer(configuration, BundleContainersPath, fields);
 }
 
 }  // namespace
@@ -99,13 +100,24 @@ bool RavellePreview::movesData(const RecordFields& fields) {
   const auto proxy = QVPlatform().workspace->bundleProxyForIdentifier(fields.identifier);
   const Path to = proxy && proxy->dataContainerPath
                       ? *proxy->dataContainerPath
-                      : NewContainer(configuration_, fields.identifier);
+                      : NewContainer(configuration_, DataContainersPath, fields);
+  removeRemains(fields.container, to);
   for (const std::string& name : configuration_.appUserDataItemNames()) {
     const Path source = fields.container.child(name);
     if (!tree_.exists(source) && tree_.whyUnknown(source) == 0) continue;
     if (!movesDataItem(source, to.child(name))) return false;
   }
   return true;
+}
+
+// What a copy that was cut short left of its source goes before the next one.
+void RavellePreview::removeRemains(const Path& from, const Path& to) {
+  if (!tree_.isOnAnotherFileSystem(from, to)) return;
+  const auto names = tree_.names(from);
+  for (const std::string& name : names.value_or(std::vector<std::string>())) {
+    const Path item = from.child(name);
+    if (QVFileManager::isRemainOfMove(item)) tree_.remove(item, tree_.removal(item));
+  }
 }
 
 bool RavellePreview::movesDataItem(const Path& source, const Path& destination) {
@@ -195,7 +207,8 @@ bool RavellePreview::installs(const RecordFields& fields) {
     discard(fields, package);
     return true;
   }
-  const Path destination = NewContainer(configuration_, fields.identifier);
+  // What this run installed before is not in the way: each install has a container of its own.
+  const Path destination = NewBundle(configuration_, fields).childDirectory("Next");
   for (const Path& bundle : package) {
     const Path to = destination.childDirectory(bundle.lastPathComponent());
     if (const int failure = tree_.whyNotMoved(bundle, to)) {
@@ -292,19 +305,21 @@ void RavellePreview::installPackage(const RecordFields& fields, const std::vecto
     installedWhole_.insert(identifier);
     installed_.emplace(identifier, bundle.pathExtension());
   }
-  for (const Path& bundle : package) tree_.remove(bundle);
   const Path container = NewBundle(configuration_, fields);
   // An earlier bundle of the app is replaced.
   tree_.remove(container);
+  for (const Path& bundle : package) {
+    tree_.move(bundle, container.childDirectory(bundle.lastPathComponent()));
+  }
   takeMetadata(fields, container);
 }
 
 // Store metadata follows the bundle, unless the name is taken.
 void RavellePreview::takeMetadata(const RecordFields& fields, const Path& container) {
   for (const char* name : StoreMetadataItemNames) {
-    if (!tree_.exists(container.child(name))) {
-      tree_.move(StagingOf(fields).child(name), container.child(name));
-    }
+    const Path item = StagingOf(fields).child(name);
+    const Path to = container.child(name);
+    if (!tree_.exists(to) && tree_.whyNotMoved(item, to) == 0) tree_.move(item, to);
   }
   removeStaging(fields);
 }
@@ -353,8 +368,7 @@ bool RavellePreview::missesItems(const RecordFields& fields) {
   }
   std::erase_if(*names, [&](const std::string& name) {
     return std::find(NeverMissedNames.begin(), NeverMissedNames.end(), name) !=
-               NeverMissedNames.end() ||
-           QVFileManager::isRemainOfMove(fields.container.child(name));
+           NeverMissedNames.end();
   });
   if (names->empty()) return false;
   account_->problem({.step = Step::missedItems,

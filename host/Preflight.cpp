@@ -90,9 +90,8 @@ class Run {
 
   // The directories that the run as a whole writes in.
   void directories() {
-    const std::string containers = kHome + ContainersPath;
-    std::vector<std::string> all = {containers + "/Data", containers + "/Bundle",
-                                    containers + "/Group", kRegistry};
+    std::vector<std::string> all = {kHome + DataContainersPath, kHome + BundleContainersPath,
+                                    kHome + GroupContainersPath, kRegistry};
     struct stat info {};
     const bool hasLegacy = ::lstat(kApplications.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
     if (hasLegacy) all.push_back(kApplications);

@@ -99,5 +99,8 @@ inline constexpr const char* RegistryDirectoryPath = "Library/Registry";
 inline constexpr const char* RegistryFileName = "registry.db";
 // The new containers, in the mobile home.
 inline constexpr const char* ContainersPath = "Containers";
+inline constexpr const char* DataContainersPath = "Containers/Data";
+inline constexpr const char* BundleContainersPath = "Containers/Bundle";
+inline constexpr const char* GroupContainersPath = "Containers/Group";
 
 }  // namespace quorvel

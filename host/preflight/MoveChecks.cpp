@@ -40,13 +40,12 @@ bool Holds(const Names& names, const std::string& name) {
 MoveChecks::MoveChecks(Findings& findings, SpaceNeeds& needs)
     : findings_(findings),
       needs_(needs),
-      data_(destination("Data")),
-      bundles_(destination("Bundle")),
-      groups_(destination("Group")) {}
+      data_(destination(DataContainersPath)),
+      bundles_(destination(BundleContainersPath)),
+      groups_(destination(GroupContainersPath)) {}
 
-MoveChecks::Destination MoveChecks::destination(const char* kind) {
-  const std::string home = std::string("/") + MobileHomeDirectory;
-  for (std::string path = home + ContainersPath + "/" + kind; path.size() > 1;
+MoveChecks::Destination MoveChecks::destination(const char* containers) {
+  for (std::string path = std::string("/") + MobileHomeDirectory + containers; path.size() > 1;
        path = ParentOf(path)) {
     struct stat info {};
     // A link on the way is the device's own and leads where the registry goes, too.

@@ -34,8 +34,8 @@ class MoveChecks {
     std::string path{};
     std::optional<ItemFacts> facts{};
   };
-  // `kind` is the directory of one kind of container, as the registry names it.
-  static Destination destination(const char* kind);
+  // `containers` is the directory of one kind of container, in the home directory.
+  static Destination destination(const char* containers);
 
   // One entry of the legacy directory: itself, and what of it is carried elsewhere.
   void container(int applications, const std::string& name, const ItemFacts& holder);

@@ -1,5 +1,9 @@
 // What inspect foresees is what migrate does: of many made trees, as root and as an ordinary user.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <iterator>
 
 #include "tests/host/TreeGenerator.h"
 #include "tests/support/HostProcess.h"
@@ -33,17 +37,35 @@ std::map<std::string, std::string> Said(const json& result) {
   return said;
 }
 
+// Where a second file system lies in the device, below the mobile user's directory.
+constexpr const char* kOtherDisks[] = {"/Containers", "/Containers/Data", "/Containers/Bundle",
+                                       "/Containers/Group", "/Applications"};
+
+enum class Disks { one, two };
+
 class Trial {
  public:
-  Trial(unsigned seed, bool asUser, const HostSetup& setup)
+  Trial(unsigned seed, bool asUser, Disks disks, const HostSetup& setup)
       : seed_(seed),
         asUser_(asUser),
         setup_(setup),
         device_(tree_ / "device"),
-        generator_(device_, seed, asUser) {}
-  ~Trial() { Loosen(device_.root()); }
+        generator_(device_, seed, asUser, disks == Disks::two) {}
+  ~Trial() {
+    Loosen(device_.root());
+    for (const char* place : kOtherDisks) {
+      (void)::umount2((device_.root() + Mobile + place).c_str(), MNT_DETACH);
+    }
+  }
   Trial(const Trial&) = delete;
   Trial& operator=(const Trial&) = delete;
+
+  // In mounts of the process's own.
+  void addDisk() const {
+    const std::string place = device_.root() + Mobile + kOtherDisks[seed_ % std::size(kOtherDisks)];
+    fs::create_directories(place);
+    ASSERT_EQ(::mount("tmpfs", place.c_str(), "tmpfs", 0, "mode=0755"), 0);
+  }
 
   void run() {
     generator_.maps();
@@ -130,12 +152,13 @@ std::pair<unsigned, unsigned> Seeds() {
   return seeds;
 }
 
-void TryAll(bool asUser, const HostSetup& setup) {
+void TryAll(bool asUser, Disks disks, const HostSetup& setup) {
   const auto [first, last] = Seeds();
   int items = 0;
   std::vector<std::string> printed;
   for (unsigned seed = first; seed <= last; ++seed) {
-    Trial trial(seed, asUser, setup);
+    Trial trial(seed, asUser, disks, setup);
+    if (disks == Disks::two) trial.addDisk();
     trial.run();
     items += trial.items();
     printed.insert(printed.end(), trial.printed().begin(), trial.printed().end());
@@ -148,20 +171,39 @@ void TryAll(bool asUser, const HostSetup& setup) {
   EXPECT_GT(items, 0);
 }
 
-TEST(ForesightTest, InspectForeseesWhatMigrateDoesAsRoot) {
+class ForesightTest : public ::testing::TestWithParam<Disks> {
+ protected:
+  // With mounts of its own, which end with it, where a second disk is to be had.
+  static void tryAll(bool asUser, const HostSetup& setup) {
+    if (GetParam() == Disks::one) return TryAll(asUser, Disks::one, setup);
+    if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
+    EXPECT_TRUE(InChild([&] {
+      ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+      ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+      TryAll(asUser, Disks::two, setup);
+    }));
+  }
+};
+
+TEST_P(ForesightTest, InspectForeseesWhatMigrateDoesAsRoot) {
   if (::geteuid() != 0) GTEST_SKIP() << "the other test is the one for an ordinary user";
-  TryAll(false, {});
+  tryAll(false, {});
 }
 
-TEST(ForesightTest, InspectForeseesWhatMigrateDoesAsAnOrdinaryUser) {
+TEST_P(ForesightTest, InspectForeseesWhatMigrateDoesAsAnOrdinaryUser) {
   if (!NoUnprivilegedCase().empty()) GTEST_SKIP() << NoUnprivilegedCase();
   const ScratchTree programs("/tmp");
   HostSetup setup;
   setup.asNobody = true;
   setup.program = CopyHostTo(programs / "bin");
   setup.environment["LD_LIBRARY_PATH"] = programs / "bin";
-  TryAll(true, setup);
+  tryAll(true, setup);
 }
+
+INSTANTIATE_TEST_SUITE_P(Disks, ForesightTest, ::testing::Values(Disks::one, Disks::two),
+                         [](const auto& test) {
+                           return test.param == Disks::one ? "OneDisk" : "TwoDisks";
+                         });
 
 }  // namespace
 }  // namespace quorvel::testing

@@ -105,6 +105,12 @@ constexpr std::pair<const char*, Ill> kIlls[] = {
        m.marker(m.inside(""), m.inside(m.bundle), m.identifier);
        if (m.bundle.empty()) return;
        fs::create_directories(m.at("Staging/Payload"));
+       // Its maker's, as the container: a package that cannot be taken apart stays open with the
+       // registry, which alone knows of it.
+       const struct stat owner = StatOf(m.at(""));
+       for (const char* made : {"Staging", "Staging/Payload"}) {
+         (void)::lchown(m.at(made).c_str(), owner.st_uid, owner.st_gid);
+       }
        fs::rename(m.at(m.bundle), m.at("Staging/Payload/" + m.bundle));
      }},
     {"staged and a stranger beside it",
@@ -170,6 +176,8 @@ void TreeGenerator::ills() {
                               std::string_view(name).find("executable") == 0;
       // Whether it is empty only an attempt to remove it shows.
       if (asUser_ && std::string_view(name).starts_with("unreadable empty")) continue;
+      // An install whose metadata cannot be copied stays open, and only the registry knows of it.
+      if (asUser_ && isOnTwoDisks_ && std::string_view(name) == "metadata 0000") continue;
       if (isOfBundle && !Exists(made.at(made.bundle + "/Info.plist"))) continue;
       told += made.name + " (other " + made.other + "): " + name + "\n";
       try {
@@ -222,7 +230,8 @@ void TreeGenerator::groupIlls() {
     told += path + ": " + std::to_string(which) + "\n";
     if (which == 0) Mode(path, 0555);
     if (which == 1) OwnByRoot(path);
-    if (which == 2) Mode(path + "/Library", 0555);
+    // The next attempt cannot replace a copy of that, in a container that the registry alone knows.
+    if (which == 2 && !(asUser_ && isOnTwoDisks_)) Mode(path + "/Library", 0555);
     if (which == 3) Mode(path, 0);
   }
 }

@@ -28,8 +28,8 @@ struct Made {
 // The same seed makes the same tree.
 class TreeGenerator {
  public:
-  TreeGenerator(const Device& device, unsigned seed, bool asUser)
-      : device_(device), asUser_(asUser), random_(seed) {}
+  TreeGenerator(const Device& device, unsigned seed, bool asUser, bool isOnTwoDisks)
+      : device_(device), asUser_(asUser), isOnTwoDisks_(isOnTwoDisks), random_(seed) {}
 
   // Sound ones, whose names begin with the prefix, for ills() to fall on.
   void containers(const std::string& prefix);
@@ -51,6 +51,7 @@ class TreeGenerator {
 
   const Device& device_;
   const bool asUser_;
+  const bool isOnTwoDisks_;
   std::mt19937 random_;
   std::vector<Made> made_;
 };

@@ -35,9 +35,9 @@ class DeviceLayout {
   Path applications() const { return Path::directory(root_ + "/Applications"); }
   // The directory of all containers of a kind, and one of them.
   Path containers(ContainerKind kind) const {
-    static constexpr const char* names[] = {"Bundle", "Data", "Group"};
-    return Path::directory(root_ + "/" + MobileHomeDirectory + ContainersPath + "/" +
-                           names[static_cast<int>(kind)]);
+    static constexpr const char* paths[] = {BundleContainersPath, DataContainersPath,
+                                            GroupContainersPath};
+    return Path::directory(root_ + "/" + MobileHomeDirectory + paths[static_cast<int>(kind)]);
   }
   // `name` is as the records have it; nothing here asks whether the directory exists.
   Path container(ContainerKind kind, std::string_view name) const {

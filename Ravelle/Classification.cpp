@@ -22,6 +22,8 @@ constexpr const char* kIntrospect = "-[QVRavelle _introspectContainer:orderResul
 using Verdict = Classification::Verdict;
 using Reason = MigrationReason;
 
+// One container's entries in the order in which they are listed. An entry that settles the verdict
+// ends the scan; otherwise conclude() decides by what was found.
 class ContainerScan {
  public:
   explicit ContainerScan(const Path& container) : container_(container) {}
@@ -53,6 +55,7 @@ class ContainerScan {
   std::optional<MigrationProblem> unread_;
 };
 
+// The names are taken first, since the scan may end before it has come to all of them.
 Classification ContainerScan::run(const std::vector<Path>& entries) {
   for (const Path& entry : entries) result_.names.emplace_back(entry.lastPathComponent());
   for (const Path& entry : entries) {
@@ -168,6 +171,8 @@ ContainerScan::Next ContainerScan::lookAtMarker(const Path& entry, bool isLink) 
   return Next::end;
 }
 
+// Removal is the last resort, and only of a container in which everything could be read and nothing
+// was a bundle.
 void ContainerScan::conclude() {
   // An app that cannot be read now may be migrated by a later run, with all that belongs to it:
   // what else is here must not be taken for the whole container.

@@ -18,6 +18,7 @@ namespace quorvel {
 
 // A line of the host's log that is still to be written.
 // Kept apart from the log, since a preview decides the same way and writes nothing.
+// The names are literals and live as long as the program; the message is the line's own.
 struct PendingLine {
   const char* file;
   const char* function;
@@ -31,6 +32,8 @@ struct PendingLine {
   (lines).push_back(                                  \
       {__FILE__, (function), __LINE__, (level), ::quorvel::FormatMessage(__VA_ARGS__)})
 
+// Made by one call and handed on by value: it refers to nothing on disk, which may change before it
+// is acted on.
 struct Classification {
   enum class Verdict {
     migrate,  // the record says what
@@ -55,9 +58,12 @@ struct Classification {
 
 // Each file is read once; a failure is judged by its own Error. Whatever was not read whole, and
 // is not certain to be absent, makes the verdict `leave`, unless a valid marker says what to do.
+// Never fails: what cannot be decided is `leave`, with the problem that says why. One thread at a
+// time for one container.
 Classification ClassifyLegacyContainer(QVFileManager& files, const Path& container);
 
 // Whether the entry is the note of the former service, which goes whatever it is.
+// Told by its name alone.
 bool IsFarewell(const Path& entry);
 
 }  // namespace quorvel

@@ -34,6 +34,7 @@ struct RecordFields {
   std::string identifier{};
   std::string type{};  // usually one of the two above; a marker may say anything
 
+  // Any other text is not an app, also one that nobody knows.
   bool isApp() const { return type == ContainerTypeApp; }
 };
 

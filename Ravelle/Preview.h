@@ -29,6 +29,8 @@ class RavellePreview final : public MigrationPreview {
   // Tells the account everything in the order in which a migration would. False with the Error when
   // the legacy directory cannot be listed. May be called again; one thread.
   bool preview(MigrationAccount& account, Error* error) override;
+  // The first pass alone: what each entry is, and the end of those that need no steps. Faster, as
+  // nothing of a container is followed. Fails as preview() does.
   bool classify(MigrationAccount& account, Error* error) override;
 
  private:
@@ -44,6 +46,7 @@ class RavellePreview final : public MigrationPreview {
   // Begins anew. Absent with the Error; empty when there is no legacy directory.
   std::optional<std::vector<Path>> begin(MigrationAccount& account, Error* error);
   // First pass: every entry is looked at, and what needs no steps ends at once.
+  // The list it returns is in the order of the work, early records first.
   std::deque<WorkItem> lookAtAll(const std::vector<Path>& items);
   void lookAt(WorkItem item, std::deque<WorkItem>& workList);
   void endRemoved(const Path& entry);
@@ -67,6 +70,8 @@ class RavellePreview final : public MigrationPreview {
   bool stages(const RecordFields& fields);
   bool stagesBundle(const Path& bundle, const Path& payload);
   // Whether the registry would be satisfied with what is staged.
+  // It asks the registry itself only what changes nothing, and knows of earlier containers by the
+  // members below.
   bool installs(const RecordFields& fields);
   bool accepts(const RecordFields& fields, const std::vector<Path>& package);
   bool isObsolete(const RecordFields& fields, const std::vector<Path>& package) const;
@@ -99,6 +104,7 @@ class RavellePreview final : public MigrationPreview {
   void tellUnreadable(const Path& map, const Error& error);
   void loadGroups();
   // Tells what becomes of one group, and remembers that it was asked for.
+  // Asked once for each app that claims it, and moved at most once.
   void moveGroup(const std::string& group);
   void moveGroupItems(MigratedDirectory& told);
   // After all containers: groups that no migrated app asked for stay behind.

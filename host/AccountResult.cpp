@@ -11,8 +11,10 @@ namespace quorvel::host {
 
 namespace {
 
+// Empty texts are what is not known; keys stay, so that readers need not ask for them.
 Json TextOrNull(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
 
+// Both the words and the symbol: people read the one, programs compare the other.
 void AddError(const Error& error, Json& object) {
   object["detail"] = TextOrNull(DetailOf(error));
   object["errno"] = TextOrNull(ErrorNumberName(ErrorNumberOf(error)));
@@ -53,6 +55,7 @@ Json StepsAsJson(const std::vector<StepTime>& steps) {
   return list;
 }
 
+// Everything that the plug-in told is in it once: a problem is either the stop or one of the notes.
 Json ContainerAsJson(const ContainerResult& container) {
   // "step", "reason" and "detail" are the stop's; what did not stop it comes as notes.
   const MigrationProblem* stop = container.stoppedAt();
@@ -94,6 +97,8 @@ Json DirectoryAsJson(const MigratedDirectory& directory) {
 
 }  // namespace
 
+// Groups and items left behind come in the order of their names, containers and harbors in that of
+// the run.
 void AddAccount(const RunAccount& account, Json& object) {
   const auto list = [](const auto& from, auto asJson) {
     Json out = Json::array();

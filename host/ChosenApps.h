@@ -16,8 +16,10 @@ namespace quorvel::host {
 class ChosenApps : public MigrationSelection {
  public:
   // Before the process is confined.
+  // Identifiers given twice count once.
   explicit ChosenApps(const std::vector<std::string>& identifiers);
 
+  // Compared as written, letter case included.
   bool isChosen(const std::string& identifier) const override;
 
   // Whether everything is: nothing is to be confined then.

@@ -50,6 +50,8 @@ int ItemsIn(const std::string& directory, std::vector<SectionItem>& items) {
   return failure;
 }
 
+// The sections come in the order in which a snapshot reads them: the legacy containers, groups,
+// harbors, then the current layout.
 class Describer {
  public:
   Describer(HostServices& services, const onlinux::RegistrySnapshot& registry,
@@ -97,6 +99,8 @@ class Describer {
     }
   }
 
+  // By the path that the plug-in told. What it did not tell of, as links among the containers, has
+  // no action, and nothing of it is excused later.
   void foresee(ManifestSection& section) const {
     const auto at = foreseen_.find(section.path);
     if (at == foreseen_.end()) return;
@@ -131,6 +135,7 @@ class Describer {
     section.bundles.push_back(std::move(found));
   }
 
+  // A value of another size is not the service's mark.
   bool isPlaceholder(const Path& path) const {
     char value[PlaceholderAttributeSize];
     return services_.set().fileSystem->getxattr(path.fileSystemRepresentation().c_str(),
@@ -186,6 +191,8 @@ class Describer {
     }
   }
 
+  // A directory that is not there has no items and nothing unreadable: maps may name places that
+  // were never made.
   ManifestSection& add(ManifestSection section) {
     // A stray has no items: it is one.
     if (section.kind != SectionKind::stray) {
@@ -210,6 +217,7 @@ ManifestHeader DescribeDevice(HostServices& services, const onlinux::RegistrySna
   return Describer(services, registry, foreseen).describe();
 }
 
+// A map that cannot be read counts as empty: a harbor then has to be registered to be found.
 std::set<std::string> HarborsOfMap(HostServices& services) {
   std::set<std::string> identifiers;
   const Path file =

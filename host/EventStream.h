@@ -13,9 +13,13 @@ namespace quorvel::host {
 class EventStream {
  public:
   // A file open for appending, a pipe, or standard output.
+  // Closed with the stream. Writing to a pipe whose reader is gone must not end the process: the
+  // host ignores that signal before.
   explicit EventStream(UniqueDescriptor file) : file_(std::move(file)) {}
 
   // Adds "seconds" since the stream began, and ends the line.
+  // Each line is written whole, so that a reader may take the end of a line as the end of an
+  // object.
   void tell(const char* event, Json fields);
 
  private:

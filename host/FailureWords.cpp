@@ -54,6 +54,7 @@ constexpr std::array<const char*, MigrationReasonNames.size()> Words = {
 
 const char* WordsFor(MigrationReason reason) { return Words[static_cast<std::size_t>(reason)]; }
 
+// The outermost one: a cause further down may be of a cleanup that failed as well.
 int ErrorNumberOf(const Error& error) {
   for (Error cause = error; cause; cause = cause.underlying()) {
     if (cause.domain() == PosixErrorDomain) return static_cast<int>(cause.code());
@@ -61,12 +62,14 @@ int ErrorNumberOf(const Error& error) {
   return 0;
 }
 
+// A number that the C library has no name for is still told by its digits.
 std::string ErrorNumberName(int number) {
   if (number == 0) return {};
   const char* name = ::strerrorname_np(number);
   return name != nullptr ? name : "E" + std::to_string(number);
 }
 
+// The first of several texts that says anything. Not printable yet: descriptions hold names.
 std::string DetailOf(const Error& error) {
   if (!error) return {};
   const int number = ErrorNumberOf(error);

@@ -40,6 +40,7 @@ std::string AsJson(const Inspection& inspection) {
   return JsonLine(object);
 }
 
+// Findings come first, as they decide whether anything of what follows would happen at all.
 std::string AsText(const Inspection& inspection, const Options& options) {
   const RunAccount& account = inspection.account;
   AccountView view = {.terminal = DescribeTerminal(STDOUT_FILENO), .all = options.all};
@@ -60,6 +61,8 @@ std::string AsText(const Inspection& inspection, const Options& options) {
 
 }  // namespace
 
+// No lock is taken: a person may look while a migration is at work, and what is shown is then of
+// that moment. The findings are made before the services are installed, on the tree alone.
 int RunInspect(const Options& options) {
   FatalError error;
   DeviceRoot root;
@@ -74,6 +77,8 @@ int RunInspect(const Options& options) {
   services.install();
   onlinux::RegistrySnapshot registry;
   if (!Foresee(bundle, services, root, inspection.account, registry, error)) {
+    // A damaged registry keeps the plug-in from looking ahead, and is a finding already: that says
+    // more than the plug-in's own failure.
     const bool explained = error.exitCode == ExitFailed && Refuses(inspection.findings);
     if (explained) return ReportRefusal(inspection.findings, options.json);
     return ReportFatal(error, options.json);

@@ -38,11 +38,14 @@ std::string AsJson(const RegistrySnapshot& registry) {
   return JsonLine(object);
 }
 
+// A placeholder is told first: it has a bundle on disk as well, made up by the registry.
 const char* StateOf(const BundleProxy& bundle) {
   if (bundle.isPlaceholder) return "placeholder";
   return bundle.foundBackingBundle ? "installed" : "no bundle";
 }
 
+// Everything from the registry is made printable: identifiers come from bundles that anybody may
+// have made.
 std::string AsText(const RegistrySnapshot& registry) {
   std::string text = registry.bundles.empty() ? "No bundles.\n" : "";
   const auto path = [&text](const char* label, const std::string& value) {
@@ -66,6 +69,8 @@ std::string AsText(const RegistrySnapshot& registry) {
   return text + "Data protection: " + (registry.dataProtectionUpdated ? "" : "not ") + "updated\n";
 }
 
+// The reason for programs is one word for all failures of the registry: what differs is in the
+// text.
 int ReportFailure(const DeviceRoot& root, const Error& failure, const Options& options) {
   return ReportFatal({ExitFailed, root.printable() + ": " + Printable(failure.description()),
                       "Check the registry's files in the device tree", "registry-unusable"},
@@ -74,6 +79,7 @@ int ReportFailure(const DeviceRoot& root, const Error& failure, const Options& o
 
 }  // namespace
 
+// Keys are in the order that the manual has them in.
 Json BundleAsJson(const BundleProxy& bundle) {
   Json object;
   object["identifier"] = bundle.bundleIdentifier;
@@ -96,6 +102,7 @@ Json SafeHarborAsJson(const onlinux::SafeHarborRecord& harbor) {
   return object;
 }
 
+// Looks only, and takes no lock.
 int RunRegistry(const Options& options) {
   FatalError error;
   DeviceRoot root;

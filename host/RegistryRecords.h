@@ -7,6 +7,9 @@
 
 namespace quorvel::host {
 
+// Every key is always there: null stands for what the record has not or the registry cannot tell,
+// which for groups differs from an empty object. Manifests keep these objects as they are, so that
+// a key that changes its meaning changes the format of manifests.
 Json BundleAsJson(const BundleProxy& bundle);
 Json SafeHarborAsJson(const onlinux::SafeHarborRecord& harbor);
 

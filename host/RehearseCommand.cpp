@@ -40,6 +40,7 @@ struct Room {
   std::uint64_t inodes = 0;
 };
 
+// Zeros where it cannot be told; a difference of two such values is no need.
 Room UsedAt(const char* path) {
   struct statvfs info {};
   if (::statvfs(path, &info) != 0) return {};
@@ -115,6 +116,9 @@ std::string WhatIsIn(const UniqueDescriptor& file) {
   return text;
 }
 
+// The process itself never enters the tree and covers it with a view; every command runs in a child
+// that does enter, since that cannot be undone. The current directory is the one that takes the
+// view's changes.
 class Rehearsal {
  public:
   explicit Rehearsal(Options options) : options_(std::move(options)) {}
@@ -149,6 +153,8 @@ class Rehearsal {
     }
   }
 
+  // The manifests are kept for whoever asks with --keep to look at them; what the children print is
+  // needed only until the report.
   bool openFiles() {
     constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC;
     before_.reset(::open("manifest.jsonl", flags, 0600));
@@ -188,6 +194,8 @@ class Rehearsal {
     return inChild(nullptr, [&] { return SnapshotInto(root_, bundle_, Again(file), options); });
   }
 
+  // The use of the view's file system is sampled while the child works: what counts is the peak,
+  // since a copy and its original exist side by side for a while.
   void migrate() {
     // "." is the directory that takes the view's changes.
     used_ = peak_ = UsedAt(".");
@@ -257,6 +265,8 @@ class Rehearsal {
     return WriteResult(text, exitCode());
   }
 
+  // What a child printed is parsed and set in as an object; one that was killed printed nothing
+  // whole, and is null.
   int reportJson(const Room& needed, const Room& free) {
     const auto parsed = [](const UniqueDescriptor& file) {
       Json object = Json::parse(WhatIsIn(file), nullptr, false);

@@ -22,6 +22,8 @@ namespace {
 
 constexpr const char* kDefaultOutput = "report.html";
 
+// By what they are and not by their names: a link or another spelling is the same file. A file that
+// is not there is none of those that are read.
 bool SameFile(const std::string& one, const std::string& other) {
   struct stat first {};
   struct stat second {};
@@ -29,6 +31,8 @@ bool SameFile(const std::string& one, const std::string& other) {
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+// What can be refused by the names of the files is refused before any result is read, as there may
+// be thousands of them.
 class Report {
  public:
   explicit Report(const Options& options) : options_(options) {
@@ -82,6 +86,7 @@ class Report {
                 "Name the log that migrate --log wrote in the same run with --log");
   }
 
+  // The log is read only for one run: its lines are told apart by the time of that run.
   bool makePage(std::string& page) {
     const bool isRun = only_ && only_->kind == ResultKind::run;
     if (log_ && !isRun) return logFails("a log goes with the result of one run");
@@ -95,6 +100,8 @@ class Report {
     return true;
   }
 
+  // Through a temporary file beside it: a page that is being looked at is never half of one, and an
+  // older one stays if the new one cannot be written.
   bool write(const std::string& page) {
     Error failure;
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(page.data());
@@ -105,6 +112,8 @@ class Report {
                 "Name a file that can be written with --output");
   }
 
+  // The page is written even when some files were no results; the exit code says that they were
+  // not.
   int tell() {
     const int code = fleet_.unusableCount == 0 ? ExitSucceeded : ExitFailed;
     if (options_.json) {

@@ -86,10 +86,12 @@ class RunAccount : public MigrationAccount {
   // One for each item found, in that order. One that was not reached is left.
   const std::vector<ContainerResult>& containers() const { return containers_; }
   // By identifier; of a group that several apps have, what came of it in the end.
+  // Only groups that the plug-in told of.
   const std::map<std::string, MigratedDirectory>& groups() const { return groups_; }
   const std::vector<MigratedDirectory>& harbors() const { return harbors_; }
   const std::map<std::string, MigrationReason>& leftBehind() const { return leftBehind_; }
   // Problems that belong to no container.
+  // In the order in which they were told, up to a bound.
   const std::vector<MigrationProblem>& problems() const { return problems_; }
   // How many items ended how, in the order of MigrationOutcome: together they are items(). What an
   // early end came before is left.

@@ -40,6 +40,8 @@ int ReadFile(int directory, std::string& text) {
 
 }  // namespace
 
+// The file may be cut off or written by another version: a line that is no run is passed over, and
+// one without a line feed at its end is none.
 std::vector<Json> RunsIn(std::string_view bytes) {
   std::vector<Json> runs;
   for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos;) {
@@ -79,6 +81,8 @@ RunRecord::RunRecord(const MigrationResult& begun, const MigratorPlugin& plugin,
   write(progress());
 }
 
+// Made when it is missing; a link in its place is not followed, as the process may be privileged
+// and the device anybody's.
 bool RunRecord::openDirectory() {
   directory_ = OpenDirectory();
   if (directory_ || errno != ENOENT) return static_cast<bool>(directory_);
@@ -127,6 +131,7 @@ Json RunRecord::progress() const {
   return run;
 }
 
+// Under the lock and for good: a tick that was on its way must not write "running" over the end.
 void RunRecord::finish(const MigrationResult& result, const RunAccount& account) {
   Json run = begun_;
   const char* ended = result.succeeded ? "succeeded" : "failed";
@@ -138,6 +143,8 @@ void RunRecord::finish(const MigrationResult& result, const RunAccount& account)
   write(run);
 }
 
+// Replaced as a whole and without a flush: after a power loss an older state is as good, and the
+// file is no part of what the migration rests on.
 void RunRecord::write(const Json& run) {
   if (!directory_) return;
   const std::string text = JsonLine(run) + earlier_;

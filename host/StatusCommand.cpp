@@ -17,6 +17,7 @@ namespace quorvel::host {
 
 namespace {
 
+// What is to be done is looked at only while no run is at work.
 struct Status {
   std::vector<Json> runs{};  // newest first
   bool isRunning = false;
@@ -24,6 +25,8 @@ struct Status {
   std::optional<FatalError> unknown{};  // why it is not known what is to be done
 };
 
+// The facts are a file on the device, which may hold anything: what is missing or of another type
+// is empty or zero here.
 std::string Text(const Json& run, const char* key) {
   const auto at = run.find(key);
   return at != run.end() && at->is_string() ? at->get<std::string>() : std::string();
@@ -35,6 +38,7 @@ std::int64_t NumberOf(const Json& run, const char* key) {
 }
 
 // A run that says it is at work and is not was killed, or lost power.
+// Only the newest can be the one at work: runs take turns by the device's lock.
 std::vector<Json> Judged(std::vector<Json> runs, bool isRunning) {
   for (std::size_t i = 0; i < runs.size(); ++i) {
     const bool isAtWork = i == 0 && isRunning;
@@ -77,6 +81,8 @@ std::string AsJson(const Status& status) {
   return JsonLine(object);
 }
 
+// The age of the facts is shown, since a run that hangs tells nothing any more. A clock that was
+// set back must not make it negative.
 std::string RunningAsText(const Status& status) {
   const Json* run = RunAtWork(status);
   if (run == nullptr) return "A run is at work and has not told anything yet.\n";
@@ -90,6 +96,8 @@ std::string RunningAsText(const Status& status) {
   return text + " (told " + std::to_string(std::max<std::int64_t>(age, 0)) + " s ago).\n";
 }
 
+// A run without counts was killed before its end: how far it was when it last told is all that is
+// known.
 std::string RunAsText(const Json& run) {
   std::string text =
       "  " + Printable(Text(run, "started")) + "  " + Padded(Printable(Text(run, "outcome")), 11);

@@ -58,6 +58,8 @@ std::string AsText(const Finding& finding) {
 }
 
 // Told one after another: text at once, objects at the end.
+// Text goes out as it is found, because a verification takes long and the first findings are what a
+// person waits for. An object can only be written when it is whole.
 class Findings {
  public:
   explicit Findings(bool json) : json_(json) {}
@@ -109,6 +111,7 @@ class Findings {
 };
 
 // What `migrate --json` printed says of the containers that went with something in them.
+// Bounded and without trust: a result may come from anywhere, and excuses only what it names.
 bool ReadResult(UniqueDescriptor file, ReportedLosses& losses) {
   std::string text;
   char piece[64 * 1024];
@@ -144,6 +147,8 @@ bool ReadResult(UniqueDescriptor file, ReportedLosses& losses) {
 }
 
 // What the registry held it must hold still, and a harbor is registered or in its map.
+// By identifiers alone: where a record's containers are is shown by the items that are found in
+// them.
 void CheckRegistry(const ManifestHeader& before, const onlinux::RegistrySnapshot& now,
                    const Places& places, const std::set<std::string>& harborMap,
                    const FindingSink& sink, VerificationTotals& totals) {

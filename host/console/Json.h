@@ -10,6 +10,8 @@
 namespace quorvel::host {
 
 // Ordered: keys stand in the order in which they are set, which is the documented one.
+// Looking for a key goes through all of them, which is of no consequence for the few that the
+// host's own objects have; large dictionaries are filled without looking.
 using Json = nlohmann::ordered_json;
 
 // Text that is no UTF-8 is replaced rather than refused: texts of the system are UTF-8, bytes of
@@ -19,6 +21,7 @@ inline std::string JsonLine(const Json& object) {
 }
 
 // An absent value is null rather than left out, so that objects always have the same keys.
+// A path is written in its plain form.
 inline Json JsonOrNull(const std::optional<std::string>& text) {
   return text ? Json(*text) : Json(nullptr);
 }

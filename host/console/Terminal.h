@@ -11,6 +11,8 @@ struct Terminal {
   bool colors = false;      // isTerminal, and NO_COLOR is not set
 };
 
+// A stream that is no terminal, or one whose TERM is empty or "dumb", is written to as to a file.
+// Reads the environment, which nobody changes by then.
 Terminal DescribeTerminal(int descriptor);
 
 // Its width in columns now: people resize windows. 80 when it does not say.

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";
 
+// The sequence is known to be valid: only its bits are put together.
 char32_t CodePoint(std::string_view sequence) {
   const auto bits = [&](std::size_t i) {
     return static_cast<char32_t>(static_cast<unsigned char>(sequence[i]) & 0x3FU);
@@ -28,6 +29,7 @@ char32_t CodePoint(std::string_view sequence) {
   }
 }
 
+// Control characters move the cursor or worse; the others let one name look like another.
 bool IsHarmless(char32_t character) {
   if (character < 0x20 || (character >= 0x7F && character <= 0x9F)) return false;
   // Soft hyphen, Arabic letter mark, byte order mark: invisible, or change the order.
@@ -38,6 +40,7 @@ bool IsHarmless(char32_t character) {
   return character < 0xE0000 || character > 0xE0FFF;             // tags
 }
 
+// Byte by byte, since what is escaped may be no character at all.
 void AppendByteEscape(std::string& out, char byte) {
   static constexpr char digits[] = "0123456789abcdef";
   const auto value = static_cast<unsigned char>(byte);
@@ -73,6 +76,8 @@ std::size_t WidthOf(std::string_view sequence) {
 
 }  // namespace
 
+// First back to the bytes that the file system has, so that a name that is no text shows its true
+// bytes rather than their encoding.
 std::string Printable(std::string_view text) {
   const std::string bytes = BytesOfFileSystemRepresentation(text);
   std::string_view rest = bytes;

@@ -13,6 +13,8 @@ namespace quorvel::host {
 
 namespace {
 
+// The filter that lets everything pass asks for all commands; without it only those that were
+// parsed come.
 const CLI::App* CommandNamed(const CLI::App& parser, const std::string& name) {
   for (const CLI::App* command : parser.get_subcommands([](const CLI::App*) { return true; })) {
     if (command->get_name() == name) return command;
@@ -36,6 +38,8 @@ std::vector<std::string> OptionNames(const CLI::App& command) {
   return names;
 }
 
+// The parser's own messages name neither what was meant nor the command. This goes over the same
+// words once more and says the first thing that is wrong with them; it decides nothing.
 class Words {
  public:
   Words(const CLI::App& command, int argc, const char* const* argv)
@@ -76,6 +80,7 @@ class Words {
   }
 
   // Takes the next place that is free for a word of its own.
+  // Options without dashes take words in the order of their declaration.
   std::string argumentIsWrong(const std::string& word) {
     for (const CLI::Option* option : command_.get_options()) {
       const bool takesMore = !given_[option] || option->get_expected_max() > 1;
@@ -116,6 +121,7 @@ bool AsksForHelp(int argc, const char* const* argv) {
 
 }  // namespace
 
+// A program without commands takes its options at once.
 std::string UsageComplaint(const CLI::App& parser, int argc, const char* const* argv) {
   if (AsksForHelp(argc, argv)) return {};
   if (parser.get_subcommands([](const CLI::App*) { return true; }).empty()) {

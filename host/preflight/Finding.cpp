@@ -10,6 +10,7 @@ namespace {
 // Of each kind, so that ten thousand of them do not hide the rest.
 constexpr std::size_t kLongestList = 10;
 
+// The words are part of the interface, like the findings' names.
 const char* WordFor(Severity severity) {
   switch (severity) {
     case Severity::warning:

@@ -13,6 +13,8 @@
 namespace quorvel::host {
 
 // As statx tells them.
+// Of the item itself, never of what a link leads to. What the kernel or the file system does not
+// tell keeps its default.
 struct ItemFacts {
   mode_t mode = 0;
   uid_t owner = 0;
@@ -38,6 +40,8 @@ struct Obstacle {
 std::optional<Obstacle> WhatKeeps(int directory, const char* name, const ItemFacts& item,
                                   const ItemFacts& holder);
 // Why entries of the directory cannot be listed, taken out or put in.
+// Absent when nothing does. About the directory's own rights and flags only: what holds it is not
+// looked at.
 std::optional<Obstacle> WhatSeals(int directory, const char* name, const ItemFacts& item);
 
 }  // namespace quorvel::host

@@ -31,12 +31,14 @@ constexpr std::uint64_t kMarginInodes = 32;
 constexpr std::uint64_t kMarginInodesPerContainer = 1;
 
 // What is left of a file system to this process.
+// As statvfs and the quotas tell it at the moment; nobody reserves it for the migration.
 struct Room {
   std::uint64_t bytes = 0;
   std::uint64_t inodes = 0;
   const char* limit = "its file system has";  // what the numbers are of
 };
 
+// Compared only, never added to.
 constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
 
 // A hard limit of the user's or the group's; the privileged have none. A soft one lasts for days.
@@ -74,10 +76,12 @@ std::optional<Room> RoomAt(const std::string& directory) {
   return room;
 }
 
+// A file system that does not tell its block size has none to round to.
 std::uint64_t RoundedUp(std::uint64_t bytes, std::uint64_t unit) {
   return unit == 0 ? bytes : (bytes + unit - 1) / unit * unit;
 }
 
+// Rounded up: whoever frees exactly what is shown has freed enough.
 std::string InMebibytes(std::uint64_t bytes) {
   constexpr std::uint64_t kMebibyte = 1024 * 1024;
   return std::to_string((bytes + kMebibyte - 1) / kMebibyte) + " MiB";
@@ -94,6 +98,8 @@ SpaceNeeds::Need& SpaceNeeds::needOf(const std::string& directory, const ItemFac
   return need;
 }
 
+// A directory is visited before and after its contents and counts once. Its own size depends on the
+// names it has had; a copy begins with one block.
 SpaceNeeds::Size SpaceNeeds::sizeOf(const std::string& tree, std::uint64_t blockSize) {
   Size size;
   onlinux::TreeWalkerLinux walker;
@@ -131,6 +137,7 @@ int SpaceNeeds::addCopy(const std::string& source, const ItemFacts& sourceFacts,
   return size.failure;
 }
 
+// Asked for once for each file system that a migration writes to.
 void SpaceNeeds::addMargin(const std::string& directory, const ItemFacts& facts,
                            std::size_t containers) {
   Need& need = needOf(directory, facts);

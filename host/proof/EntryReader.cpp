@@ -109,6 +109,8 @@ class ItemReader {
     entry.target.assign(buffer(), static_cast<std::size_t>(length));
   }
 
+  // A value that vanished between the listing and its reading is none; one that cannot be read
+  // leaves the entry in part unknown.
   void readAttributes(ManifestEntry& entry) {
     std::array<char, kLargestNameList> names;
     const ssize_t length = ::llistxattr(name_, names.data(), names.size());
@@ -132,6 +134,8 @@ class ItemReader {
     return "sha256:" + finished(*digest);
   }
 
+  // Reading is checked against what the walk saw: an item that was exchanged in between is told as
+  // such, and its bytes are not taken for the other's.
   void readContents(ManifestEntry& entry, const struct stat& expected) {
     // By then the name may stand for a FIFO or a terminal: neither is waited for or taken over.
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -178,6 +182,7 @@ class ItemReader {
 
 }  // namespace
 
+// Tasks that wait are still done: somebody may hold their futures.
 EntryReader::~EntryReader() {
   {
     const std::scoped_lock lock(mutex_);

@@ -51,6 +51,7 @@ bool TakeAttributes(const Json& object, std::map<std::string, std::string>& out)
   return true;
 }
 
+// A type that is left out has an empty name and is none: unlike numbers it has no default.
 bool TakeType(const Json& object, EntryType& out) {
   std::string text;
   if (!Take(object, "type", text)) return false;
@@ -122,6 +123,7 @@ std::string EntryLine(const ManifestEntry& entry) {
   return JsonLine(object);
 }
 
+// The depth must be there, as it alone tells an entry from other lines.
 std::optional<ManifestEntry> EntryFromJson(const Json& object) {
   ManifestEntry entry;
   const bool taken =

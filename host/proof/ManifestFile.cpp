@@ -32,6 +32,8 @@ gzFile Open(UniqueDescriptor file, const char* mode) {
 
 }  // namespace
 
+// The first failure; every later write is left out, since a gap in a manifest cannot be told from
+// an item that was never there.
 struct ManifestWriter::File {
   gzFile stream = nullptr;
   int failure = 0;
@@ -80,6 +82,8 @@ void ManifestWriter::entry(const ManifestEntry& entry) {
   write(EntryLine(entry));
 }
 
+// The end has the number of entries, by which a reader sees that none are missing. Closing writes
+// what was still held back, and may fail as any write does.
 bool ManifestWriter::finish() {
   write(JsonLine({{"end", true}, {"entries", entries_}}));
   if (file_->stream != nullptr) {
@@ -110,6 +114,7 @@ std::nullopt_t ManifestReader::complain(const std::string& what) {
   return std::nullopt;
 }
 
+// A null byte cuts its line short, which then is no JSON or has no end: both are told.
 bool ManifestReader::line(Json& object) {
   if (file_->pending) {
     object = *std::exchange(file_->pending, std::nullopt);
@@ -168,6 +173,7 @@ bool ManifestReader::readHeader() {
   return false;
 }
 
+// What follows the end is not read.
 std::optional<ManifestEntry> ManifestReader::next() {
   Json object;
   while (problem_.empty() && line(object)) {

@@ -17,6 +17,7 @@ namespace {
 // Without O_NONBLOCK, opening what just became a FIFO could wait for ever.
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
+// The root alone has no component: it is called by its slash.
 std::string LastComponent(const std::string& path) {
   const std::string name = path.substr(path.rfind('/') + 1);
   return name.empty() ? "/" : name;
@@ -29,6 +30,8 @@ void SortedWalk::Names::add(std::string_view name) {
   text_.append(name).push_back('\0');
 }
 
+// By unsigned bytes, as strcmp compares, and not by any locale: a manifest of one machine is read
+// on another.
 void SortedWalk::Names::sort() {
   std::sort(offsets_.begin(), offsets_.end(), [this](std::size_t a, std::size_t b) {
     return std::strcmp(text_.c_str() + a, text_.c_str() + b) < 0;
@@ -57,6 +60,7 @@ bool SortedWalk::next(WalkedItem& item, int& failure) {
   return false;
 }
 
+// A root that vanished has no failure of its own, but nobody expects an empty tree in its place.
 bool SortedWalk::first(WalkedItem& item, int& failure) {
   begun_ = true;
   if (!describe(AT_FDCWD, root_.c_str(), item, failure)) {
@@ -106,11 +110,14 @@ void SortedWalk::prepareDirectory(int directory, const char* name, WalkedItem& i
   }
 }
 
+// The pinned descriptor was of the directory above, and its items keep it if they need it.
 void SortedWalk::enterPrepared() {
   stack_.enter(std::move(prepared_), preparedIdentity_, preparedName_.c_str());
   pinned_.reset();
 }
 
+// The parent is opened again before the level goes: the stack closes descriptors of levels far
+// above.
 bool SortedWalk::leave(int& failure) {
   if (stack_.depth() > 1 && !stack_.openParent()) {
     failure = errno;

@@ -16,6 +16,8 @@
 namespace quorvel::host {
 
 // Delivered before anything below it.
+// May be kept after the walk has gone on: the shared descriptor keeps its directory open for as
+// long as somebody reads by name in it.
 struct WalkedItem {
   std::size_t depth = 0;  // 0 is the root of the walk
   std::string name;
@@ -35,6 +37,8 @@ class SortedWalk {
 
   // False at the end, with 0 or the errno value that ended the walk early. A root that is not
   // there ends it at once with ENOENT.
+  // An item that vanishes between its listing and its look is passed over; a directory that cannot
+  // be opened or read whole is delivered with its problem, and the walk goes on beside it.
   bool next(WalkedItem& item, int& failure);
 
  private:
@@ -53,6 +57,7 @@ class SortedWalk {
   };
 
   // The root, which may be anything.
+  // A root that is no directory is the walk's only item.
   bool first(WalkedItem& item, int& failure);
   // Fills the item from its stat information. False when the walk cannot go on.
   bool describe(int directory, const char* name, WalkedItem& item, int& failure);
@@ -61,6 +66,8 @@ class SortedWalk {
   // Goes down into the directory that was delivered last.
   void enterPrepared();
   // Back up; false when the way up is gone.
+  // As when a directory was moved away while the walk was in it: going on elsewhere would list
+  // another tree's items.
   bool leave(int& failure);
   // A descriptor of the directory at hand that outlives the stack's own, for its items to share.
   bool pin(int& failure);

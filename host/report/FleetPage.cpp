@@ -12,9 +12,12 @@ namespace quorvel::host {
 
 namespace {
 
+// What a browser shows at once, and twenty-four bounds in steps of 1, 2 and 5 span eight powers of
+// ten.
 constexpr std::size_t kMostDevices = 500;
 constexpr std::size_t kMostBars = 24;
 
+// A number that is zero has no colour: nothing is wrong with it.
 std::string Totals(const Fleet& fleet) {
   const auto toned = [](const char* key, const char* label, std::uint64_t count, const char* tone) {
     return Total(key, label, Grouped(count), count > 0 ? tone : "");
@@ -41,6 +44,8 @@ std::string Outcomes(const Fleet& fleet) {
   return "<p class=\"facts\">Containers: " + text + ".</p>\n";
 }
 
+// By the number of devices, since a cause that hits many devices matters more than one that hits
+// one device's many containers.
 std::string Causes(const Fleet& fleet) {
   using Cause = std::pair<const std::string, CauseTally>;
   std::vector<const Cause*> order;
@@ -64,6 +69,8 @@ std::string Causes(const Fleet& fleet) {
 }
 
 // Bounds in steps of 1, 2 and 5: what people read at a glance.
+// The small addend keeps a power of ten, whose logarithm may come out a little too small, from
+// being taken for the one below.
 double NextBound(double bound) {
   const double power = std::pow(10, std::floor(std::log10(bound) + 1e-9));
   const double first = bound / power;
@@ -95,6 +102,7 @@ struct Bin {
 };
 
 // `sorted` is not empty. The last one also holds what is longer than all bounds.
+// Each bin begins where the one before it ends, so that every run is in exactly one.
 std::vector<Bin> BinsOf(const std::vector<double>& sorted) {
   std::vector<Bin> bins;
   double from = FirstBound(sorted.front());
@@ -111,6 +119,7 @@ std::vector<Bin> BinsOf(const std::vector<double>& sorted) {
   return bins;
 }
 
+// The nearest rank: a duration that a run really took, rather than one between two.
 double Quantile(const std::vector<double>& sorted, double part) {
   const auto at = static_cast<std::size_t>(std::ceil(part * static_cast<double>(sorted.size())));
   return sorted[std::min(at == 0 ? 0 : at - 1, sorted.size() - 1)];
@@ -165,6 +174,7 @@ std::string RowOf(const DeviceOfNote& note) {
          NumberCell(note.seconds, Duration(note.seconds)) + "</tr>\n";
 }
 
+// Only those that are shown are put in order.
 std::string DevicesOfNote(const Fleet& fleet) {
   std::vector<DeviceOfNote> order = fleet.ofNote;
   const std::size_t shown = std::min(order.size(), kMostDevices);

@@ -31,6 +31,7 @@ struct ResultLoss {
 };
 
 // What did not go as it should: a container's note, or of the run.
+// Also a finding or an item left behind: these have some of the members only.
 struct ResultProblem {
   std::string step{};
   std::string reason{};
@@ -86,6 +87,7 @@ enum class ResultKind {
 
 // Texts are as they stand in the result: for HTML they go through Escaped (Html.h). What is missing
 // there, or of another type, is empty here.
+// Large: a result of ten thousand containers is held whole, and reports keep no more than one.
 struct RunResult {
   ResultKind kind = ResultKind::none;
   std::string device{};

@@ -24,6 +24,9 @@ namespace {
 constexpr std::size_t kLargest = std::size_t{256} << 20U;
 constexpr std::size_t kPiece = std::size_t{64} << 10U;
 
+// Cuts without parsing: a brace at the beginning of a line begins an object, and inside an indented
+// object no line begins with one. A text that breaks this is cut into pieces that are no JSON, and
+// told as such.
 class ObjectReader {
  public:
   explicit ObjectReader(UniqueDescriptor file) : file_(std::move(file)) {}
@@ -53,6 +56,7 @@ class ObjectReader {
     return true;
   }
 
+  // What was handed out is dropped first, so that the buffer holds one object and a piece.
   void fill() {
     buffer_.erase(0, begin_);
     searched_ -= std::min(searched_, begin_);
@@ -78,18 +82,22 @@ class ObjectReader {
 std::string Text(const std::string& bytes) { return StringFromFileSystemRepresentation(bytes); }
 
 // "ipad-12" for "results/ipad-12.json".
+// A name that is nothing but its extension is kept whole, as a device has to be called something.
 std::string Stem(const std::string& file) {
   const std::string name = file.substr(file.rfind('/') + 1);
   const std::size_t dot = name.rfind('.');
   return Text(dot == 0 ? name : name.substr(0, dot));
 }
 
+// Links are followed here, unlike on a device: the directory is the user's own, who may have
+// collected links in it.
 bool IsRegular(int directory, const char* name) {
   struct stat info {};
   return ::fstatat(directory, name, &info, 0) == 0 && S_ISREG(info.st_mode);
 }
 
 // False when it is no directory.
+// Sorted, so that two reports of the same directory are the same.
 bool ListResults(const std::string& path, std::vector<std::string>& files) {
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), &::closedir);
   if (!directory) return false;

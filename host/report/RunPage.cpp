@@ -21,6 +21,8 @@ std::string Small(const std::string& html) {
   return html.empty() ? html : "<small>" + html + "</small>";
 }
 
+// A container that was removed is only a warning: it went on purpose, and what went with it is told
+// beside it.
 const char* ToneOf(MigrationOutcome outcome) {
   switch (outcome) {
     case MigrationOutcome::failed:
@@ -69,6 +71,7 @@ std::vector<std::size_t> ByWeight(const RunResult& result) {
   return order;
 }
 
+// The order is of all containers; what is cut off is what arrived fastest.
 std::vector<std::size_t> First(std::vector<std::size_t> order, std::size_t count) {
   order.resize(std::min(order.size(), count));
   return order;
@@ -81,6 +84,7 @@ std::string WhatIsShown(std::size_t shown, std::size_t all) {
               " containers that did not arrive or took longest; the result itself has all.");
 }
 
+// Every text from a result is escaped where it enters the page, and never before or twice.
 std::string Lines(const std::vector<std::string>& texts) {
   std::string html;
   for (const std::string& text : texts) html += (html.empty() ? "" : "<br>") + Escaped(text);
@@ -98,6 +102,8 @@ std::string ProblemAsHtml(const ResultProblem& problem, const std::string& about
   return Escaped(InWords(problem)) + Small(about) + Small(Escaped(problem.detail));
 }
 
+// What stopped the container comes first, then notes, which explain without having stopped
+// anything, then the log.
 std::string WhyCell(const ResultContainer& container, const std::string& log) {
   std::string html;
   if (!container.stop.reason.empty()) {
@@ -120,6 +126,8 @@ std::string KeptCell(const ResultContainer& container) {
   return Cell(html);
 }
 
+// The row's id is what the timeline's bars lead to; its outcome is what the page's script filters
+// by.
 std::string RowOf(const ResultContainer& container, std::size_t index, const std::string& log) {
   const std::string name = Escaped(container.directoryName());
   const std::string outcome = NameOf(container.outcome);
@@ -172,6 +180,8 @@ std::string ProblemRow(const ResultProblem& problem) {
          Cell(Escaped(problem.detail));
 }
 
+// Every outcome has a number, also one of zero: a reader looks for "failed" and wants to see that
+// it is none.
 std::string Totals(const RunResult& result) {
   std::string html = "<dl class=\"totals\">\n" + Total("items", "items", Grouped(result.items));
   for (std::size_t i = 0; i < result.counts.size(); ++i) {
@@ -184,6 +194,7 @@ std::string Totals(const RunResult& result) {
          "</dl>\n";
 }
 
+// Summed over containers, since a result has no total of its own.
 std::string WhatWasLost(const RunResult& result) {
   ResultLoss all;
   std::uint64_t containers = 0;
@@ -222,6 +233,7 @@ std::string Timeline(const RunResult& result, const std::vector<std::size_t>& or
   return bars.empty() ? bars : WhatIsShown(shown.size(), order.size()) + bars;
 }
 
+// That a log has nothing to say is said, so that nobody takes it for one that was not given.
 std::string LogOfRun(const RunLog* log) {
   if (log == nullptr) return {};
   std::string html = log->linesOfRun();
@@ -240,6 +252,7 @@ std::string LossInWords(const ResultLoss& loss) {
   return items.empty() ? html : html + Small("of the user's data: " + items);
 }
 
+// The sentence is HTML already: it is the heading of the page.
 std::string SentenceOf(const RunResult& result) {
   if (result.kind == ResultKind::refused) return "Nothing was begun: " + Escaped(result.refusal);
   std::string text = "The migration failed";
@@ -255,6 +268,7 @@ std::string SentenceOf(const RunResult& result) {
          CountsInWords(result) + ".";
 }
 
+// In front of everything else: a number of devices means little as long as some are not among them.
 std::string UnusableFilesAsHtml(const std::vector<UnusableFile>& files, std::uint64_t count) {
   if (count == 0) return {};
   std::string rows;

@@ -87,6 +87,8 @@ bool GiveMode(const char* made, mode_t mode) {
   return errno == EACCES && RequiredService(kFileSystem).lchmod(AT_FDCWD, made, mode) == 0;
 }
 
+// Parents that had to be made stay after a failure further down. mkdir takes the umask off the
+// mode, hence the second call for a directory that is new; one that was there keeps its mode.
 bool MakeDirectory(const Path& path, const DirectoryCreation& how, Error* error) {
   const FileSystemRepresentation representation = path.fileSystemRepresentation();
   if (how.withIntermediateDirectories) {
@@ -110,6 +112,8 @@ QVFileManager& QVFileManager::defaultManager() {
   return manager;
 }
 
+// The tree's removal goes on past items that cannot be removed and tells of each by the callback:
+// as much as can be is gone afterwards, and the first failure is the one that is told.
 bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
   if (!HasService(kFileSystem, kRemove, __LINE__, error)) return false;
   FileSystem& fileSystem = RequiredService(kFileSystem);
@@ -134,6 +138,7 @@ bool QVFileManager::removeItemAtURL(const Path& path, Error* error) try {
   return OutOfMemory(kRemove, __LINE__, error);
 }
 
+// A failure to set the class leaves the directory behind: it may have been there before.
 bool QVFileManager::createDirectoryAtURL(const Path& path, const DirectoryCreation& how,
                                          Error* error) try {
   if (!MakeDirectory(path, how, error)) return false;
@@ -148,6 +153,8 @@ std::optional<Path> QVFileManager::createTemporaryDirectoryInDirectoryURL(const 
   // Callers look at the Error alone here.
   if (error != nullptr) *error = Error();
   const Path pattern = parent.childDirectory("temp.XXXXXX");
+  // mkdtemp writes the name that it chose into the bytes, and makes the directory for its owner
+  // alone.
   std::string name = BytesOfFileSystemRepresentation(pattern.string());
   if (::mkdtemp(name.data()) != nullptr) {
     return Path::directory(StringFromFileSystemRepresentation(name));

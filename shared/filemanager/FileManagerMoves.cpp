@@ -25,6 +25,8 @@ constexpr const char* kCapture =
 enum class Presence { present, missing, unknown };
 
 // Whether there is a source; `unknown` has filled the Error, under the asking operation's name.
+// Only ENOENT is certain to mean that nothing is there: a parent that may not be searched hides an
+// item rather than removing it.
 Presence CheckSource(const Path& source, const char* function, Error* error) {
   struct stat info {};
   const FileSystemRepresentation representation = source.fileSystemRepresentation();
@@ -34,6 +36,9 @@ Presence CheckSource(const Path& source, const char* function, Error* error) {
   return Presence::unknown;
 }
 
+// Neither end is followed: a link is copied as a link, and one that stands at the destination is
+// not written through. Sockets cannot be copied and are named in the log, as their loss is not a
+// failure.
 bool CopyWhole(const Path& source, const Path& destination, Error* error) {
   constexpr std::uint32_t flags = CLONETREE_DATA_STAT_XATTR_ACL | CLONETREE_RECURSIVE |
                                   CLONETREE_NOFOLLOW_SRC | CLONETREE_NOFOLLOW_DST;
@@ -79,6 +84,8 @@ bool RemoveMoveSource(QVFileManager& manager, const Path& source, Path* rest, Er
   return aside.number != 0 && FailMove(source, pathOf(aside.place), aside.number, error);
 }
 
+// A crash before the flush leaves the source whole and at most a partial copy; one after it leaves
+// both. The source goes only when the copy is known to be stored.
 bool MoveAcrossFileSystems(QVFileManager& manager, const Path& source, const Path& destination,
                            Error* error) {
   if (!manager._copyItemAtURL(source, destination, true, error)) return false;
@@ -86,6 +93,7 @@ bool MoveAcrossFileSystems(QVFileManager& manager, const Path& source, const Pat
   if (!manager.syncFileSystemsOfItems({destination}, error)) return false;
   Error removal;
   Path rest;
+  // The move has succeeded all the same: the item is at its destination.
   if (!RemoveMoveSource(manager, source, &rest, &removal)) {
     QV_LOG(LogLevelError, kMove, "Failed to remove move source after copy at %@ : %@",
            rest.string(), removal);
@@ -175,6 +183,7 @@ bool QVFileManager::isRemainOfMove(const Path& item) {
                       isEmpty);
 }
 
+// Best effort, with a line for each failure: a remain costs space and nothing else.
 void QVFileManager::removeRemainsOfMovesInDirectory(const Path& directory) {
   Error error;
   const auto items = urlsForItemsInDirectoryAtURL(directory, false, &error);

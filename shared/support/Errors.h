@@ -42,11 +42,13 @@ struct ErrorSite {
 };
 
 // What a logged record holds besides its description.
+// Moved into the record: a context is made for one call.
 struct ErrorContext {
   Error underlying{};          // one without a record is absent
   Error::UserInfo userInfo{};  // extra entries
 };
 
+// The part that is compiled once. Callers use the templates, which check the format.
 QV_EXPORT Error _CreateErrorV(ErrorSite site, const char* domain, std::int64_t code,
                               std::string_view format, FormatArguments arguments);
 
@@ -95,6 +97,7 @@ inline Error _CreateAndLogError(ErrorSite site, const char* domain, std::int64_t
 QV_EXPORT bool OutOfMemory(const char* function, std::int32_t line, Error* error);
 
 // The record of one errno value with no further information: the usual cause.
+// Its domain is the POSIX one and the number its code.
 QV_EXPORT Error QVPosixCause(int number);
 
 }  // namespace quorvel

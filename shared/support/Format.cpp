@@ -14,6 +14,7 @@ constexpr int kDeepestDescription = 16;
 
 void AppendValue(std::string& out, const PlistValue& value, int depth);
 
+// Thirty-two characters hold 64 bits in any base from ten up, and the shortest form of every real.
 void AppendNumber(std::string& out, auto number, int base = 10) {
   char digits[32];
   const auto end = std::to_chars(digits, digits + sizeof digits, number, base).ptr;
@@ -47,6 +48,7 @@ void AppendData(std::string& out, const PlistData& data) {
   out += '>';
 }
 
+// Members are one level deeper than what holds them: at the bound each is cut, not the whole.
 void AppendArray(std::string& out, const PlistArray& array, int depth) {
   out += '(';
   const char* separator = "";
@@ -116,6 +118,7 @@ void AppendError(std::string& out, const Error& error, int depth) {
   AppendInfo(out, error.userInfo(), depth);
 }
 
+// Values begin one level down, so that texts among them are quoted and end where they end.
 void AppendInfo(std::string& out, const Error::UserInfo& info, int depth) {
   out += '{';
   const char* separator = "";
@@ -177,6 +180,8 @@ void AppendInteger(std::string& out, const FormatArgument& argument,
   out += digits;
 }
 
+// The kind decides and not the directive: where the two were checked against each other they agree,
+// and where nobody checked them nothing is read as what it is not.
 void AppendArgument(std::string& out, const FormatArgument& argument,
                     const format_detail::Directive& directive) {
   using Kind = FormatArgument::Kind;

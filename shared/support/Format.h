@@ -66,6 +66,7 @@ namespace format_detail {
 
 // What a C++ type may stand for in a format.
 // Integers by size and sign, since printf's own letters are checked against them.
+// A boolean stands for nothing: printed as a number it is more often a mistake than meant.
 enum class Class { object, text, int32, uint32, int64, uint64, unusable };
 
 template <class T>
@@ -84,12 +85,15 @@ consteval Class Classify() {
 }
 
 // Not constexpr: reaching one of these ends the compilation and names the fault.
+// They are declared only: no program calls them, as a format that would reach one is not compiled.
 void FormatHasMoreDirectivesThanArguments();
 void FormatHasFewerDirectivesThanArguments();
 void FormatDirectiveDoesNotFitItsArgument();
 void FormatDirectiveIsUnknown();
 
 // One directive: where it ends, its conversion and its length letters ("l", "ll", "z" or none).
+// Flags other than "0", precisions and argument numbers are not known: no message of this system
+// uses them, and one that did would be refused as unknown.
 struct Directive {
   std::size_t end = 0;
   char conversion = 0;
@@ -100,6 +104,8 @@ struct Directive {
 
 // Parses the directive whose "%" is at `at`.
 // Also at run time, by the formatter itself: what was checked is what is printed.
+// A "%" at the end of the text has the conversion '\0', and its end lies beyond the text: a caller
+// that goes on from there has to look.
 constexpr Directive ParseDirective(std::string_view format, std::size_t at) {
   Directive directive;
   ++at;
@@ -117,6 +123,7 @@ constexpr Directive ParseDirective(std::string_view format, std::size_t at) {
 }
 
 // Whether the argument can stand where the directive is; length letters count.
+// A conversion that is none ends the compilation here rather than being told as a misfit.
 consteval bool Fits(Directive directive, Class argument) {
   switch (directive.conversion) {
     case '@':
@@ -140,6 +147,8 @@ consteval bool Fits(Directive directive, Class argument) {
 
 template <class... Arguments>
 // Ends the compilation unless each directive has its argument and each argument its directive.
+// The list of classes has one more element than there are arguments, since an array may not be
+// empty.
 consteval void Check(std::string_view format) {
   constexpr std::size_t count = sizeof...(Arguments);
   const std::array<Class, count + 1> classes = {Classify<Arguments>()..., Class::unusable};
@@ -158,6 +167,7 @@ consteval void Check(std::string_view format) {
 
 template <class T>
 // An absent optional prints as "(null)", a present one as its value.
+// Optionals of optionals are followed to the value.
 struct IsOptional : std::false_type {};
 template <class T>
 struct IsOptional<std::optional<T>> : std::true_type {};
@@ -167,6 +177,8 @@ struct IsOptional<std::optional<T>> : std::true_type {};
 // A format known to fit arguments of these types. Made implicitly from a string literal.
 template <class... Arguments>
 // The text is a literal's and lives as long as the program.
+// The constructor is evaluated by the compiler alone, so that a format read from a file or built at
+// run time cannot become one of these: what an attacker can write is never interpreted.
 class FormatString {
  public:
   template <std::size_t size>
@@ -181,11 +193,14 @@ class FormatString {
 };
 
 // Keeps the format from taking part in the deduction of the argument types.
+// Otherwise the literal would have to have the very type that the arguments are still to decide.
 template <class... Arguments>
 using Format = FormatString<std::type_identity_t<std::remove_cvref_t<Arguments>>...>;
 
 template <class T>
 // An absent optional and an absent Path keep the kind `null`.
+// An Error without a record does so as well. Text is referred to and not copied, and may have null
+// bytes in it; a C string ends at its first one.
 FormatArgument::FormatArgument(const T& argument) : object(nullptr) {
   if constexpr (std::is_same_v<T, std::nullptr_t>) {
     kind = Kind::null;
@@ -223,10 +238,14 @@ FormatArgument::FormatArgument(const T& argument) : object(nullptr) {
 }
 
 // Formats with arguments already packaged. A directive without an argument prints as it stands.
+// For callers that bring a format of their own, which nothing has checked: an argument prints by
+// its own kind, whatever the directive asks for, and one too many is passed over. Any thread may
+// call. Fails only for want of memory, by an exception of the standard library.
 QV_EXPORT std::string QVFormatMessageV(std::string_view format, FormatArguments arguments);
 
 template <class... Arguments>
 // The message. Arguments are packaged by reference and used before this returns.
+// Compiled anew for each list of argument types and therefore kept to two lines.
 std::string FormatMessage(Format<Arguments...> format, const Arguments&... arguments) {
   const std::array<FormatArgument, sizeof...(Arguments)> packaged = {FormatArgument(arguments)...};
   return QVFormatMessageV(format.get(), packaged);
@@ -234,6 +253,8 @@ std::string FormatMessage(Format<Arguments...> format, const Arguments&... argum
 
 // The printable descriptions that "%@" inserts.
 // Nested values are followed to a bounded depth, then cut with "...".
+// Data is shown by its first bytes and its length, a dictionary in its own order. The text is for
+// people and logs: it cannot be read back.
 QV_EXPORT std::string QVDescribeValue(const PlistValue& value);
 QV_EXPORT std::string QVDescribeError(const Error& error);
 // The userInfo of an Error alone.

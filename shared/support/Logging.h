@@ -24,6 +24,8 @@ inline bool ShouldLog(int level) {
   return gLogHandle == nullptr ? level <= LogLevelNotice : gLogHandle->level >= level;
 }
 
+// Formats and hands the line to the installed log on the calling thread. Without an installed set
+// or log the line is dropped, since errors may be built before a host has installed anything.
 QV_EXPORT void QVLogWriteV(const LogHandle* handle, int level, const char* function,
                            std::string_view format, FormatArguments arguments);
 
@@ -44,10 +46,13 @@ void LogWrite(const LogHandle* handle, int level, const char* function, Format<A
     }                                                                               \
   } while (false)
 
+// A finished message goes to the host's log as it is, with no test of the level: what is kept is
+// for the host to decide. Dropped where the host has none.
 QV_EXPORT void QVHostLogV(const char* sourceFile, const char* function, int line,
                           const char* category, int level, std::string_view message);
 
 // One line of the host's log.
+// The message is always formatted, unlike QV_LOG's: these lines are few.
 template <class... Arguments>
 void HostLog(const char* sourceFile, const char* function, int line, const char* category,
              int level, Format<Arguments...> format, const Arguments&... arguments) {

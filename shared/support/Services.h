@@ -11,6 +11,7 @@
 namespace quorvel {
 
 // A member of the set and what messages call it.
+// Both are known when the program is compiled; asking costs a comparison and a load.
 template <class Service>
 struct ServiceSlot {
   Service* PlatformServices::*member;
@@ -18,6 +19,10 @@ struct ServiceSlot {
 };
 
 // Those that operations of the shared code may find missing, and what they are called then.
+// The names are those of the interfaces in platform/, so that a message leads to the header that a
+// host has to implement.
+// One slot for each service that an operation asks for on its own. The logs are not among them: an
+// absent log is passed over and fails nothing.
 inline constexpr ServiceSlot<FileSystem> kFileSystem{&PlatformServices::fileSystem, "FileSystem"};
 inline constexpr ServiceSlot<TreeWalker> kTreeWalker{&PlatformServices::treeWalker, "TreeWalker"};
 inline constexpr ServiceSlot<BundleReader> kBundles{&PlatformServices::bundles, "BundleReader"};
@@ -34,6 +39,8 @@ inline constexpr ServiceSlot<CpuUsageMonitor> kCpuMonitor{&PlatformServices::cpu
 inline constexpr ServiceSlot<CrashReportMessage> kCrashReport{&PlatformServices::crashReport,
                                                               "CrashReportMessage"};
 
+// The registry's side, and what the plug-in alone asks for. A process that only uses the file
+// manager may leave these out.
 inline constexpr ServiceSlot<ApplicationWorkspace> kWorkspace{&PlatformServices::workspace,
                                                               "ApplicationWorkspace"};
 inline constexpr ServiceSlot<InstallationService> kInstallationService{
@@ -46,6 +53,7 @@ inline constexpr ServiceSlot<FileData> kFileData{&PlatformServices::fileData, "F
 // The service, or null: the set has none, or is older than this member.
 template <class Service>
 // Compared by size: an older program's set ends before the newer members.
+// The members beyond that are not read, whatever lies there in the program's memory.
 Service* FindService(const ServiceSlot<Service>& slot) {
   const PlatformServices& set = QVPlatform();
   const auto* begin = reinterpret_cast<const char*>(&set);
@@ -55,9 +63,13 @@ Service* FindService(const ServiceSlot<Service>& slot) {
 
 // Ends the process with one line that names the service.
 // The line goes to standard error, and to the system's crash report where there is one.
+// There is no way back from here: no destructor runs on the way, and nothing that was begun is
+// finished.
 [[noreturn]] void EndForMissingService(const char* name);
 
 // For operations that cannot report a failure, and behind HasService.
+// Never returns null or throws: a process that goes on without a service that it needs would do
+// half of its work.
 template <class Service>
 Service& RequiredService(const ServiceSlot<Service>& slot) {
   Service* service = FindService(slot);
@@ -66,6 +78,8 @@ Service& RequiredService(const ServiceSlot<Service>& slot) {
 }
 
 // Whether the set has the service; the Error says which it has not (ENOSYS).
+// Asked before the operation changes anything, so that a missing service leaves everything as it
+// was. `function` and `line` are those of the operation that reports.
 template <class Service>
 bool HasService(const ServiceSlot<Service>& slot, const char* function, std::int32_t line,
                 Error* error) {

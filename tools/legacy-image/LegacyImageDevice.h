@@ -10,6 +10,7 @@
 namespace quorvel::tools {
 
 // What the command line sets; the same options give the same tree byte for byte.
+// Including the times of all items but inode change times, which nobody can set.
 struct LegacyImageOptions {
   unsigned apps = 40;
   std::uint64_t seed = 1;
@@ -27,6 +28,7 @@ struct LegacyImageResult {
 
 // Writes a device that migrates with success, once `registered` has been registered; with
 // `failing`, also the containers of FailingCases(). Failures are the writer's problem().
+// The writer must be open. Its finish() is the caller's, after everything else has been written.
 LegacyImageResult WriteDevice(LegacyImageWriter& writer, const LegacyImageOptions& options);
 
 // A container that cannot be migrated, or something else that makes a migration report failure.
@@ -41,6 +43,7 @@ const std::vector<FailingCase>& FailingCases();
 
 // The harbor map and the directories it names, with entries that cannot be registered or are
 // damaged when asked for.
+// Part of WriteDevice.
 void WriteHarbors(LegacyImageWriter& writer, LegacyImageRandom& random, bool failing);
 
 }  // namespace quorvel::tools

@@ -12,6 +12,7 @@ std::string PlaceOf(const FailingCase& self) {
   return std::string(LegacyApplications) + "/" + self.name;
 }
 
+// Identifiers end with the case's name: every case is an app of its own and disturbs no other.
 ContainerPlan SoundContainer(const FailingCase& self) {
   ContainerPlan plan;
   plan.name = self.name;
@@ -49,6 +50,8 @@ void WriteLinkedMarker(LegacyImageWriter& writer, LegacyImageRandom& random,
   writer.symbolicLink(PlaceOf(self) + "/" + MigrationMarkerName, "marker");
 }
 
+// One hidden file, which a listing without hidden names would miss, and one directory with
+// something in it.
 void WriteLeftOver(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,
                    Notes& notes) {
   WriteContainer(writer, random, SoundContainer(self), notes);
@@ -78,6 +81,7 @@ void WriteDamagedPlugin(LegacyImageWriter& writer, LegacyImageRandom& random,
   WriteContainer(writer, random, plan, notes);
 }
 
+// Both have the same identifier, so that only one of them can be the registry's.
 void WriteTwoApps(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,
                   Notes& notes) {
   const ContainerPlan plan = SoundContainer(self);

@@ -20,6 +20,8 @@ enum class Access {
   changeDevice,  // places of the device's own, which nobody named: only with --root
 };
 
+// One object for each run of the program, made while the parser is set up and destroyed with it.
+// Everything is on the main thread.
 class Command {
  public:
   virtual ~Command() = default;
@@ -30,9 +32,12 @@ class Command {
   // Whether libcrypto has to be loaded before the process is confined.
   virtual bool computesDigests() const { return false; }
   // The process's exit code, after everything has been said.
+  // Called once, with the services installed and the tree entered. A failure is reported through
+  // the session, which also gives the code for it.
   virtual int run(Session& session) = 0;
 };
 
+// Texts are literals, which live as long as the program.
 struct CommandEntry {
   const char* name;
   const char* summary;
@@ -48,6 +53,8 @@ std::unique_ptr<Command> Make(CLI::App& parser) {
   return std::make_unique<T>(parser);
 }
 
+// One table for each family, in the order in which its commands are shown; each lives as long as
+// the program.
 std::span<const CommandEntry> ConfigurationCommands();
 std::span<const CommandEntry> TreeCommands();
 std::span<const CommandEntry> ItemCommands();

@@ -30,6 +30,8 @@ Json ListOf(const Range& range) {
   return list;
 }
 
+// Asks for nothing that creates a directory: those paths have a command of their own, which needs
+// the right to change the device.
 class ShowConfiguration final : public Command {
  public:
   explicit ShowConfiguration(CLI::App& /*parser*/) {}
@@ -76,6 +78,7 @@ class ShowConfiguration final : public Command {
   }
 };
 
+// Asking for these directories makes them, as it does in the service.
 class Directories final : public Command {
  public:
   explicit Directories(CLI::App& /*parser*/) {}

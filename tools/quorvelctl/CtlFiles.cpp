@@ -26,6 +26,7 @@ std::string Indented(const Session& session, const Json& json) {
   return json.dump(2, ' ', session.toTerminal(), Json::error_handler_t::replace) + "\n";
 }
 
+// Every file is tried; one that cannot be read makes the exit code 1 and has an entry of its own.
 class Digest final : public Command {
  public:
   explicit Digest(CLI::App& parser) {
@@ -96,6 +97,7 @@ class Digest final : public Command {
   std::vector<std::string> files_;
 };
 
+// With keys the exit code answers as well whether all of them are there, which scripts test for.
 class Info final : public Command {
  public:
   explicit Info(CLI::App& parser) {
@@ -149,11 +151,14 @@ struct PropertyListFile {
   PropertyListFormat format = PropertyListFormat::xml;
 };
 
+// The parser does not know where its bytes came from.
 Error WithPath(const Path& path, const Error& error) {
   return Error(error.domain(), error.code(),
                {{LocalizedDescriptionKey, path.string() + ": " + error.description()}});
 }
 
+// Of regular files alone and up to the parser's limit: a pipe would be waited for, and a file that
+// is too large would be read before it is refused.
 bool Read(const Path& path, PropertyListFile& file, Error* error) {
   std::vector<std::uint8_t> bytes;
   const FileSystemRepresentation name = path.fileSystemRepresentation();
@@ -202,6 +207,8 @@ class PropertyList final : public Command {
  private:
   bool converts() const { return action_ == "convert"; }
 
+  // Standard output only: the file itself is never replaced, so that a conversion that loses
+  // something loses nothing.
   int write(Session& session, const Path& path, const PlistValue& value) const {
     const auto format = format_ == "xml" ? PropertyListFormat::xml : PropertyListFormat::binary;
     std::vector<std::uint8_t> bytes;

@@ -20,6 +20,8 @@ namespace {
 
 QVFileManager& Files() { return QVFileManager::defaultManager(); }
 
+// Without --strict the service's own answer, which is about paths; with it the kernel's, which has
+// reached the item.
 class Resolve final : public Command {
  public:
   explicit Resolve(CLI::App& parser) {
@@ -78,6 +80,8 @@ class Resolve final : public Command {
   bool strict_ = false;
 };
 
+// The text is not resolved and need not lead anywhere: a link inside a tree is often made before
+// its target.
 class Link final : public Command {
  public:
   explicit Link(CLI::App& parser) {
@@ -116,6 +120,7 @@ class ReadLink final : public Command {
   std::string link_;
 };
 
+// The three attributes share one command, since each is read and set in the same way.
 class Attribute final : public Command {
  public:
   explicit Attribute(CLI::App& parser) {

@@ -17,6 +17,8 @@ namespace {
 constexpr std::array<std::string_view, 5> kWrappers = {"$data", "$date", "$real", "$dictionary",
                                                        "$set"};
 
+// An object with a single key that begins with a dollar sign, which no plain dictionary is left
+// looking like.
 Json Wrapped(const char* kind, Json content) {
   Json object = Json::object();
   object[kind] = std::move(content);
@@ -32,6 +34,7 @@ Json DataAsJson(const PlistData& data) {
   return Wrapped("$data", std::string(text.begin(), text.end()));
 }
 
+// JSON has no infinities and no NaN; written as numbers they would make the whole text unreadable.
 Json RealAsJson(double real) {
   if (std::isfinite(real)) return real;
   return Wrapped("$real", onlinux::TextFromReal(real));
@@ -62,6 +65,7 @@ Json DictionaryAsJson(const PlistDictionary& dictionary) {
   return ambiguous ? Wrapped("$dictionary", std::move(object)) : object;
 }
 
+// Beyond the signed range the value is an unsigned one; both are written with all their digits.
 Json IntegerAsJson(const PlistValue& value) {
   if (const std::uint64_t* large = value.largeInteger()) return *large;
   return *value.signedInteger();
@@ -93,6 +97,9 @@ Json PlistAsJson(const PlistValue& value) {
   return nullptr;
 }
 
+// Appended without a look for the key: an ordered object searches all of its members for each,
+// which a dictionary of many thousand keys would make quadratic. Keys of a dictionary differ
+// already.
 void AddMember(Json& object, const std::string& key, Json value) {
   object.get_ref<Json::object_t&>().push_back({key, std::move(value)});
 }
@@ -109,6 +116,7 @@ Json ErrorAsJson(const Error& error) {
   return object;
 }
 
+// Without any errno the record's own domain and code: a word that programs can compare in any case.
 std::string ReasonOf(const Error& error) {
   for (Error cause = error; cause; cause = cause.underlying()) {
     // The first errno on the way down to the cause.

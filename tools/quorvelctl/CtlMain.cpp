@@ -45,6 +45,8 @@ std::vector<CommandEntry> AllCommands() {
   return all;
 }
 
+// The options that all commands share are declared to each, so that they may stand behind the
+// command's name.
 Declared Declare(CLI::App& parser, const CommandEntry& entry, CommonOptions& common) {
   Declared declared;
   declared.parser = parser.add_subcommand(entry.name, entry.summary);
@@ -86,6 +88,7 @@ class CommandLine {
     for (int i = argc - 1; i > 0; --i) words.push_back(Guarded(argv[i]));
     asksForJson_ = std::any_of(words.begin(), words.end(),
                                [](const std::string& word) { return word == "--json"; });
+    // Judged before parsing, which takes the words apart; used only if the parser refuses them.
     const std::string wrong = host::UsageComplaint(parser_, argc, argv);
     try {
       parser_.parse(std::move(words));
@@ -107,6 +110,8 @@ class CommandLine {
     return text;
   }
 
+  // Everything that the command line alone can show to be wrong is told before the session opens
+  // anything.
   int runCommand() {
     const auto chosen = std::find_if(commands_.begin(), commands_.end(),
                                      [](const Declared& one) { return one.parser->parsed(); });

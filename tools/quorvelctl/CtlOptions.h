@@ -25,6 +25,7 @@ std::string Unguarded(std::string word);
 CLI::Option* AddText(CLI::App& parser, const char* name, std::string& value, const char* help);
 CLI::Option* AddTexts(CLI::App& parser, const char* name, std::vector<std::string>& values,
                       const char* help);
+// A switch has no value: one that is given to it is a usage error.
 CLI::Option* AddFlag(CLI::App& parser, const char* name, bool& value, const char* help);
 
 // The decimal number that the text is, whole, within the type's bounds.

@@ -26,6 +26,8 @@ constexpr const char* kHarbors = "-[QVRavelle _migrateSafeHarbors]";
 // The service's type of a data container that is kept for an app no longer there.
 constexpr int kHarborContainerType = 2;
 
+// The line in the log and the account's problem are told together, so that neither lacks what the
+// other has.
 void LogFailedDataMove(const Path& from, const Path& to, const std::string& identifier,
                        const Error& error) {
   RAVELLE_LOG(LogLevelError, kData, "QVRavelle: Failed to move %@ to %@ migrating for %@ : %@",
@@ -194,6 +196,8 @@ void QVRavelle::_migrateGroup(const std::string& identifier, const std::string& 
     Account().leftBehind({oldContainer.string(), MigrationReason::notMoved});
     return;
   }
+  // The entry goes before the directory: all items have arrived, and a directory that cannot be
+  // removed has nothing left that another app would need.
   _groupContainerMap->erase(entry);
   if (!_files.removeItemAtURL(oldContainer, &told.error)) {
     RAVELLE_LOG(LogLevelError, kOneGroup,

@@ -16,6 +16,8 @@ bool ChosenApps::isChosen(const std::string& identifier) const {
   return identifiers_.contains(identifier);
 }
 
+// The services for looking go as soon as they have been used: those that change something are
+// installed next, and a process has one set.
 bool ChosenApps::foresee(const PluginBundle& bundle, const DeviceRoot& root, RunAccount& foreseen,
                          FatalError& error) {
   looking_->install();
@@ -25,6 +27,8 @@ bool ChosenApps::foresee(const PluginBundle& bundle, const DeviceRoot& root, Run
   return known;
 }
 
+// The plug-in is asked whether it can choose before anything else: one that cannot would migrate
+// everything that it was kept from.
 bool ChosenApps::areThere(const PluginBundle& bundle, const DeviceRoot& root, FatalError& error) {
   if (!bundle.selects()) {
     return Fail(error, ExitPluginUnusable, "the plug-in migrates everything or nothing",
@@ -39,6 +43,7 @@ bool ChosenApps::areThere(const PluginBundle& bundle, const DeviceRoot& root, Fa
     if (identifier.empty() || !there.insert(identifier).second) continue;
     names.push_back(Printable(identifier));
   }
+  // All that is wrong is told at once: whoever mistyped two identifiers corrects both.
   std::string problem;
   for (const std::string& identifier : identifiers_) {
     if (there.contains(identifier)) continue;

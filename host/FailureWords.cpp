@@ -9,6 +9,7 @@ namespace quorvel::host {
 namespace {
 
 // In the order of MigrationReason.
+// Sentences without their beginnings: the name of what they are about stands before them.
 constexpr std::array<const char*, MigrationReasonNames.size()> Words = {
     "no reason was given",
     "a stray file, not a container",

@@ -48,6 +48,8 @@ std::string AsJson(const SnapshotTotals& totals, double seconds) {
   return JsonLine(object);
 }
 
+// The number of unreadable items is said in a sentence of its own, as a later verification can
+// prove nothing about them.
 std::string AsText(const SnapshotTotals& totals) {
   std::string text = "Listed " + std::to_string(totals.items) + " items, " +
                      std::to_string(totals.bytes) + " bytes.\n";
@@ -60,6 +62,8 @@ std::string AsText(const SnapshotTotals& totals) {
 
 }  // namespace
 
+// The plug-in is asked what a migration would do, so that the manifest says which losses were
+// foreseen before there were any.
 int SnapshotInto(DeviceRoot& root, const PluginBundle& bundle, UniqueDescriptor file,
                  const Options& options) {
   const auto start = std::chrono::steady_clock::now();
@@ -89,6 +93,7 @@ int SnapshotInto(DeviceRoot& root, const PluginBundle& bundle, UniqueDescriptor 
                        options.json);
   }
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+  // A rehearsal lists the tree twice and has its own report.
   if (options.quiet) return ExitSucceeded;
   if (options.json) return WriteResult(AsJson(totals, taken.count()), ExitSucceeded);
   // Standard output may be the manifest's.

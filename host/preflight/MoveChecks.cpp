@@ -26,6 +26,7 @@ UniqueDescriptor OpenToLook(int directory, const char* name) {
       kLookFlags, [&](int flags) { return UniqueDescriptor(::openat(directory, name, flags)); });
 }
 
+// By name alone, as the migration looks for bundles: what they are shows when they are opened.
 bool IsBundle(const Path& name) {
   return name.pathExtension() == AppExtension || name.pathExtension() == VPNPluginExtension;
 }
@@ -44,6 +45,8 @@ MoveChecks::MoveChecks(Findings& findings, SpaceNeeds& needs)
       bundles_(destination(BundleContainersPath)),
       groups_(destination(GroupContainersPath)) {}
 
+// The deepest directory that is there: what is missing below it is made in it, and is then on its
+// file system.
 MoveChecks::Destination MoveChecks::destination(const char* containers) {
   for (std::string path = std::string("/") + MobileHomeDirectory + containers; path.size() > 1;
        path = ParentOf(path)) {
@@ -69,6 +72,8 @@ std::size_t MoveChecks::containers(const std::string& applications) {
   return names.size();
 }
 
+// The first obstacle of a container is all that is told of it: the remedy for it is often that for
+// all the others.
 void MoveChecks::container(int applications, const std::string& name, const ItemFacts& holder) {
   const auto facts = FactsAt(applications, name.c_str());
   // Files and links among the containers are not moved.
@@ -124,6 +129,8 @@ void MoveChecks::groups(const PlistDictionary& map) {
   }
 }
 
+// A group's items are moved one by one, whatever their names, and its directory is removed at the
+// end.
 void MoveChecks::group(const std::string& path) {
   complained_ = false;
   const auto facts = FactsAt(AT_FDCWD, path.c_str());
@@ -156,6 +163,7 @@ void MoveChecks::copied(const std::string& source, const ItemFacts& facts, const
   complain(source, {problem, "Run as root or repair it"}, "");
 }
 
+// One finding for each container or group, as people act on these and not on single entries.
 void MoveChecks::complain(const std::string& path, const Obstacle& obstacle,
                           const std::string& subject) {
   if (complained_) return;

@@ -24,6 +24,7 @@ void SetName(std::vector<std::string>& names, std::size_t depth, const std::stri
 }
 
 // The item of these names below the root, reached one directory at a time and through no link.
+// Used for the other places of an item, where no walk is under way.
 std::optional<WalkedItem> Reach(const std::string& root, const std::vector<std::string>& names) {
   WalkedItem item;
   item.parent = std::make_shared<const UniqueDescriptor>();
@@ -59,6 +60,7 @@ std::string ItemJoin::below(const std::string& root) const {
   return path;
 }
 
+// After the end of the walk there is no head, and no stream to be asked again.
 bool ItemJoin::advance(int& failure) {
   head_ = stream_->next(failure);
   if (!head_) stream_.reset();
@@ -66,6 +68,8 @@ bool ItemJoin::advance(int& failure) {
   return failure == 0;
 }
 
+// Both sides are sorted alike, so that the head is either this entry, or comes before it and is in
+// no manifest, or comes after it: then this entry is not there.
 bool ItemJoin::take(const ManifestEntry& entry, int& failure) {
   ++context_.totals.items;
   const std::size_t depth = entry.depth - item_.depth;
@@ -124,6 +128,8 @@ std::vector<std::string> ItemJoin::differences(const ManifestEntry& before,
   return what;
 }
 
+// Changes weigh more than what could not be read: a difference that is known is one, whatever else
+// is not.
 void ItemJoin::judge(const ManifestEntry& before, const ManifestEntry& now, const Place& place) {
   SetName(current_, before.depth, before.name);
   unexplainedDepth_ = 0;
@@ -170,6 +176,7 @@ std::optional<ManifestEntry> ItemJoin::elsewhere(const ManifestEntry& before, st
   return found;
 }
 
+// An absent directory's entries are all absent as well, and are counted into its one finding.
 void ItemJoin::judgeAbsent(const ManifestEntry& before) {
   if (joinElsewhere(before)) return;
   const bool lost = !item_.loss.empty();

@@ -114,7 +114,7 @@ std::nullopt_t ManifestReader::complain(const std::string& what) {
   return std::nullopt;
 }
 
-// A null byte cuts its line short, which then is no JSON or has no end: both are told.
+// A line that has no end is the last one of a manifest that was cut off.
 bool ManifestReader::line(Json& object) {
   if (file_->pending) {
     object = *std::exchange(file_->pending, std::nullopt);

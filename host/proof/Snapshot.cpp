@@ -18,6 +18,7 @@ bool Fail(Error* error, int number, const std::string& what) {
             {{LocalizedDescriptionKey, PlistValue(what + ": " + ErrnoDescription(number))}}));
 }
 
+// Sizes are those of files; the size of a directory says nothing about what is in it.
 void Count(const ManifestEntry& entry, SnapshotTotals& totals) {
   ++totals.items;
   totals.bytes += entry.size;
@@ -26,6 +27,8 @@ void Count(const ManifestEntry& entry, SnapshotTotals& totals) {
 
 }  // namespace
 
+// A section whose directory is not there has no entries, which is no failure: maps name places that
+// may be gone.
 bool WriteSnapshot(const ManifestHeader& header, EntryReader& reader, ManifestWriter& writer,
                    SnapshotTotals& totals, Error* error) {
   ProofProgress progress("Reading", header.sections.size());

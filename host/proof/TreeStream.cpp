@@ -30,6 +30,8 @@ std::optional<ManifestEntry> TreeStream::next(int& failure) {
   return std::move(piece_[at_++]);
 }
 
+// A piece ends with its items or its directories, whichever bound comes first: each directory among
+// them keeps a descriptor open until the piece is read.
 void TreeStream::readAhead() {
   while (!walked_ && ahead_.size() < kPiecesAhead) {
     std::vector<WalkedItem> items;

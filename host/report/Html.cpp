@@ -13,6 +13,7 @@ namespace {
 constexpr double kMinute = 60;
 constexpr double kHour = 3600;
 
+// Both quotes as well, so that a text may stand in an attribute.
 const char* EntityFor(char byte) {
   switch (byte) {
     case '&':
@@ -41,6 +42,7 @@ std::string InUnits(double seconds, double unit, const char* large, double part,
 
 }  // namespace
 
+// Printable first: what would reorder or hide text does so in a browser as on a terminal.
 std::string Escaped(std::string_view text) {
   std::string out;
   const std::string printable = Printable(text);
@@ -66,6 +68,7 @@ std::string Counted(std::uint64_t number, const char* one, const char* many) {
   return Grouped(number) + " " + (number == 1 ? one : many);
 }
 
+// By thousands, as the unit's names have it.
 std::string ByteSize(std::uint64_t bytes) {
   if (bytes < 1000) return Counted(bytes, "byte", "bytes");
   constexpr const char* kUnits[] = {"kB", "MB", "GB", "TB", "PB", "EB"};
@@ -76,6 +79,7 @@ std::string ByteSize(std::uint64_t bytes) {
   return Fixed(size, 1) + " " + kUnits[unit];
 }
 
+// Three digits or so in every range, more than which nobody compares.
 std::string Duration(double seconds) {
   if (seconds < 1e-4) return Fixed(seconds * 1e6, 0) + " \u00b5s";
   if (seconds < 0.01) return Fixed(seconds * 1e3, 1) + " ms";
@@ -97,6 +101,7 @@ std::string Percentage(double part, double whole, int digits) {
   return Fixed(whole > 0 ? part / whole * 100 : 0, digits);
 }
 
+// The value itself goes along for sorting: the text shown has units.
 std::string NumberCell(double value, const std::string& shown) {
   return "<td class=\"n\" data-v=\"" + Fixed(value, 6) + "\">" + shown + "</td>";
 }

@@ -128,6 +128,8 @@ for (const table of document.querySelectorAll('table.sort')) {
 }  // namespace
 
 // The policy lets no text of the page fetch anything, whatever it manages to become.
+// The style and the script are in the page: a report is one file that can be sent on and opened
+// without a network.
 std::string PageAround(const std::string& title, const std::string& body) {
   std::string page =
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
@@ -138,17 +140,20 @@ std::string PageAround(const std::string& title, const std::string& body) {
   return page + "<script>" + kScript + "</script>\n</body>\n</html>\n";
 }
 
+// A section without contents has no heading either.
 std::string Section(const std::string& heading, const std::string& body) {
   if (body.empty()) return {};
   return "<section>\n<h2>" + heading + "</h2>\n" + body + "</section>\n";
 }
 
+// The key is for scripts and tests that read a page; its label is for people.
 std::string Total(const char* key, const std::string& label, const std::string& value,
                   const char* tone) {
   return "<div><dt>" + label + "</dt><dd class=\"" + tone + "\" data-k=\"" + key + "\">" + value +
          "</dd></div>\n";
 }
 
+// A table wider than the window scrolls inside its own box, so that the page does not.
 std::string Table(const char* id, const std::vector<std::string>& headings, const std::string& rows,
                   bool searchable) {
   std::string table = "<div class=\"scroll\"><table id=\"" + std::string(id) + "\" class=\"sort" +

@@ -11,6 +11,8 @@ namespace {
 constexpr std::int32_t kProtectionClass = 4;
 
 // Creates the directory; a failure is left to whoever uses the directory.
+// The operations that call this have no way of failing: a path is what they return. Their lines in
+// the log are what tells of a directory that could not be made.
 void Ensure(const Path& directory, std::int32_t protectionClass, const char* function,
             FormatString<std::string, Error> message) {
   Error error;
@@ -24,6 +26,8 @@ void Ensure(const Path& directory, std::int32_t protectionClass, const char* fun
 
 }  // namespace
 
+// The path is remembered and the directory made anew with each call: somebody may have removed it
+// since.
 Path QVGlobalConfiguration::carrierBundlesDirectory() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_carrierBundlesDir) {
@@ -35,6 +39,7 @@ Path QVGlobalConfiguration::carrierBundlesDirectory() noexcept {
   return *_carrierBundlesDir;
 }
 
+// The lock is recursive: this asks for the caches directory while it holds it.
 Path QVGlobalConfiguration::stagingRoot() noexcept {
   const std::lock_guard<std::recursive_mutex> lock(_lock);
   if (!_stagingRoot) {

@@ -35,6 +35,7 @@ class KeepErrno {
   int number_ = errno;
 };
 
+// Fewer bytes than were asked for are not an error: the caller goes on with the rest.
 ssize_t ReadOnce(int descriptor, std::uint8_t* buffer, std::size_t size) {
   return Uninterrupted([&] { return ::read(descriptor, buffer, size); });
 }
@@ -64,6 +65,8 @@ bool ReadChunks(int descriptor, const char* path, std::int64_t size, std::uint8_
              ErrnoDescription(kept.number()));
       return false;
     }
+    // The file was cut shorter since its size was taken. A digest of what is left would be one of a
+    // file that never was.
     if (count == 0) {
       QV_LOG(LogLevelError, kReadFile, "read failed for %s, got %lld bytes", path,
              static_cast<long long>(count));
@@ -88,6 +91,7 @@ std::string Hexadecimal(const Sha256Digest& digest) {
 
 }  // namespace
 
+// Links are followed: the callers name files that the service itself put where they are.
 bool _ReadFile(const char* path, const ReadFileCallback& callback) {
   // Not blocking: a pipe without a writer would never open.
   const UniqueDescriptor descriptor(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));

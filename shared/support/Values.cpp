@@ -7,6 +7,7 @@
 
 namespace quorvel {
 
+// A boolean is a number as well, but a number is no boolean unless it was stored as one.
 bool QVPlistValueIsOfType(const PlistValue& value, PlistType type) noexcept {
   switch (type) {
     case PlistType::string:
@@ -34,6 +35,7 @@ std::optional<std::string> QVStringifyObject(const PlistValue* value) noexcept {
   return QVDescribeValue(*value);
 }
 
+// An empty array holds nothing of another type.
 bool QVArrayContainsOnlyClass(const PlistArray& array, PlistType type) noexcept {
   return std::all_of(array.begin(), array.end(), [type](const PlistValue& element) {
     return QVPlistValueIsOfType(element, type);

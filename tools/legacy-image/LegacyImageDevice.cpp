@@ -36,12 +36,15 @@ constexpr std::array<const char*, 5> kOddContainers = {"Old Container ", "50% do
                                                        "ber ",
                                                        "raw\xF0\x28 "};
 
+// With leading zeros, so that names sort as their numbers do.
 std::string Numbered(const char* prefix, unsigned number) {
   char text[64];
   std::snprintf(text, sizeof text, "%s%04u", prefix, number);
   return text;
 }
 
+// Everything is written in one fixed order and draws from one sequence of numbers: the order is
+// part of what makes two images alike.
 class DeviceMaker {
  public:
   DeviceMaker(LegacyImageWriter& writer, const LegacyImageOptions& options)
@@ -92,6 +95,7 @@ class DeviceMaker {
   const LegacyImageOptions& options_;
   LegacyImageRandom random_;
   LegacyImageResult result_;
+  // Filled while apps are written and written itself at the end, when all groups are known.
   PlistDictionary groups_;  // the groups of the install map
   std::string plainIcon_;
 };
@@ -108,6 +112,7 @@ void DeviceMaker::writeFrame() {
   writer_.symbolicLink("tmp", "private/var/tmp");
 }
 
+// Nothing about it is odd; callers change what they are about.
 ContainerPlan DeviceMaker::simpleContainer(const std::string& stem, const std::string& identifier) {
   ContainerPlan plan;
   plan.name = random_.uuid();
@@ -129,6 +134,7 @@ void DeviceMaker::writePlainApp(unsigned number) {
   write(plan);
 }
 
+// The number of the app decides, not chance: every form is there from a small number of apps on.
 void DeviceMaker::chooseIcon(unsigned number, BundlePlan& bundle) {
   // The numbers here have no common divisors, so that forms mix.
   if (!options_.icons || number % 9 == 8) return;  // an app without an icon

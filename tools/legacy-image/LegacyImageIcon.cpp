@@ -13,6 +13,7 @@ struct Form {
   png_uint_32 format;
 };
 
+// Sides of the icon sizes that devices asked for, each with another layout of pixels.
 Form DescribeForm(IconForm form) {
   switch (form) {
     case IconForm::rgb57:
@@ -41,6 +42,7 @@ std::uint8_t Shade(const Form& form, std::uint32_t x, std::uint32_t y, unsigned 
   return static_cast<std::uint8_t>((tone + (channel == 1 ? x : y) * 128 / form.side) & 0xFFU);
 }
 
+// A palette's pixels are places in it, one byte each.
 std::vector<std::uint8_t> Draw(const Form& form, std::uint64_t seed) {
   const bool isPalette = (form.format & PNG_FORMAT_FLAG_COLORMAP) != 0;
   const unsigned channels = isPalette ? 1 : PNG_IMAGE_SAMPLE_CHANNELS(form.format);
@@ -56,6 +58,8 @@ std::vector<std::uint8_t> Draw(const Form& form, std::uint64_t seed) {
 
 }  // namespace
 
+// The palette has three channels that run in different ways, so that a mix-up of any two shows. It
+// is passed in any case and used for that one form only.
 std::string DrawIcon(IconForm form, std::uint64_t seed) {
   const Form described = DescribeForm(form);
   const std::vector<std::uint8_t> pixels = Draw(described, seed);
@@ -69,6 +73,7 @@ std::string DrawIcon(IconForm form, std::uint64_t seed) {
   image.version = PNG_IMAGE_VERSION;
   image.width = image.height = described.side;
   image.format = described.format;
+  // Thousands of icons are drawn for a large device, and their size matters to nobody.
   image.flags = PNG_IMAGE_FLAG_FAST;
   image.colormap_entries = 256;
   std::string file(PNG_IMAGE_PNG_SIZE_MAX(image), '\0');

@@ -91,7 +91,7 @@ std::string Hexadecimal(const Sha256Digest& digest) {
 
 }  // namespace
 
-// Links are followed: the callers name files that the service itself put where they are.
+// Links are followed: the digest is that of what the name leads to.
 bool _ReadFile(const char* path, const ReadFileCallback& callback) {
   // Not blocking: a pipe without a writer would never open.
   const UniqueDescriptor descriptor(::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));

@@ -213,6 +213,7 @@ TEST(PropertyList, ReadsTheTextsThatOthersRead) {
       {InPlist("x<array>y<true>z</true></array>"), yes},
       {"\n <?xml version='1.0'?><plist><array><true/></array></plist>", yes},
       {"<plist><array><true/></array></plist>x\1", yes},
+      {"<array><true/></array>x\1", yes},
       {InPlist("<!-- -- --><array><true/></array>"), yes},
       // No characters.
       {InPlist("<string>a&#1;&#xD800;&#0;&#65;</string>"),

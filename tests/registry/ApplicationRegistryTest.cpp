@@ -121,6 +121,21 @@ TEST_F(DamagedStore, ForeignAndNewerFiles) {
   expectUnusable();
 }
 
+// Fewer groups are never made of a list that is none.
+TEST_F(DamagedStore, ARecordThatIsNotWhole) {
+  const std::string damaged = "com.plugin.7" + std::string(200, 'x');
+  for (const char* groups : {"9:short", "x", "1:ab"}) {
+    SCOPED_TRACE(groups);
+    Execute(device, std::string("UPDATE apps SET groups='") + groups + "' WHERE identifier='" +
+                        damaged + "'");
+    Registry registry(device);
+    EXPECT_FALSE(registry.proxy(damaged));
+    EXPECT_FALSE(registry.isInstalled(damaged));
+    EXPECT_TRUE(registry.proxy("com.plugin.8" + std::string(200, 'x')));
+    EXPECT_TRUE(WhyNoSnapshot(registry));
+  }
+}
+
 // A kill leaves a log; whatever becomes of its end or of the file, answers are right or absent.
 TEST_F(DamagedStore, LogLeftByAKillAndCutOff) {
   const FaultedRun run = RunWithFault(

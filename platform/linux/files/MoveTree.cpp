@@ -103,7 +103,8 @@ int Move::moveAcross() {
 // Whether an earlier call put the copy in its place and ended before it took the source away.
 // Without the mark an item at `to` is somebody else's.
 bool Move::wasPlaced() const {
-  const UniqueDescriptor mark(::open(moving_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueDescriptor mark(
+      ::open(moving_.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
   if (!mark || Exists(incoming_) || !Exists(to_)) return false;
   // One byte more than there should be: a longer path that begins with this one is another. A copy
   // still under its first name was never put in its place.

@@ -178,6 +178,7 @@ class XmlReader {
   // An element out of place is refused, not called damage: among the readers of property lists
   // there are some that pass over such things.
   void startElement(const char* name) {
+    ++openElements_;
     const Element element = ElementNamed(name);
     if (element == Element::none && !begun_) return fail("the document is of another kind");
     if (element == Element::none) return refuse(ENOTSUP, "an unknown element");
@@ -234,9 +235,8 @@ class XmlReader {
       builder_.close();
     } else if (!builder_.hasRoot()) {
       return fail("no value");
-    } else {
-      ended_ = true;  // of a plist element
     }
+    ended_ = --openElements_ == 0;
   }
 
   // Texts are copied out of the buffer, which keeps its memory for the next one.
@@ -280,7 +280,8 @@ class XmlReader {
   XML_Parser parser_;
   PropertyListBuilder builder_;
   bool begun_ = false;
-  bool ended_ = false;
+  std::size_t openElements_ = 0;
+  bool ended_ = false;  // the outermost element, which is not always a plist element
   bool isExact_ = true;
   bool outOfMemory_ = false;
   bool failedAtCharacters_ = false;

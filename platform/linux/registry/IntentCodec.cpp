@@ -91,13 +91,14 @@ class Reader {
     std::string_view text;
     if (!take(&text)) return false;
     *value = text == "1";
-    return true;
+    return *value || text == "0";
   }
   bool take(InstallStep::Kind* kind) {
     std::string_view text;
     int number = -1;
     if (!take(&text)) return false;
-    std::from_chars(text.data(), text.data() + text.size(), number);
+    const char* const end = text.data() + text.size();
+    if (std::from_chars(text.data(), end, number).ptr != end) return false;
     *kind = static_cast<InstallStep::Kind>(number);
     // A step that this version does not know must not be guessed at.
     return number >= 0 && *kind <= InstallStep::Kind::removeStaging;
@@ -107,7 +108,7 @@ class Reader {
     if (!take(&text)) return false;
     value->reset();
     if (!text.empty()) value->emplace(text.substr(1));
-    return true;
+    return text.empty() || text[0] == '=';
   }
   bool take(AppRecord* record) {
     std::string_view text;

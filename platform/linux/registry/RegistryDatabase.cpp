@@ -58,8 +58,20 @@ int ErrnoOf(int result, sqlite3* connection) {
       const int number = connection != nullptr ? sqlite3_system_errno(connection) : 0;
       return number != 0 ? number : EIO;
     }
-    default:
+    // About the content: no file of ours, cut off, or without what it should hold.
+    case SQLITE_ERROR:
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+    case SQLITE_SCHEMA:
+    case SQLITE_MISMATCH:
+    case SQLITE_CONSTRAINT:
       return 0;
+    case SQLITE_PERM:
+    case SQLITE_AUTH:
+      return EACCES;
+    // What is not known to be damage is called none.
+    default:
+      return EIO;
   }
 }
 

@@ -38,19 +38,23 @@ constexpr const char* kSchema = R"(
   "identifier, type, version, bundle_container, bundle_name, data_container, groups," \
   " placeholder, staging, obsolete"
 
-AppRecord RecordOf(const Query& query) {
-  AppRecord record{query.text(0),
-                   query.text(1),
-                   query.text(2),
-                   query.optionalText(3),
-                   query.text(4),
-                   query.optionalText(5),
-                   {},
-                   query.number(7) != 0,
-                   query.text(8),
-                   query.number(9) != 0};
-  DecodeList(query.text(6), &record.groups);
-  return record;
+// False with the failure set when its list of groups is none: fewer groups would be made of it, and
+// what the app shares with others be taken from it.
+bool RecordOf(const Query& query, RegistryDatabase& database, AppRecord* record) {
+  *record = {query.text(0),
+             query.text(1),
+             query.text(2),
+             query.optionalText(3),
+             query.text(4),
+             query.optionalText(5),
+             {},
+             query.number(7) != 0,
+             query.text(8),
+             query.number(9) != 0};
+  if (DecodeList(query.text(6), &record->groups)) return true;
+  database.setFailure(RegistryFailure(RegistryErrorCode::damagedStore,
+                                      "The application registry: a record is damaged"));
+  return false;
 }
 
 }  // namespace
@@ -114,7 +118,9 @@ bool RegistryStore::find(const std::string& identifier, std::optional<AppRecord>
     found_.reset();
     Query query(database_, "SELECT " QV_APP_COLUMNS " FROM apps WHERE identifier = ?");
     Found found{identifier, std::nullopt};
-    if (query.bind(identifier).row()) found.record = RecordOf(query);
+    if (query.bind(identifier).row() && !RecordOf(query, database_, &found.record.emplace())) {
+      return false;
+    }
     if (query.failed()) return false;
     found_ = std::move(found);
   }
@@ -133,7 +139,11 @@ bool RegistryStore::findGroup(const std::string& group, std::optional<std::strin
 bool RegistryStore::forEachApp(const std::function<void(const AppRecord&)>& visit) {
   if (absent_) return true;
   Query query(database_, "SELECT " QV_APP_COLUMNS " FROM apps ORDER BY identifier");
-  while (query.row()) visit(RecordOf(query));
+  AppRecord record;
+  while (query.row()) {
+    if (!RecordOf(query, database_, &record)) return false;
+    visit(record);
+  }
   return !query.failed();
 }
 

@@ -75,7 +75,8 @@ std::unique_ptr<CoreServices> CoreServices::create(const Path& root,
   }
   std::string real;
   if (!RealPathOf(root, &real)) {
-    SetError(error, PosixFailure(errno, "Opening the device root " + root.string()));
+    const int number = errno;  // before the text is built
+    SetError(error, PosixFailure(number, "Opening the device root " + root.string()));
     return nullptr;
   }
   return std::make_unique<CoreServices>(real, options);

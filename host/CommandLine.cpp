@@ -308,6 +308,7 @@ ParsedCommandLine ParseCommandLine(int argc, const char* const* argv) {
     if (!parsed.text.ends_with('\n')) parsed.text += '\n';
   } catch (const CLI::CallForVersion& version) {
     parsed.text = std::string(version.what()) + "\n";
+    parsed.isVersion = true;
   } catch (const CLI::ParseError& error) {
     parsed.exitCode = ExitUsage;
     parsed.text = complaint.empty() ? Printable(error.what()) : complaint;

@@ -68,6 +68,7 @@ struct ParsedCommandLine {
   int exitCode = 0;
   std::string text;
   bool json = false;  // whether a complaint belongs on standard output as an object too
+  bool isVersion = false;
 };
 
 // Touches nothing but its arguments.

@@ -1,4 +1,4 @@
-// The host's commands. Each but the last enters the device tree, so that a process runs one of them
+// The host's commands. Each but the last two enters the device tree, so that a process runs one of them
 // once, and returns the process's exit code after everything has been said.
 #pragma once
 
@@ -21,5 +21,7 @@ int RunVerify(const Options& options);
 int RunRehearse(const Options& options);
 // Results of migrations as a page; enters no tree.
 int RunReport(const Options& options);
+// --version: the host's own line, and below it what a bug report needs besides.
+int ShowVersion(const std::string& line);
 
 }  // namespace quorvel::host

@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
   (void)std::setlocale(LC_CTYPE, "C.UTF-8");  // NOLINT(concurrency-mt-unsafe): one thread
   const ParsedCommandLine parsed = ParseCommandLine(argc, argv);
   if (parsed.options) return RunCommand(*parsed.options);
+  if (parsed.isVersion) return ShowVersion(parsed.text);
   if (parsed.exitCode == ExitSucceeded) return WriteResult(parsed.text, ExitSucceeded);
   return ReportFatal({parsed.exitCode, parsed.text, "See migration-host --help"}, parsed.json);
 }

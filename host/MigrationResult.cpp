@@ -42,6 +42,9 @@ std::string HowToRunAgain(const Options& options) {
   std::string command = "migration-host migrate --root " + ShellWord(options.root);
   if (!options.plugin.empty()) command += " --plugin " + ShellWord(options.plugin);
   if (!options.logFile.empty()) command += " --log " + ShellWord(options.logFile);
+  if (!options.device.empty()) command += " --device " + ShellWord(options.device);
+  // What was gone past once refuses the next run as well.
+  for (const std::string& name : options.forcedFindings) command += " --force-preflight=" + name;
   if (!options.only.empty()) command += " --only";
   for (const std::string& identifier : options.only) command += " " + ShellWord(identifier);
   return command;

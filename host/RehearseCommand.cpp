@@ -54,7 +54,8 @@ Room FreeAt(int descriptor) {
 }
 
 // Everything that the kernel knows of every item of a tree: any change shows, were it only in a
-// change time. Empty when the tree cannot be seen whole.
+// change time. What may not be looked into counts with why that is so, which is no proof of what
+// lies there: the manifests list it as unreadable. Empty when the walk itself fails.
 std::string FingerprintOf(const DeviceRoot& root) {
   onlinux::Sha256ProviderLinux provider;
   const auto digest = provider.start();
@@ -64,7 +65,7 @@ std::string FingerprintOf(const DeviceRoot& root) {
   int failure = 0;
   while (walk.next(item, failure)) {
     const struct stat& info = item.info;
-    std::string facts = item.name + '\0';
+    std::string facts = item.name + '\0' + std::to_string(item.problem) + ' ';
     for (const std::uint64_t fact :
          {static_cast<std::uint64_t>(item.depth), static_cast<std::uint64_t>(info.st_dev),
           static_cast<std::uint64_t>(info.st_ino), static_cast<std::uint64_t>(info.st_mode),

@@ -122,7 +122,8 @@ void RunRecord::stop() {
 }
 
 Json RunRecord::progress() const {
-  const float fraction = std::max(plugin_.migrationProgress(), 0.0F);
+  const float told = plugin_.migrationProgress();
+  const float fraction = told >= 0.0F ? std::min(told, 1.0F) : 0.0F;  // also for a NaN
   Json run = begun_;
   run["outcome"] = "running";
   run["done"] = std::lround(fraction * static_cast<float>(account_.items()));

@@ -30,7 +30,7 @@ constexpr std::size_t kMostOfResult = 256 * 1024 * 1024;
 
 std::string Text(const std::string& bytes) { return StringFromFileSystemRepresentation(bytes); }
 
-Json AsJson(const Finding& finding) {
+Json AsJson(const ProofFinding& finding) {
   Json object;
   object["verdict"] = NameOf(finding.verdict);
   object["path"] = Text(finding.path);
@@ -41,7 +41,7 @@ Json AsJson(const Finding& finding) {
   return object;
 }
 
-std::string AsText(const Finding& finding) {
+std::string AsText(const ProofFinding& finding) {
   std::string text = Padded(NameOf(finding.verdict), 12) + Printable(finding.path);
   if (finding.items > 1) text += " (" + std::to_string(finding.items) + " items)";
   const char* separator = ": ";
@@ -64,7 +64,7 @@ class Findings {
  public:
   explicit Findings(bool json) : json_(json) {}
 
-  void add(const Finding& finding) {
+  void add(const ProofFinding& finding) {
     if (!json_) {
       (void)WriteWhole(STDOUT_FILENO, AsText(finding));
     } else if (list_.size() < kMostListed) {
@@ -203,7 +203,7 @@ int VerifyAgainst(DeviceRoot& root, UniqueDescriptor manifestFile, UniqueDescrip
   Error failure;
   VerificationTotals totals;
   Findings findings(options.json);
-  const FindingSink sink = [&findings](const Finding& finding) { findings.add(finding); };
+  const FindingSink sink = [&findings](const ProofFinding& finding) { findings.add(finding); };
   bool done = services.registry().snapshot(&registry, &failure);
   if (done) {
     const Places places(registry, manifest.header(), reported);

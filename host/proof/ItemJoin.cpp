@@ -120,8 +120,9 @@ std::vector<std::string> ItemJoin::differences(const ManifestEntry& before,
                                                const ManifestEntry& now) {
   const Comparison comparison{context_.contents, item_.isBundle && before.depth == 0};
   std::vector<std::string> what = Differences(before, now, comparison);
-  if (before.links > 1 && before.type != EntryType::directory) {
-    // Names that were one item must be one item still.
+  // Names that were one item must be one item still; what differs otherwise is not what the others
+  // have to agree with.
+  if (what.empty() && before.links > 1 && before.type != EntryType::directory) {
     const auto [at, isFirst] = context_.links.insert({before.identity, now.identity});
     if (!isFirst && at->second != now.identity) what.emplace_back("hard links");
   }
@@ -185,12 +186,12 @@ void ItemJoin::judgeAbsent(const ManifestEntry& before) {
     ++absent_->items;
     return;
   }
-  absent_ = Finding{lost ? Verdict::lost : Verdict::missing, below(item_.origin), {}};
+  absent_ = ProofFinding{lost ? Verdict::lost : Verdict::missing, below(item_.origin), {}};
   absent_->reason = item_.loss;
   absentDepth_ = before.depth;
 }
 
-void ItemJoin::tell(Finding finding) {
+void ItemJoin::tell(ProofFinding finding) {
   flush();
   context_.sink(finding);
 }

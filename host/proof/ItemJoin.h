@@ -63,7 +63,7 @@ class ItemJoin {
   // In words; hard links count as long as both names were seen.
   std::vector<std::string> differences(const ManifestEntry& before, const ManifestEntry& now);
   // In the order of the manifest: what is pending goes first.
-  void tell(Finding finding);
+  void tell(ProofFinding finding);
   // Tells of an absent tree once its last entry has been counted.
   void flush();
   // The path of the current entry, as it would be under another root.
@@ -73,10 +73,10 @@ class ItemJoin {
   const JoinedItem item_;
   std::unique_ptr<TreeStream> stream_;  // of the first place; null when there is none
   std::optional<ManifestEntry> head_;
-  std::vector<std::string> names_;    // of the manifest's entry, below the item's root
-  std::vector<std::string> current_;  // of the stream's
-  std::size_t unexplainedDepth_ = 0;  // of the tree being passed over; 0 is none
-  std::optional<Finding> absent_;     // told when it is known how much is below it
+  std::vector<std::string> names_;      // of the manifest's entry, below the item's root
+  std::vector<std::string> current_;    // of the stream's
+  std::size_t unexplainedDepth_ = 0;    // of the tree being passed over; 0 is none
+  std::optional<ProofFinding> absent_;  // told when it is known how much is below it
   std::size_t absentDepth_ = 0;
 };
 

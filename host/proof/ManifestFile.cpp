@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <utility>
 
 #include "platform/Error.h"
@@ -128,6 +129,8 @@ bool ManifestReader::line(Json& object) {
   while (file_->stream != nullptr && ::gzgets(file_->stream, piece, sizeof piece) != nullptr) {
     text += piece;
     if (text.ends_with('\n') || text.size() > kLongestLine) break;
+    // Short without a line feed: the end, or a null byte, behind which the next line may stand.
+    if (std::strlen(piece) + 1 < sizeof piece) break;
   }
   if (!text.ends_with('\n')) {
     complain(text.size() > kLongestLine ? "it is too long" : "the manifest is cut off here");

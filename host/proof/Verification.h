@@ -30,7 +30,7 @@ const char* NameOf(Verdict verdict);
 // What is worth telling of one item, or of a tree that shares its fate.
 // Texts of `what` are Differences' (ManifestEntry.h); `reason` says why an item is lost or
 // unproven. Either may be empty. An absent directory is told once for all that is below it.
-struct Finding {
+struct ProofFinding {
   Verdict verdict = Verdict::missing;
   std::string path;   // where it was, or is when it is unexplained; bytes
   std::string where;  // where it is now, bytes; empty when nowhere
@@ -59,7 +59,7 @@ struct VerificationTotals {
 // Called on the verifying thread, in the order of the manifest.
 // What it is given lives only as long as the call, and items that arrived or were kept as they were
 // are not told, but counted.
-using FindingSink = std::function<void(const Finding&)>;
+using FindingSink = std::function<void(const ProofFinding&)>;
 
 // In the device tree, which is only read. False with the Error when the manifest is damaged or a
 // tree cannot be seen whole; what was found until then has been told. Memory does not grow with

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "host/report/Html.h"
 #include "host/report/PageFrame.h"

@@ -82,7 +82,11 @@ TEST_F(HostTest, SaysWhatTheTranscriptHasAndOtherwiseWhatIsDocumented) {
 }
 
 TEST_F(HostTest, HelpAndVersionSucceedAndEveryExampleWorks) {
-  EXPECT_EQ(RunHost({"--version"}).exitCode, 0);
+  const HostRun version = RunHost({"--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  for (const char* part : {"plug-in: ", "library: ", "build: "}) {
+    EXPECT_NE(version.out.find(part), std::string::npos) << part << version.out;
+  }
   EXPECT_NE(RunHost({"--help"}).out.find("Exit codes"), std::string::npos);
   const std::string path = fs::path(HOST_BINARY).parent_path().string() + ":" + ::getenv("PATH");
   for (const char* command : {"migrate", "inspect", "registry", "register"}) {

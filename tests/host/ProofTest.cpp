@@ -57,6 +57,10 @@ const Tampering kTamperings[] = {
      "part() { cp -a \"$f\" \"$f+\"; mv \"$f+\" \"$f\"; }; f=\"$ONE/Documents/second name\"; "
      "keep $ONE/Documents part",
      {"changed Tillkit, mode", "changed second name, hard links", "unexplained new"}},
+    // What the change of one name says is not said of the other again.
+    {"part() { printf changed >other; mv other \"$f\"; }; f=\"$ONE/Documents/second name\"; "
+     "keep $ONE/Documents part",
+     {"changed second name, size, mode, modified, attributes"}},
 };
 
 // Relative to the copy's parent.
@@ -229,6 +233,8 @@ TEST(ProofTest, ADamagedManifestProvesNothing) {
         replace(R"("name":"Documents","type")", std::string(R"("name":")") + name + R"(","type")"));
   }
   const auto line = whole.find(entry);
+  // A null byte would hide the line behind it from a reader of C strings.
+  damaged.push_back(whole.substr(0, line) + std::string(1, '\0') + whole.substr(line));
   damaged.push_back(whole.substr(0, line) + whole.substr(whole.find('\n', line) + 1));
   for (const std::string& text : damaged) {
     WriteFile(manifest, text);

@@ -16,7 +16,7 @@ namespace {
 
 QVGlobalConfiguration& Configuration() { return QVGlobalConfiguration::sharedInstance(); }
 
-// A sorted list of what a range of paths or texts holds.
+// A list of what a range of paths or texts holds.
 template <class Range>
 Json ListOf(const Range& range) {
   Json list = Json::array();

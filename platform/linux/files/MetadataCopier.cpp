@@ -34,7 +34,7 @@ bool MayBeRefused(std::string_view name, int number) {
 bool MeansNotPermitted(int number) { return number == EPERM || number == EINVAL; }
 
 // Sets what the privileges allow. `current` is what the item has, and has then.
-bool GiveOwner(int descriptor, const Ownership& wanted, Ownership* current) {
+bool GiveOwner(int descriptor, const Owners& wanted, Owners* current) {
   if (wanted.user == current->user && wanted.group == current->group) return true;
   if (::fchownat(descriptor, "", wanted.user, wanted.group, AT_EMPTY_PATH) == 0) {
     *current = wanted;
@@ -51,7 +51,7 @@ bool GiveOwner(int descriptor, const Ownership& wanted, Ownership* current) {
 }
 
 // A foreign owner must not lend its identity, a foreign group gets no more than everybody.
-mode_t ModeFor(const ItemStatus& status, const Ownership& owner) {
+mode_t ModeFor(const ItemStatus& status, const Owners& owner) {
   mode_t mode = status.mode & 07777;
   const bool sameUser = owner.user == status.owner.user;
   const bool sameGroup = owner.group == status.owner.group;
@@ -65,12 +65,12 @@ mode_t ModeFor(const ItemStatus& status, const Ownership& owner) {
 ItemStatus::ItemStatus(const struct stat& info)
     : mode(info.st_mode), owner{info.st_uid, info.st_gid}, times{info.st_atim, info.st_mtim} {}
 
-bool MetadataCopier::copy(int input, int output, const ItemStatus& status, const Ownership& current,
+bool MetadataCopier::copy(int input, int output, const ItemStatus& status, const Owners& current,
                           bool inherits) {
   std::size_t size = 0;
   if (!listAttributes(input, &size)) return false;
   if (size > 0 && !copyAttributes(input, output, size, Stage::beforeOwner)) return false;
-  Ownership owner = current;
+  Owners owner = current;
   if (!GiveOwner(output, status.owner, &owner)) return false;
   if (inherits && !removeInherited(output, size)) return false;
   if (size > 0 && !copyAttributes(input, output, size, Stage::afterOwner)) return false;
@@ -80,8 +80,8 @@ bool MetadataCopier::copy(int input, int output, const ItemStatus& status, const
 }
 
 bool MetadataCopier::copyPinned(const PinnedItem& input, const PinnedItem& output,
-                                const ItemStatus& status, const Ownership& current) {
-  Ownership owner = current;
+                                const ItemStatus& status, const Owners& current) {
+  Owners owner = current;
   if (!GiveOwner(output.descriptor, status.owner, &owner)) return false;
   if (!copyPinnedAttributes(input.descriptor, output.descriptor)) return false;
   const bool link = S_ISLNK(status.mode);

@@ -12,7 +12,7 @@
 namespace quorvel::onlinux {
 
 // Numbers as the kernel keeps them, in the user namespace of this process.
-struct Ownership {
+struct Owners {
   uid_t user = 0;
   gid_t group = 0;
 };
@@ -21,7 +21,7 @@ struct Ownership {
 struct ItemStatus {
   explicit ItemStatus(const struct stat& info);
   mode_t mode;
-  Ownership owner;
+  Owners owner;
   timespec times[2];  // access, modification
 };
 
@@ -44,12 +44,11 @@ class MetadataCopier {
   // mode is the source's, or less of it where the owner or group could not be given
   // (FileSystemLinux.h). After a failure the output has some of it; at no moment is it more
   // accessible than the source.
-  bool copy(int input, int output, const ItemStatus& status, const Ownership& current,
-            bool inherits);
+  bool copy(int input, int output, const ItemStatus& status, const Owners& current, bool inherits);
   // For items that are not to be opened: links, pipes, devices. Their attributes are reached by
   // way of /proc, and are left out where it is not mounted.
   bool copyPinned(const PinnedItem& input, const PinnedItem& output, const ItemStatus& status,
-                  const Ownership& current);
+                  const Owners& current);
 
   // Whether new items in the directory get an access-control list from it. Needs a descriptor that
   // is open to read; a file system without such lists hands none down.

@@ -23,7 +23,7 @@ bool Fail(int number) {
   return false;
 }
 
-Ownership OwnershipOf(const struct stat& info) { return {info.st_uid, info.st_gid}; }
+Owners OwnershipOf(const struct stat& info) { return {info.st_uid, info.st_gid}; }
 
 // The file type bits that a directory entry's type stands for; 0 when it is unknown.
 mode_t KindOf(unsigned char type) { return static_cast<mode_t>(DTTOIF(type)); }
@@ -177,7 +177,7 @@ bool TreeCopier::copyFile(const char* name) {
 }
 
 bool TreeCopier::fillFile(int input, int output, const char* name, const struct stat& info) {
-  Ownership owners;
+  Owners owners;
   return data_.copy(input, output, info) && ownersIn(output, &owners) &&
          metadata_.copy(input, output, ItemStatus(info), owners, handsDown()) &&
          rememberLink(name, info);
@@ -185,7 +185,7 @@ bool TreeCopier::fillFile(int input, int output, const char* name, const struct 
 
 // The owner and group that new files get are those of the process, or the group of the directory;
 // asked once for each directory.
-bool TreeCopier::ownersIn(int made, Ownership* owners) {
+bool TreeCopier::ownersIn(int made, Owners* owners) {
   if (!levels_.empty() && levels_.back().ownersKnown) {
     *owners = levels_.back().owners;
     return true;

@@ -29,11 +29,11 @@ class TreeCopier {
   // From the directory's making to its end, when it gets the source's metadata.
   struct Level {
     ItemStatus source;
-    Ownership target;          // as it was made or found
+    Owners target;             // as it was made or found
     bool inherits = false;     // it may have access-control lists that are not the source's
     bool handsDown = false;    // it gives such lists to what is made in it
     bool ownersKnown = false;  // what owner new files get
-    Ownership owners{};
+    Owners owners{};
   };
 
   // The operations below are false with errno set.
@@ -77,7 +77,7 @@ class TreeCopier {
   // Removes a non-directory that is in the way; EISDIR for a directory.
   bool clear(const char* name);
   // The owner and group that new files get in the directory that is being filled.
-  bool ownersIn(int made, Ownership* owners);
+  bool ownersIn(int made, Owners* owners);
 
   // Where entries are taken from and made: the deepest directories, or the roots' parents.
   int from() const;

@@ -61,9 +61,9 @@ UniqueDescriptor OpenOriginal(int root, const std::string& path) {
   return UniqueDescriptor(::openat(root, relative.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
 
-class Run {
+class Look {
  public:
-  explicit Run(int originalRoot) : root_(originalRoot) {}
+  explicit Look(int originalRoot) : root_(originalRoot) {}
 
   Findings findings() {
     directories();
@@ -113,7 +113,7 @@ class Run {
                  "Mount it writable: mount -o remount,rw");
     }
     const auto facts = FactsAt(AT_FDCWD, path.c_str());
-    if (!facts) return add(kNotPermitted, path, ErrnoDescription(errno), "Run as root");
+    if (!facts) return add(kNotPermitted, path, ErrnoDescription(errno), "Look as root");
     const auto sealed = WhatSeals(AT_FDCWD, path.c_str(), *facts);
     if (sealed) {
       add(facts->fixed ? kImmutable : kNotPermitted, path, sealed->detail, sealed->remedy);
@@ -193,7 +193,7 @@ void Force(const std::vector<std::string>& forced, Findings& findings) {
   }
 }
 
-Findings RunPreflight(int originalRoot) { return Run(originalRoot).findings(); }
+Findings RunPreflight(int originalRoot) { return Look(originalRoot).findings(); }
 
 int ReportRefusal(const Findings& findings, bool json) {
   std::string text = FindingsAsText(findings);

@@ -35,19 +35,19 @@ using Clock = std::chrono::steady_clock;
 constexpr useconds_t kSampleInterval = 20'000;
 
 // What is used of a file system, or free of it.
-struct Room {
+struct RoomInUpper {
   std::uint64_t bytes = 0;
   std::uint64_t inodes = 0;
 };
 
 // Zeros where it cannot be told; a difference of two such values is no need.
-Room UsedAt(const char* path) {
+RoomInUpper UsedAt(const char* path) {
   struct statvfs info {};
   if (::statvfs(path, &info) != 0) return {};
   return {(info.f_blocks - info.f_bfree) * info.f_frsize, info.f_files - info.f_ffree};
 }
 
-Room FreeAt(int descriptor) {
+RoomInUpper FreeAt(int descriptor) {
   struct statvfs info {};
   if (::fstatvfs(descriptor, &info) != 0) return {};
   return {info.f_bavail * info.f_frsize, info.f_favail};
@@ -227,7 +227,7 @@ class Rehearsal {
 
   void sample() {
     if (!measuring_) return;
-    const Room now = UsedAt(".");
+    const RoomInUpper now = UsedAt(".");
     peak_.bytes = std::max(peak_.bytes, now.bytes);
     peak_.inodes = std::max(peak_.inodes, now.inodes);
   }
@@ -239,7 +239,7 @@ class Rehearsal {
     return well ? ExitSucceeded : ExitFailed;
   }
 
-  std::vector<std::string> warnings(const Room& needed, const Room& free) const {
+  std::vector<std::string> warnings(const RoomInUpper& needed, const RoomInUpper& free) const {
     std::vector<std::string> warnings;
     if (!untouched_) warnings.emplace_back("the tree is not as it was before the rehearsal");
     if (needed.bytes > free.bytes) warnings.emplace_back("a run may need more bytes than are free");
@@ -251,8 +251,8 @@ class Rehearsal {
   }
 
   int report() {
-    const Room needed = {peak_.bytes - used_.bytes, peak_.inodes - used_.inodes};
-    const Room free = FreeAt(root_.descriptor());
+    const RoomInUpper needed = {peak_.bytes - used_.bytes, peak_.inodes - used_.inodes};
+    const RoomInUpper free = FreeAt(root_.descriptor());
     if (options_.json) return reportJson(needed, free);
     std::string text = "\nRehearsed in " + std::to_string(seconds_) + " s; at most " +
                        std::to_string(needed.bytes) + " bytes and " +
@@ -268,7 +268,7 @@ class Rehearsal {
 
   // What a child printed is parsed and set in as an object; one that was killed printed nothing
   // whole, and is null.
-  int reportJson(const Room& needed, const Room& free) {
+  int reportJson(const RoomInUpper& needed, const RoomInUpper& free) {
     const auto parsed = [](const UniqueDescriptor& file) {
       Json object = Json::parse(WhatIsIn(file), nullptr, false);
       return object.is_discarded() ? Json(nullptr) : object;
@@ -304,8 +304,8 @@ class Rehearsal {
   bool untouched_ = false;
   bool measuring_ = false;
   double seconds_ = 0;
-  Room used_;
-  Room peak_;
+  RoomInUpper used_;
+  RoomInUpper peak_;
 };
 
 }  // namespace

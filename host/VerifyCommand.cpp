@@ -60,9 +60,9 @@ std::string AsText(const ProofFinding& finding) {
 // Told one after another: text at once, objects at the end.
 // Text goes out as it is found, because a verification takes long and the first findings are what a
 // person waits for. An object can only be written when it is whole.
-class Findings {
+class ToldFindings {
  public:
-  explicit Findings(bool json) : json_(json) {}
+  explicit ToldFindings(bool json) : json_(json) {}
 
   void add(const ProofFinding& finding) {
     if (!json_) {
@@ -202,7 +202,7 @@ int VerifyAgainst(DeviceRoot& root, UniqueDescriptor manifestFile, UniqueDescrip
   onlinux::RegistrySnapshot registry;
   Error failure;
   VerificationTotals totals;
-  Findings findings(options.json);
+  ToldFindings findings(options.json);
   const FindingSink sink = [&findings](const ProofFinding& finding) { findings.add(finding); };
   bool done = services.registry().snapshot(&registry, &failure);
   if (done) {
@@ -217,8 +217,9 @@ int VerifyAgainst(DeviceRoot& root, UniqueDescriptor manifestFile, UniqueDescrip
   }
   // What was lost in order is no failure, unless the user says so.
   const bool succeeded = totals.isWhole() && !(options.strict && totals.lost > 0);
-  return WriteResult(options.json ? findings.asJson(totals, succeeded) : Findings::asText(totals),
-                     succeeded ? ExitSucceeded : ExitFailed);
+  return WriteResult(
+      options.json ? findings.asJson(totals, succeeded) : ToldFindings::asText(totals),
+      succeeded ? ExitSucceeded : ExitFailed);
 }
 
 int RunVerify(const Options& options) {

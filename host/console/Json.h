@@ -30,4 +30,11 @@ inline Json JsonOrNull(const std::optional<Path>& path) {
   return path ? Json(path->string()) : Json(nullptr);
 }
 
+// Empty for what is no object, for a key that it lacks and for a value that is no text. Not by the
+// object's own operator[], which has no defined result for a key that a constant object lacks.
+inline std::string TextAt(const Json& object, const char* key) {
+  const auto at = object.is_object() ? object.find(key) : object.end();
+  return at != object.end() && at->is_string() ? at->get<std::string>() : std::string();
+}
+
 }  // namespace quorvel::host

@@ -16,7 +16,7 @@ namespace {
 // What a browser shows at once, and twenty-four bounds in steps of 1, 2 and 5 span eight powers of
 // ten.
 constexpr std::size_t kMostDevices = 500;
-constexpr std::size_t kMostBars = 24;
+constexpr std::size_t kMostFleetBars = 24;
 
 // A number that is zero has no colour: nothing is wrong with it.
 std::string Totals(const Fleet& fleet) {
@@ -110,7 +110,7 @@ std::vector<Bin> BinsOf(const std::vector<double>& sorted) {
   std::size_t below = 0;
   while (below < sorted.size()) {
     const double to = NextBound(from);
-    const bool isLast = bins.size() + 1 == kMostBars;
+    const bool isLast = bins.size() + 1 == kMostFleetBars;
     const auto end = isLast ? sorted.end() : std::lower_bound(sorted.begin(), sorted.end(), to);
     const auto upTo = static_cast<std::size_t>(end - sorted.begin());
     bins.push_back({from, to, upTo - below});

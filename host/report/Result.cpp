@@ -21,11 +21,6 @@ const Json& At(const Json& object, const char* key) {
   return at == object.end() ? nothing : *at;
 }
 
-std::string TextAt(const Json& object, const char* key) {
-  const Json& value = At(object, key);
-  return value.is_string() ? value.get<std::string>() : std::string();
-}
-
 bool TrueAt(const Json& object, const char* key) {
   const Json& value = At(object, key);
   return value.is_boolean() && value.get<bool>();

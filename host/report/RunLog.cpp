@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "host/console/Json.h"
 #include "host/report/Html.h"
 #include "platform/Error.h"
 #include "platform/Uninterrupted.h"
@@ -35,13 +36,6 @@ double TimeOf(const std::string& text) {
   if (*rest == '.') ++rest;
   for (; *rest >= '0' && *rest <= '9'; ++rest, weight /= 10) fraction += (*rest - '0') * weight;
   return static_cast<double>(::timegm(&parts)) + fraction;
-}
-
-// Not the object's own operator[]: that has no defined result for a key that a constant object
-// lacks.
-std::string TextAt(const Json& object, const char* key) {
-  const auto at = object.find(key);
-  return at != object.end() && at->is_string() ? at->get<std::string>() : std::string();
 }
 
 // Its own turn is what is left of a container's time once the look at it is taken off.

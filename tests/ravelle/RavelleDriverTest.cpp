@@ -14,7 +14,6 @@ using ::testing::HasSubstr;
 
 constexpr const char* kInit = "-[QVRavelle init] ";
 constexpr const char* kPerform = "-[QVRavelle performMigration] ";
-constexpr const char* kIntrospect = "-[QVRavelle _introspectContainer:orderResultEarly:] ";
 constexpr const char* kFinal =
     "3 -[QVRavelle performMigration] QVRavelle: Returning migration failed. Please include the "
     "contents of /var/mobile/Library/Logs/Quorvel and /var/Mobile/Library/Logs/Corvenna in a bug "

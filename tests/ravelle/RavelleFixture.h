@@ -18,6 +18,12 @@
 
 namespace quorvel::tests {
 
+// What the operations are called in the log.
+inline constexpr const char* kIntrospect = "-[QVRavelle _introspectContainer:orderResultEarly:] ";
+inline constexpr const char* kPlaceholder =
+    "-[QVRavelle _stageAndInstallPlaceholderForBundleAtURL:withIdentifier:inContainerURL:] ";
+inline constexpr const char* kIcon = "-[QVRavelle _writeIconForBundle:toURL:] ";
+
 // The host's log as "<level> <function> <message>".
 class HostLogTexts {
  public:

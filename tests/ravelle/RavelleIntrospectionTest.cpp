@@ -9,7 +9,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr const char* kIntrospect = "-[QVRavelle _introspectContainer:orderResultEarly:] ";
 constexpr const char* kMarker = "-[QVRavelle _loadAndValidateMigrationMarkerAtURL:] ";
 
 class IntrospectionTest : public RavelleFixture {

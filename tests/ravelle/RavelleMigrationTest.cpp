@@ -22,9 +22,6 @@ constexpr const char* kStage =
 constexpr const char* kProgress =
     "__89-[QVRavelle "
     "_stageAndInstallBundleAtURL:withIdentifier:andVPNPluginAtURL:inContainerURL:]_block_invoke ";
-constexpr const char* kPlaceholder =
-    "-[QVRavelle _stageAndInstallPlaceholderForBundleAtURL:withIdentifier:inContainerURL:] ";
-constexpr const char* kIcon = "-[QVRavelle _writeIconForBundle:toURL:] ";
 constexpr const char* kMissed = "-[QVRavelle _containerHasMissedItems:withIdentifier:] ";
 
 using MigrationTest = RavelleFixture;

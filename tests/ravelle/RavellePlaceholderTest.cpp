@@ -14,10 +14,6 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-constexpr const char* kPlaceholder =
-    "-[QVRavelle _stageAndInstallPlaceholderForBundleAtURL:withIdentifier:inContainerURL:] ";
-constexpr const char* kIcon = "-[QVRavelle _writeIconForBundle:toURL:] ";
-
 using PlaceholderTest = RavelleFixture;
 
 TEST_F(PlaceholderTest, PlaceholderHoldsOnlyTheIdentityThatTheAppHas) {

@@ -17,6 +17,9 @@
 
 namespace quorvel::tests {
 
+inline constexpr const char* kMove =
+    "-[QVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
+
 using namespace quorvel::testing;  // NOLINT: the tests' own tools
 
 class FileManager : public ::testing::Test {

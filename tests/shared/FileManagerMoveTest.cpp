@@ -13,7 +13,6 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr const char* kCopy = "-[QVFileManager _copyItemAtURL:toURL:failIfSrcMissing:error:]";
-constexpr const char* kMove = "-[QVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
 
 // --- Copy and move ----------------------------------------------------------------------------
 

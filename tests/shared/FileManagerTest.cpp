@@ -18,7 +18,6 @@ using ::testing::StartsWith;
 constexpr const char* kRemove = "-[QVFileManager removeItemAtURL:error:]";
 constexpr const char* kCreate =
     "-[QVFileManager createDirectoryAtURL:withIntermediateDirectories:mode:class:error:]";
-constexpr const char* kMove = "-[QVFileManager _moveItemAtURL:toURL:failIfSrcMissing:error:]";
 
 TEST(FileManagerInstance, IsOneForAllThreads) {
   std::set<QVFileManager*> instances;

@@ -231,7 +231,7 @@ class Flags final : public Command {
   std::string value_;
 };
 
-constexpr CommandEntry kCommands[] = {
+constexpr CommandEntry kConfigurationCommands[] = {
     {"config", "Show the preferences in force, the paths, the lists and the blacklist",
      "quorvelctl config --json", Make<ShowConfiguration>},
     {"directories", "Create the service's directories and show them (needs --root)",
@@ -246,6 +246,6 @@ constexpr CommandEntry kCommands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> ConfigurationCommands() { return kCommands; }
+std::span<const CommandEntry> ConfigurationCommands() { return kConfigurationCommands; }
 
 }  // namespace quorvel::ctl

@@ -224,7 +224,7 @@ class PropertyList final : public Command {
   std::string format_;
 };
 
-constexpr CommandEntry kCommands[] = {
+constexpr CommandEntry kFileCommands[] = {
     {"digest", "Print SHA-256 digests in the form of sha256sum",
      "printf abc > f && quorvelctl digest f", Make<Digest>},
     {"info", "Show a bundle's info dictionary",
@@ -240,6 +240,6 @@ constexpr CommandEntry kCommands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> FileCommands() { return kCommands; }
+std::span<const CommandEntry> FileCommands() { return kFileCommands; }
 
 }  // namespace quorvel::ctl

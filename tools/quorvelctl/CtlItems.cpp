@@ -203,7 +203,7 @@ class Attribute final : public Command {
   std::string value_;
 };
 
-constexpr CommandEntry kCommands[] = {
+constexpr CommandEntry kItemCommands[] = {
     {"resolve", "Show where a path really leads, if it stays inside a base directory",
      "mkdir -p d && quorvelctl resolve --base d d/new/file", Make<Resolve>},
     {"link", "Make a symbolic link of a device, never in place of or inside what is there",
@@ -216,6 +216,6 @@ constexpr CommandEntry kCommands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> ItemCommands() { return kCommands; }
+std::span<const CommandEntry> ItemCommands() { return kItemCommands; }
 
 }  // namespace quorvel::ctl

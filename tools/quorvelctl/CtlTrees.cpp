@@ -232,7 +232,7 @@ std::unique_ptr<Command> MakeMove(CLI::App& parser) {
                                  &QVFileManager::moveItemIfExistsAtURL, false);
 }
 
-constexpr CommandEntry kCommands[] = {
+constexpr CommandEntry kTreeCommands[] = {
     {"list", "List items in the directory's own order, links told from directories",
      "mkdir -p d/sub && quorvelctl list d", Make<List>},
     {"remove", "Remove items and everything below them; a missing one is done",
@@ -252,6 +252,6 @@ constexpr CommandEntry kCommands[] = {
 
 }  // namespace
 
-std::span<const CommandEntry> TreeCommands() { return kCommands; }
+std::span<const CommandEntry> TreeCommands() { return kTreeCommands; }
 
 }  // namespace quorvel::ctl

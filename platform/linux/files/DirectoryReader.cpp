@@ -13,7 +13,7 @@ namespace {
 
 // About 1,000 entries a call; the C library's own reader takes 32 KiB as well but keeps one
 // buffer for each open directory.
-constexpr std::size_t kBufferSize = 32 * 1024;
+constexpr std::size_t kListingSize = 32 * 1024;
 
 bool IsDotOrDotDot(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
@@ -24,9 +24,9 @@ bool IsDotOrDotDot(const char* name) {
 bool DirectoryReader::fill(int descriptor) {
   if (seek_ && ::lseek(descriptor, position_, SEEK_SET) < 0) return false;
   seek_ = false;
-  if (buffer_ == nullptr) buffer_ = std::make_unique_for_overwrite<char[]>(kBufferSize);
+  if (buffer_ == nullptr) buffer_ = std::make_unique_for_overwrite<char[]>(kListingSize);
   ssize_t count =
-      Uninterrupted([&] { return ::getdents64(descriptor, buffer_.get(), kBufferSize); });
+      Uninterrupted([&] { return ::getdents64(descriptor, buffer_.get(), kListingSize); });
   // A directory that was removed meanwhile reads as ENOENT; it has no entries any more.
   if (count < 0 && errno == ENOENT) count = 0;
   if (count < 0) return false;

@@ -11,7 +11,7 @@
 namespace quorvel::onlinux {
 namespace {
 
-constexpr int kPin = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kPinPlace = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // Down a path of any length, component by component, so that no link can lead elsewhere.
 UniqueDescriptor OpenBelow(DirectoryStack& stack, int base, const std::string& path) {
@@ -19,7 +19,7 @@ UniqueDescriptor OpenBelow(DirectoryStack& stack, int base, const std::string& p
   for (std::size_t begin = 0; begin < path.size();) {
     const std::size_t end = std::min(path.find('/', begin), path.size());
     const int from = directory ? directory.get() : base;
-    directory = stack.openAt(from, path.substr(begin, end - begin).c_str(), kPin);
+    directory = stack.openAt(from, path.substr(begin, end - begin).c_str(), kPinPlace);
     if (!directory) return {};
     begin = end + 1;
   }

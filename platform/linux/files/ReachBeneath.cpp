@@ -21,7 +21,7 @@ namespace {
 constexpr int kMostLinks = 40;  // as the kernel
 // The kernel gives up, to be asked again, when something moves while it looks at "..".
 constexpr int kMostAttempts = 64;
-constexpr int kPin = O_PATH | O_CLOEXEC;
+constexpr int kPinAny = O_PATH | O_CLOEXEC;
 // Not blocking: a FIFO without a writer would hold up the opening for ever.
 constexpr int kRead = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
@@ -82,13 +82,13 @@ class Walk {
       way_.pop_back();
       return 0;
     }
-    UniqueDescriptor next = OpenAt(way_.back().get(), name.c_str(), kPin | O_NOFOLLOW);
+    UniqueDescriptor next = OpenAt(way_.back().get(), name.c_str(), kPinAny | O_NOFOLLOW);
     struct stat info;
     if (!next || ::fstat(next.get(), &info) != 0) return errno;
     if (S_ISLNK(info.st_mode)) return follow(next.get());
     // A pin cannot be read from. By the time of this second opening the name may lead to something
     // else, but not through a link.
-    if (rest_.empty() && flags_ != kPin) {
+    if (rest_.empty() && flags_ != kPinAny) {
       next = OpenAt(way_.back().get(), name.c_str(), flags_ | O_NOFOLLOW);
       if (!next) return errno;
     }
@@ -138,11 +138,11 @@ int ReachWith(int flags, int base, std::string_view relative, UniqueDescriptor* 
 }  // namespace
 
 int ReachBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
-  return ReachWith(kPin, base, relative, item);
+  return ReachWith(kPinAny, base, relative, item);
 }
 
 int WalkBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
-  return WalkWith(kPin, base, relative, item);
+  return WalkWith(kPinAny, base, relative, item);
 }
 
 UniqueDescriptor OpenBeneath(int directory, const std::string& name) {

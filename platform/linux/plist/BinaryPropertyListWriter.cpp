@@ -16,7 +16,7 @@ namespace {
 using namespace binary;
 
 // One object of the file to be.
-struct Object {
+struct NewObject {
   PlistKind kind = PlistKind::boolean;
   bool large = false;            // of integers: 2^63 or above
   std::uint16_t depth = 0;       // of containers: how many are around it, and itself
@@ -26,7 +26,7 @@ struct Object {
   std::uint64_t number = 0;
 
   std::string_view bytes() const { return {static_cast<const char*>(source), number}; }
-  friend bool operator==(const Object& a, const Object& b) {
+  friend bool operator==(const NewObject& a, const NewObject& b) {
     if (a.kind != b.kind || a.large != b.large || a.number != b.number) return false;
     return a.source == nullptr || a.bytes() == b.bytes();
   }
@@ -39,7 +39,7 @@ class ScalarNumbers {
   explicit ScalarNumbers(bool share) : share_(share) {}
 
   // The number of an equal object; otherwise the object is appended to the list.
-  std::uint32_t numberOf(const Object& object, std::vector<Object>& objects) {
+  std::uint32_t numberOf(const NewObject& object, std::vector<NewObject>& objects) {
     const auto fresh = static_cast<std::uint32_t>(objects.size());
     // At most half full, so that free slots end most probes.
     if (share_ && 2 * used_ >= slots_.size()) grow();
@@ -64,7 +64,7 @@ class ScalarNumbers {
     std::uint32_t next = 0;  // the object's number plus one; 0 is a free slot
   };
 
-  static std::uint32_t hashOf(const Object& object) {
+  static std::uint32_t hashOf(const NewObject& object) {
     const std::uint64_t content =
         object.source != nullptr ? std::hash<std::string_view>()(object.bytes()) : object.number;
     // A multiplication by an odd number without pattern spreads numbers that lie close together.
@@ -130,7 +130,7 @@ class BinaryWriter {
     out_.insert(out_.end(), magic.begin(), magic.end());
     // The largest reference is the last object's number.
     referenceWidth_ = WidthFor(objects_.size() - 1);
-    for (Object& object : objects_) {
+    for (NewObject& object : objects_) {
       const std::uint64_t offset = out_.size();
       writeObject(object);
       object.number = offset;
@@ -154,7 +154,7 @@ class BinaryWriter {
     if (!number(root, 0)) return false;
     for (std::size_t i = 0; i < objects_.size(); ++i) {
       // Containers keep their children's numbers side by side, from here on.
-      const Object object = objects_[i];  // a copy: the list grows
+      const NewObject object = objects_[i];  // a copy: the list grows
       const bool array = object.kind == PlistKind::array;
       if (!array && object.kind != PlistKind::dictionary) continue;
       objects_[i].number = references_.size();
@@ -163,14 +163,14 @@ class BinaryWriter {
     return true;
   }
 
-  bool collectArray(const Object& object) {
+  bool collectArray(const NewObject& object) {
     for (const PlistValue& member : *static_cast<const PlistArray*>(object.source)) {
       if (!number(member, object.depth)) return false;
     }
     return true;
   }
 
-  bool collectDictionary(const Object& object) {
+  bool collectDictionary(const NewObject& object) {
     const auto& dictionary = *static_cast<const PlistDictionary*>(object.source);
     // All keys first, then all values: the order of the file format.
     for (const PlistEntry& entry : dictionary) {
@@ -185,7 +185,7 @@ class BinaryWriter {
   // Appends a reference to the value, numbering it if it is new.
   bool number(const PlistValue& value, unsigned depth) {
     if (++nodes_ > PropertyListNodeLimit) return fail("too many values");
-    Object object;
+    NewObject object;
     object.kind = value.kind();
     switch (object.kind) {
       case PlistKind::boolean:
@@ -219,12 +219,12 @@ class BinaryWriter {
 
   bool numberString(const std::string& text) {
     if (!IsAscii(text) && !IsUtf8(text)) return fail("a text that is not in UTF-8");
-    Object object;
+    NewObject object;
     object.kind = PlistKind::string;
     return numberBytes(object, text.data(), text.size());
   }
 
-  bool numberBytes(Object object, const void* bytes, std::size_t count) {
+  bool numberBytes(NewObject object, const void* bytes, std::size_t count) {
     // Empty texts and data still need a source, which tells them from numbers.
     static constexpr char nothing = 0;
     object.source = count != 0 ? bytes : &nothing;
@@ -238,7 +238,7 @@ class BinaryWriter {
            fail("it is too large");
   }
 
-  bool numberContainer(Object object, const void* source, unsigned depth) {
+  bool numberContainer(NewObject object, const void* source, unsigned depth) {
     if (depth == PropertyListDepthLimit) return fail("nested too deeply");
     object.source = source;
     object.depth = static_cast<std::uint16_t>(depth + 1);
@@ -247,7 +247,7 @@ class BinaryWriter {
     return true;
   }
 
-  void writeObject(const Object& object) {
+  void writeObject(const NewObject& object) {
     switch (object.kind) {
       case PlistKind::boolean:
         return append(object.number != 0 ? True : False, 1);
@@ -312,7 +312,7 @@ class BinaryWriter {
     const std::uint64_t tableOffset = out_.size();
     // Every object lies before the table: no offset is larger.
     const std::size_t width = WidthFor(tableOffset);
-    for (const Object& object : objects_) append(object.number, width);
+    for (const NewObject& object : objects_) append(object.number, width);
     // The trailer: six unused bytes, the two widths, count, root and table.
     append(0, 6);
     append(width, 1);
@@ -334,7 +334,7 @@ class BinaryWriter {
   void appendBytes(std::string_view bytes) { out_.insert(out_.end(), bytes.begin(), bytes.end()); }
 
   std::vector<std::uint8_t>& out_;
-  std::vector<Object> objects_;
+  std::vector<NewObject> objects_;
   std::vector<std::uint32_t> references_;  // those of each container side by side
   ScalarNumbers scalars_;
   std::size_t nodes_ = 0;

@@ -31,7 +31,7 @@ Finding FindingOf(const json& line) {
   finding.point = line["point"];
   finding.fired = line["fired"];
   finding.neededThirdRun = line["third"];
-  finding.gaveUp = line["gaveUp"];
+  for (const json& kind : line["gaveUp"]) finding.gaveUp.push_back(kind);
   for (const json& text : line["lost"]) finding.lost.push_back(text);
   for (const json& text : line["left"]) finding.left.push_back(text);
   for (const json& text : line["allowed"]) finding.allowed.push_back(text);

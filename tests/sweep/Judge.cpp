@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <set>
 
+#include "platform/DeviceNames.h"
+
 namespace quorvel::sweep {
 
 namespace {
@@ -121,10 +123,13 @@ std::string UnknownContainer(const std::string& name) {
 
 // What may be left, by the name under which it is counted; empty for what may not. Killed between
 // its last two steps a migration leaves the map of a directory that is gone. A legacy group's
-// directory that could not be removed when it was empty is left alone. Containers that the registry
-// had begun without a flush, or could not remove, stay unknown.
+// directory that could not be removed when it held nothing but what was copied is left alone.
+// Containers that the registry had begun without a flush, or could not remove, stay unknown.
 std::string AllowedName(const std::string& name, const Leniency& leniency) {
   if (name == testing::InstallMap || (leniency.failures && name == kLegacyGroup)) return name;
+  // What was set aside has arrived, whole.
+  const std::string aside = std::string(kLegacyGroup) + "/" + std::string(MoveRemainPrefix);
+  if (leniency.failures && name.starts_with(aside)) return aside + "(any)";
   return leniency.failures || leniency.unflushed ? UnknownContainer(name) : std::string();
 }
 
@@ -141,10 +146,16 @@ bool Judge::compare(Facts actual, const Leniency& leniency, Finding* finding) co
     ForgetHarbors(&actual);
   }
   if (leniency.reading || leniency.failures) {
-    finding->gaveUp |= ForgiveGroupsThatStayed(&expected, &actual);
-    finding->gaveUp |= ForgiveMarksNotRead(&expected, &actual);
+    if (ForgiveGroupsThatStayed(&expected, &actual)) {
+      finding->gaveUp.emplace_back("groups of a map that could not be read stay");
+    }
+    if (ForgiveMarksNotRead(&expected, &actual)) {
+      finding->gaveUp.emplace_back("a placeholder's mark that could not be read is none");
+    }
   }
-  if (leniency.failures) finding->gaveUp |= ForgiveRefusedBundles(&expected, &actual);
+  if (leniency.failures && ForgiveRefusedBundles(&expected, &actual)) {
+    finding->gaveUp.emplace_back("a bundle whose installation was refused");
+  }
   const std::size_t before = finding->lost.size();
   for (const auto& [name, text] : expected) {
     const auto at = actual.find(name);
@@ -182,8 +193,7 @@ void Recover(const Judge& judge, const testing::Device& device, const testing::H
     }
     if (!attempt.lost.empty() && run == 2) continue;
     finding->neededThirdRun |= run == 3;
-    finding->gaveUp |= attempt.gaveUp;
-    for (auto list : {&Finding::lost, &Finding::left, &Finding::allowed}) {
+    for (auto list : {&Finding::gaveUp, &Finding::lost, &Finding::left, &Finding::allowed}) {
       std::vector<std::string>& all = finding->*list;
       all.insert(all.end(), (attempt.*list).begin(), (attempt.*list).end());
     }

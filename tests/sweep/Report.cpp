@@ -40,7 +40,8 @@ void Account::add(const Finding& finding) {
   row_.fired += finding.fired ? 1 : 0;
   row_.lost += finding.lost.empty() ? 0 : 1;
   row_.left += finding.left.empty() ? 0 : 1;
-  row_.gaveUp += finding.gaveUp ? 1 : 0;
+  row_.gaveUp += finding.gaveUp.empty() ? 0 : 1;
+  for (const std::string& kind : finding.gaveUp) ++row_.givenUp[kind];
   row_.thirdRun += finding.neededThirdRun ? 1 : 0;
   for (const std::string& name : finding.allowed) ++row_.allowed[name];
   const bool isWrong = !finding.fired || !finding.lost.empty() || !finding.left.empty();
@@ -97,6 +98,10 @@ void PrintTable(const std::vector<Row>& rows) {
                               : (row.isGood() ? "" : "  FAILED"));
   }
   for (const Row& row : rows) {
+    for (const auto& [kind, count] : row.givenUp) {
+      std::printf("%s, %s: given up as documented, %ld times: %s\n", row.sweep.c_str(),
+                  row.variant.c_str(), count, kind.c_str());
+    }
     for (const auto& [name, count] : row.allowed) {
       std::printf("%s, %s: left behind as documented, %ld times: %s\n", row.sweep.c_str(),
                   row.variant.c_str(), count, name.c_str());

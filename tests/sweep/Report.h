@@ -24,6 +24,7 @@ struct Row {
   std::string skipped;                  // why it was not tried
   std::string broken;                   // why it says nothing
   std::map<std::string, long> allowed;  // left behind as documented, by name
+  std::map<std::string, long> givenUp;  // points by what was given up
 
   bool isGood() const;
 };

@@ -30,7 +30,7 @@ struct Finding {
   std::string point;
   bool fired = false;
   bool neededThirdRun = false;
-  bool gaveUp = false;               // a bundle, as documented for a refused installation
+  std::vector<std::string> gaveUp;   // what the documented sequence gives up, by kind
   std::vector<std::string> lost;     // a user's item that is not whole, a run that did not complete
   std::vector<std::string> left;     // what no run of its own leaves
   std::vector<std::string> allowed;  // left behind as documented

@@ -5,6 +5,7 @@
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,10 +18,27 @@
 
 namespace quorvel::sweep {
 
+struct FileSystemKind {
+  const char* name;
+  off_t size;  // of the image
+  std::vector<std::string> make;
+  const char* mountOptions;
+  const char* package;
+};
+
 namespace {
 
-constexpr off_t kImageSize = 24 << 20;
-constexpr const char* kMountOptions = "commit=3000,noauto_da_alloc";
+// Nothing is initialised later, behind the sweep's back.
+const FileSystemKind kExt4 = {"ext4",
+                              off_t{24} << 20,
+                              {"mkfs.ext4", "-q", "-F", "-b", "4096", "-I", "256", "-m", "0", "-E",
+                               "lazy_itable_init=0,lazy_journal_init=0"},
+                              "commit=3000,noauto_da_alloc",
+                              "e2fsprogs"};
+// The smallest that its maker makes. Several copies of one image are mounted at a time.
+const FileSystemKind kXfs = {
+    "xfs", off_t{300} << 20, {"mkfs.xfs", "-q", "-f"}, "nouuid", "xfsprogs"};
+
 constexpr int kLoopAttempts = 50;  // others may take the device that was free a moment ago
 
 bool RunSilently(const std::vector<std::string>& words) {
@@ -72,32 +90,38 @@ bool CopyRange(int from, int to, off_t begin, off_t end) {
 
 }  // namespace
 
-std::string WhyNoLoopImages() {
-  if (!HaveOwnMounts()) return "mounting an image needs to be root";
-  if (::access("/dev/loop-control", R_OK | W_OK) != 0) return "there are no loop devices";
-  if (!RunSilently({"mkfs.ext4", "-V"})) return "there is no mkfs.ext4 (package e2fsprogs)";
-  return {};
+const FileSystemKind& FileSystemOfName(const std::string& name) {
+  return name == kXfs.name ? kXfs : kExt4;
 }
 
-bool MakeLoopImage(const std::string& file) {
+std::string WhyNoLoopImages(const FileSystemKind& kind) {
+  if (!HaveOwnMounts()) return "mounting an image needs to be root";
+  if (::access("/dev/loop-control", R_OK | W_OK) != 0) return "there are no loop devices";
+  if (RunSilently({kind.make.front(), "-V"})) return {};
+  return "there is no " + kind.make.front() + " (package " + kind.package + ")";
+}
+
+bool MakeLoopImage(const FileSystemKind& kind, const std::string& file) {
   const UniqueDescriptor image(::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  if (!image || ::ftruncate(image.get(), kImageSize) != 0) return false;
-  // Nothing is initialised later, behind the sweep's back.
-  if (!RunSilently({"mkfs.ext4", "-q", "-F", "-b", "4096", "-I", "256", "-m", "0", "-E",
-                    "lazy_itable_init=0,lazy_journal_init=0", file})) {
-    return false;
-  }
+  if (!image || ::ftruncate(image.get(), kind.size) != 0) return false;
+  std::vector<std::string> make = kind.make;
+  make.push_back(file);
+  // An empty journal is not copied for every point.
+  if (!RunSilently(make) || !RunSilently({"fallocate", "--dig-holes", file})) return false;
   const std::string mountPoint = file + ".mounted";
   std::filesystem::create_directories(mountPoint);
-  const MountedImage mounted(file, mountPoint);
-  return mounted.works() && ::rmdir((mountPoint + "/lost+found").c_str()) == 0;
+  const MountedImage mounted(kind, file, mountPoint);
+  const int removed = ::rmdir((mountPoint + "/lost+found").c_str());
+  return mounted.works() && (removed == 0 || errno == ENOENT);
 }
 
 bool CopyImage(const std::string& from, const std::string& to) {
   ::unlink(to.c_str());
   const UniqueDescriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   const UniqueDescriptor out(::open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!in || !out || ::ftruncate(out.get(), kImageSize) != 0) return false;
+  struct stat info {};
+  if (!in || !out || ::fstat(in.get(), &info) != 0) return false;
+  if (::ftruncate(out.get(), info.st_size) != 0) return false;
   off_t data = ::lseek(in.get(), 0, SEEK_DATA);
   while (data >= 0) {
     const off_t hole = ::lseek(in.get(), data, SEEK_HOLE);
@@ -107,12 +131,13 @@ bool CopyImage(const std::string& from, const std::string& to) {
   return errno == ENXIO;
 }
 
-MountedImage::MountedImage(const std::string& file, std::string mountPoint)
+MountedImage::MountedImage(const FileSystemKind& kind, const std::string& file,
+                           std::string mountPoint)
     : mountPoint_(std::move(mountPoint)) {
   UniqueDescriptor loop;
   const std::string device = AttachLoop(file, &loop);
   works_ = !device.empty() &&
-           ::mount(device.c_str(), mountPoint_.c_str(), "ext4", 0, kMountOptions) == 0;
+           ::mount(device.c_str(), mountPoint_.c_str(), kind.name, 0, kind.mountOptions) == 0;
 }
 
 MountedImage::MountedImage(MountedImage&& other) noexcept

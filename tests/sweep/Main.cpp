@@ -65,15 +65,17 @@ std::vector<std::string> Spread(const std::vector<std::string>& points, std::siz
   return spread;
 }
 
-std::string Repeat(const Options& options, const std::string& sweep, const Variant& variant) {
-  return "scripts/sweep " + sweep + " --variant " + variant.name +
+std::string Repeat(const Options& options, const Sweep& sweep, const Variant& variant) {
+  const std::string fileSystem = sweep.fileSystem();
+  return "scripts/sweep " + sweep.name() + " --variant " + variant.name +
+         (fileSystem.empty() ? "" : " --file-system " + fileSystem) +
          (options.isSmall ? " --small" : "");
 }
 
 Row Run(Sweep& sweep, const Options& options, const Variant& variant) {
   Row row;
   row.sweep = sweep.name();
-  row.variant = variant.name;
+  row.variant = variant.name + (sweep.fileSystem().empty() ? "" : ", " + sweep.fileSystem());
   row.isControl = sweep.isControl();
   row.skipped = sweep.whyNot();
   if (!row.skipped.empty()) return row;
@@ -90,7 +92,7 @@ Row Run(Sweep& sweep, const Options& options, const Variant& variant) {
       std::filesystem::create_directories(keep + place);
     }
   }
-  Account account(row, Repeat(options, sweep.name(), variant), points.size());
+  Account account(row, Repeat(options, sweep, variant), points.size());
   const bool whole = TryPoints(
       sweep, points, keep.empty() ? options.jobs : 1, keep,
       [&](const Finding& finding) { account.add(finding); },
@@ -106,10 +108,12 @@ std::vector<std::unique_ptr<Sweep>> SweepsOf(const Options& options, const Varia
   if (all || options.sweep == "kill") sweeps.push_back(MakeKillSweep(options, variant));
   if (all || options.sweep == "fail") sweeps.push_back(MakeFailSweep(options, variant));
   if (!all && options.sweep != "power") return sweeps;
-  sweeps.push_back(MakePowerSweep(options, variant, true));
   const bool isFirst = variant.name == options.variants.front().name;
-  if (options.only.empty() && (options.every == 1 || isFirst)) {
-    sweeps.push_back(MakePowerSweep(options, variant, false));
+  for (const std::string& fileSystem : options.fileSystems) {
+    sweeps.push_back(MakePowerSweep(options, variant, fileSystem, true));
+    if (options.only.empty() && (options.every == 1 || isFirst)) {
+      sweeps.push_back(MakePowerSweep(options, variant, fileSystem, false));
+    }
   }
   return sweeps;
 }
@@ -150,6 +154,8 @@ bool Parse(int argc, char** argv, Options* options, int* code) {
   app.add_option("--every", options->every, "Try every so many points")->check(CLI::PositiveNumber);
   app.add_option("--variant", names, "one, data-elsewhere, containers-elsewhere; all by default")
       ->check(CLI::IsMember({"one", "data-elsewhere", "containers-elsewhere"}));
+  app.add_option("--file-system", options->fileSystems, "ext4, xfs (power); both by default")
+      ->check(CLI::IsMember({"ext4", "xfs"}));
   app.add_option("--only", options->only, "Try a point, or all of a call, and keep the trees");
   app.add_option("--jobs", options->jobs, "Processes that share the points")
       ->check(CLI::PositiveNumber);
@@ -161,6 +167,7 @@ bool Parse(int argc, char** argv, Options* options, int* code) {
     *code = app.exit(error) == 0 ? kExitGood : kExitUsage;
     return false;
   }
+  if (options->fileSystems.empty()) options->fileSystems = {"ext4", "xfs"};
   for (const Variant& variant : AllVariants()) {
     const bool isNamed = std::find(names.begin(), names.end(), variant.name) != names.end();
     if (names.empty() || isNamed) options->variants.push_back(variant);

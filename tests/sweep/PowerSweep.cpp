@@ -24,11 +24,13 @@ constexpr char kJournalToo = 'j';   // a commit of the journal that another file
 
 class PowerSweep : public Sweep {
  public:
-  PowerSweep(const Options& options, const Variant& variant, bool flushes);
+  PowerSweep(const Options& options, const Variant& variant, const std::string& fileSystem,
+             bool flushes);
   ~PowerSweep() override;
 
   std::string name() const override { return isControl() ? "power, no flushes" : "power"; }
-  std::string whyNot() const override { return WhyNoLoopImages(); }
+  std::string fileSystem() const override { return fileSystem_; }
+  std::string whyNot() const override { return WhyNoLoopImages(kind_); }
   bool measure(std::string* problem) override;
   std::vector<std::string> points() const override;
   std::vector<Finding> tryPoint(const std::string& point, const std::string& keep) override;
@@ -49,6 +51,8 @@ class PowerSweep : public Sweep {
   Finding recover(const std::string& point, const std::string& kept, const std::string& keep);
 
   const Options options_;
+  const std::string fileSystem_;
+  const FileSystemKind& kind_;
   const HostProgram host_;
   testing::HostSetup setup_;
   const std::string directory_;
@@ -58,10 +62,14 @@ class PowerSweep : public Sweep {
   long flushes_ = 0;
 };
 
-PowerSweep::PowerSweep(const Options& options, const Variant& variant, bool flushes)
+PowerSweep::PowerSweep(const Options& options, const Variant& variant,
+                       const std::string& fileSystem, bool flushes)
     : options_(options),
+      fileSystem_(fileSystem),
+      kind_(FileSystemOfName(fileSystem)),
       host_{options.host, flushes ? std::string() : options.preload},
-      directory_(options.directory + "/power-" + variant.name + (flushes ? "" : "-control")),
+      directory_(options.directory + "/power-" + variant.name + "-" + fileSystem +
+                 (flushes ? "" : "-control")),
       mountPoints_{""} {
   setup_.program = options.host;
   if (!variant.mountPoint.empty()) mountPoints_.push_back(variant.mountPoint);
@@ -82,7 +90,7 @@ std::string PowerSweep::mountPoint(std::size_t disk) const {
 }
 
 MountedImages PowerSweep::mount(const std::vector<std::string>& files) {
-  MountedImages images;
+  MountedImages images(kind_);
   for (std::size_t disk = 0; disk < files.size() && images.works(); ++disk) {
     const std::string own = ownImage(disk, "mounted");
     if (!CopyImage(files[disk], own)) images.fail();
@@ -105,9 +113,9 @@ bool PowerSweep::makeImages() {
   std::filesystem::create_directories(plain);
   if (!MakeReferenceDevice(plain, options_.host, options_.isSmall)) return false;
   judge_.learn(plain);
-  MountedImages images;
+  MountedImages images(kind_);
   for (std::size_t disk = 0; disk < mountPoints_.size(); ++disk) {
-    if (!MakeLoopImage(pristineImage(disk))) return false;
+    if (!MakeLoopImage(kind_, pristineImage(disk))) return false;
     std::filesystem::create_directories(mountPoint(disk));
     if (!images.add(pristineImage(disk), mountPoint(disk))) return false;
     testing::Put(mountPoint(disk) + UnrelatedFile, "0");
@@ -227,8 +235,8 @@ std::vector<Finding> PowerSweep::tryPoint(const std::string& point, const std::s
 }  // namespace
 
 std::unique_ptr<Sweep> MakePowerSweep(const Options& options, const Variant& variant,
-                                      bool flushes) {
-  return std::make_unique<PowerSweep>(options, variant, flushes);
+                                      const std::string& fileSystem, bool flushes) {
+  return std::make_unique<PowerSweep>(options, variant, fileSystem, flushes);
 }
 
 }  // namespace quorvel::sweep

@@ -82,16 +82,16 @@ Row Account::close() {
 }
 
 void PrintTable(const std::vector<Row>& rows) {
-  std::printf("%-18s %-20s %7s %7s %5s %6s %8s %5s %8s\n", "sweep", "variant", "points", "fired",
+  std::printf("%-18s %-25s %7s %7s %5s %6s %8s %5s %8s\n", "sweep", "variant", "points", "fired",
               "lost", "left", "given up", "third", "seconds");
   for (const Row& row : rows) {
     if (!row.skipped.empty() || !row.broken.empty()) {
-      std::printf("%-18s %-20s %s: %s\n", row.sweep.c_str(), row.variant.c_str(),
+      std::printf("%-18s %-25s %s: %s\n", row.sweep.c_str(), row.variant.c_str(),
                   row.broken.empty() ? "skipped" : "BROKEN",
                   (row.broken.empty() ? row.skipped : row.broken).c_str());
       continue;
     }
-    std::printf("%-18s %-20s %7ld %7ld %5ld %6ld %8ld %5ld %8.1f%s\n", row.sweep.c_str(),
+    std::printf("%-18s %-25s %7ld %7ld %5ld %6ld %8ld %5ld %8.1f%s\n", row.sweep.c_str(),
                 row.variant.c_str(), row.points, row.fired, row.lost, row.left, row.gaveUp,
                 row.thirdRun, row.seconds,
                 row.isControl ? (row.isGood() ? "  (caught, as it must be)" : "  NOT CAUGHT")

@@ -16,10 +16,11 @@ struct Variant {
 struct Options {
   std::string sweep;
   std::vector<Variant> variants;
-  std::vector<std::string> only;  // points, or whole calls, to try; all when empty
-  std::string host;               // the program that is swept
-  std::string preload;            // the library without flushes
-  std::string directory;          // in memory; scratch trees are made in it
+  std::vector<std::string> only;         // points, or whole calls, to try; all when empty
+  std::vector<std::string> fileSystems;  // that lose what was not flushed: "ext4", "xfs"
+  std::string host;                      // the program that is swept
+  std::string preload;                   // the library without flushes
+  std::string directory;                 // in memory; scratch trees are made in it
   long every = 1;
   long jobs = 1;
   bool isSmall = false;  // the device with one container of two kinds
@@ -43,6 +44,8 @@ class Sweep {
   virtual ~Sweep() = default;
 
   virtual std::string name() const = 0;
+  // That it needs one of; empty when any will do.
+  virtual std::string fileSystem() const { return {}; }
   // Why it cannot be had here, or empty.
   virtual std::string whyNot() const = 0;
   // Runs an undisturbed migration. False with words when that alone goes wrong.
@@ -58,7 +61,8 @@ class Sweep {
 std::unique_ptr<Sweep> MakeKillSweep(const Options& options, const Variant& variant);
 std::unique_ptr<Sweep> MakeFailSweep(const Options& options, const Variant& variant);
 // With `flushes` false the host's flushes do nothing: the sweep must find a loss.
-std::unique_ptr<Sweep> MakePowerSweep(const Options& options, const Variant& variant, bool flushes);
+std::unique_ptr<Sweep> MakePowerSweep(const Options& options, const Variant& variant,
+                                      const std::string& fileSystem, bool flushes);
 
 // The call in a point's name.
 long CallOf(const std::string& point);

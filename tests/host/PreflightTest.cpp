@@ -82,7 +82,9 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
       {InstallMap, "sed -i 's,<dict>.*<.dict>,<dict><key>GroupContainers</key><true/></dict>,' $F",
        "install-map-damaged"},
       {InstallMap, "rm $F && mkdir $F", "install-map-unreadable"},
-      {HarborMap, "truncate -s $(($(stat -c %s $F) / 2)) $F", "harbor-map-damaged"}};
+      {HarborMap, "truncate -s $(($(stat -c %s $F) / 2)) $F", "harbor-map-damaged"},
+      {HarborMap, "rm $F && mkdir $F", "harbor-map-unreadable"},
+      {kRegistry, "rm $F && mkdir $F", "registry-unreadable"}};
   int number = 0;
   for (const Case& one : cases) {
     SCOPED_TRACE(std::to_string(number) + one.finding);
@@ -123,13 +125,18 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
     ASSERT_EQ(found.size(), 1U) << run.out;
     EXPECT_TRUE(found[0].starts_with("refuse read-only /private/var/mobile")) << found[0];
   });
-  // What must be copied there is a file of three mebibytes, and one of a hundred with a hole.
-  Put(device.container("A 1") + "/Documents/large", std::string(3 << 20, 'x'));
+  // What must be copied there is two mebibytes of data, two of a bundle and two of a group, and a
+  // file of a hundred with a hole. With the margin this is more than seven, without any of them
+  // it is less.
+  const std::string large(2 << 20, 'x');
+  Put(device.container("A 1") + "/Documents/large", large);
+  Put(device.container("A 1") + "/Tool One.app/large", large);
+  Put(device.root() + Mobile + "/Groups/shared/large", large);
   Put(device.container("A 1") + "/Documents/sparse", "");
   fs::resize_file(device.container("A 1") + "/Documents/sparse", 100 << 20);
   fs::create_directories(containers);
   const std::tuple<const char*, const char*, bool> sizes[] = {
-      {"size=3m", "no-space", true},
+      {"size=7m", "no-space", true},
       {"size=16m,nr_inodes=20", "no-inodes", true},
       {"size=16m", "", false}};
   for (const auto& [options, name, refused] : sizes) {
@@ -148,13 +155,15 @@ TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
   const ScratchTree tree;
   const Device device(tree / "device");
   device.make();
+  const std::string home = Mobile;
   Put(device.root() + InstallMap,
-      Map("<dict><key>g</key><dict>" + Entry("Container", std::string(Mobile) + "/Held") +
-          "</dict></dict>"));
-  const std::string held = device.root() + Mobile + "/Held/item";
-  Put(held, "of a group");
-  const std::vector<std::string> fixed = {held, device.container("A 1") + "/Documents",
-                                          device.root() + Mobile + "/Applications"};
+      Map("<dict><key>g</key><dict>" + Entry("Container", home + "/Held") +
+          "</dict><key>h</key><dict>" + Entry("Container", home + "/Sealed") + "</dict></dict>"));
+  Put(device.root() + home + "/Held/item", "of a group");
+  Put(device.root() + home + "/Sealed/item", "of another");
+  const std::vector<std::string> fixed = {
+      device.root() + home + "/Held/item", device.root() + home + "/Sealed",
+      device.container("A 1") + "/Documents", device.root() + home + "/Applications"};
   const auto setFlags = [&](int flags) {
     for (const std::string& path : fixed) {
       const int item = ::open(path.c_str(), O_RDONLY);
@@ -164,17 +173,28 @@ TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
     }
     return true;
   };
-  if (!setFlags(FS_IMMUTABLE_FL)) {
-    (void)setFlags(0);
-    GTEST_SKIP() << "the immutable flag cannot be set here";
+  for (const int flag : {FS_IMMUTABLE_FL, FS_APPEND_FL}) {
+    if (!setFlags(flag)) {
+      (void)setFlags(0);
+      GTEST_SKIP() << "the immutable flag cannot be set here";
+    }
+    ExpectRefused(device, {"refuse immutable " + home + "/Applications",
+                           "warning container-not-movable " + home + "/Applications/A 1",
+                           "refuse group-not-movable " + home + "/Held",
+                           "refuse group-not-movable " + home + "/Sealed"});
+    ASSERT_TRUE(setFlags(0));
   }
-  const std::string home = Mobile;
-  ExpectRefused(device, {"refuse immutable " + home + "/Applications",
-                         "warning container-not-movable " + home + "/Applications/A 1",
-                         "refuse group-not-movable " + home + "/Held"});
-  ASSERT_TRUE(setFlags(0));
-  const HostRun run = device.run({"inspect", "--json"});
-  EXPECT_EQ(FindingsOf(run), std::vector<std::string>());
+  EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), std::vector<std::string>());
+  if (!NoMounts().empty()) return;
+  WithMounts([&] {
+    for (const char* place : {"A 1/Documents", "E5"}) {
+      ASSERT_EQ(::mount("tmpfs", device.container(place).c_str(), "tmpfs", 0, nullptr), 0);
+    }
+    auto found = FindingsOf(device.run({"inspect", "--json"}));
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (std::vector{"warning container-not-movable " + home + "/Applications/A 1",
+                                  "warning container-not-movable " + home + "/Applications/E5"}));
+  });
 }
 
 TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
@@ -188,19 +208,33 @@ TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
   device.make();
   const std::string home = Mobile;
   ASSERT_EQ(std::system(("chown -R nobody " + device.root()).c_str()), 0);
-  fs::create_directories(device.root() + home + "/Containers/Data");
+  const std::string registry = "/private/var/quorveld/Library";
+  fs::create_directories(device.inside(home + "/Containers"));
+  fs::create_directories(device.inside(registry + "/Registry"));
   ::chmod(device.container("A 1").c_str(), 0555);
+  ::chmod(device.container("D4").c_str(), 0600);
   ::chmod((device.container("E5") + "/Documents").c_str(), 0500);
-  const HostRun run = device.run({"migrate", "--json"}, setup);
-  EXPECT_EQ(run.exitCode, 5) << run.err;
-  auto found = FindingsOf(run);
-  std::sort(found.begin(), found.end());
-  const std::vector<std::string> expected = {
-      "refuse not-permitted " + home + "/Containers",
-      "refuse not-permitted " + home + "/Containers/Data",
-      "warning container-not-movable " + home + "/Applications/A 1",
-      "warning container-not-movable " + home + "/Applications/E5"};
-  EXPECT_EQ(found, expected) << run.err;
+  ASSERT_EQ(::mkdir((device.container("F6") + "/Documents/closed").c_str(), 0), 0);
+  ::chmod(device.inside(registry).c_str(), 0700);
+  WithMounts([&] {
+    const std::string containers = device.inside(home + "/Containers");
+    ASSERT_EQ(::mount("tmpfs", containers.c_str(), "tmpfs", 0, "mode=0755"), 0);
+    fs::create_directory(containers + "/Data");
+    const HostRun run = device.run({"migrate", "--json"}, setup);
+    EXPECT_EQ(run.exitCode, 5) << run.err;
+    auto found = FindingsOf(run);
+    std::sort(found.begin(), found.end());
+    const std::vector<std::string> expected = {
+        "refuse not-permitted " + home + "/Containers",
+        "refuse not-permitted " + home + "/Containers/Data",
+        "refuse not-permitted " + registry + "/Registry",
+        "refuse registry-unreadable " + registry + "/Registry/registry.db",
+        "warning container-not-movable " + home + "/Applications/A 1",
+        "warning container-not-movable " + home + "/Applications/D4",
+        "warning container-not-movable " + home + "/Applications/E5",
+        "warning container-not-movable " + home + "/Applications/F6/Documents"};
+    EXPECT_EQ(found, expected) << run.err;
+  });
 }
 
 TEST(PreflightTest, ARefusedNamespaceIsToldWithTheWayAroundIt) {

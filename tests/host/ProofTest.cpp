@@ -109,6 +109,22 @@ TEST(ProofTest, WhatIsTamperedWithAfterAMigrationIsNamed) {
   }
 }
 
+// Nobody wants to lose one container's data for another's, so it takes a word: the refusal names
+// both and their app, and changes nothing.
+void ExpectRefusedWithoutAWord(const Device& device) {
+  const Facts before = Snapshot(device.root());
+  const HostRun refused = device.run({"migrate"});
+  EXPECT_EQ(refused.exitCode, 5);
+  EXPECT_NE(refused.err.find("refused (duplicate-identifiers): " + std::string(Mobile)),
+            std::string::npos)
+      << refused.err;
+  for (const char* name : {"/Applications/A", "/Applications/B", "com.example.same"}) {
+    EXPECT_NE(refused.err.find(name), std::string::npos) << name << refused.err;
+  }
+  EXPECT_EQ(Snapshot(device.root()), before);
+  EXPECT_EQ(device.run({"inspect"}).exitCode, 5);
+}
+
 // What the sequence replaces: an app's new item by its legacy one, and one legacy container's by
 // another's of the same app. A stopped container keeps what it has, and the rest has arrived.
 TEST(ProofTest, AFailedMigrationIsAccountedFor) {
@@ -128,18 +144,7 @@ TEST(ProofTest, AFailedMigrationIsAccountedFor) {
   AgeTree(device.root());
   const std::string manifest = tree / "manifest";
   ASSERT_EQ(device.run({"snapshot", "--output", manifest}).exitCode, 0);
-  // Nobody wants that, so it takes a word.
-  const Facts before = Snapshot(device.root());
-  const HostRun refused = device.run({"migrate"});
-  EXPECT_EQ(refused.exitCode, 5);
-  EXPECT_NE(refused.err.find("refused (duplicate-identifiers): " + std::string(Mobile)),
-            std::string::npos)
-      << refused.err;
-  for (const char* name : {"/Applications/A", "/Applications/B", "com.example.same"}) {
-    EXPECT_NE(refused.err.find(name), std::string::npos) << name << refused.err;
-  }
-  EXPECT_EQ(Snapshot(device.root()), before);
-  EXPECT_EQ(device.run({"inspect"}).exitCode, 5);
+  ExpectRefusedWithoutAWord(device);
   const HostRun run =
       device.run({"migrate", "--json", "--force-preflight", "duplicate-identifiers"});
   EXPECT_EQ(run.exitCode, 1);
@@ -319,6 +324,35 @@ std::vector<std::string> LinesOfEachKind(const std::string& text) {
   return one;
 }
 
+using Commands = std::vector<std::vector<std::string>>;
+
+// They get nowhere without a registry or a device.
+Commands CommandsOnNothing(const std::string& manifest, const std::string& output) {
+  return {{"inspect"},
+          {"status"},
+          {"registry"},
+          {"register", "--identifier", "a.b"},
+          {"snapshot", "--output", output},
+          {"verify", manifest},
+          {"rehearse"},
+          {"migrate"}};
+}
+
+struct Printed {
+  std::vector<std::string> objects{};
+  std::map<int, int> codes{};  // how often each
+
+  void add(const Device& device, const Commands& commands) {
+    for (std::vector<std::string> command : commands) {
+      command.emplace_back("--json");
+      const HostRun run = device.run(command);
+      ++codes[run.exitCode];
+      objects.push_back(run.out);
+      EXPECT_EQ(json::parse(run.out, nullptr, false).value("exitCode", run.exitCode), run.exitCode);
+    }
+  }
+};
+
 // Each command on a sound device, on one where it fails, and where it is refused.
 TEST(ProofTest, WhatEveryCommandPrintsIsDocumented) {
   const ScratchTree tree;
@@ -327,64 +361,39 @@ TEST(ProofTest, WhatEveryCommandPrintsIsDocumented) {
   ASSERT_EQ(::mkfifo(device.container("A 1/Documents/pipe").c_str(), 0600), 0);
   const std::string manifest = tree / "manifest";
   const std::string nowhere = tree / "nowhere";
-  std::vector<std::string> lines;
-  std::vector<std::string> printed;
-  std::map<int, int> codes;
-  const auto print = [&](const std::vector<std::vector<std::string>>& commands) {
-    for (std::vector<std::string> command : commands) {
-      command.emplace_back("--json");
-      const HostRun run = device.run(command);
-      ++codes[run.exitCode];
-      printed.push_back(run.out);
-      EXPECT_EQ(json::parse(run.out, nullptr, false).value("exitCode", run.exitCode), run.exitCode);
-    }
-  };
-  print({{"inspect"},
-         {"status"},
-         {"registry"},
-         {"snapshot", "--output", manifest},
-         {"rehearse"},
-         {"migrate"},
-         {"verify", manifest}});
-  lines = LinesOfEachKind(ReadFile(manifest));
+  Printed printed;
+  printed.add(device, {{"inspect"},
+                       {"status"},
+                       {"registry"},
+                       {"snapshot", "--output", manifest},
+                       {"rehearse"},
+                       {"migrate"},
+                       {"verify", manifest}});
   fs::remove_all(device.container("C3/Alone.vpnplugin/Current"));
-  print({{"register", "--identifier", "com.example.alone"},
-         {"inspect"},
-         {"verify", manifest},
-         {"migrate"},
-         {"registry"},
-         {"status"}});
+  printed.add(device, {{"register", "--identifier", "com.example.alone"},
+                       {"inspect"},
+                       {"verify", manifest},
+                       {"migrate"},
+                       {"registry"},
+                       {"status"}});
+  std::vector<std::string> lines = LinesOfEachKind(ReadFile(manifest));
   for (const std::string& line : LinesOfEachKind(device.run({"snapshot"}).out)) {
     lines.push_back(line);
   }
-  // No command gets anywhere with a registry that is none, and with words that mean nothing.
-  print({{"register", "--identifier", ""},
-         {"verify", nowhere},
-         {"snapshot", "--output", "/"},
-         {"migrate", "--plugin", nowhere},
-         {"rehearse", "--upper", nowhere},
-         {"migrate", "--log", nowhere + "/log"}});
+  // No command gets anywhere with words that mean nothing, a registry that is none and no device.
+  printed.add(device, {{"register", "--identifier", ""},
+                       {"verify", nowhere},
+                       {"snapshot", "--output", "/"},
+                       {"migrate", "--plugin", nowhere},
+                       {"rehearse", "--upper", nowhere},
+                       {"migrate", "--log", nowhere + "/log"}});
   Put(device.inside("/private/var/quorveld/Library/Registry/registry.db"), std::string(9000, 'x'));
-  print({{"inspect"},
-         {"status"},
-         {"registry"},
-         {"register", "--identifier", "a.b"},
-         {"snapshot", "--output", nowhere},
-         {"verify", manifest},
-         {"rehearse"},
-         {"migrate"}});
+  printed.add(device, CommandsOnNothing(manifest, nowhere));
   fs::remove_all(device.inside("/private"));
-  print({{"inspect"},
-         {"status"},
-         {"registry"},
-         {"register", "--identifier", "a.b"},
-         {"snapshot"},
-         {"verify", manifest},
-         {"rehearse"},
-         {"migrate"}});
-  ExpectDocumented(printed);
+  printed.add(device, CommandsOnNothing(manifest, nowhere));
+  ExpectDocumented(printed.objects);
   ExpectDocumented(lines, "manifest");
-  for (const int code : {0, 1, 2, 3, 4, 5}) EXPECT_GT(codes[code], 0) << code;
+  for (const int code : {0, 1, 2, 3, 4, 5}) EXPECT_GT(printed.codes[code], 0) << code;
 }
 
 }  // namespace

@@ -54,6 +54,39 @@ void ExpectTimed(const json& container) {
   EXPECT_LE(sum, container["seconds"].get<double>() + 2e-5) << container;
 }
 
+// Row `index` has what the container's result has; how many of the log's migrations it shows. Each
+// line of the log belongs to the container that it speaks of, and to no other.
+int ExpectRow(const std::string& page, std::size_t index, const json& container) {
+  ExpectTimed(container);
+  const std::string row = RowOf(page, index);
+  const json& app = container["identifier"];
+  EXPECT_TRUE(!app.is_string() || row.find(app) != row.npos) << row;
+  for (const std::string kept : container["kept"]) EXPECT_NE(row.find(kept), row.npos) << row;
+  const std::string log = Behind(row, "<pre>", "</pre>");
+  int logs = 0;
+  for (const char* other : {"com.example.one", "com.example.two", "com.example.over"}) {
+    const bool isHere = log.find("QVRavelle: Migrating " + std::string(other) + " at") != log.npos;
+    EXPECT_EQ(isHere, app == other) << log;
+    logs += isHere ? 1 : 0;
+  }
+  if (app == "com.example.over") {
+    EXPECT_NE(row.find("it holds items that no step "
+                       "moves<small>&quot;&gt;&lt;script&gt;alert(1)&lt;\\x01\\xff"),
+              std::string::npos)
+        << row;
+    EXPECT_EQ(container["steps"].size(), 8u);
+  }
+  return logs;
+}
+
+void ExpectTotals(const std::string& page, const json& result) {
+  EXPECT_EQ(TotalOf(page, "items"), std::to_string(result["items"].get<int>()));
+  for (const auto& [outcome, count] : result["counts"].items()) {
+    EXPECT_EQ(TotalOf(page, outcome), std::to_string(count.get<int>())) << outcome;
+    EXPECT_EQ(CountOf(page, "data-o=\"" + outcome + "\""), count.get<std::size_t>()) << outcome;
+  }
+}
+
 TEST(ReportTest, ThePageOfARunSaysWhatItsResultSays) {
   const ScratchTree tree;
   const Device device(tree / "device");
@@ -70,35 +103,12 @@ TEST(ReportTest, ThePageOfARunSaysWhatItsResultSays) {
   const std::string page = tree.read("page");
   ExpectSelfContained(page);
   EXPECT_EQ(CountOf(page, "&lt;b&gt;&quot;&#39;&amp;"), 2u);  // title and head
-  EXPECT_EQ(TotalOf(page, "items"), std::to_string(result["items"].get<int>()));
-  for (const auto& [outcome, count] : result["counts"].items()) {
-    EXPECT_EQ(TotalOf(page, outcome), std::to_string(count.get<int>())) << outcome;
-    EXPECT_EQ(CountOf(page, "data-o=\"" + outcome + "\""), count.get<std::size_t>()) << outcome;
-  }
-  std::size_t logs = 0;
+  ExpectTotals(page, result);
+  int logs = 0;
   for (std::size_t i = 0; i < result["containers"].size(); ++i) {
-    const json& container = result["containers"][i];
-    ExpectTimed(container);
-    const std::string row = RowOf(page, i);
-    const json& app = container["identifier"];
-    EXPECT_TRUE(!app.is_string() || row.find(app) != row.npos) << row;
-    for (const std::string kept : container["kept"]) EXPECT_NE(row.find(kept), row.npos) << row;
-    // Each line of the log belongs to the container that it speaks of, and to no other.
-    const std::string log = Behind(row, "<pre>", "</pre>");
-    for (const char* other : {"com.example.one", "com.example.two", "com.example.over"}) {
-      const bool isHere =
-          log.find("QVRavelle: Migrating " + std::string(other) + " at") != log.npos;
-      EXPECT_EQ(isHere, app == other) << log;
-      logs += isHere ? 1 : 0;
-    }
-    if (app != "com.example.over") continue;
-    EXPECT_NE(row.find("it holds items that no step "
-                       "moves<small>&quot;&gt;&lt;script&gt;alert(1)&lt;\\x01\\xff"),
-              std::string::npos)
-        << row;
-    EXPECT_EQ(container["steps"].size(), 8u);
+    logs += ExpectRow(page, i, result["containers"][i]);
   }
-  EXPECT_EQ(logs, 3u);
+  EXPECT_EQ(logs, 3);
   EXPECT_EQ(CountOf(page, "<div class=\"run\" data-c="), result["containers"].size());
   EXPECT_EQ(CountOf(Behind(page, "id=\"harbors\"", "</table>"), "com.example.gone"), 1u);
 }
@@ -129,8 +139,8 @@ json ResultOf(int index, const json& like) {
   return result;
 }
 
-TEST(ReportTest, ThePageOfAFleetCountsEveryResultOnce) {
-  const ScratchTree tree;
+// 300 results, as files of their own, indented or not, and as lines of one; and what is none.
+std::string WriteFleet(const ScratchTree& tree) {
   const Device device(tree / "device");
   PutBundle(device.container("A/One.app"), "com.example.one");
   PutBundle(device.container("B/Two.app"), "com.example.two");
@@ -138,7 +148,6 @@ TEST(ReportTest, ThePageOfAFleetCountsEveryResultOnce) {
   std::string lines;
   for (int i = 0; i < 300; ++i) {
     const json result = ResultOf(i, like);
-    // As files of their own, indented or not, and as lines of one.
     if (i < 100) {
       tree.write("results/" + std::to_string(i) + ".json", result.dump(i % 2 == 0 ? 2 : -1));
     } else {
@@ -152,23 +161,10 @@ TEST(ReportTest, ThePageOfAFleetCountsEveryResultOnce) {
   tree.write("results/empty.json", "");
   tree.write("results/deep.json", std::string(1'000'000, '['));
   tree.write("results/not a result.txt", "passed over");
-  const std::vector<std::string> command = {"report",        tree / "results", tree / "lines",
-                                            tree / "absent", "--output",       tree / "page"};
-  const HostRun told = RunHost(command);
-  EXPECT_EQ(told.exitCode, 1);
-  EXPECT_NE(told.err.find("deep.json: no JSON\n"), std::string::npos) << told.err;
-  auto asJson = command;
-  asJson.emplace_back("--json");
-  const HostRun run = RunHost(asJson);
-  EXPECT_EQ(run.exitCode, 1);
-  ExpectDocumented({run.out});
-  const json summary = json::parse(run.out);
-  const std::map<std::string, int> expected = {
-      {"devices", 301},    {"succeeded", 258},     {"failed", 30},
-      {"interrupted", 12}, {"notBegun", 1},        {"containers", 600},
-      {"unusable", 5},     {"devicesThatLost", 3}, {"devicesThatKept", 42}};
-  for (const auto& [key, number] : expected) EXPECT_EQ(summary[key], number) << key;
-  const std::string page = tree.read("page");
+  return lines;
+}
+
+void ExpectFleetPage(const std::string& page, const std::map<std::string, int>& expected) {
   ExpectSelfContained(page);
   for (const char* key : {"devices", "failed", "interrupted", "notBegun", "devicesThatLost"}) {
     EXPECT_EQ(TotalOf(page, key), std::to_string(expected.at(key))) << key;
@@ -189,6 +185,27 @@ TEST(ReportTest, ThePageOfAFleetCountsEveryResultOnce) {
   for (const char* why : {"deep.json", "absent", "empty.json", "inspected.json", "lines:202"}) {
     EXPECT_NE(Behind(page, "id=\"unusable\"", "</table>").find(why), std::string::npos) << why;
   }
+}
+
+TEST(ReportTest, ThePageOfAFleetCountsEveryResultOnce) {
+  const ScratchTree tree;
+  const std::string lines = WriteFleet(tree);
+  std::vector<std::string> command = {"report",        tree / "results", tree / "lines",
+                                      tree / "absent", "--output",       tree / "page"};
+  const HostRun told = RunHost(command);
+  EXPECT_EQ(told.exitCode, 1);
+  EXPECT_NE(told.err.find("deep.json: no JSON\n"), std::string::npos) << told.err;
+  command.emplace_back("--json");
+  const HostRun run = RunHost(command);
+  EXPECT_EQ(run.exitCode, 1);
+  ExpectDocumented({run.out});
+  const json summary = json::parse(run.out);
+  const std::map<std::string, int> expected = {
+      {"devices", 301},    {"succeeded", 258},     {"failed", 30},
+      {"interrupted", 12}, {"notBegun", 1},        {"containers", 600},
+      {"unusable", 5},     {"devicesThatLost", 3}, {"devicesThatKept", 42}};
+  for (const auto& [key, number] : expected) EXPECT_EQ(summary[key], number) << key;
+  ExpectFleetPage(tree.read("page"), expected);
   // Neither a result nor a log is written over, and a log goes with one run.
   EXPECT_EQ(RunHost({"report", tree / "lines", "--output", tree / "lines"}).exitCode, 2);
   EXPECT_EQ(RunHost({"report", tree / "lines", "--log", tree / "lines"}).exitCode, 2);

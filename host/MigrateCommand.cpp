@@ -206,6 +206,7 @@ struct Run {
 std::optional<int> RefuseToBegin(Run& run) {
   const Options& options = run.options;
   run.result.device = DeviceName(options);  // the path leads elsewhere once the tree was entered
+  run.result.only = options.only;
   if (!Prepare(options, run.root, run.bundle, run.services, run.events, run.error)) {
     return ReportFatal(run.error, options.json);
   }

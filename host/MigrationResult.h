@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "host/CommandLine.h"
 #include "host/PluginBundle.h"
@@ -27,7 +28,8 @@ void AddIdentity(const RunIdentity& identity, Json& object);
 // A run that was interrupted has what was known by then.
 struct MigrationResult {
   RunIdentity identity{};
-  std::string device{};  // its name
+  std::string device{};             // its name
+  std::vector<std::string> only{};  // the identifiers it was limited to; empty: everything
   double startedAt = 0;  // seconds since 1970, what all other times of the run are counted from
   std::string dataClassName{};
   // As the plug-in told it before the run, in its own unit.

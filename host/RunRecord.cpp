@@ -23,6 +23,8 @@ constexpr const char* kName = "runs.jsonl";
 constexpr auto kInterval = std::chrono::seconds(2);
 // Of one identifier, which may be as long as a property list allows.
 constexpr std::size_t kLongestIdentifier = 256;
+// Of all identifiers that a run was limited to, so that a line keeps below kLongestRun.
+constexpr std::size_t kLongestChoice = 1500;
 
 UniqueDescriptor OpenDirectory() {
   return UniqueDescriptor(
@@ -36,6 +38,19 @@ int ReadFile(int directory, std::string& text) {
       onlinux::ReadRegularFile(directory, kName, kMostRuns * kLongestRun, false, bytes);
   text.assign(bytes.begin(), bytes.end());
   return number;
+}
+
+// How many apps a run was limited to, and as many of them as a line has room for; null of none.
+Json ChoiceAsJson(const std::vector<std::string>& only) {
+  if (only.empty()) return nullptr;
+  Json choice = {{"apps", only.size()}, {"identifiers", Json::array()}};
+  std::size_t size = 0;
+  for (const std::string& identifier : only) {
+    size += JsonLine(identifier).size();
+    if (size > kLongestChoice) break;
+    choice["identifiers"].push_back(identifier);
+  }
+  return choice;
 }
 
 }  // namespace
@@ -77,6 +92,7 @@ RunRecord::RunRecord(const MigrationResult& begun, const MigratorPlugin& plugin,
   AddIdentity(begun.identity, begun_);
   begun_["process"] = ::getpid();
   begun_["items"] = account.items();
+  begun_["only"] = ChoiceAsJson(begun.only);
   const std::scoped_lock lock(mutex_);
   write(progress());
 }

@@ -81,6 +81,26 @@ std::string AsJson(const Status& status) {
   return JsonLine(object);
 }
 
+// What a run was limited to, with the separator before it: the first few, since there may be many.
+// Empty for a run over everything, and for one of a host that did not tell.
+std::string LimitAsText(const Json& run) {
+  constexpr std::size_t kShown = 3;
+  const auto only = run.find("only");
+  if (only == run.end() || !only->is_object()) return "";
+  std::string text;
+  std::size_t shown = 0;
+  const auto identifiers = only->find("identifiers");
+  if (identifiers != only->end() && identifiers->is_array()) {
+    for (const Json& identifier : *identifiers) {
+      if (!identifier.is_string() || shown == kShown) break;
+      text += (shown++ == 0 ? " " : ", ") + Printable(identifier.get<std::string>());
+    }
+  }
+  const std::int64_t more = NumberOf(*only, "apps") - static_cast<std::int64_t>(shown);
+  if (more > 0) text += (shown == 0 ? " " : " and ") + std::to_string(more) + " more";
+  return ", limited to" + (text.empty() ? " some apps" : text);
+}
+
 // The age of the facts is shown, since a run that hangs tells nothing any more. A clock that was
 // set back must not make it negative.
 std::string RunningAsText(const Status& status) {
@@ -93,6 +113,7 @@ std::string RunningAsText(const Status& status) {
   const std::string current = Text(*run, "current");
   if (!current.empty()) text += ", now " + Printable(current);
   const std::int64_t age = std::time(nullptr) - NumberOf(*run, "told");
+  text += LimitAsText(*run);
   return text + " (told " + std::to_string(std::max<std::int64_t>(age, 0)) + " s ago).\n";
 }
 
@@ -104,7 +125,8 @@ std::string RunAsText(const Json& run) {
   const auto counts = run.find("counts");
   if (counts == run.end() || !counts->is_object()) {
     return text + "  " + std::to_string(NumberOf(run, "done")) + " of " +
-           std::to_string(NumberOf(run, "items")) + " items when last told\n";
+           std::to_string(NumberOf(run, "items")) + " items when last told" + LimitAsText(run) +
+           "\n";
   }
   const char* separator = "  ";
   for (const auto& [outcome, count] : counts->items()) {
@@ -112,7 +134,7 @@ std::string RunAsText(const Json& run) {
     text += separator + std::to_string(count.get<std::int64_t>()) + " " + Printable(outcome);
     separator = ", ";
   }
-  return text + "\n";
+  return text + LimitAsText(run) + "\n";
 }
 
 std::string ToDoAsText(const Status& status, const Options& options) {

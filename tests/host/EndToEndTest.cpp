@@ -152,6 +152,50 @@ TEST(EndToEndTest, FailingContainersStayAreExplainedAndSucceedLater) {
   ExpectLegacyGone(device);
 }
 
+HostRun MigrateOnly(const Device& device, std::vector<std::string> identifiers,
+                    const std::vector<std::string>& more = {}) {
+  identifiers.insert(identifiers.begin(), {"migrate", "--only"});
+  identifiers.insert(identifiers.end(), more.begin(), more.end());
+  return device.run(identifiers);
+}
+
+// Of what was there before the three chosen containers are gone, and all else is as it was.
+void ExpectOnlyChosenGone(const Facts& before, const Facts& after) {
+  const auto isAnyOf = [](const std::string& name, std::initializer_list<const char*> beginnings) {
+    return std::any_of(beginnings.begin(), beginnings.end(),
+                       [&name](const char* beginning) { return name.starts_with(beginning); });
+  };
+  for (const auto& [path, text] : before) {
+    const std::string name = path.substr(std::min(path.size(), std::string(Mobile).size()));
+    if (!isAnyOf(name, {"Applications/", "Library/Quorvel", "Library/Caches", "Harbors"})) continue;
+    const bool isChosen =
+        isAnyOf(name, {"Applications/A 1", "Applications/B\xff", "Applications/E5"});
+    EXPECT_NE(after.contains(path), isChosen) << path;
+    EXPECT_TRUE(isChosen || after.at(path) == text) << path;
+  }
+}
+
+// What the last run was limited to, for programs and for people.
+void ExpectLimitTold(const Device& device, const std::string& limit, const std::string& text) {
+  const HostRun status = device.run({"status", "--json"});
+  ExpectDocumented({status.out});
+  EXPECT_EQ(json::parse(status.out)["runs"][0]["only"].dump(), limit);
+  const std::string told = device.run({"status"}).out;
+  EXPECT_NE(told.find(", limited to " + text + "\n"), std::string::npos) << told;
+}
+
+void ExpectUnknownIsRefused(const Device& device) {
+  const Facts before = Snapshot(device.root());
+  const HostRun run = MigrateOnly(device, {"com.example.two", "com.example.ones"}, {"--json"});
+  ExpectDocumented({run.out});
+  EXPECT_EQ(run.exitCode, 5);
+  EXPECT_NE(run.err.find("com.example.ones: no container to migrate is of this app, did you "
+                         "mean com.example.one?"),
+            std::string::npos);
+  EXPECT_EQ(MigrateOnly(device, {"com.example.two"}, {"--plugin", SCRIPTED_PLUGIN}).exitCode, 3);
+  EXPECT_EQ(Snapshot(device.root()), before);
+}
+
 TEST(EndToEndTest, WhatIsNotChosenStaysAsItIs) {
   const ScratchTree tree;
   const Device device(tree / "device");
@@ -166,22 +210,10 @@ TEST(EndToEndTest, WhatIsNotChosenStaysAsItIs) {
                  Entry("ContainerType", "VPNBundle") +
                  Entry("BundleIdentifier", "com.example.foreign")));
   const Facts before = Snapshot(device.root());
-  const auto only = [&](std::vector<std::string> identifiers, std::vector<std::string> more = {}) {
-    identifiers.insert(identifiers.begin(), {"migrate", "--only"});
-    identifiers.insert(identifiers.end(), more.begin(), more.end());
-    return device.run(identifiers);
-  };
-  const HostRun unknown = only({"com.example.two", "com.example.ones"}, {"--json"});
-  EXPECT_EQ(unknown.exitCode, 5);
-  EXPECT_NE(unknown.err.find("com.example.ones: no container to migrate is of this app, did you "
-                             "mean com.example.one?"),
-            std::string::npos);
-  EXPECT_EQ(only({"com.example.two"}, {"--plugin", SCRIPTED_PLUGIN}).exitCode, 3);
-  EXPECT_EQ(Snapshot(device.root()), before);
-
-  const HostRun run = only({"com.example.two", "com.example.begun"}, {"--json"});
+  ExpectUnknownIsRefused(device);
+  const HostRun run = MigrateOnly(device, {"com.example.two", "com.example.begun"}, {"--json"});
   EXPECT_EQ(run.exitCode, 0) << run.out;
-  ExpectDocumented({unknown.out, run.out});
+  ExpectDocumented({run.out});
   const json result = json::parse(run.out);
   EXPECT_EQ(result["counts"].dump(),
             R"({"failed":0,"left":6,"migrated":1,"removed":0,"resumed":1})");
@@ -189,25 +221,51 @@ TEST(EndToEndTest, WhatIsNotChosenStaysAsItIs) {
     const bool isLeft = container["outcome"] == "left";
     EXPECT_EQ(isLeft, container["reason"] == "not-chosen") << container;
   }
-  EXPECT_EQ(only({"com.example.foreign"}).exitCode, 1);
-  EXPECT_EQ(only({"com.example.one"}).out.find("com.example.alone"), std::string::npos);
-  const Facts after = Snapshot(device.root());
-  for (const auto& [path, text] : before) {
-    const std::string name = path.substr(std::min(path.size(), std::string(Mobile).size()));
-    const bool isLeft = name.starts_with("Applications/") || name.starts_with("Library/Quorvel") ||
-                        name.starts_with("Library/Caches") || name.starts_with("Harbors");
-    const bool isChosen = name.starts_with("Applications/A 1") ||
-                          name.starts_with("Applications/B\xff") ||
-                          name.starts_with("Applications/E5");
-    EXPECT_TRUE(!isLeft || after.contains(path) != isChosen) << path;
-    EXPECT_TRUE(!isLeft || isChosen || after.at(path) == text) << path;
-  }
+  ExpectLimitTold(device, R"({"apps":2,"identifiers":["com.example.two","com.example.begun"]})",
+                  "com.example.two, com.example.begun");
+  EXPECT_EQ(MigrateOnly(device, {"com.example.foreign"}).exitCode, 1);
+  EXPECT_EQ(MigrateOnly(device, {"com.example.one"}).out.find("com.example.alone"),
+            std::string::npos);
+  ExpectOnlyChosenGone(before, Snapshot(device.root()));
   EXPECT_EQ(device.registry()["dataProtectionUpdated"], false);
 
   fs::remove(foreign);
   EXPECT_EQ(device.run({"migrate"}).exitCode, 0);
+  EXPECT_EQ(json::parse(device.run({"status", "--json"}).out)["runs"][0]["only"], nullptr);
   ExpectArrived(expected, Outcome(device));
   ExpectLegacyGone(device);
+}
+
+// The note and any other file among the containers are items, and go; a link is none: it stays and
+// is told with why, and so the run is not whole.
+TEST(EndToEndTest, TheNoteIsCountedAndLinksAreToldOf) {
+  const ScratchTree tree;
+  for (const bool asJson : {true, false}) {
+    const Device device(tree / (asJson ? "json" : "text"));
+    PutBundle(device.container("A/One.app"), "com.example.one");
+    Put(device.container("WhereDidMyApplicationsGo.txt"), "elsewhere");
+    fs::create_symlink("A", device.container("link"));
+    const HostRun run = device.run({"migrate", asJson ? "--json" : "--all"});
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    EXPECT_TRUE(fs::is_symlink(device.container("link")));
+    EXPECT_FALSE(fs::exists(device.container("WhereDidMyApplicationsGo.txt")));
+    if (!asJson) {
+      for (const char* line :
+           {"2 items to migrate", "1 migrated, 0 resumed, 1 removed, 0 left, 0 failed",
+            "removed: a note of the former service\n",
+            "Applications/link: it is or holds a symbolic"}) {
+        EXPECT_NE(run.out.find(line), std::string::npos) << line << run.out;
+      }
+      continue;
+    }
+    const json result = json::parse(run.out);
+    EXPECT_EQ(result["items"], 2);
+    EXPECT_EQ(result["counts"].dump(),
+              R"({"failed":0,"left":0,"migrated":1,"removed":1,"resumed":0})");
+    EXPECT_EQ(result["containers"][0]["reason"], "farewell-file");
+    EXPECT_EQ(result["leftBehind"].dump(),
+              R"([{"path":"/private/var/mobile/Applications/link","why":"link"}])");
+  }
 }
 
 TEST(EndToEndTest, ContainersOnAnotherFileSystemGetWholeCopies) {

@@ -1,0 +1,205 @@
+// Trees that a user may have and nobody expects, with few descriptors or little memory: each
+// operation succeeds or fails as it says, throws nothing, and never leaves less than there was.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <fstream>
+
+#include "platform/Path.h"
+#include "shared/filemanager/QVFileManager.h"
+#include "tests/races/Rows.h"
+#include "tests/support/TestPlatform.h"
+#include "tests/support/TreeTools.h"
+
+namespace quorvel::races {
+
+namespace {
+
+using testing::ScratchTree;
+
+constexpr rlim_t kDescriptors = 20;
+constexpr rlim_t kMemory = 64U << 20U;  // above what the program has already
+constexpr const char* kLevel = "d";
+
+struct Shape {
+  const char* name;
+  int size;       // levels or entries
+  int smallSize;  // where only seconds are to be spent
+  void (*make)(const std::string& root, int size);
+  int (*measure)(const std::string& root);  // `size` of a whole tree
+};
+
+// What limits the process that works.
+struct Limit {
+  const char* name;
+  bool ofMemory;
+  void (*apply)();
+};
+
+struct Operation {
+  const char* name;
+  bool isRemoval;  // the source goes on success
+  bool makesCopy;
+  bool (*operate)(const Path& from, const Path& to, Error* error);
+};
+
+void MakeDeepTree(const std::string& root, int levels) { testing::MakeDeep(root, levels, kLevel); }
+int DepthBelow(const std::string& root) { return testing::DepthOf(root, kLevel); }
+
+int CountBelow(const std::string& root) {
+  int count = 0;
+  std::error_code ignored;
+  for (const auto& item : std::filesystem::directory_iterator(root, ignored)) {
+    if (!item.path().empty()) ++count;
+  }
+  return count;
+}
+
+// Names of the greatest length, of every byte that a name can have.
+void MakeNames(const std::string& root, int count) {
+  for (int i = 0; i < count; ++i) {
+    std::string name = std::to_string(i) + "-";
+    for (int byte = i; name.size() < 255; ++byte) {
+      const char character = static_cast<char>(byte % 256);
+      if (character != '\0' && character != '/') name += character;
+    }
+    testing::WriteFile(root + "/" + name, "of " + std::to_string(i));
+  }
+}
+
+const Shape kShapes[] = {
+    {"deep", 40'000, 3'000, MakeDeepTree, DepthBelow},
+    {"wide", 200'000, 5'000, testing::MakeWide, CountBelow},
+    {"names", 256, 256, MakeNames, CountBelow},
+};
+
+void LimitDescriptors() { testing::LimitDescriptors(kDescriptors); }
+
+// The pages that the program has, and so much more.
+void LimitMemory() {
+  std::ifstream sizes("/proc/self/statm");
+  rlim_t pages = 0;
+  sizes >> pages;
+  const rlim_t bytes = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + kMemory;
+  const rlimit limit{bytes, bytes};
+  ::setrlimit(RLIMIT_AS, &limit);
+}
+
+const Limit kLimits[] = {
+    {"", false, [] {}},
+    {", 20 descriptors", false, LimitDescriptors},
+    {", 64 MiB", true, LimitMemory},
+};
+
+QVFileManager& Manager() { return QVFileManager::defaultManager(); }
+
+// A removal comes last, since only that takes the tree away.
+const Operation kOperations[] = {
+    {"walk", false, false,
+     [](const Path& from, const Path&, Error* error) {
+       return Manager()._traverseDirectory(from, error,
+                                           [](const TreeWalkEntry&, Error*) { return true; });
+     }},
+    {"list", false, false,
+     [](const Path& from, const Path&, Error* error) {
+       return Manager().urlsForItemsInDirectoryAtURL(from, false, error).has_value();
+     }},
+    {"standardize", false, false,
+     [](const Path& from, const Path&, Error* error) {
+       return Manager().standardizeOwnershipAtURL(from, {.uid = ::getuid(), .gid = ::getgid()},
+                                                  error);
+     }},
+    {"copy", false, true,
+     [](const Path& from, const Path& to, Error* error) {
+       return Manager().copyItemAtURL(from, to, error);
+     }},
+    {"move", true, true,
+     [](const Path& from, const Path& to, Error* error) {
+       return Manager().moveItemAtURL(from, to, error);
+     }},
+    {"remove", true, false,
+     [](const Path& from, const Path&, Error* error) {
+       return Manager().removeItemAtURL(from, error);
+     }},
+};
+
+// How the process that worked ends.
+enum Ending { kSucceeded, kFailed, kThrew, kFailedSilently };
+
+Ending Work(const Operation& operation, const Limit& limit, const Path& from, const Path& to) {
+  const tests::TestPlatform platform;
+  limit.apply();
+  try {
+    Error error;
+    if (operation.operate(from, to, &error)) return kSucceeded;
+    return error.domain().empty() ? kFailedSilently : kFailed;
+  } catch (...) {
+    return kThrew;
+  }
+}
+
+// In a process of its own, which may die of it.
+std::string RunApart(const Operation& operation, const Limit& limit, const Path& from,
+                     const Path& to, bool* succeeded) {
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(Work(operation, limit, from, to));
+  int status = -1;
+  if (::waitpid(child, &status, 0) != child) return "there is no process to work";
+  if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+  *succeeded = WEXITSTATUS(status) == kSucceeded;
+  if (WEXITSTATUS(status) == kThrew) return "something was thrown";
+  if (WEXITSTATUS(status) == kFailedSilently) return "a failure without an error";
+  return {};
+}
+
+// One shape, operation and limit; what is wrong, or nothing.
+std::string Try(const Shape& shape, const Operation& operation, const Limit& limit, int size) {
+  const ScratchTree tree;
+  const ScratchTree other(testing::OtherFileSystem());
+  const std::string from = tree / "from";
+  // A move within one file system would be a rename.
+  const std::string to = (operation.isRemoval ? other : tree) / "to";
+  testing::MakeDirectory(from);
+  shape.make(from, size);
+  bool succeeded = false;
+  std::string wrong =
+      RunApart(operation, limit, Path::directory(from), Path::directory(to), &succeeded);
+  if (!wrong.empty()) return wrong;
+  // Without limits every tree is within everybody's means.
+  if (!succeeded && limit.name[0] == '\0') return "it failed without need";
+  const bool isGone = operation.isRemoval && succeeded;
+  const bool mayBePart = operation.isRemoval && !operation.makesCopy && !succeeded;
+  if (isGone && testing::Exists(from)) return "the tree is there still";
+  if (!isGone && !mayBePart && shape.measure(from) != size) return "the tree is not whole any more";
+  if (operation.makesCopy && succeeded && shape.measure(to) != size) return "the copy is not whole";
+  return {};
+}
+
+}  // namespace
+
+std::vector<Row> RunBadTrees(const Options& options, bool whole, bool canLimitMemory) {
+  std::vector<Row> rows;
+  for (const Shape& shape : kShapes) {
+    for (const Limit& limit : kLimits) {
+      Row row;
+      row.name = std::string(shape.name) + " tree" + limit.name;
+      if (!options.only.empty() && options.only != row.name) continue;
+      if (limit.ofMemory && !canLimitMemory) row.skipped = "a sanitizer needs more addresses";
+      for (const Operation& operation : kOperations) {
+        if (!row.skipped.empty()) break;
+        ++row.rounds;
+        const std::string wrong =
+            Try(shape, operation, limit, whole ? shape.size : shape.smallSize);
+        if (!wrong.empty()) row.wrong.push_back(std::string(operation.name) + ": " + wrong);
+      }
+      rows.push_back(std::move(row));
+    }
+  }
+  return rows;
+}
+
+}  // namespace quorvel::races

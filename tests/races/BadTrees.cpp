@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <functional>
 
 #include "platform/Path.h"
 #include "shared/filemanager/QVFileManager.h"
 #include "tests/races/Rows.h"
+#include "tests/support/MigrationDevice.h"
 #include "tests/support/TestPlatform.h"
 #include "tests/support/TreeTools.h"
 
@@ -141,12 +143,19 @@ Ending Work(const Operation& operation, const Limit& limit, const Path& from, co
   }
 }
 
+// The host inherits the limit.
+Ending Migrate(const testing::Device& device, const Limit& limit) {
+  limit.apply();
+  const int code = device.run({"migrate", "--quiet"}).exitCode;
+  if (code < 0) return kThrew;
+  return code == 0 ? kSucceeded : kFailed;
+}
+
 // In a process of its own, which may die of it.
-std::string RunApart(const Operation& operation, const Limit& limit, const Path& from,
-                     const Path& to, bool* succeeded) {
+std::string RunApart(const std::function<Ending()>& work, bool* succeeded) {
   std::fflush(nullptr);
   const pid_t child = ::fork();
-  if (child == 0) ::_exit(Work(operation, limit, from, to));
+  if (child == 0) ::_exit(work());
   int status = -1;
   if (::waitpid(child, &status, 0) != child) return "there is no process to work";
   if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
@@ -166,8 +175,9 @@ std::string Try(const Shape& shape, const Operation& operation, const Limit& lim
   testing::MakeDirectory(from);
   shape.make(from, size);
   bool succeeded = false;
-  std::string wrong =
-      RunApart(operation, limit, Path::directory(from), Path::directory(to), &succeeded);
+  const std::string wrong =
+      RunApart([&] { return Work(operation, limit, Path::directory(from), Path::directory(to)); },
+               &succeeded);
   if (!wrong.empty()) return wrong;
   // Without limits every tree is within everybody's means.
   if (!succeeded && limit.name[0] == '\0') return "it failed without need";
@@ -177,6 +187,28 @@ std::string Try(const Shape& shape, const Operation& operation, const Limit& lim
   if (!isGone && !mayBePart && shape.measure(from) != size) return "the tree is not whole any more";
   if (operation.makesCopy && succeeded && shape.measure(to) != size) return "the copy is not whole";
   return {};
+}
+
+// An app whose documents have the shape: they are whole in its old container or in its new one.
+std::string TryMigration(const Shape& shape, const Limit& limit, int size) {
+  const ScratchTree tree;
+  const testing::Device device(tree.path());
+  testing::PutBundle(device.container("A/Foo.app"), "com.example.foo");
+  testing::MakeDirectory(device.container("A/Documents"));
+  shape.make(device.container("A/Documents"), size);
+  bool succeeded = false;
+  const std::string wrong = RunApart([&] { return Migrate(device, limit); }, &succeeded);
+  if (!wrong.empty()) return wrong;
+  if (!succeeded && limit.name[0] == '\0') return "it failed without need";
+  if (succeeded && testing::Exists(device.container("A")))
+    return "the old container is there still";
+  for (auto at = std::filesystem::recursive_directory_iterator(device.root());
+       at != std::filesystem::end(at); ++at) {
+    if (at->path().filename() != "Documents") continue;
+    at.disable_recursion_pending();
+    if (shape.measure(at->path()) == size) return {};
+  }
+  return "the app's documents are nowhere whole";
 }
 
 }  // namespace
@@ -195,6 +227,11 @@ std::vector<Row> RunBadTrees(const Options& options, bool whole, bool canLimitMe
         const std::string wrong =
             Try(shape, operation, limit, whole ? shape.size : shape.smallSize);
         if (!wrong.empty()) row.wrong.push_back(std::string(operation.name) + ": " + wrong);
+      }
+      if (row.skipped.empty()) {
+        ++row.rounds;
+        const std::string wrong = TryMigration(shape, limit, whole ? shape.size : shape.smallSize);
+        if (!wrong.empty()) row.wrong.push_back("migration: " + wrong);
       }
       rows.push_back(std::move(row));
     }

@@ -19,10 +19,17 @@ class Canary {
 
   const std::string& path() const { return path_; }
   static constexpr const char* FileName = "/kept0";
+  static constexpr const char* OwnDirectory = "sub";  // no tree has one of this name
 
   // What was done to it since it was made, in words; empty when nothing was.
   std::string harm() const {
-    return testing::Snapshot(path_) == before_ ? "" : "the canary was changed";
+    const auto now = facts();
+    for (const auto& [name, text] : before_) {
+      const auto at = now.find(name);
+      if (at == now.end()) return "removed from the canary: " + name;
+      if (at->second != text) return "changed in the canary: " + name + ": " + at->second;
+    }
+    return now.size() == before_.size() ? "" : "something was put into the canary";
   }
   // Whether a file below the root holds what only the canary's files hold.
   std::string leak(const std::string& root) const {
@@ -39,6 +46,17 @@ class Canary {
  private:
   static constexpr const char* kSecret = "only the canary holds this";
 
+  // With the time of the last change, which tells also of one that was taken back.
+  std::map<std::string, std::string> facts() const {
+    auto facts = testing::Snapshot(path_);
+    for (auto& [name, text] : facts) {
+      const struct stat info = testing::StatOf(path_ + "/" + name);
+      text += " links " + std::to_string(info.st_nlink) + " changed " +
+              std::to_string(info.st_ctim.tv_sec) + '.' + std::to_string(info.st_ctim.tv_nsec);
+    }
+    return facts;
+  }
+
   void make() {
     testing::MakeDirectory(path_);
     testing::MakeDirectory(path_ + "/sub");
@@ -47,7 +65,7 @@ class Canary {
         testing::WriteFile(path_ + directory + "kept" + std::to_string(i), kSecret);
       }
     }
-    before_ = testing::Snapshot(path_);
+    before_ = facts();
     inodes_.clear();
     for (const auto& item : std::filesystem::recursive_directory_iterator(path_)) {
       inodes_.insert(testing::StatOf(item.path()).st_ino);

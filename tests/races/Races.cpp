@@ -85,6 +85,19 @@ void Move(Round& round) {
   (void)Manager().moveItemAtURL(Path::directory(round.root), Path::directory(round.to));
 }
 
+// Within one file system.
+void Rename(Round& round) { Move(round); }
+
+void List(Round& round) {
+  for (const char* place : {"", "/d0", "/l0"}) {
+    const auto items =
+        Manager().urlsForItemsInDirectoryAtURL(Path::directory(round.root + place), false);
+    for (const Path& item : items.value_or(std::vector<Path>())) {
+      if (item.lastPathComponent() == Canary::OwnDirectory) round.wrong = "the canary was listed";
+    }
+  }
+}
+
 void Walk(Round& round) {
   Error error;
   (void)Manager()._traverseDirectory(
@@ -100,6 +113,9 @@ void Walk(Round& round) {
 
 void Standardize(Round& round) {
   (void)Manager().standardizeOwnershipAtURL(Path::directory(round.root), {.uid = 7, .gid = 7});
+  for (const char* name : {"/f0", "/g0", "/d0", "/l0"}) {
+    (void)Manager().setDataProtectionClassOfItemAtURL(Path::file(round.root + name), 3, {});
+  }
 }
 
 // Looks by name and then acts by name: what an operation must not do.
@@ -132,7 +148,9 @@ void StandardizeCarelessly(Round& round) {
 const Race kRaces[] = {
     {"remove", Remove},
     {"copy", Copy},
+    {"rename", Rename},
     {"move", Move},
+    {"list", List},
     {"walk", Walk},
     {"standardize", Standardize, true},
     {"careless removal", RemoveCarelessly, false, true},

@@ -106,6 +106,18 @@ TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
   }
 }
 
+// What must be copied to another disk is two mebibytes of data, two of a bundle and two of a group,
+// and a file of a hundred with a hole. With the margin this is more than seven, without any of them
+// it is less.
+void PutLargeItems(const Device& device) {
+  const std::string large(2 << 20, 'x');
+  Put(device.container("A 1") + "/Documents/large", large);
+  Put(device.container("A 1") + "/Tool One.app/large", large);
+  Put(device.root() + Mobile + "/Groups/shared/large", large);
+  Put(device.container("A 1") + "/Documents/sparse", "");
+  fs::resize_file(device.container("A 1") + "/Documents/sparse", 100 << 20);
+}
+
 TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
   const ScratchTree tree;
@@ -125,15 +137,7 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
     ASSERT_EQ(found.size(), 1U) << run.out;
     EXPECT_TRUE(found[0].starts_with("refuse read-only /private/var/mobile")) << found[0];
   });
-  // What must be copied there is two mebibytes of data, two of a bundle and two of a group, and a
-  // file of a hundred with a hole. With the margin this is more than seven, without any of them
-  // it is less.
-  const std::string large(2 << 20, 'x');
-  Put(device.container("A 1") + "/Documents/large", large);
-  Put(device.container("A 1") + "/Tool One.app/large", large);
-  Put(device.root() + Mobile + "/Groups/shared/large", large);
-  Put(device.container("A 1") + "/Documents/sparse", "");
-  fs::resize_file(device.container("A 1") + "/Documents/sparse", 100 << 20);
+  PutLargeItems(device);
   fs::create_directories(containers);
   const std::tuple<const char*, const char*, bool> sizes[] = {
       {"size=7m", "no-space", true},
@@ -151,6 +155,13 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
   }
 }
 
+bool SetFlags(const std::vector<std::string>& paths, int flags) {
+  return std::all_of(paths.begin(), paths.end(), [flags](const std::string& path) {
+    const UniqueDescriptor item(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return ::ioctl(item.get(), FS_IOC_SETFLAGS, &flags) == 0;
+  });
+}
+
 TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
   const ScratchTree tree;
   const Device device(tree / "device");
@@ -164,25 +175,16 @@ TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
   const std::vector<std::string> fixed = {
       device.root() + home + "/Held/item", device.root() + home + "/Sealed",
       device.container("A 1") + "/Documents", device.root() + home + "/Applications"};
-  const auto setFlags = [&](int flags) {
-    for (const std::string& path : fixed) {
-      const int item = ::open(path.c_str(), O_RDONLY);
-      const bool set = ::ioctl(item, FS_IOC_SETFLAGS, &flags) == 0;
-      ::close(item);
-      if (!set) return false;
-    }
-    return true;
-  };
   for (const int flag : {FS_IMMUTABLE_FL, FS_APPEND_FL}) {
-    if (!setFlags(flag)) {
-      (void)setFlags(0);
+    if (!SetFlags(fixed, flag)) {
+      (void)SetFlags(fixed, 0);
       GTEST_SKIP() << "the immutable flag cannot be set here";
     }
     ExpectRefused(device, {"refuse immutable " + home + "/Applications",
                            "warning container-not-movable " + home + "/Applications/A 1",
                            "refuse group-not-movable " + home + "/Held",
                            "refuse group-not-movable " + home + "/Sealed"});
-    ASSERT_TRUE(setFlags(0));
+    ASSERT_TRUE(SetFlags(fixed, 0));
   }
   EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), std::vector<std::string>());
   if (!NoMounts().empty()) return;

@@ -96,35 +96,35 @@ const Limit kLimits[] = {
     {", 64 MiB", true, LimitMemory},
 };
 
-QVFileManager& Manager() { return QVFileManager::defaultManager(); }
+QVFileManager& Files() { return QVFileManager::defaultManager(); }
 
 // A removal comes last, since only that takes the tree away.
 const Operation kOperations[] = {
     {"walk", false, false,
      [](const Path& from, const Path&, Error* error) {
-       return Manager()._traverseDirectory(from, error,
-                                           [](const TreeWalkEntry&, Error*) { return true; });
+       return Files()._traverseDirectory(from, error,
+                                         [](const TreeWalkEntry&, Error*) { return true; });
      }},
     {"list", false, false,
      [](const Path& from, const Path&, Error* error) {
-       return Manager().urlsForItemsInDirectoryAtURL(from, false, error).has_value();
+       return Files().urlsForItemsInDirectoryAtURL(from, false, error).has_value();
      }},
     {"standardize", false, false,
      [](const Path& from, const Path&, Error* error) {
-       return Manager().standardizeOwnershipAtURL(from, {.uid = ::getuid(), .gid = ::getgid()},
-                                                  error);
+       return Files().standardizeOwnershipAtURL(from, {.uid = ::getuid(), .gid = ::getgid()},
+                                                error);
      }},
     {"copy", false, true,
      [](const Path& from, const Path& to, Error* error) {
-       return Manager().copyItemAtURL(from, to, error);
+       return Files().copyItemAtURL(from, to, error);
      }},
     {"move", true, true,
      [](const Path& from, const Path& to, Error* error) {
-       return Manager().moveItemAtURL(from, to, error);
+       return Files().moveItemAtURL(from, to, error);
      }},
     {"remove", true, false,
      [](const Path& from, const Path&, Error* error) {
-       return Manager().removeItemAtURL(from, error);
+       return Files().removeItemAtURL(from, error);
      }},
 };
 

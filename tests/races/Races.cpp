@@ -68,21 +68,21 @@ std::vector<Pair> PairsIn(const std::string& directory, std::mt19937& random) {
   return pairs;
 }
 
-QVFileManager& Manager() { return QVFileManager::defaultManager(); }
+QVFileManager& Operations() { return QVFileManager::defaultManager(); }
 
 void Remove(Round& round) {
   // What another keeps bringing back may outlive one attempt.
   for (int i = 0; i < 3 && testing::Exists(round.root); ++i) {
-    (void)Manager().removeItemAtURL(Path::directory(round.root));
+    (void)Operations().removeItemAtURL(Path::directory(round.root));
   }
 }
 
 void Copy(Round& round) {
-  (void)Manager().copyItemAtURL(Path::directory(round.root), Path::directory(round.to));
+  (void)Operations().copyItemAtURL(Path::directory(round.root), Path::directory(round.to));
 }
 
 void Move(Round& round) {
-  (void)Manager().moveItemAtURL(Path::directory(round.root), Path::directory(round.to));
+  (void)Operations().moveItemAtURL(Path::directory(round.root), Path::directory(round.to));
 }
 
 // Within one file system.
@@ -91,7 +91,7 @@ void Rename(Round& round) { Move(round); }
 void List(Round& round) {
   for (const char* place : {"", "/d0", "/l0"}) {
     const auto items =
-        Manager().urlsForItemsInDirectoryAtURL(Path::directory(round.root + place), false);
+        Operations().urlsForItemsInDirectoryAtURL(Path::directory(round.root + place), false);
     for (const Path& item : items.value_or(std::vector<Path>())) {
       if (item.lastPathComponent() == Canary::OwnDirectory) round.wrong = "the canary was listed";
     }
@@ -100,7 +100,7 @@ void List(Round& round) {
 
 void Walk(Round& round) {
   Error error;
-  (void)Manager()._traverseDirectory(
+  (void)Operations()._traverseDirectory(
       Path::directory(round.root), &error, [&round](const TreeWalkEntry& entry, Error*) {
         const bool isKnown =
             entry.kind != TreeWalkKind::noStat && entry.kind != TreeWalkKind::error;
@@ -112,9 +112,9 @@ void Walk(Round& round) {
 }
 
 void Standardize(Round& round) {
-  (void)Manager().standardizeOwnershipAtURL(Path::directory(round.root), {.uid = 7, .gid = 7});
+  (void)Operations().standardizeOwnershipAtURL(Path::directory(round.root), {.uid = 7, .gid = 7});
   for (const char* name : {"/f0", "/g0", "/d0", "/l0"}) {
-    (void)Manager().setDataProtectionClassOfItemAtURL(Path::file(round.root + name), 3, {});
+    (void)Operations().setDataProtectionClassOfItemAtURL(Path::file(round.root + name), 3, {});
   }
 }
 

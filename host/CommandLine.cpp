@@ -64,6 +64,7 @@ void AddJson(CLI::App& command, Options& options) {
       ->disable_flag_override();
 }
 
+// What a command that loads the plug-in has: it also shows what the plug-in says.
 void AddPlugin(CLI::App& command, Options& options) {
   command.add_option("--plugin", options.plugin, "The plug-in to load (default: beside the host)")
       ->type_name("FILE")
@@ -72,6 +73,7 @@ void AddPlugin(CLI::App& command, Options& options) {
       ->disable_flag_override();
 }
 
+// A mistyped name would leave the run refused without a hint at why.
 std::string KnownRefusal(const std::string& name) {
   const std::vector<std::string> names(kRefusals.begin(), kRefusals.end());
   if (std::find(names.begin(), names.end(), name) != names.end()) return {};
@@ -90,10 +92,12 @@ void AddForcePreflight(CLI::App& command, Options& options) {
       ->check(KnownRefusal);
 }
 
+// An empty name is refused here: it would otherwise be told as a file that is not there.
 void AddFile(CLI::App& command, const char* name, std::string& value, const char* text) {
   command.add_option(name, value, text)->type_name("FILE")->check(NotEmpty);
 }
 
+// Options stand in the order in which help shows them: what most runs need comes first.
 void AddMigrate(CLI::App& parser, Options& options) {
   CLI::App* command = parser.add_subcommand("migrate", "Migrate the device tree");
   AddRoot(*command, options);

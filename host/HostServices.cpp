@@ -48,6 +48,7 @@ DeviceRoot::View ViewForLooking(const DeviceRoot& root) {
 struct HostServices::Services {
   explicit Services(DeviceAccess wanted) : access(wanted), device(MakeServices(wanted)) {}
 
+  // In the order of their making: each refers to what stands above it.
   const DeviceAccess access;
   const std::unique_ptr<QVLinuxServices> device;
   std::optional<onlinux::JsonLineLog> jsonLog;
@@ -62,6 +63,7 @@ struct HostServices::Services {
 
 HostServices::HostServices(DeviceAccess access) : services_(std::make_unique<Services>(access)) {}
 
+// Uninstalled before anything goes, so that nobody is handed a service on its way out.
 HostServices::~HostServices() { QVInstallPlatformServices(nullptr); }
 
 bool HostServices::openLog(const std::string& file, FatalError& error) {
@@ -73,6 +75,7 @@ bool HostServices::openLog(const std::string& file, FatalError& error) {
   return true;
 }
 
+// A log that was not asked for lacks nothing.
 bool HostServices::logIsWhole() const {
   return !services_->jsonLog || services_->jsonLog->isWhole();
 }
@@ -85,6 +88,7 @@ void HostServices::choose(const MigrationSelection& selection) {
 
 void HostServices::install() {
   Services& own = *services_;
+  // A command that only looks leaves no file on the device, not even a line.
   if (own.access == DeviceAccess::change) {
     own.hostSinks.push_back(&own.deviceHostLog);
     own.sinks.push_back(&own.deviceLog);

@@ -9,8 +9,10 @@ namespace quorvel::host {
 
 namespace {
 
+// What may stand behind an option, and so what a shell offers there.
 enum class Kind { flag, file, directory, choice, text };
 
+// What the three languages need of the parser's option, taken out of it once.
 struct OptionRow {
   std::vector<std::string> names;  // with their dashes
   std::string about;
@@ -45,6 +47,7 @@ std::string Joined(const std::vector<std::string>& words, const char* separator 
   return text;
 }
 
+// By the name that help shows: it says FILE and DIR wherever a path is meant.
 Kind KindOf(const CLI::Option& option, const std::string& type, const OptionRow& row) {
   if (option.get_expected_max() == 0) return Kind::flag;
   if (!row.choices.empty()) return Kind::choice;

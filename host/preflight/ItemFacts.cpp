@@ -43,6 +43,7 @@ uid_t User() {
   return user;
 }
 
+// A remedy is a command or a step that removes the obstacle, never a general advice.
 std::string OwnedBy(const ItemFacts& item) {
   return "Run as root or as its owner, user " + std::to_string(item.owner);
 }
@@ -78,6 +79,7 @@ std::optional<ItemFacts> FactsAt(int directory, const char* name) {
   return facts;
 }
 
+// In the order in which the kernel refuses a rename, so that mending what is told helps.
 std::optional<Obstacle> WhatKeeps(int directory, const char* name, const ItemFacts& item,
                                   const ItemFacts& holder) {
   if (item.fixed) return kFixedObstacle;
@@ -95,6 +97,7 @@ std::optional<Obstacle> WhatKeeps(int directory, const char* name, const ItemFac
   return Obstacle{"it may not be moved: " + ErrnoDescription(denied), OwnerOrMode(item, "w")};
 }
 
+// All three rights: entries are listed, reached by name, and taken out.
 std::optional<Obstacle> WhatSeals(int directory, const char* name, const ItemFacts& item) {
   if (item.fixed) return kFixedObstacle;
   const int denied = DeniedAccess(directory, name, R_OK | W_OK | X_OK);

@@ -16,6 +16,8 @@ constexpr std::size_t kLongestName = 255;
 // The service's own marks on a bundle, which its owner has no say in.
 constexpr std::string_view kServiceAttributes = "user.com.velto.quorveld.";
 
+// True also when there is nothing to take; false for a value of another type. Numbers are not
+// checked against their range: what does not fit differs from what is there, and is told.
 template <typename Number>
 bool Take(const Json& object, const char* key, Number& out) {
   const auto at = object.find(key);
@@ -34,6 +36,8 @@ bool Take(const Json& object, const char* key, std::string& out) {
   return true;
 }
 
+// Names and link texts are bytes, of which JSON has none: they stand in the text form of file
+// names.
 bool TakeBytes(const Json& object, const char* key, std::string& out) {
   if (!Take(object, key, out)) return false;
   out = BytesOfFileSystemRepresentation(out);
@@ -74,6 +78,7 @@ std::map<std::string, std::string> WithoutServiceMarks(std::map<std::string, std
   return marks;
 }
 
+// The service marks a bundle it has taken over, which is no change to its owner.
 bool SameAttributes(const ManifestEntry& before, const ManifestEntry& now, bool bundleDirectory) {
   if (before.attributes == now.attributes) return true;
   return bundleDirectory &&
@@ -94,6 +99,7 @@ std::string HexText(std::string_view bytes) {
   return text;
 }
 
+// Keys at their defaults are left out, since there is a line for every item of a device.
 std::string EntryLine(const ManifestEntry& entry) {
   Json object;
   object["depth"] = entry.depth;

@@ -18,6 +18,7 @@ constexpr const char* kLoad = "QVLoadInfoPlist";
 // Guards the creation of bundle objects and the reading of their dictionaries.
 std::mutex gBundleLock;
 
+// For the message about an object of another type, in which every number is one.
 const char* TypeName(const PlistValue& value) {
   switch (value.kind()) {
     case PlistKind::boolean:
@@ -41,6 +42,7 @@ const char* TypeName(const PlistValue& value) {
   return "unknown";
 }
 
+// As a list, which the log shows like any other value.
 PlistValue KeysAsValue(const std::set<std::string>& keys) {
   PlistArray names;
   for (const std::string& key : keys) names.emplace_back(key);
@@ -82,6 +84,8 @@ std::unique_ptr<PlistDictionary> ReadWhole(PKBundle& bundle, const Path& path) {
 std::unique_ptr<PlistDictionary> QVLoadInfoPlist(
     const Path& path, const std::optional<std::set<std::string>>& keys) try {
   const Path file = path.child(InfoPlistName);
+  // Asked without the lock: most directories that are asked about are no bundles, and nobody should
+  // wait to learn that.
   if (QVFileManager::defaultManager().itemDoesNotExistAtURL(file)) {
     QV_LOG(LogLevelDebug, kLoad, "Missing Info.plist at %@", file);
     return nullptr;

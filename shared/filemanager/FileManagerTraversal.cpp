@@ -33,6 +33,7 @@ bool FailEntry(const FileSystemRepresentation& root, int number, Error* error) {
 bool VisitAll(TreeWalk& walk, const FileSystemRepresentation& root, Error* error,
               const QVFileManager::TreeVisitor& visitor) {
   while (true) {
+    // The end of the walk and its failure give the same result.
     errno = 0;
     const TreeWalkEntry* entry = walk.read();
     if (entry == nullptr) return errno == 0 || FailEntry(root, errno, error);
@@ -55,6 +56,7 @@ void ChangeOwner(const TreeWalkEntry& entry, const OwnershipStandard& standard) 
          ErrnoDescription(number));
 }
 
+// A mode that is right is left alone, and with it the time of the item's last change.
 void ChangeMode(const TreeWalkEntry& entry) {
   if (S_ISLNK(entry.info.mode) && !RequiredService(kFileSystem).LinksHaveModes()) return;
   const mode_t wanted = S_ISDIR(entry.info.mode) ? kDirectoryMode : kItemMode;
@@ -65,7 +67,8 @@ void ChangeMode(const TreeWalkEntry& entry) {
          ErrnoDescription(number));
 }
 
-// Whether the link stays inside the tree.
+// Whether the link stays inside the tree; one that does not ends the walk, since an installer that
+// gives a tree to an app must not give it what lies outside.
 bool ValidateLink(QVFileManager& manager, const TreeWalkEntry& entry, const Path& root,
                   Error* error) {
   if (manager._linkStaysInside(entry, root)) return true;

@@ -29,6 +29,7 @@ ContainerPlan ContainerWithPlugin(const FailingCase& self) {
   return plan;
 }
 
+// A link may lead to another app's bundle, and must not move that.
 void WriteLinkedApp(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,
                     Notes& notes) {
   WriteContainer(writer, random, SoundContainer(self), notes);
@@ -67,6 +68,7 @@ void WriteUnregisteredPlugin(LegacyImageWriter& writer, LegacyImageRandom& rando
   WriteContainer(writer, random, plan, notes);
 }
 
+// The plug-in beside it is whole, but nobody knows it: no reason to take anything away.
 void WriteDamagedApp(LegacyImageWriter& writer, LegacyImageRandom& random, const FailingCase& self,
                      Notes& notes) {
   ContainerPlan plan = ContainerWithPlugin(self);
@@ -100,6 +102,7 @@ void WriteLostBundle(LegacyImageWriter& writer, LegacyImageRandom& random, const
   WriteMarker(writer, plan, PlistBytes(MarkerOf(plan), PropertyListFormat::xml));
 }
 
+// Outside of it everything is the user's: it is neither followed nor removed.
 void WriteLinkedContainer(LegacyImageWriter& writer, LegacyImageRandom& /*random*/,
                           const FailingCase& self, Notes& /*notes*/) {
   writer.symbolicLink(PlaceOf(self), "/private/var/mobile/Media");

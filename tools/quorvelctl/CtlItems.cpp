@@ -40,6 +40,7 @@ class Resolve final : public Command {
   }
 
  private:
+  // For a caller that will open what it is told: the way there was walked without leaving the base.
   int reach(Session& session) const {
     const Path child = session.path(child_);
     const Path base = session.path(base_);
@@ -103,6 +104,7 @@ class Link final : public Command {
   std::string link_;
 };
 
+// The text as it stands in the link, whether it leads anywhere or not.
 class ReadLink final : public Command {
  public:
   explicit ReadLink(CLI::App& parser) {

@@ -50,6 +50,7 @@ bool NamesItself(std::string_view argument) {
          argument.ends_with("/..");
 }
 
+// Asks nothing back, as scripts run it: what would seldom be meant is refused instead.
 class Remove final : public Command {
  public:
   explicit Remove(CLI::App& parser) {

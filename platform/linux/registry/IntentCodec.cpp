@@ -70,6 +70,7 @@ class Reader {
   explicit Reader(std::string_view text) : rest_(text) {}
   bool atEnd() const { return rest_.empty(); }
 
+  // The others come down to this: a length in decimal, a colon, so many bytes.
   bool take(std::string_view* text) {
     std::size_t size = 0;
     const auto [end, failure] = std::from_chars(rest_.data(), rest_.data() + rest_.size(), size);
@@ -87,6 +88,7 @@ class Reader {
     value->assign(text);
     return true;
   }
+  // Only what put() writes: another text is damage, and an intent is carried out whole or not.
   bool take(bool* value) {
     std::string_view text;
     if (!take(&text)) return false;
@@ -161,6 +163,7 @@ std::string EncodeIntent(const InstallIntent& intent) {
   return writer.take();
 }
 
+// Nothing may follow: a text that goes on was written by somebody else.
 bool DecodeIntent(std::string_view encoded, InstallIntent* intent) {
   Reader reader(encoded);
   return reader.take(&intent->steps) && reader.take(&intent->records) && reader.atEnd();

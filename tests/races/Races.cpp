@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 using testing::ScratchTree;
 
 constexpr int kPlaces = 4;
-constexpr long kMostControlRounds = 20'000;
+constexpr long kMostRounds = 20'000;
 
 // Where one round takes place.
 struct Round {
@@ -183,9 +183,12 @@ Row Run(const Race& race, const Options& options) {
   const ScratchTree other(testing::OtherFileSystem());
   Canary canary(tree / "canary");
   std::mt19937 random(options.seed);
-  // A control ends with what it is caught at, which on a busy machine may take a while.
-  const long most = race.isControl ? std::max(options.rounds, kMostControlRounds) : options.rounds;
-  while (row.rounds < most && row.wrong.empty()) {
+  // On a busy machine it may take a while until a control is caught, or anything is exchanged.
+  const auto isThrough = [&] {
+    const bool isWaiting = race.isControl || row.exchanges == 0;
+    return row.rounds >= (isWaiting ? std::max(options.rounds, kMostRounds) : options.rounds);
+  };
+  while (!isThrough() && row.wrong.empty()) {
     ++row.rounds;
     Round round{tree / "root", race.operate == Move ? other / "to" : tree / "to", canary, {}};
     const std::string wrong = RunRound(race, round, random, &row.exchanges);

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <random>
+#include <thread>
 
 #include "platform/Path.h"
 #include "shared/filemanager/QVFileManager.h"
@@ -119,11 +121,15 @@ void Standardize(Round& round) {
   }
 }
 
+// Between a look and a deed, so that also on one processor there is somebody to come between.
+void Dawdle() { std::this_thread::sleep_for(std::chrono::microseconds(50)); }
+
 // Looks by name and then acts by name: what an operation must not do.
 void RemoveCarelessly(Round& round) {
   for (int i = 0; i < kPlaces; ++i) {
     const std::string directory = round.root + "/d" + std::to_string(i);
     if (!S_ISDIR(testing::StatOf(directory).st_mode)) continue;
+    Dawdle();
     for (int file = 0; file < 4; ++file) {
       ::unlink((directory + "/kept" + std::to_string(file)).c_str());
     }
@@ -135,6 +141,7 @@ void CopyCarelessly(Round& round) {
   for (int i = 0; i < kPlaces; ++i) {
     const std::string file = round.root + "/f" + std::to_string(i);
     if (!S_ISREG(testing::StatOf(file).st_mode)) continue;
+    Dawdle();
     testing::WriteFile(round.to + "/f" + std::to_string(i), testing::ReadFile(file));
   }
 }
@@ -142,7 +149,9 @@ void CopyCarelessly(Round& round) {
 void StandardizeCarelessly(Round& round) {
   for (int i = 0; i < kPlaces; ++i) {
     const std::string file = round.root + "/f" + std::to_string(i);
-    if (S_ISREG(testing::StatOf(file).st_mode)) ::chmod(file.c_str(), 0604);
+    if (!S_ISREG(testing::StatOf(file).st_mode)) continue;
+    Dawdle();
+    ::chmod(file.c_str(), 0604);
   }
 }
 

@@ -1,5 +1,4 @@
 // CopyTree at its limits: holes, files that change, depth, hard links and no space.
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 
@@ -92,9 +91,7 @@ TEST_F(CopyTreeLimitsTest, AFileThatChangesMeanwhileEndsTheCopyInTime) {
 
 TEST_F(CopyTreeLimitsTest, AMountOfTheDestinationInTheSourceIsNotCopiedForEver) {
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
-  EXPECT_TRUE(InChild([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  EXPECT_TRUE(WithMounts([&] {
     MakeDirectory(tree_ / "from");
     MakeDirectory(tree_ / "from/mount");
     MakeDirectory(tree_ / "to");
@@ -164,9 +161,7 @@ TEST_F(CopyTreeLimitsTest, HardLinksReachAcrossDeepTrees) {
 
 TEST_F(CopyTreeLimitsTest, NoSpaceFailsTheCopyAndLeavesNoHalfFile) {
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
-  EXPECT_TRUE(InChild([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  EXPECT_TRUE(WithMounts([&] {
     MakeDirectory(tree_ / "small");
     ASSERT_EQ(::mount("tmpfs", (tree_ / "small").c_str(), "tmpfs", 0, "size=1m,nr_inodes=20"), 0);
     WriteFile(tree_ / "big", Pattern(2 << 20));

@@ -1,5 +1,4 @@
 // RemoveTree on real trees: arguments, kinds, failures, depth, width, mounts and races.
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -268,9 +267,7 @@ TEST_F(RemoveTreeTest, WidthNeedsNoMemory) {
 
 TEST_F(RemoveTreeTest, LeavesMountsAndWhatIsInThem) {
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
-  EXPECT_TRUE(InChild([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  EXPECT_TRUE(WithMounts([&] {
     MakeDirectory(tree_ / "canary");
     WriteFile(tree_ / "canary/kept", "kept");
     MakeDirectory(tree_ / "root");

@@ -130,9 +130,8 @@ TEST_F(CostTest, ACallMoreOfThePreflightForEachContainerIsSeen) {
   GTEST_SKIP() << "the sanitizers make calls of their own";
 #endif
   if (::geteuid() != 0) GTEST_SKIP() << "calls are counted from the change of root on";
-  const std::tuple<Kind, int, int, double> budgets[] = {{Kind::plain, 8, 16, 32},
-                                                        {Kind::plain, 1000, 2000, 32},
-                                                        {Kind::group, 100, 200, 32}};
+  const std::tuple<Kind, int, int, double> budgets[] = {
+      {Kind::plain, 8, 16, 32}, {Kind::plain, 1000, 2000, 32}, {Kind::group, 100, 200, 32}};
   for (const auto& [kind, few, many, calls] : budgets) {
     const Calls cost = callsPerContainer(kind, few, many, true);
     EXPECT_NEAR(TotalOf(cost), calls, 0.4) << NameOf(kind) << many << Listed(cost);

@@ -1,6 +1,5 @@
 // Whole migrations: the built host and the real plug-in on made device trees.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 
 #include <nlohmann/json.hpp>
@@ -274,9 +273,7 @@ TEST(EndToEndTest, ContainersOnAnotherFileSystemGetWholeCopies) {
   const Device device(tree / "device");
   device.make();
   const Facts expected = ExpectedItems(device);
-  EXPECT_TRUE(InChild([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  EXPECT_TRUE(WithMounts([&] {
     const std::string containers = device.root() + Mobile + "/Containers";
     fs::create_directories(containers);
     ASSERT_EQ(::mount("tmpfs", containers.c_str(), "tmpfs", 0, nullptr), 0);

@@ -1,6 +1,5 @@
 // What inspect foresees is what migrate does: of many made trees, as root and as an ordinary user.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 
 #include <iterator>
@@ -177,11 +176,7 @@ class ForesightTest : public ::testing::TestWithParam<Disks> {
   static void tryAll(bool asUser, const HostSetup& setup) {
     if (GetParam() == Disks::one) return TryAll(asUser, Disks::one, setup);
     if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
-    EXPECT_TRUE(InChild([&] {
-      ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-      ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-      TryAll(asUser, Disks::two, setup);
-    }));
+    EXPECT_TRUE(WithMounts([&] { TryAll(asUser, Disks::two, setup); }));
   }
 };
 

@@ -81,8 +81,8 @@ TEST_F(StatusTest, TheFactsOfEarlierRunsMayBeAnything) {
                         text.substr(0, 90));
   const std::string told = RunHost({"status", "--root", device()}).out;
   EXPECT_EQ(told.find('\x1b'), std::string::npos);
-  for (const char* line : {"1 failed\n", "1 failed, limited to a and 4 more\n",
-                           "1 failed, limited to some apps\n"}) {
+  for (const char* line :
+       {"1 failed\n", "1 failed, limited to a and 4 more\n", "1 failed, limited to some apps\n"}) {
     EXPECT_NE(told.find(line), std::string::npos) << line << told;
   }
   fs::remove(tree_.at(file));

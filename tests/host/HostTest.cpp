@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-
 #include "tests/host/HostFixture.h"
 
 namespace quorvel::testing {
@@ -79,8 +78,10 @@ TEST_F(HostTest, FailureIsReportedInWordsWithWhatToDo) {
   EXPECT_NE(run.out.find("0 left, 1 failed"), std::string::npos) << run.out;
   EXPECT_EQ(run.out.find("com.example.one"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("migration-host migrate --root " + device()), std::string::npos);
-  const HostRun all = RunHost(migrate({"--all"}), script("fail"));
+  const HostRun all = RunHost(
+      migrate({"--all", "--device", "a b", "--force-preflight", "no-space"}), script("fail"));
   EXPECT_NE(all.out.find("com.example.one"), std::string::npos) << all.out;
+  EXPECT_NE(all.out.find(" --device 'a b' --force-preflight=no-space"), std::string::npos);
 
   const HostRun asJson = RunHost(migrate({"--json"}), script("fail"));
   EXPECT_EQ(asJson.exitCode, 1);

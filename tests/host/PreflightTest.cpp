@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -55,15 +54,6 @@ void ExpectRefused(const Device& device, const std::vector<std::string>& expecte
   EXPECT_EQ(FindingsOf(looked), expected) << looked.out;
   ExpectDocumented({run.out, looked.out});
   EXPECT_EQ(Snapshot(device.root()), before);
-}
-
-// In a child with mounts of its own.
-void WithMounts(const std::function<void()>& body) {
-  EXPECT_TRUE(InChild([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-    body();
-  }));
 }
 
 TEST(PreflightTest, DamagedRecordsRefuseTheRunUnlessItIsForced) {
@@ -126,7 +116,7 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
   ASSERT_EQ(device.registerTunnel(), 0);
   const std::string containers = device.root() + Mobile + "/Containers";
   const std::string data = std::string(Mobile) + "/Containers";
-  WithMounts([&] {
+  EXPECT_TRUE(WithMounts([&] {
     ASSERT_EQ(::mount(device.root().c_str(), device.root().c_str(), nullptr, MS_BIND, nullptr), 0);
     ASSERT_EQ(
         ::mount(nullptr, device.root().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
@@ -136,7 +126,7 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
     const auto found = FindingsOf(run);
     ASSERT_EQ(found.size(), 1U) << run.out;
     EXPECT_TRUE(found[0].starts_with("refuse read-only /private/var/mobile")) << found[0];
-  });
+  }));
   PutLargeItems(device);
   fs::create_directories(containers);
   const std::tuple<const char*, const char*, bool> sizes[] = {
@@ -144,14 +134,14 @@ TEST(PreflightTest, AReadOnlyOrFullFileSystemRefusesTheRun) {
       {"size=16m,nr_inodes=20", "no-inodes", true},
       {"size=16m", "", false}};
   for (const auto& [options, name, refused] : sizes) {
-    WithMounts([&, options = options, name = name, refused = refused] {
+    EXPECT_TRUE(WithMounts([&, options = options, name = name, refused = refused] {
       ASSERT_EQ(::mount("tmpfs", containers.c_str(), "tmpfs", 0, options), 0);
       if (refused) {
         ExpectRefused(device, {std::string("refuse ") + name + " " + data});
       } else {
         EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), std::vector<std::string>());
       }
-    });
+    }));
   }
 }
 
@@ -188,7 +178,7 @@ TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
   }
   EXPECT_EQ(FindingsOf(device.run({"inspect", "--json"})), std::vector<std::string>());
   if (!NoMounts().empty()) return;
-  WithMounts([&] {
+  EXPECT_TRUE(WithMounts([&] {
     for (const char* place : {"A 1/Documents", "E5"}) {
       ASSERT_EQ(::mount("tmpfs", device.container(place).c_str(), "tmpfs", 0, nullptr), 0);
     }
@@ -196,7 +186,7 @@ TEST(PreflightTest, WhatMayNotBeMovedIsFound) {
     std::sort(found.begin(), found.end());
     EXPECT_EQ(found, (std::vector{"warning container-not-movable " + home + "/Applications/A 1",
                                   "warning container-not-movable " + home + "/Applications/E5"}));
-  });
+  }));
 }
 
 TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
@@ -218,7 +208,7 @@ TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
   ::chmod((device.container("E5") + "/Documents").c_str(), 0500);
   ASSERT_EQ(::mkdir((device.container("F6") + "/Documents/closed").c_str(), 0), 0);
   ::chmod(device.inside(registry).c_str(), 0700);
-  WithMounts([&] {
+  EXPECT_TRUE(WithMounts([&] {
     const std::string containers = device.inside(home + "/Containers");
     ASSERT_EQ(::mount("tmpfs", containers.c_str(), "tmpfs", 0, "mode=0755"), 0);
     fs::create_directory(containers + "/Data");
@@ -236,7 +226,7 @@ TEST(PreflightTest, AnOrdinaryUserIsToldWhatHeMayNotMove) {
         "warning container-not-movable " + home + "/Applications/E5",
         "warning container-not-movable " + home + "/Applications/F6/Documents"};
     EXPECT_EQ(found, expected) << run.err;
-  });
+  }));
 }
 
 TEST(PreflightTest, ARefusedNamespaceIsToldWithTheWayAroundIt) {

@@ -98,7 +98,7 @@ const Limit kLimits[] = {
 
 QVFileManager& Files() { return QVFileManager::defaultManager(); }
 
-// A removal comes last, since only that takes the tree away.
+// Each on a tree of its own. A move goes to another file system.
 const Operation kOperations[] = {
     {"walk", false, false,
      [](const Path& from, const Path&, Error* error) {

@@ -9,9 +9,6 @@
 namespace quorvel::tests {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-
 constexpr const char* kInit = "-[QVRavelle init] ";
 constexpr const char* kPerform = "-[QVRavelle performMigration] ";
 constexpr const char* kFinal =

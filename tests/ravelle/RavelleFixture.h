@@ -18,6 +18,11 @@
 
 namespace quorvel::tests {
 
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
 // What the operations are called in the log.
 inline constexpr const char* kIntrospect = "-[QVRavelle _introspectContainer:orderResultEarly:] ";
 inline constexpr const char* kPlaceholder =

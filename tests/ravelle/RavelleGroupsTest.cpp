@@ -5,11 +5,6 @@
 namespace quorvel::tests {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-
 constexpr const char* kGroups = "-[QVRavelle _migrateGroupContainersForIdentifier:] ";
 constexpr const char* kOneGroup =
     "__50-[QVRavelle _migrateGroupContainersForIdentifier:]_block_invoke ";

@@ -6,9 +6,6 @@
 namespace quorvel::tests {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-
 constexpr const char* kMarker = "-[QVRavelle _loadAndValidateMigrationMarkerAtURL:] ";
 
 class IntrospectionTest : public RavelleFixture {

@@ -9,11 +9,6 @@
 namespace quorvel::tests {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-
 constexpr const char* kMigrate = "-[QVRavelle _migrateContainerWithInfo:] ";
 constexpr const char* kData = "-[QVRavelle _migrateDataContainerForIdentifier:fromURL:toURL:] ";
 constexpr const char* kStage =

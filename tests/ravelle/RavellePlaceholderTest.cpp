@@ -9,11 +9,6 @@
 namespace quorvel::tests {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-
 using PlaceholderTest = RavelleFixture;
 
 TEST_F(PlaceholderTest, PlaceholderHoldsOnlyTheIdentityThatTheAppHas) {

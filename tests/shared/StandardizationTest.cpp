@@ -248,9 +248,7 @@ TEST_F(Standardization, TheVisitorsErrorIsTheResultsAndOutlivesAFailedClose) {
 TEST_F(Standardization, AnotherDeviceIsAnEntryWithoutItsContents) {
   MakeDirectory(at("t/mounted"), 0700);
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
-  EXPECT_TRUE(InChild([&] {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  EXPECT_TRUE(WithMounts([&] {
     ASSERT_EQ(::mount("none", at("t/mounted").c_str(), "tmpfs", 0, "mode=0711"), 0);
     WriteFile(at("t/mounted/f"), "x", 0600);
     EXPECT_TRUE(standardize());

@@ -175,6 +175,15 @@ inline bool InChild(const std::function<void()>& body) {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// The same, with mounts of its own, where NoMounts() is empty.
+inline bool WithMounts(const std::function<void()>& body) {
+  return InChild([&body] {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    body();
+  });
+}
+
 inline void BecomeNobody() {
   if (::geteuid() != 0) return;
   ASSERT_EQ(::setgroups(0, nullptr), 0);

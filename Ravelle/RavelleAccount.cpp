@@ -130,11 +130,11 @@ bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector
 // it.
 bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& destination,
                         Error* error) {
-  struct stat info {};
-  if (QVPlatform().account == nullptr ||
-      ::lstat(destination.fileSystemRepresentation().c_str(), &info) != 0) {
-    return ReplaceByMove(files, source, destination, error);
+  // The normal case needs no further look.
+  if (IsCertainlyNotThere(destination)) {
+    return files.moveItemIfExistsAtURL(source, destination, error);
   }
+  if (QVPlatform().account == nullptr) return ReplaceByMove(files, source, destination, error);
   std::optional<MigrationLoss> loss = MeasureLoss(destination);
   const bool moved = ReplaceByMove(files, source, destination, error);
   if (!loss) return moved;

@@ -47,12 +47,6 @@ bool IsBelow(const std::string& path, const std::string& directory) {
   return directory == "/" ? path.size() > 1 : path.starts_with(directory + "/");
 }
 
-bool IsCertainlyNotThere(const Path& item) {
-  struct stat info {};
-  const FileSystemRepresentation path = item.fileSystemRepresentation();
-  return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT;
-}
-
 // Whether the names alone show that the item lies below: the directory's text, plain names, and no
 // link on the way. Spares what is nearly always so the looking up of two whole paths.
 bool IsNamedBelow(const Path& item, const Path& directory) {
@@ -109,6 +103,12 @@ std::vector<Path> DirectoriesInUse(const QVGlobalConfiguration& configuration) {
 }
 
 }  // namespace
+
+bool IsCertainlyNotThere(const Path& item) {
+  struct stat info {};
+  const FileSystemRepresentation path = item.fileSystemRepresentation();
+  return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT;
+}
 
 bool AreOnDifferentFileSystems(const Path& from, const Path& to) {
   struct stat source {};

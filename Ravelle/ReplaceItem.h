@@ -13,6 +13,9 @@ namespace quorvel {
 // deleting it would delete what is to be moved.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
 
+// False also where it cannot be told.
+bool IsCertainlyNotThere(const Path& item);
+
 // Whether a move from one directory to the other has to copy. False where that cannot be found out:
 // the move itself then meets why.
 bool AreOnDifferentFileSystems(const Path& from, const Path& to);

@@ -137,18 +137,19 @@ bool QVFileManager::_copyItemAtURL(const Path& source, const Path& destination,
   return OutOfMemory(kCopy, __LINE__, error);
 }
 
-// The rename is tried first and tells by EXDEV that a copy is needed: no look beforehand can tell
-// it as surely.
+// The rename is tried first: what was renamed was there, and EXDEV tells that a copy is needed as
+// no look beforehand can. A failure of it may only mean that there is no source.
 bool QVFileManager::_moveItemAtURL(const Path& source, const Path& destination,
                                    bool failIfSrcMissing, Error* error) try {
+  const FileSystemRepresentation from = source.fileSystemRepresentation();
+  const FileSystemRepresentation to = destination.fileSystemRepresentation();
+  if (::rename(from.c_str(), to.c_str()) == 0) return true;
+  const int failure = errno;
   if (!failIfSrcMissing) {
     const Presence presence = CheckSource(source, kMove, error);
     if (presence != Presence::present) return presence == Presence::missing;
   }
-  const FileSystemRepresentation from = source.fileSystemRepresentation();
-  const FileSystemRepresentation to = destination.fileSystemRepresentation();
-  if (::rename(from.c_str(), to.c_str()) == 0) return true;
-  if (errno != EXDEV) return FailMove(source, destination, errno, error);
+  if (failure != EXDEV) return FailMove(source, destination, failure, error);
   return MoveAcrossFileSystems(*this, source, destination, error);
 } catch (const std::bad_alloc&) {
   return OutOfMemory(kMove, __LINE__, error);
@@ -208,8 +209,12 @@ bool QVFileManager::captureStoreDataFromDirectory(const Path& source, const Path
     const Path from = source.child(item.name);
     const Path to = destination.child(item.name);
     Error cause;
-    const bool carried = how.doCopy ? copyItemIfExistsAtURL(from, to, &cause)
-                                    : moveItemIfExistsAtURL(from, to, &cause);
+    // Most apps have none of them: a look costs less than a rename that fails, and one after it.
+    const Presence presence = how.doCopy ? Presence::present : CheckSource(from, kMove, &cause);
+    if (presence == Presence::missing) continue;
+    const bool carried =
+        presence == Presence::present && (how.doCopy ? copyItemIfExistsAtURL(from, to, &cause)
+                                                     : moveItemIfExistsAtURL(from, to, &cause));
     if (carried) continue;
     Error failure =
         CaptureError(from, to, how.doCopy,

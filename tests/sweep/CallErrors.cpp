@@ -91,6 +91,8 @@ std::vector<int> ErrorsOf(const tests::TracedCall& call) {
       return Reading();
     case SYS_openat:
       return tests::ChangesSomething(call) ? Creating() : Opening();
+    case SYS_openat2:
+      return Opening();
     default:
       break;
   }

@@ -145,6 +145,14 @@ int WalkBeneath(int base, std::string_view relative, UniqueDescriptor* item) {
   return WalkWith(kPinAny, base, relative, item);
 }
 
+UniqueDescriptor OpenWithoutLinks(const char* path) {
+  open_how how{};
+  how.flags = static_cast<unsigned>(kRead | O_NOFOLLOW);
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  return UniqueDescriptor(
+      static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
+}
+
 UniqueDescriptor OpenBeneath(int directory, const std::string& name) {
   // Nearly always no link, and then one call.
   UniqueDescriptor file = OpenAt(directory, name.c_str(), kRead | O_NOFOLLOW);

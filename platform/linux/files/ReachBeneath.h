@@ -21,4 +21,9 @@ int WalkBeneath(int base, std::string_view relative, UniqueDescriptor* item);
 // leads out, ELOOP for one that leads nowhere or in a circle. May throw std::bad_alloc.
 UniqueDescriptor OpenBeneath(int directory, const std::string& name);
 
+// Opens a file to read by a path that holds no link at all, in one call. No descriptor where there
+// is one, where the kernel cannot tell, or for any other reason: the caller then opens directory
+// and file one after the other, which tells why.
+UniqueDescriptor OpenWithoutLinks(const char* path);
+
 }  // namespace quorvel::onlinux

@@ -1,4 +1,4 @@
-// Pins the bundle's directory and reads its dictionary when first asked.
+// Pins the bundle's dictionary, or its directory, and reads the dictionary when first asked.
 #include "platform/linux/plist/BundleReaderLinux.h"
 
 #include <fcntl.h>
@@ -22,8 +22,13 @@ namespace {
 
 class BundleLinux : public PKBundle {
  public:
-  BundleLinux(Path path, UniqueDescriptor directory, std::shared_ptr<ParsedDictionaries> parsed)
-      : path_(std::move(path)), directory_(std::move(directory)), parsed_(std::move(parsed)) {}
+  // One of the two: the open dictionary, or the directory to look for it in.
+  BundleLinux(Path path, UniqueDescriptor dictionary, UniqueDescriptor directory,
+              std::shared_ptr<ParsedDictionaries> parsed)
+      : path_(std::move(path)),
+        dictionary_(std::move(dictionary)),
+        directory_(std::move(directory)),
+        parsed_(std::move(parsed)) {}
 
   const Path& path() const override { return path_; }
 
@@ -73,7 +78,8 @@ class BundleLinux : public PKBundle {
   // Once only: a bundle does not change its mind between two questions.
   void read() {
     wasRead_ = true;
-    const UniqueDescriptor opened = OpenBeneath(directory_.get(), InfoPlistName);
+    const UniqueDescriptor opened =
+        dictionary_ ? std::move(dictionary_) : OpenBeneath(directory_.get(), InfoPlistName);
     const int failure = opened ? 0 : errno;
     // Many bundles may be open at once: none keeps a descriptor longer than it needs it. The number
     // of the failure was taken before.
@@ -99,6 +105,7 @@ class BundleLinux : public PKBundle {
   }
 
   const Path path_;
+  UniqueDescriptor dictionary_;
   UniqueDescriptor directory_;
   const std::shared_ptr<ParsedDictionaries> parsed_;
   bool wasRead_ = false;
@@ -120,6 +127,14 @@ int FailureOfOpening(const char* name, int failure) {
 
 std::unique_ptr<PKBundle> BundleReaderLinux::open(const Path& directory, Error* error) {
   const FileSystemRepresentation name = directory.fileSystemRepresentation();
+  // Nearly always there is no link anywhere, and the dictionary's own name tells at once that there
+  // is a bundle.
+  UniqueDescriptor dictionary =
+      OpenWithoutLinks((std::string(name.c_str()) + "/" + InfoPlistName).c_str());
+  if (dictionary) {
+    return std::make_unique<BundleLinux>(directory, std::move(dictionary), UniqueDescriptor(),
+                                         parsed_);
+  }
   constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
   UniqueDescriptor descriptor(Uninterrupted([&] { return ::open(name.c_str(), flags); }));
   if (!descriptor) {
@@ -127,7 +142,8 @@ std::unique_ptr<PKBundle> BundleReaderLinux::open(const Path& directory, Error* 
     SetError(error, PosixFailure(failure, "Opening the bundle " + directory.string()));
     return nullptr;
   }
-  return std::make_unique<BundleLinux>(directory, std::move(descriptor), parsed_);
+  return std::make_unique<BundleLinux>(directory, UniqueDescriptor(), std::move(descriptor),
+                                       parsed_);
 }
 
 }  // namespace quorvel::onlinux

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/Services.h"
+#include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/files/PosixFailure.h"
 
 namespace quorvel::tests {
@@ -97,9 +98,10 @@ class FaultyWipeTreeState final : public WipeTreeState {
   void* context_ = nullptr;
 };
 
-class FaultyFileSystem : public FileSystem {
+class FaultyFileSystem : public FileSystem, public onlinux::DescriptorFlush {
  public:
-  FaultyFileSystem(FileSystem& real, Fault& fault) : real_(real), fault_(fault) {}
+  FaultyFileSystem(FileSystem& real, Fault& fault)
+      : real_(real), flush_(dynamic_cast<onlinux::DescriptorFlush&>(real)), fault_(fault) {}
 
   std::unique_ptr<WipeTreeState> allocateWipeTreeState() override {
     if (fault_.strikes("allocateWipeTreeState")) return nullptr;
@@ -143,9 +145,13 @@ class FaultyFileSystem : public FileSystem {
   int SyncFileSystem(const char* path) override {
     return fault_.strikes("SyncFileSystem") ? -1 : real_.SyncFileSystem(path);
   }
+  int SyncFileSystemOf(int descriptor) override {
+    return fault_.strikes("SyncFileSystem") ? -1 : flush_.SyncFileSystemOf(descriptor);
+  }
 
  private:
   FileSystem& real_;
+  onlinux::DescriptorFlush& flush_;
   Fault& fault_;
 };
 

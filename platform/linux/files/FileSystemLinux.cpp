@@ -172,6 +172,8 @@ int FileSystemLinux::SyncDirectory(const char* path) {
   return directory ? ::fsync(directory.get()) : -1;
 }
 
+int FileSystemLinux::SyncFileSystemOf(int descriptor) { return ::syncfs(descriptor); }
+
 int FileSystemLinux::SyncFileSystem(const char* path) {
   return Result([&] {
     // Nearly always a directory; a slash at the end would have a link followed.

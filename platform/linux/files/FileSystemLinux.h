@@ -31,8 +31,16 @@
 
 namespace quorvel::onlinux {
 
+// What a file system here can do beyond the interface: flush what an open file or directory lies
+// on, without another look at its path. 0, or -1 with errno. Any thread may call.
+class DescriptorFlush {
+ public:
+  virtual ~DescriptorFlush() = default;
+  virtual int SyncFileSystemOf(int descriptor) = 0;
+};
+
 // Make it before the process is confined: it opens a directory below /proc. Any thread may call.
-class FileSystemLinux final : public FileSystem {
+class FileSystemLinux final : public FileSystem, public DescriptorFlush {
  public:
   FileSystemLinux() = default;
 
@@ -51,6 +59,7 @@ class FileSystemLinux final : public FileSystem {
   bool LinksHaveModes() override { return false; }
   int SyncDirectory(const char* path) override;
   int SyncFileSystem(const char* path) override;
+  int SyncFileSystemOf(int descriptor) override;
 
  private:
   ModeChanger modes_;

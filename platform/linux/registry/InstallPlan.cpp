@@ -29,14 +29,15 @@ void InstallPlan::addStep(Kind kind, const std::string& identifier, const Path& 
 }
 
 bool InstallPlan::giveDataContainer(AppRecord* record, Error* error) {
-  if (!record->dataContainer) {
+  const bool isNew = !record->dataContainer;
+  if (isNew) {
     std::string name;
     if (!ChooseName(&name, error)) return false;
     record->dataContainer = std::move(name);
   }
   const Path path = layout_.container(ContainerKind::data, *record->dataContainer);
   // A container that somebody removed is made again under the name that the record has.
-  if (!IsRealDirectory(path)) addStep(Kind::makeDirectory, record->identifier, {}, path);
+  if (isNew || !IsRealDirectory(path)) addStep(Kind::makeDirectory, record->identifier, {}, path);
   return true;
 }
 

@@ -157,6 +157,7 @@ bool InstallTransaction::finishOpenIntents(Error* error) {
 }
 
 bool InstallTransaction::advance(InstallIntent* intent, Vanished vanished, Error* error) {
+  devices_.clear();
   if (!intent->committed) {
     // Also of an intent that was found open: it may have outlived a kill without being stored.
     if (TakesWhatIsNowhereElse(*intent) && !flush(*intent, error)) return false;
@@ -307,22 +308,49 @@ bool InstallTransaction::flush(const AppRecord& record, const Path& staging, Err
 bool InstallTransaction::flushStore(Error* error) { return flush(std::set<std::string>{}, error); }
 
 // One flush of a file system costs less than one for each of its directories, and one is enough
-// for all that lie on it. What is not there has nothing to lose.
+// for all that lie on it.
 bool InstallTransaction::flush(const std::set<std::string>& items, Error* error) {
   std::set<dev_t> flushed;
-  const auto flushOne = [&](const std::string& item) {
-    const FileSystemRepresentation bytes(item);
+  return flushRegistry(&flushed, error) &&
+         std::all_of(items.begin(), items.end(),
+                     [&](const std::string& item) { return flushItem(item, &flushed, error); });
+}
+
+bool InstallTransaction::flushRegistry(std::set<dev_t>* flushed, Error* error) {
+  const std::string path = layout_.registryDirectory().string();
+  if (!registryDirectory_) {
+    UniqueDescriptor directory(::open(FileSystemRepresentation(path).c_str(),
+                                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // What is not there has nothing to lose.
+    if (!directory) return errno == ENOENT || Fail(path, error);
+    struct stat info {};
+    if (::fstat(directory.get(), &info) != 0) return Fail(path, error);
+    registryDevice_ = info.st_dev;
+    registryDirectory_ = std::move(directory);
+  }
+  const bool isFlushed =
+      flush_ != nullptr ? flush_->SyncFileSystemOf(registryDirectory_.get()) == 0
+                        : fileSystem_.SyncFileSystem(FileSystemRepresentation(path).c_str()) == 0;
+  if (!isFlushed) return Fail(path, error);
+  flushed->insert(registryDevice_);
+  return true;
+}
+
+bool InstallTransaction::flushItem(const std::string& item, std::set<dev_t>* flushed,
+                                   Error* error) {
+  const FileSystemRepresentation bytes(item);
+  auto known = devices_.find(item);
+  if (known == devices_.end()) {
     struct stat info {};
     if (::lstat(bytes.c_str(), &info) != 0) {
       return errno == ENOENT || errno == ENOTDIR || Fail(item, error);
     }
-    if (flushed.contains(info.st_dev)) return true;
-    if (fileSystem_.SyncFileSystem(bytes.c_str()) != 0) return Fail(item, error);
-    flushed.insert(info.st_dev);
-    return true;
-  };
-  return flushOne(layout_.registryDirectory().string()) &&
-         std::all_of(items.begin(), items.end(), flushOne);
+    known = devices_.emplace(item, info.st_dev).first;
+  }
+  if (flushed->contains(known->second)) return true;
+  if (fileSystem_.SyncFileSystem(bytes.c_str()) != 0) return Fail(item, error);
+  flushed->insert(known->second);
+  return true;
 }
 
 // Every step is tried: one item that cannot be removed must not keep the others.

@@ -31,12 +31,16 @@
 // app none of its store metadata.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <set>
 #include <string>
 
 #include "platform/Error.h"
 #include "platform/FileSystem.h"
+#include "platform/UniqueDescriptor.h"
+#include "platform/linux/files/FileSystemLinux.h"
 #include "platform/linux/registry/DeviceLayout.h"
 #include "platform/linux/registry/RegistryStore.h"
 
@@ -46,7 +50,10 @@ class InstallTransaction {
  public:
   // All must outlive the object.
   InstallTransaction(FileSystem& fileSystem, const DeviceLayout& layout, RegistryStore& store)
-      : fileSystem_(fileSystem), layout_(layout), store_(store) {}
+      : fileSystem_(fileSystem),
+        flush_(dynamic_cast<DescriptorFlush*>(&fileSystem)),
+        layout_(layout),
+        store_(store) {}
 
   // Steps 1 to 7. True once the records are replaced, whether or not the clean-up succeeded: what
   // is left of it is tried again by finishOpenIntents(). False with an Error otherwise.
@@ -78,14 +85,22 @@ class InstallTransaction {
   bool removeStaging(const InstallStep& step, Error* error);
   bool flush(const InstallIntent& intent, Error* error);
   bool flush(const std::set<std::string>& items, Error* error);
+  bool flushRegistry(std::set<dev_t>* flushed, Error* error);
+  bool flushItem(const std::string& item, std::set<dev_t>* flushed, Error* error);
   void conclude(const InstallIntent& intent);
   bool cleanUp(const InstallIntent& intent, Error* error);
   bool withdraw(InstallIntent* intent);
 
   FileSystem& fileSystem_;
+  DescriptorFlush* const flush_;  // null where the file system takes only paths
   const DeviceLayout& layout_;
   RegistryStore& store_;
   bool mayHaveOpenIntents_ = true;
+  // The registry's own directory is flushed at every barrier: open since the first one.
+  UniqueDescriptor registryDirectory_;
+  dev_t registryDevice_ = 0;
+  // On which file system lies what the intent at hand works on; known from one barrier to the next.
+  std::map<std::string, dev_t> devices_;
 };
 
 }  // namespace quorvel::onlinux

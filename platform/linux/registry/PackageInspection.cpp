@@ -127,11 +127,12 @@ bool InspectPackage(BundleReader& reader, const Path& staging, PackageContents* 
     return SaysAbsent(errno) || Fail(staging.string(), error);
   }
   package->isPresent = true;
+  std::vector<std::string> names;
+  // What could not be listed is not taken along and keeps the staging directory from being empty,
+  // and so from being removed.
+  NamesIn(directory.get(), names);
   for (const char* name : StoreMetadataItemNames) {
-    struct stat info {};
-    // What cannot be looked at is not taken along and keeps the staging directory from being empty,
-    // and so from being removed.
-    if (::fstatat(directory.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
       package->metadata.emplace_back(name);
     }
   }

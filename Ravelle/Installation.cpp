@@ -253,7 +253,7 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
   Error error;
   bool installed = false;
   // What an interrupted run left there is another placeholder's.
-  if (_files.removeItemAtURL(directory, &error) &&
+  if ((IsCertainlyNotThere(directory) || _files.removeItemAtURL(directory, &error)) &&
       _files.createDirectoryAtURL(directory, {.withIntermediateDirectories = true}, &error)) {
     std::unique_ptr<PlistData> metadata = ReadStoreMetadata(container);
     installed = BuildPlaceholder(*this, bundle, identifier, directory) &&
@@ -264,7 +264,8 @@ bool QVRavelle::_stageAndInstallPlaceholderForBundleAtURL(const Path& bundle,
                 error);
     TellProblem(MigrationStep::placeholder, MigrationReason::placeholderFailed, directory, error);
   }
-  _files.removeItemAtURL(directory);
+  // The registry has taken it, as a rule.
+  if (!IsCertainlyNotThere(directory)) _files.removeItemAtURL(directory);
   return installed;
 }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Path.h"
 #include "platform/UniqueDescriptor.h"
 
 namespace quorvel::onlinux {
@@ -65,6 +66,13 @@ int OpenDeepest(std::string_view* rest, bool isLong, UniqueDescriptor* directory
   return *directory ? 0 : errno;
 }
 
+// Where the parent only is missing, too: both by their whole names. ENOENT when that was not it.
+int MadeWithParent(const std::string& path, mode_t mode, const ModeChanger& modes) {
+  const int number = Made(AT_FDCWD, ParentOf(path).c_str(), mode, modes);
+  if (number == 0) return Made(AT_FDCWD, path.c_str(), mode, modes);
+  return number == EEXIST ? ENOENT : number;
+}
+
 }  // namespace
 
 int MakeDirectories(const char* path, mode_t mode, const ModeChanger& modes) {
@@ -76,6 +84,8 @@ int MakeDirectories(const char* path, mode_t mode, const ModeChanger& modes) {
   const std::string whole(rest);
   // Mostly only the last component is missing, or nothing.
   int number = Made(AT_FDCWD, whole.c_str(), mode, modes);
+  if (number == EEXIST) return Existing(AT_FDCWD, whole.c_str());
+  if (number == ENOENT) number = MadeWithParent(whole, mode, modes);
   if (number == EEXIST) return Existing(AT_FDCWD, whole.c_str());
   if (number != ENOENT && number != ENAMETOOLONG) return number;
 

@@ -265,31 +265,38 @@ TEST_F(RemoveTreeTest, WidthNeedsNoMemory) {
   EXPECT_FALSE(Exists(tree_ / "root"));
 }
 
+// Also where the kernel, or a filter, does not know the call that tells mount points.
 TEST_F(RemoveTreeTest, LeavesMountsAndWhatIsInThem) {
   if (!NoMounts().empty()) GTEST_SKIP() << NoMounts();
-  EXPECT_TRUE(WithMounts([&] {
-    MakeDirectory(tree_ / "canary");
-    WriteFile(tree_ / "canary/kept", "kept");
-    MakeDirectory(tree_ / "root");
-    for (const char* name : {"root/bound", "root/mounted"}) MakeDirectory(tree_ / name);
+  MakeDirectory(tree_ / "canary");
+  WriteFile(tree_ / "canary/kept", "kept");
+  MakeDirectory(tree_ / "root");
+  for (const char* name : {"root/bound", "root/mounted"}) MakeDirectory(tree_ / name);
+  for (const int refusal : {0, ENOSYS, EPERM}) {
     WriteFile(tree_ / "root/file", "x");
-    // The first has the device number of the tree around it.
-    ASSERT_EQ(::mount((tree_ / "canary").c_str(), (tree_ / "root/bound").c_str(), nullptr, MS_BIND,
-                      nullptr),
-              0);
-    ASSERT_EQ(::mount("tmpfs", (tree_ / "root/mounted").c_str(), "tmpfs", 0, nullptr), 0);
-    WriteFile(tree_ / "root/mounted/kept", "kept");
-    EXPECT_EQ(remove(tree_ / "root"), 0);
-    const std::set<std::pair<std::string, int>> reports(listener_.reports.begin(),
-                                                        listener_.reports.end());
-    const std::set<std::pair<std::string, int>> expected = {{tree_ / "root/bound", EBUSY},
-                                                            {tree_ / "root/mounted", EBUSY},
-                                                            {tree_ / "root", ENOTEMPTY}};
-    EXPECT_EQ(reports, expected);
-    EXPECT_TRUE(Exists(tree_ / "root/bound/kept"));
-    EXPECT_TRUE(Exists(tree_ / "root/mounted/kept"));
-    EXPECT_FALSE(Exists(tree_ / "root/file"));
-  }));
+    EXPECT_TRUE(WithMounts([&] {
+      // The first has the device number of the tree around it.
+      ASSERT_EQ(::mount((tree_ / "canary").c_str(), (tree_ / "root/bound").c_str(), nullptr,
+                        MS_BIND, nullptr),
+                0);
+      ASSERT_EQ(::mount("tmpfs", (tree_ / "root/mounted").c_str(), "tmpfs", 0, nullptr), 0);
+      WriteFile(tree_ / "root/mounted/kept", "kept");
+      if (refusal != 0) FailSystemCall(SYS_openat2, refusal);
+      EXPECT_EQ(remove(tree_ / "root/bound"), 0);
+      EXPECT_EQ(listener_.reports, (Reports{{tree_ / "root/bound", EBUSY}}));
+      listener_.reports.clear();
+      EXPECT_EQ(remove(tree_ / "root"), 0);
+      const std::set<std::pair<std::string, int>> reports(listener_.reports.begin(),
+                                                          listener_.reports.end());
+      const std::set<std::pair<std::string, int>> expected = {{tree_ / "root/bound", EBUSY},
+                                                              {tree_ / "root/mounted", EBUSY},
+                                                              {tree_ / "root", ENOTEMPTY}};
+      EXPECT_EQ(reports, expected);
+      EXPECT_TRUE(Exists(tree_ / "root/bound/kept"));
+      EXPECT_TRUE(Exists(tree_ / "root/mounted/kept"));
+      EXPECT_FALSE(Exists(tree_ / "root/file"));
+    })) << refusal;
+  }
 }
 
 TEST_F(RemoveTreeTest, AFailureToReadADirectoryIsReportedOnce) {
@@ -306,7 +313,8 @@ TEST_F(RemoveTreeTest, AFailureToReadADirectoryIsReportedOnce) {
     EXPECT_EQ(listener_.reports, (Reports{{tree_ / "root/file", EROFS}, {tree_ / "root", EROFS}}));
   }));
   EXPECT_TRUE(InChild([&] {
-    FailSystemCall(SYS_statx, EPERM);  // as some containers do
+    FailSystemCall(SYS_openat2, ENOSYS);  // as old kernels and some containers do
+    FailSystemCall(SYS_statx, EPERM);
     EXPECT_EQ(remove(tree_ / "root"), 0);
     EXPECT_TRUE(listener_.reports.empty());
   }));

@@ -111,7 +111,7 @@ TEST_F(CostTest, ACallOrFlushMoreForEachContainerIsSeen) {
 #endif
   if (::geteuid() != 0) GTEST_SKIP() << "calls are counted from the change of root on";
   const std::tuple<Kind, double, double> budgets[] = {
-      {Kind::plain, 235, 3}, {Kind::icon, 245, 3}, {Kind::plugin, 277, 3}, {Kind::group, 321, 4}};
+      {Kind::plain, 186, 3}, {Kind::icon, 196, 3}, {Kind::plugin, 220, 3}, {Kind::group, 268, 4}};
   for (const auto& [kind, calls, flushes] : budgets) {
     const Calls cost = callsPerContainer(kind, 8, 16);
     SCOPED_TRACE(std::string(NameOf(kind)) + ", by number of the call:" + Listed(cost));
@@ -131,7 +131,7 @@ TEST_F(CostTest, ACallMoreOfThePreflightForEachContainerIsSeen) {
 #endif
   if (::geteuid() != 0) GTEST_SKIP() << "calls are counted from the change of root on";
   const std::tuple<Kind, int, int, double> budgets[] = {
-      {Kind::plain, 8, 16, 32}, {Kind::plain, 1000, 2000, 32}, {Kind::group, 100, 200, 32}};
+      {Kind::plain, 8, 16, 30}, {Kind::plain, 1000, 2000, 30}, {Kind::group, 100, 200, 30}};
   for (const auto& [kind, few, many, calls] : budgets) {
     const Calls cost = callsPerContainer(kind, few, many, true);
     EXPECT_NEAR(TotalOf(cost), calls, 0.4) << NameOf(kind) << many << Listed(cost);

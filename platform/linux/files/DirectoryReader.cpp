@@ -32,7 +32,12 @@ bool DirectoryReader::fill(int descriptor) {
   if (count < 0) return false;
   offset_ = 0;
   end_ = static_cast<std::size_t>(count);
-  if (end_ == 0) errno = 0;
+  if (end_ == 0) {
+    errno = 0;
+  } else {
+    ++blocks_;
+    last_ = end_;
+  }
   return end_ > 0;
 }
 
@@ -52,12 +57,22 @@ const DirectoryEntry* DirectoryReader::next(int descriptor) {
 void DirectoryReader::rewind() {
   position_ = 0;
   offset_ = end_ = 0;
+  blocks_ = 0;
   seek_ = true;
+}
+
+// After the end the buffer still has the last block; the only one, in nearly every directory.
+void DirectoryReader::repeat() {
+  if (blocks_ != 1 || buffer_ == nullptr) return rewind();
+  offset_ = 0;
+  end_ = last_;
 }
 
 void DirectoryReader::suspend() {
   buffer_.reset();
   offset_ = end_ = 0;
+  // What was given so far is in no buffer any more.
+  blocks_ = 2;
   seek_ = true;
 }
 

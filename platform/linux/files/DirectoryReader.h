@@ -30,6 +30,9 @@ class DirectoryReader {
   const DirectoryEntry* next(int descriptor);
   // Reads from the first entry again.
   void rewind();
+  // Gives once more what was given so far, without asking the file system again where the buffer
+  // still holds it all. At the end only.
+  void repeat();
   // Gives up the buffer; reading goes on after the last entry that next() gave, also with another
   // descriptor of the same directory.
   void suspend();
@@ -41,8 +44,10 @@ class DirectoryReader {
   std::unique_ptr<char[]> buffer_;
   std::size_t offset_ = 0;  // of the next record in the buffer
   std::size_t end_ = 0;
-  off_t position_ = 0;  // the directory's own cookie of where the last entry given ends
-  bool seek_ = false;   // the descriptor is elsewhere
+  std::size_t blocks_ = 0;  // read since the first entry
+  std::size_t last_ = 0;    // size of the last block that held entries
+  off_t position_ = 0;      // the directory's own cookie of where the last entry given ends
+  bool seek_ = false;       // the descriptor is elsewhere
   DirectoryEntry entry_;
 };
 

@@ -2,6 +2,9 @@
 #include "platform/linux/files/DirectoryStack.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -44,9 +47,10 @@ std::string DirectoryStack::nameOf(std::size_t level) const {
   return path_.substr(begin, levels_[level].pathLength - begin);
 }
 
-UniqueDescriptor DirectoryStack::openAt(int directory, const char* name, int flags, mode_t mode) {
+template <class Open>
+UniqueDescriptor DirectoryStack::openBy(const Open& open) {
   for (;;) {
-    const int descriptor = ::openat(directory, name, flags, mode);
+    const int descriptor = open();
     if (descriptor >= 0) return UniqueDescriptor(descriptor);
     if (errno == EINTR) continue;
     // ENFILE is the whole machine's, and what is given back here may go to somebody else: the loop
@@ -60,9 +64,25 @@ UniqueDescriptor DirectoryStack::openAt(int directory, const char* name, int fla
   }
 }
 
+UniqueDescriptor DirectoryStack::openAt(int directory, const char* name, int flags, mode_t mode) {
+  return openBy([&] { return ::openat(directory, name, flags, mode); });
+}
+
 UniqueDescriptor DirectoryStack::openDirectoryAt(int directory, const char* name) {
   UniqueDescriptor descriptor = openAt(directory, name, kDirectoryFlags);
   if (!descriptor && errno == ELOOP) errno = ENOTDIR;
+  return descriptor;
+}
+
+UniqueDescriptor DirectoryStack::openDirectoryHereAt(int directory, const char* name) {
+  open_how how{};
+  how.flags = static_cast<unsigned>(kDirectoryFlags);
+  how.resolve = RESOLVE_NO_XDEV;
+  UniqueDescriptor descriptor = openBy(
+      [&] { return static_cast<int>(::syscall(SYS_openat2, directory, name, &how, sizeof how)); });
+  if (!descriptor && errno == ELOOP) errno = ENOTDIR;
+  // No directory is refused so when it is opened to be read; a filter is what refuses.
+  if (!descriptor && errno == EPERM) errno = ENOSYS;
   return descriptor;
 }
 
@@ -78,7 +98,14 @@ void DirectoryStack::enter(UniqueDescriptor descriptor, const DirectoryIdentity&
 
 bool DirectoryStack::closeShallowest() {
   if (levels_.size() - firstOpen_ <= kLeastOpenLevels) return false;
-  Level& level = levels_[firstOpen_++];
+  Level& level = levels_[firstOpen_];
+  struct stat info;
+  // One that is not known could not be told from another when it is opened again: it stays open.
+  if (level.identity == DirectoryIdentity() && ::fstat(level.descriptor.get(), &info) == 0) {
+    level.identity = IdentityOf(info);
+  }
+  if (level.identity == DirectoryIdentity()) return false;
+  ++firstOpen_;
   level.descriptor.reset();
   // The place in the directory is kept, the buffer is not.
   level.reader.suspend();

@@ -50,8 +50,12 @@ class DirectoryStack {
   UniqueDescriptor openAt(int directory, const char* name, int flags, mode_t mode = 0);
   // The same for a directory to read; ENOTDIR for anything else, a link included.
   UniqueDescriptor openDirectoryAt(int directory, const char* name);
+  // The same for one that is no mount point; EXDEV for one that is. ENOSYS where the kernel, or a
+  // filter, does not know the question.
+  UniqueDescriptor openDirectoryHereAt(int directory, const char* name);
 
-  // Goes down into the entry `name`, or into the root.
+  // Goes down into the entry `name`, or into the root. An empty identity is found out when the
+  // directory has to be closed, which in most trees is never.
   void enter(UniqueDescriptor descriptor, const DirectoryIdentity& identity, const char* name);
   // Sees to it that the parent is open. ESTALE when ".." is no longer the directory that the walk
   // came through.
@@ -65,9 +69,13 @@ class DirectoryStack {
   void recover();
 
  private:
+  // Opens by `open`, a call's result or -1 with errno, making room when descriptors run out.
+  template <class Open>
+  UniqueDescriptor openBy(const Open& open);
+
   struct Level {
     UniqueDescriptor descriptor;  // open from firstOpen_ on
-    DirectoryIdentity identity;
+    DirectoryIdentity identity;   // empty where it is not known yet
     std::size_t pathLength = 0;
     DirectoryReader reader;
   };

@@ -16,14 +16,9 @@ namespace {
 // network file systems do), must not hold the walk for ever.
 constexpr unsigned kMostPasses = 64;
 
-struct Place {
-  DirectoryIdentity identity;
-  std::uint64_t mount = 0;  // 0 where the kernel does not tell
-};
-
 // One call for the identity and the mount; the mount tells apart bind mounts of the same device
 // and does not take a subvolume, which has a device number of its own, for a mount.
-bool Locate(int descriptor, Place* place) {
+bool Locate(int descriptor, TreeRemover::Place* place) {
   struct statx info;
   if (::statx(descriptor, "", AT_EMPTY_PATH, STATX_INO | STATX_MNT_ID, &info) == 0) {
     place->identity = {makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino};
@@ -75,16 +70,7 @@ TreeRemover::TreeRemover(ItemPath item, bool recursive, WipeTreeStateLinux& stat
       stack_(item_.parent.get(), item_.name, item_.path) {}
 
 int TreeRemover::run() {
-  struct stat info;
-  if (::fstatat(item_.parent.get(), item_.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
-    return errno;
-  }
-  Place base;
-  if (!Locate(item_.parent.get(), &base)) return errno;
-  baseMount_ = base.mount;
-  baseDevice_ = base.identity.device;
-
-  visit(item_.parent.get(), item_.name.c_str(), S_ISDIR(info.st_mode) ? DT_DIR : DT_UNKNOWN);
+  if (const int number = begin(); number != 0) return number;
   while (stack_.depth() > 0 && ended_ == 0) {
     const int directory = stack_.descriptor();
     if (const DirectoryEntry* entry = stack_.reader().next(directory)) {
@@ -99,6 +85,30 @@ int TreeRemover::run() {
     ended_ = ENOENT;
   }
   return ended_;
+}
+
+// Nearly always a directory on its parent's mount, which one call tells. Anything else is looked
+// at.
+int TreeRemover::begin() {
+  const int parent = item_.parent.get();
+  const char* name = item_.name.c_str();
+  if (recursive_) {
+    UniqueDescriptor directory = stack_.openDirectoryHereAt(parent, name);
+    if (directory) {
+      enter(std::move(directory), {}, name);
+      return 0;
+    }
+    if (errno == ENOENT) return ENOENT;
+    tellsMounts_ = errno != ENOSYS;
+  }
+  struct stat info;
+  if (::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  Place base;
+  if (!tellsMounts_ && !Locate(parent, &base)) return errno;
+  baseMount_ = base.mount;
+  baseDevice_ = base.identity.device;
+  visit(parent, name, S_ISDIR(info.st_mode) ? DT_DIR : DT_UNKNOWN);
+  return 0;
 }
 
 void TreeRemover::visit(int directory, const char* name, unsigned char type) {
@@ -139,9 +149,14 @@ bool TreeRemover::visitFile(int directory, const char* name, unsigned char type)
 }
 
 void TreeRemover::visitDirectory(int directory, const char* name) {
-  UniqueDescriptor descriptor = stack_.openDirectoryAt(directory, name);
-  if (descriptor) return enter(std::move(descriptor), name);
+  UniqueDescriptor descriptor = tellsMounts_ ? stack_.openDirectoryHereAt(directory, name)
+                                             : stack_.openDirectoryAt(directory, name);
+  if (descriptor) {
+    return tellsMounts_ ? enter(std::move(descriptor), {}, name)
+                        : enterLocated(std::move(descriptor), name);
+  }
   if (errno == ENOENT) return vanished(name);
+  if (errno == EXDEV) return failed(stack_.pathOf(name), EBUSY);
   if (errno != ENOTDIR) return removeUnreadable(directory, name, errno);
   // It was exchanged with a link or a file, which is now what is to be removed.
   if (!visitFile(directory, name, DT_LNK)) failed(stack_.pathOf(name), EBUSY);
@@ -154,7 +169,8 @@ void TreeRemover::removeUnreadable(int directory, const char* name, int openErro
   failed(stack_.pathOf(name), holdsEntries ? openError : errno);
 }
 
-void TreeRemover::enter(UniqueDescriptor descriptor, const char* name) {
+// Without the kernel's word that it is no mount point.
+void TreeRemover::enterLocated(UniqueDescriptor descriptor, const char* name) {
   Place place;
   if (!Locate(descriptor.get(), &place)) return failed(stack_.pathOf(name), errno);
   const std::uint64_t outerMount = levels_.empty() ? baseMount_ : levels_.back().mount;
@@ -162,6 +178,10 @@ void TreeRemover::enter(UniqueDescriptor descriptor, const char* name) {
                               ? place.mount != outerMount
                               : place.identity.device != baseDevice_;
   if (otherMount) return failed(stack_.pathOf(name), EBUSY);
+  enter(std::move(descriptor), place, name);
+}
+
+void TreeRemover::enter(UniqueDescriptor descriptor, const Place& place, const char* name) {
   stack_.enter(std::move(descriptor), place.identity, name);
   levels_.push_back({});
   levels_.back().mount = place.mount;
@@ -172,7 +192,7 @@ void TreeRemover::finishDirectory(int readError) {
   if (stack_.depth() == 1 && rootPass_ != RootPass::everything) {
     const bool again = rootPass_ == RootPass::files && directoriesWait_;
     rootPass_ = again ? RootPass::directories : RootPass::everything;
-    if (again) return stack_.reader().rewind();
+    if (again) return stack_.reader().repeat();
   }
   if (!stack_.openParent()) {
     // Somebody moved it, or a directory above it. What is still reachable by name goes on.

@@ -42,6 +42,12 @@ class TreeRemover {
   // what could not be removed was reported, and the callback wanted to go on.
   int run();
 
+  // Where a directory is; all of it empty where nobody had to ask.
+  struct Place {
+    DirectoryIdentity identity;
+    std::uint64_t mount = 0;  // 0 where the kernel does not tell
+  };
+
  private:
   // What a directory is remembered by beside its place in the stack.
   struct Level {
@@ -61,6 +67,8 @@ class TreeRemover {
   // long as the note is there.
   enum class RootPass { files, directories, everything };
 
+  // Opens or removes the item itself. 0, or the number of the failure that ends the removal.
+  int begin();
   // Removes the entry, or goes down into it.
   void visit(int directory, const char* name, unsigned char type);
   // Whether the root's entry waits for, or was dealt with in, the other pass.
@@ -71,8 +79,10 @@ class TreeRemover {
   void visitDirectory(int directory, const char* name);
   // A directory that cannot be opened may still be empty: rmdir tells.
   void removeUnreadable(int directory, const char* name, int openError);
-  // Goes down into a directory that was found to be on the mount that it should be on.
-  void enter(UniqueDescriptor descriptor, const char* name);
+  // Goes down into a directory, if it is on the mount of the one above it.
+  void enterLocated(UniqueDescriptor descriptor, const char* name);
+  // Goes down into a directory that is known to be no mount point.
+  void enter(UniqueDescriptor descriptor, const Place& place, const char* name);
   // The directory has no more entries: removes it, or looks again where that may help.
   void finishDirectory(int readError);
   // Whether to read the directory again: entries may be skipped while others are removed.
@@ -91,8 +101,11 @@ class TreeRemover {
   WipeTreeStateLinux& state_;
   DirectoryStack stack_;
   std::vector<Level> levels_;  // as deep as the stack
-  // Of the directory that holds the item: what is elsewhere is a mount point, the item itself
-  // included.
+  // Whether the kernel refuses to open a mount point (openat2), so that nobody has to ask where a
+  // directory is.
+  bool tellsMounts_ = true;
+  // Otherwise, of the directory that holds the item: what is elsewhere is a mount point, the item
+  // itself included.
   std::uint64_t baseMount_ = 0;
   dev_t baseDevice_ = 0;
   RootPass rootPass_ = RootPass::files;

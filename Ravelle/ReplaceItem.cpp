@@ -102,6 +102,15 @@ std::vector<Path> DirectoriesInUse(const QVGlobalConfiguration& configuration) {
           root.childDirectory("Developer")};
 }
 
+// Behind a failed move to where nothing was. What is there now was copied from the source, which a
+// move takes away only once the copy is whole and stored, and which must be seen to be there: where
+// it is not, the move may have been done in spite of what was said.
+void RemoveBeginningOfCopy(QVFileManager& files, const Path& source, const Path& destination) {
+  struct stat info {};
+  const bool sourceStays = ::lstat(source.fileSystemRepresentation().c_str(), &info) == 0;
+  if (sourceStays && !IsCertainlyNotThere(destination)) files.removeItemAtURL(destination);
+}
+
 }  // namespace
 
 bool IsCertainlyNotThere(const Path& item) {
@@ -148,16 +157,19 @@ bool IsGroupContainer(const Path& recorded, const Path& newContainer,
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination,
                    Error* error) {
   // The normal case needs no further look.
-  if (IsCertainlyNotThere(destination)) {
-    return files.moveItemIfExistsAtURL(source, destination, error);
+  bool isClear = IsCertainlyNotThere(destination);
+  if (!isClear) {
+    if (DestinationHoldsSource(source, destination)) {
+      return SetError(error,
+                      _CreateError(kReplace, __LINE__, PosixErrorDomain, EINVAL,
+                                   "%@ is, or lies in, its destination %@", source, destination));
+    }
+    files.removeItemAtURL(destination);
+    isClear = IsCertainlyNotThere(destination);
   }
-  if (DestinationHoldsSource(source, destination)) {
-    return SetError(error,
-                    _CreateError(kReplace, __LINE__, PosixErrorDomain, EINVAL,
-                                 "%@ is, or lies in, its destination %@", source, destination));
-  }
-  files.removeItemAtURL(destination);
-  return files.moveItemIfExistsAtURL(source, destination, error);
+  if (files.moveItemIfExistsAtURL(source, destination, error)) return true;
+  if (isClear) RemoveBeginningOfCopy(files, source, destination);
+  return false;
 }
 
 }  // namespace quorvel

@@ -10,7 +10,8 @@ namespace quorvel {
 
 // Deletes the destination (its failure is met by the move) and moves the source there. A missing
 // source is success. False, with nothing deleted, when the destination is the source or holds it:
-// deleting it would delete what is to be moved.
+// deleting it would delete what is to be moved. Of a copy to another disk that failed no beginning
+// is left at the destination, as far as it can be removed; the source stands whole.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
 
 // False also where it cannot be told.

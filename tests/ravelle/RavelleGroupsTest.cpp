@@ -1,6 +1,7 @@
 // Group containers and safe harbors.
 #include "tests/ravelle/RavelleFixture.h"
 #include "tests/support/FaultWrappers.h"
+#include "tests/support/TreeTools.h"
 
 namespace quorvel::tests {
 namespace {
@@ -132,6 +133,39 @@ TEST_F(GroupsTest, ItemThatCannotBeMovedKeepsDirectoryAndEntry) {
   EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
   EXPECT_EQ(readFile(container + "/kept/file"), "stays") << "the entry was kept";
   EXPECT_FALSE(exists(old));
+}
+
+// What a failed copy made goes again, since no later run may come back to the group; what was there
+// before and could not be removed is not taken for it.
+TEST_F(GroupsTest, BeginningOfAFailedCopyToAnotherDiskGoes) {
+  const testing::ScratchTree disk;
+  const std::string old = disk / "G";
+  if (testing::StatOf(disk.path()).st_dev == testing::StatOf(platform_.tree.path()).st_dev)
+    GTEST_SKIP();
+  writeFile(old + "/kept/file", "stays");
+  writeInstallMap({{"group.g", PlistDictionary{{"Container", old}}}});
+  const auto plugin = pluginWithApp({"group.g"});
+  const std::string item = groupOf("com.example.a", "group.g") + "/kept";
+  Fault unflushed("SyncFileSystem", 0, EIO);
+  FaultyFileSystem atFlush(platform_.fileSystem, unflushed);
+  for (const bool canRemove : {true, false}) {
+    Fault stuck(canRemove ? "none" : "RemoveTree", 0, EBUSY);
+    FaultyFileSystem broken(atFlush, stuck);
+    platform_.set.fileSystem = &broken;
+    EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+    EXPECT_EQ(readFile(old + "/kept/file"), "stays");
+    EXPECT_EQ(exists(item), !canRemove);
+  }
+  writeFile(item + "/another", "of somebody's");
+  Fault once("RemoveTree", 1, EBUSY);
+  FaultyFileSystem broken(atFlush, once);
+  platform_.set.fileSystem = &broken;
+  EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_EQ(readFile(item + "/another"), "of somebody's");
+  platform_.set.fileSystem = &platform_.fileSystem;
+  EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_EQ(readFile(item + "/file"), "stays");
+  EXPECT_FALSE(exists(item + "/another") || exists(old));
 }
 
 TEST_F(GroupsTest, GroupWhoseOldAndNewContainerAreOneIsLeftAlone) {

@@ -1,7 +1,8 @@
 // Operations inside one process, each beside what it is measured against.
 //
 // Every pair is named X/ours and X/peer and works on the same input, so that the ratio of their
-// times is the figure. scripts/bench runs the pairs interleaved and prints it.
+// times is the figure; X/floor does only what ours cannot do without. scripts/bench runs them
+// interleaved and prints the ratios.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <expat.h>
@@ -141,19 +142,22 @@ void ReadPropertyList(benchmark::State& state) {
   }
 }
 
+bool ParseWithEmptyHandlers(const char* text, std::size_t length) {
+  const XML_Parser parser = ::XML_ParserCreate(nullptr);
+  ::XML_SetElementHandler(
+      parser, [](void*, const char*, const char**) {}, [](void*, const char*) {});
+  ::XML_SetCharacterDataHandler(parser, [](void*, const char*, int) {});
+  const bool parsed = ::XML_Parse(parser, text, static_cast<int>(length), 1) == XML_STATUS_OK;
+  ::XML_ParserFree(parser);
+  return parsed;
+}
+
 // What any reader built on this parser spends before it makes a single value.
 void XmlPeer(benchmark::State& state) {
   const auto& bytes = LargeBytes(PropertyListFormat::xml);
   for (auto _ : state) {
-    const XML_Parser parser = ::XML_ParserCreate(nullptr);
-    ::XML_SetElementHandler(
-        parser, [](void*, const char*, const char**) {}, [](void*, const char*) {});
-    ::XML_SetCharacterDataHandler(parser, [](void*, const char*, int) {});
     const auto* text = reinterpret_cast<const char*>(bytes.data());
-    if (::XML_Parse(parser, text, static_cast<int>(bytes.size()), 1) != XML_STATUS_OK) {
-      state.SkipWithError("parsing");
-    }
-    ::XML_ParserFree(parser);
+    if (!ParseWithEmptyHandlers(text, bytes.size())) state.SkipWithError("parsing");
   }
 }
 
@@ -177,6 +181,15 @@ void BinaryPeer(benchmark::State& state) {
   }
 }
 
+// The values alone, made from values: what any reader that hands out a tree of them spends.
+void BinaryFloor(benchmark::State& state) {
+  const PlistValue& original = LargeValue();
+  for (auto _ : state) {
+    const PlistValue copy = original;
+    benchmark::DoNotOptimize(&copy);
+  }
+}
+
 // --- Catalogs ---------------------------------------------------------------------------------
 
 void CatalogOurs(benchmark::State& state) {
@@ -188,7 +201,9 @@ void CatalogOurs(benchmark::State& state) {
   }
 }
 
-void CatalogPeer(benchmark::State& state) {
+// Opens and reads every bundle's dictionary, and hands its bytes on.
+template <class Consumer>
+void ReadBundles(benchmark::State& state, Consumer consume) {
   static char buffer[65536];
   const fs::path apps = TheInputs().device() / "Applications";
   for (auto _ : state) {
@@ -197,11 +212,23 @@ void CatalogPeer(benchmark::State& state) {
       if (entry->d_name[0] == '.') continue;
       const std::string file = std::string(entry->d_name) + "/Info.plist";
       const int fd = ::openat(::dirfd(directory), file.c_str(), O_RDONLY);
-      benchmark::DoNotOptimize(::read(fd, buffer, sizeof buffer));
+      const ssize_t length = ::read(fd, buffer, sizeof buffer);
       ::close(fd);
+      consume(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
     }
     ::closedir(directory);
   }
+}
+
+void CatalogPeer(benchmark::State& state) {
+  ReadBundles(state, [](const char* bytes, std::size_t) { benchmark::DoNotOptimize(bytes); });
+}
+
+// The same, and the parser over each without making any value: an identifier is known only then.
+void CatalogFloor(benchmark::State& state) {
+  ReadBundles(state, [&state](const char* bytes, std::size_t length) {
+    if (!ParseWithEmptyHandlers(bytes, length)) state.SkipWithError("parsing");
+  });
 }
 
 // --- Log lines --------------------------------------------------------------------------------
@@ -235,8 +262,10 @@ BENCHMARK(ReadPropertyList<PropertyListFormat::xml>)->Name("xml/ours");
 BENCHMARK(XmlPeer)->Name("xml/peer");
 BENCHMARK(ReadPropertyList<PropertyListFormat::binary>)->Name("binary/ours");
 BENCHMARK(BinaryPeer)->Name("binary/peer");
+BENCHMARK(BinaryFloor)->Name("binary/floor");
 BENCHMARK(CatalogOurs)->Name("catalog/ours");
 BENCHMARK(CatalogPeer)->Name("catalog/peer");
+BENCHMARK(CatalogFloor)->Name("catalog/floor");
 BENCHMARK(LogLineOurs)->Name("log/ours");
 BENCHMARK(LogLinePeer)->Name("log/peer");
 

@@ -19,6 +19,7 @@ HOST = os.path.join(BIN, "migration-host")
 CTL = os.path.join(BIN, "quorvelctl")
 IMAGE = os.path.join(BIN, "legacy-image")
 FLOOR = os.path.join(BIN, "floor")
+FLOORS = os.path.join(BIN, "floors")
 QUIET = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 
 
@@ -76,10 +77,10 @@ def can_mount():
 # --- Pairs of commands -----------------------------------------------------------------------------
 
 
-def interleaved(rounds, ours, peer):
-    """Both in turn, `rounds` times after one round that is not counted."""
-    pairs = [(ours(), peer()) for _ in range(rounds + 1)][1:]
-    return [a for a, _ in pairs], [b for _, b in pairs]
+def interleaved(rounds, *programs):
+    """Ours, its peer and perhaps a floor in turn, `rounds` times after one that is not counted."""
+    times = [[program() for program in programs] for _ in range(rounds + 1)][1:]
+    return list(zip(*times))
 
 
 def device(place, name, apps):
@@ -134,10 +135,11 @@ def removal(rounds):
         def one(*command):
             run("cp", "-a", f"{place}/seed", f"{place}/tree")
             return seconds(*command, f"{place}/tree")
-        return interleaved(rounds, lambda: one(CTL, "remove"), lambda: one("rm", "-rf"))
+        return interleaved(rounds, lambda: one(CTL, "remove"), lambda: one("rm", "-rf"),
+                           lambda: one(FLOORS, "remove"))
 
 
-def copying(make):
+def copying(make, floor=None):
     def measure(rounds):
         with tmpfs() as place:
             make(place)
@@ -146,7 +148,10 @@ def copying(make):
                 took = seconds(*command, f"{place}/seed", f"{place}/copy")
                 run("rm", "-rf", f"{place}/copy")
                 return took
-            return interleaved(rounds, lambda: one(CTL, "copy"), lambda: one("cp", "-a"))
+            programs = [lambda: one(CTL, "copy"), lambda: one("cp", "-a")]
+            if floor:
+                programs.append(lambda: one(FLOORS, floor))
+            return interleaved(rounds, *programs)
     return measure
 
 
@@ -190,8 +195,9 @@ def listing(rounds):
     with tmpfs() as place:
         for i in range(200_000):
             os.close(os.open(f"{place}/entry-{i}", os.O_CREAT | os.O_WRONLY))
-        return interleaved(
-            rounds, lambda: seconds(CTL, "list", place), lambda: seconds("ls", "-f", place))
+        return interleaved(rounds, *(
+            lambda command=command: seconds(*command, place)
+            for command in ((CTL, "list"), ("ls", "-f"), (FLOORS, "list"))))
 
 
 def standardization(wrong):
@@ -207,7 +213,9 @@ def standardization(wrong):
             ours = f"{CTL} standardize --uid 33 --gid 33 {tree}"
             peer = f"chown -R 33:33 {tree} && chmod -R u=rwX,go=rX {tree}"
             seconds("sh", "-c", peer)
-            return interleaved(rounds, lambda: one(ours), lambda: one(peer))
+            floor = f"{FLOORS} standardize {tree}"
+            programs = [lambda: one(ours), lambda: one(peer)]
+            return interleaved(rounds, *programs, *([lambda: one(floor)] if wrong else []))
     return measure
 
 
@@ -238,7 +246,7 @@ def in_process(name):
         runs = [r for r in json.loads(out.stdout)["benchmarks"] if r["run_type"] == "iteration"]
         def times(of):
             return [r["real_time"] / 1e9 for r in runs if r["name"].split("/")[1] == of]
-        return times("ours"), times("peer")
+        return [t for t in map(times, ("ours", "peer", "floor")) if t]
     return measure
 
 
@@ -250,8 +258,8 @@ ROWS = [
     Row("list-operation", "the listing operation ÷ raw getdents64", 2.0, in_process("list")),
     Row("remove", "remove 50,000 files ÷ `rm -rf`", 0.92, removal),
     Row("copy", "copy 50,000 files ÷ `cp -a`", 0.75, copying(lambda place: small_files(place, "seed"))),
-    Row("copy-sparse", "copy a 100 GiB sparse file ÷ `cp -a`", 1.0, copying(sparse_file)),
-    Row("copy-large", "copy a 2 GiB file ÷ `cp -a`", 1.0, copying(large_file)),
+    Row("copy-sparse", "copy a 100 GiB sparse file ÷ `cp -a`", 1.0, copying(sparse_file, "copy-sparse")),
+    Row("copy-large", "copy a 2 GiB file ÷ `cp -a`", 1.0, copying(large_file, "copy-data")),
     Row("move", "move 50,000 files to another file system ÷ `mv`", 0.8, moving),
     Row("standardize-wrong", "standardize, all wrong ÷ `chown -R`, then `chmod -R`", 0.8, standardization(True)),
     Row("standardize-right", "standardize, all right ÷ the same", 0.3, standardization(False)),
@@ -275,12 +283,20 @@ def machine():
     return f"{model}, {os.cpu_count()} cores, Linux {platform.release()}"
 
 
+def verdict(ratio, target, floor):
+    """At its floor: what the kernel alone takes misses the target, and ours is within a tenth."""
+    if ratio <= target:
+        return "yes"
+    return "at its floor" if floor and floor > target and ratio <= 1.1 * floor else "no"
+
+
 def line_of(row, rounds):
-    ours, peer = row.measure(rounds)
+    ours, peer, *floors = row.measure(rounds)
     (a, a_spread), (b, b_spread) = spread(ours), spread(peer)
     ratio = a / b
-    met = "yes" if ratio <= row.target else "no"
-    return (f"| {ratio:.2f} | ≤ {row.target} | {met} | {row.work} | {milliseconds(a)} ± {a_spread / 2:.0%}"
+    floor = statistics.median(floors[0]) / b if floors else None
+    return (f"| {ratio:.2f} | ≤ {row.target} | {verdict(ratio, row.target, floor)}"
+            f" | {f'{floor:.2f}' if floor else ''} | {row.work} | {milliseconds(a)} ± {a_spread / 2:.0%}"
             f" | {milliseconds(b)} ± {b_spread / 2:.0%} | {row.name} |")
 
 
@@ -297,14 +313,14 @@ def main():
     privileged = can_mount()
     revision = subprocess.run(["git", "describe", "--always", "--dirty"], capture_output=True, text=True).stdout.strip()
     lines = [f"{machine()}; commit {revision}; medians of {options.rounds} interleaved rounds.", "",
-             "| ratio | target | met | work | ours | peer | row |",
-             "|---|---|---|---|---|---|---|"]
+             "| ratio | target | met | floor ÷ peer | work | ours | peer | row |",
+             "|---|---|---|---|---|---|---|---|"]
     print("\n".join(lines), flush=True)
     for row in ROWS:
         if options.rows and row.name not in options.rows:
             continue
         if row.name in PRIVILEGED and not privileged:
-            line = f"| - | ≤ {row.target} | not measured: no privileges to mount | {row.work} | | | {row.name} |"
+            line = f"| - | ≤ {row.target} | not measured: no privileges to mount | | {row.work} | | | {row.name} |"
         else:
             line = line_of(row, options.rounds)
         print(line, flush=True)

@@ -1,6 +1,9 @@
 // Trees that a user may have and nobody expects, with few descriptors or little memory: each
 // operation succeeds or fails as it says, throws nothing, and never leaves less than there was.
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +16,7 @@
 #include "shared/filemanager/QVFileManager.h"
 #include "tests/races/Rows.h"
 #include "tests/support/MigrationDevice.h"
+#include "tests/support/Refusals.h"
 #include "tests/support/TestPlatform.h"
 #include "tests/support/TreeTools.h"
 
@@ -129,7 +133,7 @@ const Operation kOperations[] = {
 };
 
 // How the process that worked ends.
-enum Ending { kSucceeded, kFailed, kThrew, kFailedSilently };
+enum Ending { kSucceeded, kFailed, kThrew, kFailedSilently, kNotMounted };
 
 Ending Work(const Operation& operation, const Limit& limit, const Path& from, const Path& to) {
   const tests::TestPlatform platform;
@@ -143,8 +147,18 @@ Ending Work(const Operation& operation, const Limit& limit, const Path& from, co
   }
 }
 
-// The host inherits the limit.
-Ending Migrate(const testing::Device& device, const Limit& limit) {
+// With the new containers on another file system, in a process that has mounts of its own.
+bool PutContainersOn(const std::string& other, const testing::Device& device) {
+  const std::string containers = device.inside(std::string(testing::Mobile) + "/Containers");
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mkdir(containers.c_str(), 0755) == 0 &&
+         ::mount(other.c_str(), containers.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+// The host inherits the limit. Nothing is mounted where `other` is empty.
+Ending Migrate(const testing::Device& device, const std::string& other, const Limit& limit) {
+  if (!other.empty() && !PutContainersOn(other, device)) return kNotMounted;
   limit.apply();
   const int code = device.run({"migrate", "--quiet"}).exitCode;
   if (code < 0) return kThrew;
@@ -161,6 +175,7 @@ std::string RunApart(const std::function<Ending()>& work, bool* succeeded) {
   if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
   *succeeded = WEXITSTATUS(status) == kSucceeded;
   if (WEXITSTATUS(status) == kThrew) return "something was thrown";
+  if (WEXITSTATUS(status) == kNotMounted) return "the other file system could not be mounted";
   if (WEXITSTATUS(status) == kFailedSilently) return "a failure without an error";
   return {};
 }
@@ -189,25 +204,36 @@ std::string Try(const Shape& shape, const Operation& operation, const Limit& lim
   return {};
 }
 
-// An app whose documents have the shape: they are whole in its old container or in its new one.
-std::string TryMigration(const Shape& shape, const Limit& limit, int size) {
+// Whether the app's documents are somewhere in their shape, below one of the roots.
+bool HasWholeDocuments(const Shape& shape, int size, const std::vector<std::string>& roots) {
+  for (const std::string& root : roots) {
+    for (auto at = std::filesystem::recursive_directory_iterator(root);
+         at != std::filesystem::end(at); ++at) {
+      if (at->path().filename() != "Documents") continue;
+      at.disable_recursion_pending();
+      if (shape.measure(at->path()) == size) return true;
+    }
+  }
+  return false;
+}
+
+// An app whose documents have the shape: they are whole in its old container or in its new one,
+// which may be on another file system.
+std::string TryMigration(const Shape& shape, const Limit& limit, int size, bool toOther) {
   const ScratchTree tree;
+  const ScratchTree other(testing::OtherFileSystem());
   const testing::Device device(tree.path());
   testing::PutBundle(device.container("A/Foo.app"), "com.example.foo");
   testing::MakeDirectory(device.container("A/Documents"));
   shape.make(device.container("A/Documents"), size);
   bool succeeded = false;
-  const std::string wrong = RunApart([&] { return Migrate(device, limit); }, &succeeded);
+  const std::string disk = toOther ? other.path() : std::string();
+  const std::string wrong = RunApart([&] { return Migrate(device, disk, limit); }, &succeeded);
   if (!wrong.empty()) return wrong;
   if (!succeeded && limit.name[0] == '\0') return "it failed without need";
   if (succeeded && testing::Exists(device.container("A")))
     return "the old container is there still";
-  for (auto at = std::filesystem::recursive_directory_iterator(device.root());
-       at != std::filesystem::end(at); ++at) {
-    if (at->path().filename() != "Documents") continue;
-    at.disable_recursion_pending();
-    if (shape.measure(at->path()) == size) return {};
-  }
+  if (HasWholeDocuments(shape, size, {device.root(), other.path()})) return {};
   return "the app's documents are nowhere whole";
 }
 
@@ -228,10 +254,14 @@ std::vector<Row> RunBadTrees(const Options& options, bool whole, bool canLimitMe
             Try(shape, operation, limit, whole ? shape.size : shape.smallSize);
         if (!wrong.empty()) row.wrong.push_back(std::string(operation.name) + ": " + wrong);
       }
-      if (row.skipped.empty()) {
+      const bool canMount = testing::NoMounts().empty();
+      for (const bool toOther : {false, true}) {
+        if (!row.skipped.empty() || (toOther && !canMount)) break;
         ++row.rounds;
-        const std::string wrong = TryMigration(shape, limit, whole ? shape.size : shape.smallSize);
-        if (!wrong.empty()) row.wrong.push_back("migration: " + wrong);
+        const std::string wrong =
+            TryMigration(shape, limit, whole ? shape.size : shape.smallSize, toOther);
+        const std::string what = toOther ? "migration to another file system: " : "migration: ";
+        if (!wrong.empty()) row.wrong.push_back(what + wrong);
       }
       rows.push_back(std::move(row));
     }

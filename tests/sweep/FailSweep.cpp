@@ -16,9 +16,13 @@ constexpr const char* kDiskFull = "full";          // every call that needs room
 constexpr const char* kReadOnly = "read-only";     // the second file system is mounted so
 constexpr const char* kUnreadable = "unreadable";  // the directory that is read then
 constexpr const char* kShort = "short";            // once: half of what was asked for
-constexpr Leniency kAfterFailure = {true, true, false, false};
 // Reading either map may fail without a failure of the run.
-constexpr Leniency kSaidComplete = {false, true, true, false};
+constexpr Leniency kSaidComplete = {.logs = true, .reading = true};
+
+Leniency BehindTheFault(const std::string& detail) {
+  const bool lasts = detail == kDiskFull || detail == kReadOnly || detail == kUnreadable;
+  return {.failures = true, .logs = true, .lasting = lasts};
+}
 
 // Calls are counted together, those that change something and those that look.
 bool IsCounted(const TracedCall& call) {
@@ -157,7 +161,7 @@ std::vector<Finding> FailSweep::tryPoint(const std::string& point, const std::st
   }
   judgeRun(device, run, &finding);
   if (!keep.empty()) CopyTreeWithSystem(device.root(), keep + "/behind-the-fault");
-  Recover(device_.judge(), device, device_.setup(), kAfterFailure, &finding);
+  Recover(device_.judge(), device, device_.setup(), BehindTheFault(DetailOf(point)), &finding);
   if (!keep.empty()) CopyTreeWithSystem(device.root(), keep + "/behind-the-recovery");
   return {finding};
 }

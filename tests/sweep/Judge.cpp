@@ -51,10 +51,10 @@ bool ForgiveRefusedBundles(Facts* expected, Facts* actual) {
 }
 
 // What the sequence gives up when it cannot read the install map, or cannot move an item of a group
-// to another disk: it stays in the legacy place, whole, and in the new one there may be the
-// beginning of a copy. The apps' containers have gone by then, so no later run comes back to the
-// group.
-bool ForgiveGroupItemsThatStayed(Facts* expected, Facts* actual) {
+// to another disk: it stays in the legacy place, whole, and in the new one, where the removal of the
+// beginning of a copy failed too, that beginning. The apps' containers have gone by then, so no
+// later run comes back to the group.
+bool ForgiveGroupItemsThatStayed(Facts* expected, Facts* actual, bool withBeginnings) {
   bool stayed = false;
   for (auto fact = expected->begin(); fact != expected->end();) {
     const auto end = fact->first.find(">/");
@@ -67,7 +67,7 @@ bool ForgiveGroupItemsThatStayed(Facts* expected, Facts* actual) {
     stayed |= stays;
     if (stays) {
       actual->erase(old);
-      actual->erase(fact->first);
+      if (withBeginnings) actual->erase(fact->first);
     }
     fact = stays ? expected->erase(fact) : std::next(fact);
   }
@@ -163,7 +163,7 @@ bool Judge::compare(Facts actual, const Leniency& leniency, Finding* finding) co
     ForgetHarbors(&actual);
   }
   if (leniency.reading || leniency.failures) {
-    if (ForgiveGroupItemsThatStayed(&expected, &actual)) {
+    if (ForgiveGroupItemsThatStayed(&expected, &actual, leniency.lasting)) {
       finding->gaveUp.emplace_back("items of a group stay in the legacy place, whole");
     }
     if (ForgiveMarksNotRead(&expected, &actual)) {

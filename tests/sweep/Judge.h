@@ -22,6 +22,8 @@ struct Leniency {
   bool reading = false;
   // What the registry had begun without a flush, a placeholder's containers, may stay.
   bool unflushed = false;
+  // The failure lasted, so the beginning of a failed copy could not be removed again.
+  bool lasting = false;
 };
 
 class Judge {

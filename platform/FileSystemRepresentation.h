@@ -69,6 +69,16 @@ inline bool StandsForItself(std::string_view sequence) {
   return !IsEscapeCharacter(sequence);
 }
 
+// How many bytes at the front are printable ASCII (or DEL), which stand for themselves one by one.
+inline std::size_t LeadingPlainBytes(std::string_view bytes) {
+  std::size_t count = 0;
+  while (count < bytes.size() && static_cast<unsigned char>(bytes[count]) >= 0x20 &&
+         static_cast<unsigned char>(bytes[count]) < 0x80) {
+    ++count;
+  }
+  return count;
+}
+
 // The escape of one byte: U+10FE00 plus its value, in UTF-8. The upper two bits of the value are
 // the lower two of the third byte, the other six those of the fourth.
 inline void AppendEscaped(std::string& text, char byte) {
@@ -88,6 +98,9 @@ inline std::string StringFromFileSystemRepresentation(std::string_view bytes) {
   using namespace encoding_detail;
   std::string text;
   text.reserve(bytes.size());
+  const std::size_t plain = LeadingPlainBytes(bytes);  // nearly always all of them
+  text += bytes.substr(0, plain);
+  bytes.remove_prefix(plain);
   while (!bytes.empty()) {
     const std::size_t length = Utf8SequenceLength(bytes);
     if (length != 0 && StandsForItself(bytes.substr(0, length))) {
@@ -116,8 +129,9 @@ inline std::string BytesOfFileSystemRepresentation(std::string_view text) {
                                  (static_cast<unsigned char>(text[3]) & 0x3FU));
       text.remove_prefix(4);
     } else {
-      bytes += text[0];
-      text.remove_prefix(1);
+      const std::size_t next = text.find('\xF4', 1);  // the next that may begin an escape
+      bytes += text.substr(0, next);
+      text.remove_prefix(next == std::string_view::npos ? text.size() : next);
     }
   }
   return bytes;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -27,6 +28,7 @@ constexpr const char* kListVisitor =
 struct DirectoryEntry {
   std::string_view name;   // bytes
   unsigned char type = 0;  // dirent type code
+  int directory = -1;      // that it is in
 };
 
 // The type of an entry whose reader did not tell; DT_UNKNOWN when it cannot be learned.
@@ -52,9 +54,28 @@ int _IterateDirectory(const char* path, Visitor&& visitor) {
     // The stream is private to this call, which is what makes readdir safe.
     const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe)
     if (entry == nullptr) return errno;
-    DirectoryEntry delivered{entry->d_name, entry->d_type};
+    DirectoryEntry delivered{entry->d_name, entry->d_type, directory};
     if (delivered.type == DT_UNKNOWN) delivered.type = LookUpType(directory, entry->d_name);
     if (!visitor(delivered)) return 0;
+  }
+}
+
+// A directory's size tells roughly how many entries it has; without a reserve a large list is moved
+// again and again while it grows. It is asked only once the directory has shown to be large; where
+// it means something else, at most a list of the greatest directories is reserved.
+constexpr std::size_t kEntriesBeforeReserve = 4096;
+constexpr std::size_t kMostReserved = std::size_t{1} << 20U;
+constexpr std::size_t kLeastBytesOfAnEntry = 20;  // on tmpfs of each entry
+
+void ReserveFor(int directory, std::vector<Path>& items) {
+  struct stat info {};
+  if (::fstat(directory, &info) != 0) return;
+  const auto expected = static_cast<std::size_t>(info.st_size) / kLeastBytesOfAnEntry;
+  if (expected <= items.size()) return;
+  try {
+    items.reserve(std::min(expected, kMostReserved));
+  } catch (const std::bad_alloc&) {  // the list may turn out to be short
+    return;
   }
 }
 
@@ -73,6 +94,7 @@ std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(con
       QV_LOG(LogLevelNotice, kListVisitor, "Ignoring symlink at %s/%s", representation, entry.name);
       return true;
     }
+    if (items.size() == kEntriesBeforeReserve) ReserveFor(entry.directory, items);
     items.push_back(directory.appending(
         QuorvelAdditions::stringWithFileSystemRepresentation(entry.name.data(), entry.name.size()),
         entry.type == DT_DIR ? Path::Kind::directory : Path::Kind::file));

@@ -125,6 +125,26 @@ done)",
   EXPECT_EQ(run.out, "");
 }
 
+// Long enough for several pieces of output, and for the list to be asked how long it will be.
+TEST_F(QuorvelctlTest, LongListingIsWholeAndInOrder) {
+  std::set<std::string> expected;
+  for (int i = 0; i < 5'000; ++i) {
+    const std::string name = "d/" + std::string(20, 'n') + std::to_string(i);
+    tree_.write(name, "");
+    expected.insert(tree_.at(name));
+  }
+  std::string inOrder;
+  std::set<std::string> found;
+  const json listed = object({"list", "d"});
+  for (const json& item : listed["items"]) {
+    found.insert(item["path"].get<std::string>());
+    inOrder += item["path"].get<std::string>() + "\n";
+  }
+  EXPECT_EQ(found, expected);
+  EXPECT_EQ(listed["items"].size(), expected.size());
+  EXPECT_TRUE(RunHost({"list", "d"}).out == inOrder);
+}
+
 TEST_F(QuorvelctlTest, NamesOfAnyBytesComeInAndGoOut) {
   if (!NoTerminal().empty()) GTEST_SKIP() << NoTerminal();
   for (const std::string& name : kHostileNames) tree_.write("d/" + name, name);

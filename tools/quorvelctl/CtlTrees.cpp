@@ -26,19 +26,29 @@ class List final : public Command {
     const auto items =
         Files().urlsForItemsInDirectoryAtURL(session.path(directory_), ignoreSymlinks_, &error);
     if (!items) return session.fail(error);
-    std::string plain;
+    if (!session.json()) return show(session, *items);
     Json list = Json::array();
     for (const Path& item : *items) {
-      if (session.json()) {
-        list.push_back({{"path", item.string()}, {"directory", item.isDirectory()}});
-      } else {
-        plain += session.shown(item.string()) + "\n";
-      }
+      list.push_back({{"path", item.string()}, {"directory", item.isDirectory()}});
     }
-    return session.finish({{"items", std::move(list)}}, plain);
+    return session.finish({{"items", std::move(list)}}, "");
   }
 
  private:
+  // In pieces, not as one text that is as large as the list.
+  static int show(Session& session, const std::vector<Path>& items) {
+    constexpr std::size_t kPieceSize = std::size_t{64} << 10U;
+    std::string piece;
+    for (const Path& item : items) {
+      piece += session.shown(item.string());
+      piece += '\n';
+      if (piece.size() < kPieceSize) continue;
+      if (const int code = session.finishBytes(piece); code != host::ExitSucceeded) return code;
+      piece.clear();
+    }
+    return session.finishBytes(piece);
+  }
+
   std::string directory_;
   bool ignoreSymlinks_ = false;
 };

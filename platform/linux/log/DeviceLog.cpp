@@ -4,16 +4,24 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 
 namespace quorvel::onlinux {
 namespace {
 
+// Which bytes stand for themselves in a line: a table, since every byte of every message is asked.
+constexpr std::array<bool, 256> kStands = [] {
+  std::array<bool, 256> stands{};
+  for (std::size_t byte = 0x20; byte < stands.size(); ++byte) {
+    stands[byte] = byte != 0x7F && byte != '\\';
+  }
+  return stands;
+}();
+
 // Plain stretches, which most messages are whole, are copied in one piece.
 void AppendMessage(std::string& line, std::string_view message) {
-  const auto stands = [](char byte) {
-    return static_cast<unsigned char>(byte) >= 0x20 && byte != 0x7F && byte != '\\';
-  };
+  const auto stands = [](char byte) { return kStands[static_cast<unsigned char>(byte)]; };
   while (!message.empty()) {
     std::size_t plain = 0;
     while (plain < message.size() && stands(message[plain])) ++plain;

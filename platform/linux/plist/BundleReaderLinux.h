@@ -9,15 +9,15 @@
 namespace quorvel::onlinux {
 
 // A bundle keeps its directory open, so that what is read later is what was opened. Any number of
-// threads may use one reader; a bundle may outlive it. What was parsed is shared between the
-// bundles of one reader, so that the copies of one dictionary that a migration meets are parsed
+// threads may use one reader; a bundle may outlive it. What was parsed is shared between all
+// bundles of the process, so that the copies of one dictionary that a migration meets are parsed
 // once (ParsedDictionaries.h). The directory is closed once the file was opened.
 class BundleReaderLinux : public BundleReader {
  public:
   std::unique_ptr<PKBundle> open(const Path& directory, Error* error) override;
 
  private:
-  const std::shared_ptr<ParsedDictionaries> parsed_ = std::make_shared<ParsedDictionaries>();
+  const std::shared_ptr<ParsedDictionaries> parsed_ = ParsedDictionaries::ofProcess();
 };
 
 }  // namespace quorvel::onlinux

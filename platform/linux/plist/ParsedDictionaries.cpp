@@ -19,6 +19,11 @@ std::string_view KeyOf(std::span<const std::uint8_t> bytes) {
 
 }  // namespace
 
+std::shared_ptr<ParsedDictionaries> ParsedDictionaries::ofProcess() {
+  static const auto shared = std::make_shared<ParsedDictionaries>();
+  return shared;
+}
+
 std::shared_ptr<const PlistDictionary> ParsedDictionaries::find(
     std::span<const std::uint8_t> bytes) {
   const std::lock_guard<std::mutex> guard(lock_);

@@ -1,8 +1,8 @@
 // Dictionaries that were parsed lately, found again by the bytes that they were parsed from.
 //
-// A migration reads each info dictionary three times, from three places of the disk: when it
-// looks at the container, for the placeholder, and when the registry takes the bundle. The file is
-// read each time; only the parsing, which costs some thirty times as much, is spared. As the bytes
+// A migration reads each info dictionary four times, from three places of the disk: when the host
+// looks ahead, when the container is looked at, for the placeholder, and when the registry takes the
+// bundle. The file is read each time; only the parsing, which costs some thirty times as much, is spared. As the bytes
 // themselves are compared, a file that changed meanwhile can never be taken for what it was.
 #pragma once
 
@@ -23,6 +23,10 @@ namespace quorvel::onlinux {
 // Any number of threads may use one.
 class ParsedDictionaries {
  public:
+  // The one that all readers of the process share: the host's look ahead has services of its own,
+  // and the bytes alone decide, whoever read them.
+  static std::shared_ptr<ParsedDictionaries> ofProcess();
+
   // Null when these bytes are not among those that were kept. What is found counts as used last.
   // The result is shared with others and stays good when the entry is forgotten.
   std::shared_ptr<const PlistDictionary> find(std::span<const std::uint8_t> bytes);

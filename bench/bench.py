@@ -108,8 +108,8 @@ def floor(place, apps, syncs):
 def migration(where, apps=1000, syncs=0):
     def measure(rounds):
         with where() as place:
-            return interleaved(
-                rounds, lambda: migrate(place, apps), lambda: floor(place, apps, syncs))
+            return interleaved(rounds, lambda: migrate(place, apps),
+                               lambda: floor(place, apps, syncs), lambda: floor(place, apps, "steps"))
     return measure
 
 

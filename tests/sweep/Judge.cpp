@@ -51,8 +51,8 @@ bool ForgiveRefusedBundles(Facts* expected, Facts* actual) {
 }
 
 // What the sequence gives up when it cannot read the install map, or cannot move an item of a group
-// to another disk: it stays in the legacy place, whole, and in the new one, where the removal of the
-// beginning of a copy failed too, that beginning. The apps' containers have gone by then, so no
+// to another disk: it stays in the legacy place, whole, and in the new one, where the removal of
+// the beginning of a copy failed too, that beginning. The apps' containers have gone by then, so no
 // later run comes back to the group.
 bool ForgiveGroupItemsThatStayed(Facts* expected, Facts* actual, bool withBeginnings) {
   bool stayed = false;

@@ -1,9 +1,10 @@
 // Dictionaries that were parsed lately, found again by the bytes that they were parsed from.
 //
 // A migration reads each info dictionary four times, from three places of the disk: when the host
-// looks ahead, when the container is looked at, for the placeholder, and when the registry takes the
-// bundle. The file is read each time; only the parsing, which costs some thirty times as much, is spared. As the bytes
-// themselves are compared, a file that changed meanwhile can never be taken for what it was.
+// looks ahead, when the container is looked at, for the placeholder, and when the registry takes
+// the bundle. The file is read each time; only the parsing, which costs some thirty times as much,
+// is spared. As the bytes themselves are compared, a file that changed meanwhile can never be taken
+// for what it was.
 #pragma once
 
 #include <cstddef>

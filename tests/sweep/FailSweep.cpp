@@ -88,15 +88,17 @@ Treatment Fault::last(const TracedCall& call) const {
 class FailSweep : public Sweep {
  public:
   FailSweep(const Options& options, const Variant& variant)
-      : options_(options), device_(options, variant) {}
+      : options_(options), device_(options, variant, kName) {}
 
-  std::string name() const override { return "fail"; }
+  std::string name() const override { return kName; }
   std::string whyNot() const override;
   bool measure(std::string* problem) override;
   std::vector<std::string> points() const override { return points_; }
   std::vector<Finding> tryPoint(const std::string& point, const std::string& keep) override;
 
  private:
+  static constexpr const char* kName = "fail";
+
   void addPoints(const TracedCall& call, long number);
   void judgeRun(const testing::Device& device, const TracedRun& run, Finding* finding) const;
 

@@ -25,15 +25,17 @@ const std::map<std::string, int>& Signals() {
 class KillSweep : public Sweep {
  public:
   KillSweep(const Options& options, const Variant& variant)
-      : options_(options), device_(options, variant) {}
+      : options_(options), device_(options, variant, kName) {}
 
-  std::string name() const override { return "kill"; }
+  std::string name() const override { return kName; }
   std::string whyNot() const override { return device_.whyNot(); }
   bool measure(std::string* problem) override;
   std::vector<std::string> points() const override;
   std::vector<Finding> tryPoint(const std::string& point, const std::string& keep) override;
 
  private:
+  static constexpr const char* kName = "kill";
+
   // Disturbs the call of that number on the device as it stands; whether it came to it.
   bool disturb(const testing::Device& device, long atCall, int signal, Finding* finding);
   long countOfRun(const testing::Device& device);

@@ -26,10 +26,10 @@ bool CopyTreeWithSystem(const std::string& from, const std::string& to) {
   return ::waitpid(child, &status, 0) == child && status == 0;
 }
 
-MemoryDevice::MemoryDevice(const Options& options, Variant variant)
+MemoryDevice::MemoryDevice(const Options& options, Variant variant, const std::string& sweep)
     : variant_(std::move(variant)),
       host_{options.host, {}},
-      directory_(options.directory + "/" + options.sweep + "-" + variant_.name) {
+      directory_(options.directory + "/" + sweep + "-" + variant_.name) {
   setup_.program = options.host;
 }
 

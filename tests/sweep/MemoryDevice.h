@@ -17,7 +17,8 @@ bool CopyTreeWithSystem(const std::string& from, const std::string& to);
 
 class MemoryDevice {
  public:
-  MemoryDevice(const Options& options, Variant variant);
+  // `sweep`: the name under which it gets a place of its own.
+  MemoryDevice(const Options& options, Variant variant, const std::string& sweep);
   ~MemoryDevice();
   MemoryDevice(const MemoryDevice&) = delete;
   MemoryDevice& operator=(const MemoryDevice&) = delete;

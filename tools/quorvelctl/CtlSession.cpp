@@ -182,6 +182,14 @@ std::string Session::shown(const std::string& text) const {
   return toTerminal_ ? Printable(text) : BytesOfFileSystemRepresentation(text);
 }
 
+void Session::appendShown(std::string& line, const Path& item) const {
+  if (toTerminal_) {
+    line += Printable(item.string());
+  } else {
+    line += item.fileSystemRepresentation().c_str();
+  }
+}
+
 int Session::finish(const Json& object, std::string_view plain, int code) {
   return finishBytes(options_.json ? host::JsonLine(object) : plain, code);
 }

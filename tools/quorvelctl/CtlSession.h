@@ -48,6 +48,8 @@ class Session {
   bool json() const { return options_.json; }
   // A text of the system (names reversibly encoded) as standard output shows it.
   std::string shown(const std::string& text) const;
+  // The same for a path of a long list, without a text of its own for each.
+  void appendShown(std::string& line, const Path& item) const;
   // Whether standard output is read by a person at a terminal.
   bool toTerminal() const { return toTerminal_; }
   // Debug lines are written from here on; into the log file only with `toFile`.

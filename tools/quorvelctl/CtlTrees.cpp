@@ -40,7 +40,7 @@ class List final : public Command {
     constexpr std::size_t kPieceSize = std::size_t{64} << 10U;
     std::string piece;
     for (const Path& item : items) {
-      piece += session.shown(item.string());
+      session.appendShown(piece, item);
       piece += '\n';
       if (piece.size() < kPieceSize) continue;
       if (const int code = session.finishBytes(piece); code != host::ExitSucceeded) return code;

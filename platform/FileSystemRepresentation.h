@@ -17,6 +17,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -69,9 +71,18 @@ inline bool StandsForItself(std::string_view sequence) {
   return !IsEscapeCharacter(sequence);
 }
 
+// Whether none of eight bytes is below 0x20 or above 0x7F. In the difference the first byte below
+// 0x20 sets its upper bit; before it nothing was borrowed.
+inline bool EightArePlain(const char* bytes) {
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes, sizeof(word));
+  return ((word | (word - 0x2020202020202020U)) & 0x8080808080808080U) == 0;
+}
+
 // How many bytes at the front are printable ASCII (or DEL), which stand for themselves one by one.
 inline std::size_t LeadingPlainBytes(std::string_view bytes) {
   std::size_t count = 0;
+  while (count + 8 <= bytes.size() && EightArePlain(bytes.data() + count)) count += 8;
   while (count < bytes.size() && static_cast<unsigned char>(bytes[count]) >= 0x20 &&
          static_cast<unsigned char>(bytes[count]) < 0x80) {
     ++count;
@@ -89,6 +100,11 @@ inline void AppendEscaped(std::string& text, char byte) {
 }
 
 }  // namespace encoding_detail
+
+// Whether the bytes are their own text, as nearly all names are; then they need not be converted.
+inline bool AreTheirOwnText(std::string_view bytes) {
+  return encoding_detail::LeadingPlainBytes(bytes) == bytes.size();
+}
 
 // The text of a byte string that names a path. Never fails; an empty string gives an empty one.
 // Slashes are ASCII and stand for themselves: a path may be encoded whole or component by

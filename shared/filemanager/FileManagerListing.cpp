@@ -13,7 +13,6 @@
 #include "shared/filemanager/QVFileManager.h"
 #include "shared/support/Errors.h"
 #include "shared/support/Logging.h"
-#include "shared/support/PathStrings.h"
 
 namespace quorvel {
 
@@ -95,9 +94,11 @@ std::optional<std::vector<Path>> QVFileManager::urlsForItemsInDirectoryAtURL(con
       return true;
     }
     if (items.size() == kEntriesBeforeReserve) ReserveFor(entry.directory, items);
-    items.push_back(directory.appending(
-        QuorvelAdditions::stringWithFileSystemRepresentation(entry.name.data(), entry.name.size()),
-        entry.type == DT_DIR ? Path::Kind::directory : Path::Kind::file));
+    const auto kind = entry.type == DT_DIR ? Path::Kind::directory : Path::Kind::file;
+    items.push_back(
+        AreTheirOwnText(entry.name)
+            ? directory.appending(entry.name, kind)
+            : directory.appending(StringFromFileSystemRepresentation(entry.name), kind));
     return true;
   };
   const int number = _IterateDirectory(representation.c_str(), visitor);

@@ -312,6 +312,20 @@ TEST(NameEncoding, EveryNameComesBackAndCanStandInXml) {
   }
 }
 
+// Plain bytes are passed eight at a time: none that needs an escape may hide among them.
+TEST(NameEncoding, AByteThatNeedsAnEscapeIsSeenAnywhere) {
+  const std::string plain = "\x7F ~abcdefghijklmno";
+  EXPECT_TRUE(AreTheirOwnText(plain));
+  for (std::size_t place = 0; place < plain.size(); ++place) {
+    for (int byte = 1; byte < 256; ++byte) {
+      std::string name = plain;
+      name[place] = static_cast<char>(byte);
+      ASSERT_EQ(AreTheirOwnText(name), byte >= 0x20 && byte < 0x80) << place << " " << byte;
+      ExpectReversible(name);
+    }
+  }
+}
+
 TEST(NameEncoding, TextsOfDifferentNamesDiffer) {
   std::set<std::string> texts;
   const std::string bytes[] = {"\xFF", "\xF4\x8F\xBB\xBF", "\xFE", "\xF4\x8F\xBB", "\xC3"};

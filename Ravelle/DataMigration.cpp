@@ -100,7 +100,8 @@ bool QVRavelle::_migrateDataContainerForIdentifier(const std::string& identifier
     const Path destination = to.child(name);
     const Presence presence = LookAt(_files, source, &error);
     if (presence == Presence::absent) continue;
-    if (presence == Presence::unknown || !ReplaceAndTellLoss(_files, source, destination, &error)) {
+    if (presence == Presence::unknown ||
+        !ReplaceAndTellLoss(_files, source, destination, MigrationStep::data, &error)) {
       LogFailedDataMove(source, destination, identifier, error);
       return false;
     }
@@ -249,7 +250,7 @@ bool QVRavelle::_moveAllItemsInGroupContainerURL(const Path& oldContainer, const
     // Remains of an interrupted move were copied whole; they go with the old directory.
     if (QVFileManager::isRemainOfMove(item)) continue;
     const Path destination = newContainer.child(item.lastPathComponent());
-    if (!ReplaceByMove(_files, item, destination, &error)) {
+    if (!ReplaceAndTellLoss(_files, item, destination, MigrationStep::groups, &error)) {
       RAVELLE_LOG(LogLevelError, kGroupItems, "QVRavelle: Failed to move item %@ to %@ : %@",
                   item.string(), destination.string(), error);
       TellNote(MigrationStep::groups, MigrationReason::notMoved, item, error);

@@ -124,16 +124,14 @@ bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector
   return removed;
 }
 
-// By the time an item is moved to where one is, two containers have had data for one app, or the
-// app has been used since: the one in the way goes.
+// By the time an item is moved to where one is, two containers have had data for one app, the app
+// has been used since, or a group's legacy directory was filled again: the one in the way goes.
 // What it replaces is told by the name of the place as one item of user data, not by the items in
 // it.
 bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& destination,
-                        Error* error) {
+                        MigrationStep step, Error* error) {
   // The normal case needs no further look.
-  if (IsCertainlyNotThere(destination)) {
-    return files.moveItemIfExistsAtURL(source, destination, error);
-  }
+  if (IsCertainlyNotThere(destination)) return MoveToFreePlace(files, source, destination, error);
   if (QVPlatform().account == nullptr) return ReplaceByMove(files, source, destination, error);
   std::optional<MigrationLoss> loss = MeasureLoss(destination);
   const bool moved = ReplaceByMove(files, source, destination, error);
@@ -145,7 +143,7 @@ bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& de
   if (IsNothing(*loss)) return moved;
   loss->userDataItems.emplace_back(destination.lastPathComponent());
   Account().lost(*loss);
-  TellNote(MigrationStep::data, MigrationReason::dataReplaced, destination);
+  TellNote(step, MigrationReason::dataReplaced, destination);
   return moved;
 }
 

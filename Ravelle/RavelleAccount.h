@@ -51,9 +51,10 @@ void RemoveWithAccount(QVFileManager& files, const Path& entry);
 bool RemoveAndTellLoss(QVFileManager& files, const Path& item, const std::vector<Path>& except,
                        Error* error);
 
-// Moves an item of user data to its place in the data container, and tells what it replaced.
+// Moves an item of user data to its place in the data container or, in the step of the groups, in
+// that of its group, and tells what it replaced. Otherwise as ReplaceByMove.
 bool ReplaceAndTellLoss(QVFileManager& files, const Path& source, const Path& destination,
-                        Error* error);
+                        MigrationStep step, Error* error);
 
 // Runs one step, and hands back what it hands back: whether it succeeded, or what it found.
 template <class Step>

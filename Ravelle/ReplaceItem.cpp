@@ -167,8 +167,14 @@ bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destina
     files.removeItemAtURL(destination);
     isClear = IsCertainlyNotThere(destination);
   }
+  return isClear ? MoveToFreePlace(files, source, destination, error)
+                 : files.moveItemIfExistsAtURL(source, destination, error);
+}
+
+bool MoveToFreePlace(QVFileManager& files, const Path& source, const Path& destination,
+                     Error* error) {
   if (files.moveItemIfExistsAtURL(source, destination, error)) return true;
-  if (isClear) RemoveBeginningOfCopy(files, source, destination);
+  RemoveBeginningOfCopy(files, source, destination);
   return false;
 }
 

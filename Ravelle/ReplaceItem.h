@@ -14,6 +14,10 @@ namespace quorvel {
 // is left at the destination, as far as it can be removed; the source stands whole.
 bool ReplaceByMove(QVFileManager& files, const Path& source, const Path& destination, Error* error);
 
+// The same where certainly nothing is at the destination, without another look at it.
+bool MoveToFreePlace(QVFileManager& files, const Path& source, const Path& destination,
+                     Error* error);
+
 // False also where it cannot be told.
 bool IsCertainlyNotThere(const Path& item);
 

@@ -135,6 +135,24 @@ TEST_F(GroupsTest, ItemThatCannotBeMovedKeepsDirectoryAndEntry) {
   EXPECT_FALSE(exists(old));
 }
 
+// The legacy directory was filled again after the group had gone over: what the new container has
+// under the same name goes, and not without a word.
+TEST_F(GroupsTest, ItemThatIsReplacedIsToldAsLost) {
+  writeInstallMap({{"group.g", entry("G")}});
+  const auto plugin = pluginWithApp({"group.g"});
+  const std::string container = groupOf("com.example.a", "group.g");
+  writeFile(container + "/kept/arrived", "earlier");
+  writeFile(container + "/own", "of the app");
+  writeFile(oldGroup("G") + "/kept/file", "later");
+  account_.take();
+  EXPECT_TRUE(plugin->_migrateGroupContainersForIdentifier("com.example.a"));
+  EXPECT_EQ(readFile(container + "/kept/file"), "later");
+  EXPECT_FALSE(exists(container + "/kept/arrived"));
+  EXPECT_EQ(readFile(container + "/own"), "of the app");
+  EXPECT_THAT(account_.take(), ElementsAre("lost 1 7 kept", "notes groups data-replaced kept",
+                                           "group group.g migrated none"));
+}
+
 // What a failed copy made goes again, since no later run may come back to the group; what was there
 // before and could not be removed is not taken for it.
 TEST_F(GroupsTest, BeginningOfAFailedCopyToAnotherDiskGoes) {

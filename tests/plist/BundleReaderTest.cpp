@@ -5,13 +5,18 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/linux/files/AtomicFile.h"
 #include "platform/linux/plist/BundleReaderLinux.h"
+#include "platform/linux/plist/ParsedDictionaries.h"
 #include "tests/plist/FilesFixture.h"
 #include "tests/support/SystemCallFaults.h"
 
@@ -192,6 +197,28 @@ TEST_F(BundleFilesTest, MemoryThatRunsOutIsNoDamage) {
   EXPECT_TRUE(ends(megabytes, false)) << megabytes;
 }
 #endif
+
+// A migration goes twice through all apps: what was kept of the first ones must be there the second
+// time, however many came after them, and that of the app at work must be there as well.
+TEST(ParsedDictionariesTest, TheFirstAndTheMostRecentStay) {
+  ParsedDictionaries parsed;
+  const auto bytesOf = [](int app) {
+    std::string text = std::to_string(app);
+    text.resize(1'024, ' ');
+    return std::vector<std::uint8_t>(text.begin(), text.end());
+  };
+  const auto found = [&](int app) { return parsed.find(bytesOf(app)) != nullptr; };
+  constexpr int apps = 2'000;  // two megabytes, four times what is kept
+  for (int app = 0; app < apps; ++app) {
+    parsed.keep(bytesOf(app), std::make_shared<PlistDictionary>());
+    ASSERT_TRUE(found(app));
+    for (int last = std::max(0, app - 4); last < app; ++last) ASSERT_TRUE(found(last)) << app;
+  }
+  int kept = 0;
+  for (int app = 0; app < apps; ++app) kept += found(app) ? 1 : 0;
+  for (int app = 0; app < 400; ++app) EXPECT_TRUE(found(app)) << app;
+  EXPECT_LE(kept, 512);
+}
 
 }  // namespace
 }  // namespace quorvel::onlinux

@@ -1,6 +1,10 @@
-// Least recently used goes first.
+// A migration goes through all containers twice, first ahead and then in earnest. Were the oldest
+// entry always the one to go, a device with more apps than fit would find none of them the second
+// time, and free memory that lies all over the heap. So those that came first stay, and the later
+// ones make room for one another.
 #include "platform/linux/plist/ParsedDictionaries.h"
 
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -12,6 +16,10 @@ namespace {
 // these limits keep what a device with some hundred apps needs, in two or three megabytes.
 constexpr std::size_t kMostBytes = std::size_t{512} << 10U;
 constexpr std::size_t kLargestFile = std::size_t{32} << 10U;
+
+// These stay whatever comes: what is at work on one app asks for its dictionary several times, and
+// for those of its placeholder and its plug-ins in between.
+constexpr std::size_t kMostRecent = 8;
 
 std::string_view KeyOf(std::span<const std::uint8_t> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -44,15 +52,17 @@ void ParsedDictionaries::keep(std::vector<std::uint8_t> bytes,
   index_.emplace(key, added.begin());
   entries_.splice(entries_.begin(), added);
   size_ += key.size();
-  while (size_ > kMostBytes) forgetLast();
+  while (size_ > kMostBytes) forgetOne();
 } catch (const std::bad_alloc&) {
   // Nothing was added: the entry joins the list after the last allocation.
 }
 
-void ParsedDictionaries::forgetLast() {
-  size_ -= entries_.back().bytes.size();
-  index_.erase(KeyOf(entries_.back().bytes));
-  entries_.pop_back();
+void ParsedDictionaries::forgetOne() {
+  const auto victim = entries_.size() > kMostRecent ? std::next(entries_.begin(), kMostRecent)
+                                                    : std::prev(entries_.end());
+  size_ -= victim->bytes.size();
+  index_.erase(KeyOf(victim->bytes));
+  entries_.erase(victim);
 }
 
 }  // namespace quorvel::onlinux

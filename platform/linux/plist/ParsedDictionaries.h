@@ -1,4 +1,4 @@
-// Dictionaries that were parsed lately, found again by the bytes that they were parsed from.
+// Dictionaries that were parsed before, found again by the bytes that they were parsed from.
 //
 // A migration reads each info dictionary four times, from three places of the disk: when the host
 // looks ahead, when the container is looked at, for the placeholder, and when the registry takes
@@ -32,8 +32,9 @@ class ParsedDictionaries {
   // The result is shared with others and stays good when the entry is forgotten.
   std::shared_ptr<const PlistDictionary> find(std::span<const std::uint8_t> bytes);
 
-  // Keeps the dictionary, and forgets the ones that were asked for longest ago when there are too
-  // many. What is too large for its worth, or finds no memory, is not kept.
+  // Keeps the dictionary, and forgets others when there are too many: never one of the few that
+  // were asked for last, and of the rest those that came latest. What is too large for its worth,
+  // or finds no memory, is not kept.
   void keep(std::vector<std::uint8_t> bytes, std::shared_ptr<const PlistDictionary> dictionary);
 
  private:
@@ -43,8 +44,8 @@ class ParsedDictionaries {
   };
   using Entries = std::list<Entry>;  // the one that was used last in front
 
-  // Forgets the entry that was used longest ago. With lock_ held.
-  void forgetLast();
+  // Forgets one entry, of which there is one at least. With lock_ held.
+  void forgetOne();
 
   std::mutex lock_;
   Entries entries_;

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,7 +37,7 @@ class PropertyListBuilder {
   // The container's children are what is added until close().
   void open(bool dictionary) { frames_.push_back({dictionary, keys_.size(), values_.size()}); }
   // In a dictionary, before each value.
-  void addKey(std::string key) { keys_.push_back(std::move(key)); }
+  void addKey(std::string_view key) { keys_.emplace_back(key); }
   // A finished value: a child of the innermost container, or the root.
   template <class T>
   void add(T&& value) {
@@ -73,11 +74,10 @@ class PropertyListBuilder {
 
   // Pairs keys and values, and takes both off the stacks. Of equal keys the last one wins.
   PlistDictionary takeDictionary(const Frame& frame) {
-    std::vector<PlistEntry> entries;
-    entries.reserve(values_.size() - frame.firstValue);
-    for (std::size_t i = 0; frame.firstValue + i < values_.size(); ++i) {
-      entries.push_back(
-          {std::move(keys_[frame.firstKey + i]), std::move(values_[frame.firstValue + i])});
+    std::vector<PlistEntry> entries(values_.size() - frame.firstValue);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      entries[i].key = std::move(keys_[frame.firstKey + i]);
+      entries[i].value = std::move(values_[frame.firstValue + i]);
     }
     keys_.resize(frame.firstKey);
     values_.erase(values_.begin() + static_cast<std::ptrdiff_t>(frame.firstValue), values_.end());
